@@ -1,0 +1,68 @@
+// The activity log "TarvoMail.log" in the data directory: 8-bit lines, each
+// written as three writes (a two-byte prefix by level, the text, "\r\n").
+// Logging never reports an error to its caller and never stops the work being
+// logged. Thread-safe: worker threads log protocol lines while the main
+// thread logs engine events; a line is never split by another thread's line.
+#pragma once
+
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "core/thread_annotations.h"
+
+namespace trv {
+
+// Log levels and their prefixes.
+enum LogLevel : int {
+  kLogEvent = 0,     // "- " engine, storage and folder events
+  kLogSent = 1,      // "S " a protocol line sent to a server
+  kLogReceived = 2,  // "R " a protocol line received from a server
+  kLogPlain = 3,     // no prefix
+};
+
+// Where lower layers write their log lines; the engine's log is one.
+class LogSink {
+ public:
+  virtual ~LogSink() = default;
+  virtual void Log(std::string_view text, int level = kLogEvent) = 0;
+};
+
+// A sink that drops everything (tests, tools without a log).
+class NullLogSink final : public LogSink {
+ public:
+  void Log(std::string_view, int) override {}
+};
+
+class ActivityLog final : public LogSink {
+ public:
+  static constexpr const char* kFileName = "TarvoMail.log";
+  static constexpr const char* kBackupName = "TarvoMail.bak";
+  // A log larger than this at opening is renamed to the backup name.
+  static constexpr unsigned long long kRotateAbove = 0x31FFF;  // 204,799 bytes
+
+  ActivityLog() = default;
+  ~ActivityLog() override;
+  ActivityLog(const ActivityLog&) = delete;
+  ActivityLog& operator=(const ActivityLog&) = delete;
+
+  // Opens <data_dir>/TarvoMail.log for appending, first rotating it to
+  // TarvoMail.bak when it exceeds kRotateAbove bytes. A log that cannot be
+  // opened leaves the run without a log; returns whether a file is open.
+  bool Open(const std::filesystem::path& data_dir);
+  void Close();
+  bool is_open() const;
+
+  // Logging is on from construction; while off nothing is written.
+  void SetEnabled(bool on);
+
+  void Log(std::string_view text, int level = kLogEvent) override;
+
+ private:
+  mutable Mutex mu_;
+  int fd_ GUARDED_BY(mu_) = -1;
+  bool enabled_ GUARDED_BY(mu_) = true;
+};
+
+}  // namespace trv

@@ -1,0 +1,114 @@
+#include "core/activity_log.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+#include "tests/support/temp_dir.h"
+
+namespace trv {
+namespace {
+
+using test::ReadFile;
+using test::TempDir;
+using test::WriteFile;
+
+TEST(ActivityLogTest, WritesTwoBytePrefixesAndCrLf) {
+  TempDir dir;
+  ActivityLog log;
+  ASSERT_TRUE(log.Open(dir.path()));
+  log.Log("event", kLogEvent);
+  log.Log("USER ********", kLogSent);
+  log.Log("+OK", kLogReceived);
+  log.Log("plain", 7);
+  log.Log("", kLogEvent);
+  log.Close();
+  EXPECT_EQ(ReadFile(dir / "TarvoMail.log"), "- event\r\nS USER ********\r\nR +OK\r\nplain\r\n- \r\n");
+}
+
+TEST(ActivityLogTest, NothingIsWrittenWhileDisabledOrClosed) {
+  TempDir dir;
+  ActivityLog log;
+  log.Log("before open");
+  ASSERT_TRUE(log.Open(dir.path()));
+  log.SetEnabled(false);
+  log.Log("muted");
+  log.SetEnabled(true);
+  log.Log("heard");
+  log.Close();
+  log.Log("after close");
+  EXPECT_EQ(ReadFile(dir / "TarvoMail.log"), "- heard\r\n");
+}
+
+// The rotation boundary: a log of exactly 204,799 bytes is appended to; one
+// byte more and it becomes the backup, replacing an older one.
+TEST(ActivityLogTest, RotationBoundary) {
+  TempDir dir;
+  const auto log_path = dir / "TarvoMail.log";
+  const auto bak_path = dir / "TarvoMail.bak";
+
+  WriteFile(log_path, std::string(204799, 'a'));
+  WriteFile(bak_path, "old backup");
+  {
+    ActivityLog log;
+    ASSERT_TRUE(log.Open(dir.path()));
+    log.Log("x");
+  }
+  EXPECT_EQ(std::filesystem::file_size(log_path), 204799u + 5u);
+  EXPECT_EQ(ReadFile(bak_path), "old backup");
+
+  WriteFile(log_path, std::string(204800, 'b'));
+  {
+    ActivityLog log;
+    ASSERT_TRUE(log.Open(dir.path()));
+    log.Log("y");
+  }
+  EXPECT_EQ(ReadFile(log_path), "- y\r\n");
+  EXPECT_EQ(std::filesystem::file_size(bak_path), 204800u);
+}
+
+TEST(ActivityLogTest, ExistingLogIsAppendedTo) {
+  TempDir dir;
+  WriteFile(dir / "TarvoMail.log", "- earlier\r\n");
+  ActivityLog log;
+  ASSERT_TRUE(log.Open(dir.path()));
+  log.Log("later");
+  log.Close();
+  EXPECT_EQ(ReadFile(dir / "TarvoMail.log"), "- earlier\r\n- later\r\n");
+}
+
+TEST(ActivityLogTest, UnopenableLogLeavesTheRunWithoutALog) {
+  TempDir dir;
+  WriteFile(dir / "not-a-dir", "file");
+  ActivityLog log;
+  EXPECT_FALSE(log.Open(dir / "not-a-dir"));
+  EXPECT_FALSE(log.is_open());
+  log.Log("dropped");  // must not crash or report
+}
+
+TEST(ActivityLogTest, LinesFromThreadsNeverInterleave) {
+  TempDir dir;
+  ActivityLog log;
+  ASSERT_TRUE(log.Open(dir.path()));
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&log, t] {
+      const std::string text(50, static_cast<char>('a' + t));
+      for (int i = 0; i < 200; ++i) log.Log(text, kLogSent);
+    });
+  }
+  for (auto& th : threads) th.join();
+  log.Close();
+  const std::string all = ReadFile(dir / "TarvoMail.log");
+  ASSERT_EQ(all.size(), 4u * 200u * 54u);
+  for (size_t off = 0; off < all.size(); off += 54) {
+    const std::string line = all.substr(off, 54);
+    EXPECT_EQ(line.substr(0, 2), "S ");
+    EXPECT_EQ(line.substr(2, 50), std::string(50, line[2]));
+    EXPECT_EQ(line.substr(52), "\r\n");
+  }
+}
+
+}  // namespace
+}  // namespace trv
