@@ -62,6 +62,7 @@ constexpr Entry kTexts[] = {
     {0x80070070, "There is not enough space on the disk."},
     {0x80070091, "The directory is not empty."},
     {0x800700CE, "The file name or extension is too long."},
+    {0x800700EA, "More data is available."},
     {0x8007045D, "The request could not be performed because of an I/O device error."},
     {0x8007054F, "An internal error occurred."},
     // MIME status values.
