@@ -220,9 +220,8 @@ Result Settings::DeleteValue(std::string_view path, std::string_view name) {
 std::string Settings::ReadString(std::string_view path, std::string_view name, std::string_view def) const {
   MutexLock lock(mu_);
   const SettingsData* d = FindData(path, name);
-  if (d == nullptr) return std::string(def);
-  if (const auto* s = std::get_if<std::string>(d)) return *s;
-  return SettingsValueText(*d, options_).value_or(std::string(def));
+  if (d == nullptr || IsArray(*d)) return std::string(def);
+  return *SettingsValueText(ReloadedForm(*d, options_), options_);
 }
 
 WString Settings::ReadWideString(std::string_view path, std::string_view name, WStringView def) const {

@@ -25,14 +25,15 @@
 //   - ReadBoolean takes booleans and integers (non-zero is true).
 //   - ReadInteger takes integers and booleans (1/0).
 //   - ReadDouble takes doubles, integers and texts that parse whole.
-//   - ReadString gives the text the value is written as (for a wide string
-//     that is the UTF-8 mark and the encoded units: read Unicode text with
-//     ReadWideString).
+//   - ReadString gives the text the value reads back as from the file (for a
+//     wide string that is the UTF-8 mark and the encoded units: read Unicode
+//     text with ReadWideString; a text "TRUE" comes back as "true", or "1"
+//     with numeric booleans).
 //   - ReadWideString takes wide strings and texts that start with the UTF-8
 //     mark; any other value is not a wide string and gives the default.
 //   - ReadBinary takes binary values and texts "584D" + hex pairs (or "").
-// Doubles keep six decimals in the file; a boolean read back from the text
-// "TRUE" is written back as "true".
+// Doubles keep six decimals in the file; ReadDouble alone sees the exact
+// double until the tree is saved and loaded.
 //
 // Threads: every public member takes the tree's mutex, so any thread may call
 // any member at any time, and each call sees and leaves a consistent tree.

@@ -166,7 +166,12 @@ SettingsData ReloadedForm(const SettingsData& d, const SettingsOptions& options)
     for (const WString& w : std::get<std::vector<WString>>(d)) texts.push_back(EncodeSettingsWide(w));
     return texts;
   }
-  return ParseSettingsText(*SettingsValueText(d, options));
+  SettingsData parsed = ParseSettingsText(*SettingsValueText(d, options));
+  // A boolean is written as 1 or 0 there, which reads back as an integer.
+  if (const auto* b = std::get_if<bool>(&parsed); b != nullptr && options.numeric_booleans) {
+    return int32_t{*b ? 1 : 0};
+  }
+  return parsed;
 }
 
 }  // namespace trv

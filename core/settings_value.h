@@ -105,8 +105,9 @@ SettingsData ParseSettingsText(std::string_view text);
 // The text a scalar value is written as; none for arrays.
 std::optional<std::string> SettingsValueText(const SettingsData& d, const SettingsOptions& options);
 
-// The value as a save and a load would turn it into: scalars become the
-// boolean, integer or string that their text reads back as; an array becomes
+// The value as saving and loading (as often as it takes to settle) turn it
+// into: scalars become the boolean, integer or string that their text reads
+// back as (a boolean an integer with numeric booleans); an array becomes
 // an array of 8-bit element texts. Typed reads look at this form whenever the
 // stored type is not the one asked for, so a read gives the same answer
 // before and after the file is written and read again.
