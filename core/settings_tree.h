@@ -78,8 +78,7 @@ class Settings {
   static constexpr size_t kMaxArrayLength = 65536;  // element indexes 0 .. kMaxArrayLength - 1
   static constexpr size_t kMaxSectionDepth = 32;     // names in one section path
 
-  // Results of the reads and deletes, in the system-error form the registry
-  // functions of the original platform return.
+  // Results of the reads and deletes, as system-error codes.
   static constexpr Result kNotFound{0x80070002};   // no such section or value
   static constexpr Result kWrongType{0x8007000D};  // the value is not of the kind asked for
   static constexpr Result kMoreData{0x800700EA};   // the caller's buffer is too small

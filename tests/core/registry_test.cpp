@@ -5,12 +5,14 @@
 #include <cstdlib>
 #include <optional>
 
+#include "tests/core/recording_log.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv {
 namespace {
 
 using test::ReadFile;
+using test::RecordingLog;
 using test::TempDir;
 using test::WriteFile;
 
@@ -36,12 +38,6 @@ class ScopedEnv {
  private:
   const char* name_;
   std::optional<std::string> old_;
-};
-
-class RecordingLog final : public LogSink {
- public:
-  void Log(std::string_view text, int) override { lines.emplace_back(text); }
-  std::vector<std::string> lines;
 };
 
 TEST(RegistryTest, DefaultPathFollowsXdgConfigHome) {

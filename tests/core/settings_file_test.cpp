@@ -7,20 +7,16 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "tests/core/recording_log.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv {
 namespace {
 
 using test::ReadFile;
+using test::RecordingLog;
 using test::TempDir;
 using test::WriteFile;
-
-class RecordingLog final : public LogSink {
- public:
-  void Log(std::string_view text, int) override { lines.emplace_back(text); }
-  std::vector<std::string> lines;
-};
 
 mode_t ModeOf(const std::filesystem::path& p) {
   struct stat st;

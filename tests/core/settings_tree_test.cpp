@@ -123,7 +123,7 @@ TEST(SettingsRoundTripTest, ReadsAgreeBeforeAndAfterTheFile) {
   }
 }
 
-TEST(SettingsRoundTripTest, SpecificTypeRules) {
+TEST(SettingsRoundTripTest, TypeRulesOfLoadedText) {
   Settings s;
   ASSERT_TRUE(s.LoadFromBytes("A=007\r\nB=true\r\nC=False\r\nD=1\r\nE=\xEF\xBB\xBFx\r\nF=584D0102\r\nG=x\r\n").empty());
   // "007" stays text: no integer read, the text itself is kept.
