@@ -20,6 +20,7 @@ Result ResultFromErrno(int err) {
     case EEXIST: return FromWin32(80);
     case EINVAL: return rc::kInvalidArg;
     case ENOSPC: case EDQUOT: return FromWin32(112);
+    case EFBIG: return FromWin32(223);       // file too large
     case ENAMETOOLONG: return FromWin32(206);
     case EISDIR: return FromWin32(5);
     case ENOTEMPTY: return FromWin32(145);
@@ -62,6 +63,8 @@ constexpr Entry kTexts[] = {
     {0x80070070, "There is not enough space on the disk."},
     {0x80070091, "The directory is not empty."},
     {0x800700CE, "The file name or extension is too long."},
+    {0x800700DF, "The file size exceeds the limit allowed and cannot be saved."},
+    {0x800700EA, "More data is available."},
     {0x8007045D, "The request could not be performed because of an I/O device error."},
     {0x8007054F, "An internal error occurred."},
     // MIME status values.

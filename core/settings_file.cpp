@@ -1,0 +1,194 @@
+#include "core/settings_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace trv {
+
+namespace {
+
+// Returned by a replace that would overwrite settings it never read.
+constexpr Result kNotRead = rc::kFail;
+
+Result LastError() { return ResultFromErrno(errno); }
+
+Result WriteAll(int fd, std::string_view bytes) {
+  const char* p = bytes.data();
+  size_t n = bytes.size();
+  while (n > 0) {
+    const ssize_t w = ::write(fd, p, n);
+    if (w < 0) {
+      if (errno == EINTR) continue;
+      return LastError();
+    }
+    p += w;
+    n -= static_cast<size_t>(w);
+  }
+  return rc::kOk;
+}
+
+// Flushes a directory so that a rename or a creation in it survives a crash.
+// Best effort: the change itself has been made and cannot be undone.
+void SyncDirectory(const std::filesystem::path& dir) {
+  const int fd = ::open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd < 0) return;
+  ::fsync(fd);
+  ::close(fd);
+}
+
+bool FileExists(const std::filesystem::path& p) {
+  struct stat st;
+  return ::lstat(p.c_str(), &st) == 0;
+}
+
+// A symbolic link is replaced through: the file it points to gets the new
+// content and the link stays.
+std::filesystem::path ReplaceTarget(const std::filesystem::path& p) {
+  std::error_code ec;
+  if (std::filesystem::is_symlink(p, ec)) {
+    std::filesystem::path target = std::filesystem::weakly_canonical(p, ec);
+    if (!ec) return target;
+  }
+  return p;
+}
+
+Result CheckReadable(const std::filesystem::path& p) {
+  const int fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return LastError();
+  struct stat st;
+  Result r = rc::kOk;
+  if (::fstat(fd, &st) != 0) {
+    r = LastError();
+  } else if (!S_ISREG(st.st_mode)) {
+    r = ResultFromErrno(S_ISDIR(st.st_mode) ? EISDIR : EINVAL);
+  }
+  ::close(fd);
+  return r;
+}
+
+}  // namespace
+
+std::unique_ptr<SettingsStream> OpenSettingsStream(const std::filesystem::path& path, int mode, Result* error) {
+  Result ignored;
+  Result& err = error != nullptr ? *error : ignored;
+  if (mode != kSettingsOpenRead && mode != kSettingsOpenAlways) {
+    err = rc::kInvalidArg;
+    return nullptr;
+  }
+  err = CheckReadable(path);
+  if (err.ok()) return std::unique_ptr<SettingsStream>(new SettingsStream(path, false));
+  if (mode == kSettingsOpenRead || FileExists(path)) return nullptr;
+
+  std::error_code ec;
+  if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), ec);
+  if (ec) {
+    err = ResultFromErrno(ec.value());
+    return nullptr;
+  }
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    err = LastError();
+    return nullptr;
+  }
+  ::close(fd);
+  SyncDirectory(path.parent_path());
+  err = rc::kOk;
+  return std::unique_ptr<SettingsStream>(new SettingsStream(path, true));
+}
+
+Result SettingsStream::ReadAll(std::string* bytes) {
+  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return LastError();
+  std::string data;
+  Result r = rc::kOk;
+  struct stat st;
+  if (::fstat(fd, &st) != 0) {
+    r = LastError();
+  } else if (!S_ISREG(st.st_mode)) {
+    r = ResultFromErrno(EISDIR);
+  } else {
+    data.reserve(static_cast<size_t>(st.st_size));
+    char buf[65536];
+    for (;;) {
+      const ssize_t n = ::read(fd, buf, sizeof buf);
+      if (n < 0) {
+        if (errno == EINTR) continue;
+        r = LastError();
+        break;
+      }
+      if (n == 0) break;
+      data.append(buf, static_cast<size_t>(n));
+    }
+  }
+  ::close(fd);
+  if (r.failed()) return r;
+  *bytes = std::move(data);
+  MutexLock lock(mu_);
+  known_ = true;
+  return rc::kOk;
+}
+
+Result SettingsStream::Replace(std::string_view bytes) {
+  MutexLock lock(mu_);
+  return ReplaceLocked(bytes);
+}
+
+Result SettingsStream::ReplaceLocked(std::string_view bytes) {
+  if (!known_ && FileExists(path_)) return kNotRead;
+  const std::filesystem::path target = ReplaceTarget(path_);
+  std::filesystem::path temp = target;
+  temp += ".tmp";
+
+  // Keep the permissions of the file being replaced; a new file is private
+  // to its owner, since it holds enciphered passwords.
+  mode_t perms = 0600;
+  struct stat st;
+  if (::stat(target.c_str(), &st) == 0) perms = st.st_mode & 07777;
+
+  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, perms);
+  if (fd < 0) return LastError();
+  Result r = WriteAll(fd, bytes);
+  if (r.ok() && ::fchmod(fd, perms) != 0) r = LastError();
+  if (r.ok() && ::fsync(fd) != 0) r = LastError();
+  if (::close(fd) != 0 && r.ok()) r = LastError();
+  if (r.ok() && ::rename(temp.c_str(), target.c_str()) != 0) r = LastError();
+  if (r.failed()) {
+    ::unlink(temp.c_str());
+    return r;
+  }
+  SyncDirectory(target.parent_path());
+  known_ = true;
+  return rc::kOk;
+}
+
+Result LoadSettings(Settings& settings, SettingsStream& stream, LogSink* log) {
+  std::string bytes;
+  const Result r = stream.ReadAll(&bytes);
+  if (r.failed()) {
+    if (log != nullptr) log->Log("Cannot read settings file " + stream.path().string() + ": " + ResultText(r));
+    return r;
+  }
+  for (const SettingsDiagnostic& d : settings.LoadFromBytes(bytes)) {
+    if (log != nullptr) {
+      log->Log("Settings file " + stream.path().string() + ", line " + std::to_string(d.line) + ": " + d.message);
+    }
+  }
+  return rc::kOk;
+}
+
+Result SaveSettings(const Settings& settings, SettingsStream& stream, LogSink* log) {
+  MutexLock lock(stream.mu_);
+  const Result r = stream.ReplaceLocked(settings.SaveToBytes());
+  if (r.failed() && log != nullptr) {
+    const std::string cause =
+        r == kNotRead ? std::string("its content could not be read, so it is left unchanged") : ResultText(r);
+    log->Log("Cannot save settings file " + stream.path().string() + ": " + cause);
+  }
+  return r;
+}
+
+}  // namespace trv

@@ -1,0 +1,163 @@
+#include "core/registry.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <optional>
+
+#include "tests/core/recording_log.h"
+#include "tests/support/temp_dir.h"
+
+namespace trv {
+namespace {
+
+using test::ReadFile;
+using test::RecordingLog;
+using test::TempDir;
+using test::WriteFile;
+
+// Sets an environment variable for one scope and restores it after.
+class ScopedEnv {
+ public:
+  ScopedEnv(const char* name, const char* value) : name_(name) {
+    if (const char* old = std::getenv(name)) old_ = old;
+    if (value != nullptr) {
+      ::setenv(name, value, 1);
+    } else {
+      ::unsetenv(name);
+    }
+  }
+  ~ScopedEnv() {
+    if (old_) {
+      ::setenv(name_, old_->c_str(), 1);
+    } else {
+      ::unsetenv(name_);
+    }
+  }
+
+ private:
+  const char* name_;
+  std::optional<std::string> old_;
+};
+
+TEST(RegistryTest, DefaultPathFollowsXdgConfigHome) {
+  {
+    ScopedEnv xdg("XDG_CONFIG_HOME", "/cfg");
+    ScopedEnv home("HOME", "/home/u");
+    EXPECT_EQ(RegistryKey::DefaultPath(), "/cfg/Tarvo/Mail2.ini");
+  }
+  {
+    ScopedEnv xdg("XDG_CONFIG_HOME", "relative/cfg");  // not absolute: ignored
+    ScopedEnv home("HOME", "/home/u");
+    EXPECT_EQ(RegistryKey::DefaultPath(), "/home/u/.config/Tarvo/Mail2.ini");
+  }
+  {
+    ScopedEnv xdg("XDG_CONFIG_HOME", nullptr);
+    ScopedEnv home("HOME", "/home/v");
+    EXPECT_EQ(RegistryKey::DefaultPath(), "/home/v/.config/Tarvo/Mail2.ini");
+  }
+}
+
+TEST(RegistryTest, ValuesSurviveFlushAndReopen) {
+  TempDir dir;
+  const auto path = dir / "config/Tarvo/Mail2.ini";
+  const uint8_t placement[] = {0x2C, 0, 0, 0, 0xFF};
+  {
+    std::unique_ptr<RegistryKey> key;
+    ASSERT_TRUE(RegistryKey::Open(path, &key).ok());
+    ASSERT_NE(key, nullptr);
+    EXPECT_TRUE(std::filesystem::exists(path));
+    ASSERT_TRUE(key->WriteString("", "DataDir", u"/home/u/Documents/Tarvo\u00e9Mail/").ok());
+    ASSERT_TRUE(key->WriteString("", "InstallDir", u"007").ok());
+    ASSERT_TRUE(key->WriteDword("CMLGUIParams", "ViewMode", 0xFFFFFFFFu).ok());
+    ASSERT_TRUE(key->WriteBinary("CMLGUIParams\\MainWnd", "Placement", placement).ok());
+    // The destructor flushes.
+  }
+  // Strings are plain UTF-8, readable and editable by a person.
+  EXPECT_NE(ReadFile(path).find("DataDir=/home/u/Documents/Tarvo\xC3\xA9Mail/\r\n"), std::string::npos);
+
+  std::unique_ptr<RegistryKey> key;
+  ASSERT_TRUE(RegistryKey::Open(path, &key).ok());
+  WString s;
+  ASSERT_TRUE(key->ReadString("", "DataDir", &s).ok());
+  EXPECT_EQ(s, u"/home/u/Documents/Tarvo\u00e9Mail/");
+  ASSERT_TRUE(key->ReadString("", "InstallDir", &s).ok());
+  EXPECT_EQ(s, u"007");
+  uint32_t dword = 0;
+  ASSERT_TRUE(key->ReadDword("cmlguiparams", "VIEWMODE", &dword).ok());
+  EXPECT_EQ(dword, 0xFFFFFFFFu);
+  std::vector<uint8_t> bytes;
+  ASSERT_TRUE(key->ReadBinary("CMLGUIParams\\MainWnd", "Placement", &bytes).ok());
+  EXPECT_EQ(bytes, std::vector<uint8_t>(placement, placement + sizeof placement));
+}
+
+TEST(RegistryTest, HandEditedStringsInEitherForm) {
+  TempDir dir;
+  const auto path = dir / "Mail2.ini";
+  WriteFile(path, "DataDir=/data/m\xC3\xA4il/\nInstallDir=\xEF\xBB\xBF/opt/t\xC3\xA4rvo\nCount=12\n");
+  std::unique_ptr<RegistryKey> key;
+  ASSERT_TRUE(RegistryKey::Open(path, &key).ok());
+  WString s;
+  ASSERT_TRUE(key->ReadString("", "DataDir", &s).ok());
+  EXPECT_EQ(s, u"/data/m\u00e4il/");
+  ASSERT_TRUE(key->ReadString("", "InstallDir", &s).ok());
+  EXPECT_EQ(s, u"/opt/t\u00e4rvo");
+  ASSERT_TRUE(key->ReadString("", "Count", &s).ok());
+  EXPECT_EQ(s, u"12");
+}
+
+TEST(RegistryTest, ErrorsOfReadsAndWrites) {
+  TempDir dir;
+  std::unique_ptr<RegistryKey> key;
+  ASSERT_TRUE(RegistryKey::Open(dir / "Mail2.ini", &key).ok());
+  ASSERT_TRUE(key->WriteString("", "DataDir", u"/x").ok());
+  WString s = u"unchanged";
+  uint32_t dword = 42;
+  std::vector<uint8_t> bytes;
+  EXPECT_EQ(key->ReadString("", "Missing", &s), Settings::kNotFound);
+  EXPECT_EQ(key->ReadString("NoSubkey", "DataDir", &s), Settings::kNotFound);
+  EXPECT_EQ(s, u"unchanged");
+  EXPECT_EQ(key->ReadDword("", "DataDir", &dword), Settings::kWrongType);
+  EXPECT_EQ(dword, 42u);
+  EXPECT_EQ(key->ReadBinary("", "DataDir", &bytes), Settings::kWrongType);
+  EXPECT_EQ(key->WriteString("", "DataDir", u"two\nlines"), rc::kInvalidArg);
+  EXPECT_TRUE(key->DeleteValue("", "DataDir").ok());
+  EXPECT_EQ(key->ReadString("", "DataDir", &s), Settings::kNotFound);
+  ASSERT_TRUE(key->WriteDword("CMLGUIParams\\A", "X", 1).ok());
+  EXPECT_TRUE(key->DeleteSubkey("CMLGUIParams").ok());
+  EXPECT_EQ(key->ReadDword("CMLGUIParams\\A", "X", &dword), Settings::kNotFound);
+}
+
+TEST(RegistryTest, UnopenableKeyFileReadsAndWritesNothing) {
+  TempDir dir;
+  WriteFile(dir / "Tarvo", "a file where the directory should be");
+  std::unique_ptr<RegistryKey> key;
+  RecordingLog log;
+  const Result r = RegistryKey::Open(dir / "Tarvo/Mail2.ini", &key, &log);
+  EXPECT_TRUE(r.failed());
+  EXPECT_EQ(key, nullptr);
+  ASSERT_EQ(log.lines.size(), 1u);
+  EXPECT_EQ(log.lines[0], "Cannot open registry file " + (dir / "Tarvo/Mail2.ini").string() + ": " + ResultText(r));
+  EXPECT_EQ(ReadFile(dir / "Tarvo"), "a file where the directory should be");
+}
+
+TEST(RegistryTest, FlushWritesOnlyWhenSomethingChanged) {
+  TempDir dir;
+  const auto path = dir / "Mail2.ini";
+  WriteFile(path, "DataDir=/a\r\n");
+  std::unique_ptr<RegistryKey> key;
+  ASSERT_TRUE(RegistryKey::Open(path, &key).ok());
+  // Removed behind the key's back: an unchanged key does not write it again.
+  std::filesystem::remove(path);
+  ASSERT_TRUE(key->Flush().ok());
+  EXPECT_FALSE(std::filesystem::exists(path));
+  ASSERT_TRUE(key->WriteString("", "DataDir", u"/b").ok());
+  ASSERT_TRUE(key->Flush().ok());
+  EXPECT_NE(ReadFile(path).find("DataDir=/b\r\n"), std::string::npos);
+  std::filesystem::remove(path);
+  ASSERT_TRUE(key->Flush().ok());
+  EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+}  // namespace
+}  // namespace trv

@@ -1,0 +1,242 @@
+#include "core/settings_file.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/core/recording_log.h"
+#include "tests/support/temp_dir.h"
+
+namespace trv {
+namespace {
+
+using test::ReadFile;
+using test::RecordingLog;
+using test::TempDir;
+using test::WriteFile;
+
+mode_t ModeOf(const std::filesystem::path& p) {
+  struct stat st;
+  EXPECT_EQ(::stat(p.c_str(), &st), 0);
+  return st.st_mode & 07777;
+}
+
+// Opens an existing file in mode 1 and reads it into `settings`.
+std::unique_ptr<SettingsStream> OpenAndLoad(const std::filesystem::path& p, Settings& settings,
+                                            LogSink* log = nullptr) {
+  auto stream = OpenSettingsStream(p, kSettingsOpenRead);
+  EXPECT_NE(stream, nullptr);
+  if (stream != nullptr) {
+    EXPECT_TRUE(LoadSettings(settings, *stream, log).ok());
+  }
+  return stream;
+}
+
+// A large tree, so that a save needs many writes.
+void FillLarge(Settings& s) {
+  for (int i = 0; i < 2000; ++i) {
+    ASSERT_TRUE(s.WriteString("Folder.{x}." + std::to_string(i), "Name", std::string(40, 'n')).ok());
+  }
+}
+
+TEST(SettingsFileTest, OpenModes) {
+  TempDir dir;
+  const auto path = dir / "sub/dir/Settings.ini";
+  Result r;
+  EXPECT_EQ(OpenSettingsStream(path, kSettingsOpenRead, &r), nullptr);
+  EXPECT_EQ(r, ResultFromErrno(ENOENT));
+  EXPECT_FALSE(std::filesystem::exists(path));
+
+  EXPECT_EQ(OpenSettingsStream(path, 2, &r), nullptr);
+  EXPECT_EQ(r, rc::kInvalidArg);
+
+  auto created = OpenSettingsStream(path, kSettingsOpenAlways, &r);
+  ASSERT_NE(created, nullptr);
+  EXPECT_TRUE(r.ok());
+  EXPECT_EQ(std::filesystem::file_size(path), 0u);
+  EXPECT_EQ(ModeOf(path), 0600u);
+
+  // Now that it exists, mode 1 opens it and mode 4 does not empty it.
+  WriteFile(path, "K=v\r\n");
+  EXPECT_NE(OpenSettingsStream(path, kSettingsOpenRead), nullptr);
+  Settings s;
+  auto again = OpenSettingsStream(path, kSettingsOpenAlways);
+  ASSERT_NE(again, nullptr);
+  ASSERT_TRUE(LoadSettings(s, *again, nullptr).ok());
+  EXPECT_EQ(s.ReadString("", "K"), "v");
+}
+
+TEST(SettingsFileTest, DirectoryInThePlaceOfTheFileOpensInNoMode) {
+  TempDir dir;
+  std::filesystem::create_directory(dir / "Settings.ini");
+  Result r;
+  EXPECT_EQ(OpenSettingsStream(dir / "Settings.ini", kSettingsOpenRead, &r), nullptr);
+  EXPECT_TRUE(r.failed());
+  EXPECT_EQ(OpenSettingsStream(dir / "Settings.ini", kSettingsOpenAlways, &r), nullptr);
+  EXPECT_TRUE(r.failed());
+}
+
+TEST(SettingsFileTest, SaveReplacesTheWholeFileAndLeavesNoTemporary) {
+  TempDir dir;
+  const auto path = dir / "Settings.ini";
+  WriteFile(path, "[Service.{1}]\nClass=\xEF\xBB\xBFPOP3\r\nOld=1\r\n");
+  ::chmod(path.c_str(), 0640);
+  Settings s;
+  auto stream = OpenAndLoad(path, s);
+  ASSERT_TRUE(s.DeleteValue("Service.{1}", "Old").ok());
+  ASSERT_TRUE(s.WriteInteger("Service.{1}", "POP3Port", 995).ok());
+  ASSERT_TRUE(SaveSettings(s, *stream, nullptr).ok());
+
+  EXPECT_EQ(ReadFile(path), s.SaveToBytes());
+  EXPECT_FALSE(std::filesystem::exists(dir / "Settings.ini.tmp"));
+  EXPECT_EQ(ModeOf(path), 0640u);
+  Settings back;
+  OpenAndLoad(path, back);
+  EXPECT_EQ(back.ReadWideString("Service.{1}", "Class"), u"POP3");
+  EXPECT_EQ(back.ReadInteger("Service.{1}", "POP3Port", 0), 995);
+  EXPECT_FALSE(back.TypeOfValue("Service.{1}", "Old").has_value());
+}
+
+TEST(SettingsFileTest, SymbolicLinkIsWrittenThrough) {
+  TempDir dir;
+  std::filesystem::create_directory(dir / "real");
+  WriteFile(dir / "real/Settings.ini", "K=1\r\n");
+  std::filesystem::create_symlink(dir / "real/Settings.ini", dir / "Settings.ini");
+  Settings s;
+  auto stream = OpenAndLoad(dir / "Settings.ini", s);
+  ASSERT_TRUE(s.WriteInteger("", "K", 2).ok());
+  ASSERT_TRUE(SaveSettings(s, *stream, nullptr).ok());
+  EXPECT_TRUE(std::filesystem::is_symlink(dir / "Settings.ini"));
+  EXPECT_EQ(ReadFile(dir / "real/Settings.ini"), s.SaveToBytes());
+}
+
+TEST(SettingsFileTest, UnreadContentIsNeverOverwritten) {
+  TempDir dir;
+  const auto path = dir / "Settings.ini";
+  WriteFile(path, "Precious=1\r\n");
+  auto stream = OpenSettingsStream(path, kSettingsOpenRead);
+  ASSERT_NE(stream, nullptr);
+  Settings empty;
+  RecordingLog log;
+  EXPECT_TRUE(SaveSettings(empty, *stream, &log).failed());
+  EXPECT_EQ(ReadFile(path), "Precious=1\r\n");
+  ASSERT_EQ(log.lines.size(), 1u);
+  EXPECT_EQ(log.lines[0], "Cannot save settings file " + path.string() +
+                              ": its content could not be read, so it is left unchanged");
+
+  // Once read, the same stream saves.
+  Settings s;
+  ASSERT_TRUE(LoadSettings(s, *stream, nullptr).ok());
+  EXPECT_TRUE(SaveSettings(s, *stream, nullptr).ok());
+  // A file created empty by mode 4 has nothing to lose.
+  auto fresh = OpenSettingsStream(dir / "New.ini", kSettingsOpenAlways);
+  ASSERT_NE(fresh, nullptr);
+  EXPECT_TRUE(SaveSettings(s, *fresh, nullptr).ok());
+  EXPECT_EQ(ReadFile(dir / "New.ini"), s.SaveToBytes());
+}
+
+TEST(SettingsFileTest, GarbageIsReportedWithFileAndLineAndNothingIsLost) {
+  TempDir dir;
+  const auto path = dir / "Settings.ini";
+  const std::string text = "# Automatically generated file. DO NOT MODIFY!!!\r\n\n[S]\nA=1\r\nSMTPPsswd garbage 123\r\nB=2\r\n";
+  WriteFile(path, text);
+  Settings s;
+  RecordingLog log;
+  auto stream = OpenAndLoad(path, s, &log);
+  ASSERT_EQ(log.lines.size(), 1u);
+  EXPECT_EQ(log.lines[0].rfind("Settings file " + path.string() + ", line 5: ", 0), 0u) << log.lines[0];
+  EXPECT_EQ(log.lines[0].find("garbage"), std::string::npos) << "the line's text is not quoted";
+  EXPECT_EQ(s.ReadInteger("S", "A", 0), 1);
+  EXPECT_EQ(s.ReadInteger("S", "B", 0), 2);
+  ASSERT_TRUE(SaveSettings(s, *stream, &log).ok());
+  EXPECT_EQ(ReadFile(path), text);
+}
+
+TEST(SettingsFileTest, ReadFailureLeavesTheTreeAndNamesTheFile) {
+  TempDir dir;
+  const auto path = dir / "Settings.ini";
+  WriteFile(path, "K=1\r\n");
+  auto stream = OpenSettingsStream(path, kSettingsOpenRead);
+  ASSERT_NE(stream, nullptr);
+  std::filesystem::remove(path);
+  Settings s;
+  ASSERT_TRUE(s.WriteInteger("", "Kept", 7).ok());
+  RecordingLog log;
+  EXPECT_EQ(LoadSettings(s, *stream, &log), ResultFromErrno(ENOENT));
+  EXPECT_EQ(s.ReadInteger("", "Kept", 0), 7);
+  ASSERT_EQ(log.lines.size(), 1u);
+  EXPECT_EQ(log.lines[0], "Cannot read settings file " + path.string() + ": " + ResultText(ResultFromErrno(ENOENT)));
+}
+
+// Runs `body` in a child process whose files may not grow past `limit`
+// bytes; returns the wait status.
+template <typename F>
+int RunWithFileSizeLimit(rlim_t limit, bool kill_on_limit, F body) {
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::signal(SIGXFSZ, kill_on_limit ? SIG_DFL : SIG_IGN);
+    const rlimit rl{limit, limit};
+    ::setrlimit(RLIMIT_FSIZE, &rl);
+    ::_exit(body());
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  return status;
+}
+
+// A process killed in the middle of a save leaves the old file whole.
+TEST(SettingsFileTest, CrashDuringSaveKeepsTheOldFile) {
+  TempDir dir;
+  const auto path = dir / "Settings.ini";
+  const std::string old_text = "# Automatically generated file. DO NOT MODIFY!!!\r\n\n[Service.{1}]\nClass=POP3\r\n";
+  WriteFile(path, old_text);
+  Settings s;
+  auto stream = OpenAndLoad(path, s);
+  FillLarge(s);
+  ASSERT_GT(s.SaveToBytes().size(), 50000u);
+
+  const int status = RunWithFileSizeLimit(20000, true, [&] { return SaveSettings(s, *stream, nullptr).ok() ? 0 : 1; });
+  ASSERT_TRUE(WIFSIGNALED(status)) << "the child should have been killed mid-write";
+  EXPECT_EQ(WTERMSIG(status), SIGXFSZ);
+  EXPECT_EQ(ReadFile(path), old_text);
+  EXPECT_LE(std::filesystem::file_size(dir / "Settings.ini.tmp"), 20000u);  // the torn write
+
+  // The next start reads the old settings, and the next save succeeds over
+  // the stale temporary file.
+  Settings after;
+  auto next = OpenAndLoad(path, after);
+  EXPECT_EQ(after.ReadString("Service.{1}", "Class"), "POP3");
+  ASSERT_TRUE(SaveSettings(s, *next, nullptr).ok());
+  EXPECT_EQ(ReadFile(path), s.SaveToBytes());
+  EXPECT_FALSE(std::filesystem::exists(dir / "Settings.ini.tmp"));
+}
+
+// A write that fails (disk full, quota) reports the file and the cause and
+// changes nothing.
+TEST(SettingsFileTest, FailedWriteReportsAndChangesNothing) {
+  TempDir dir;
+  const auto path = dir / "Settings.ini";
+  WriteFile(path, "K=1\r\n");
+  Settings s;
+  auto stream = OpenAndLoad(path, s);
+  FillLarge(s);
+  const std::string expected_line =
+      "Cannot save settings file " + path.string() + ": " + ResultText(ResultFromErrno(EFBIG));
+  const int status = RunWithFileSizeLimit(20000, false, [&] {
+    RecordingLog log;
+    const Result r = SaveSettings(s, *stream, &log);
+    if (r != ResultFromErrno(EFBIG)) return 10;
+    if (log.lines.size() != 1 || log.lines[0] != expected_line) return 11;
+    return 0;
+  });
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(ReadFile(path), "K=1\r\n");
+  EXPECT_FALSE(std::filesystem::exists(dir / "Settings.ini.tmp"));
+}
+
+}  // namespace
+}  // namespace trv

@@ -1,0 +1,481 @@
+#include "core/settings_tree.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+
+namespace trv {
+namespace {
+
+constexpr char kHeader[] = "# Automatically generated file. DO NOT MODIFY!!!\r\n";
+
+std::string Reloaded(const Settings& s, SettingsOptions options = {}) {
+  Settings copy(options);
+  EXPECT_TRUE(copy.LoadFromBytes(s.SaveToBytes()).empty());
+  return copy.SaveToBytes();
+}
+
+// ---- the written form ----
+
+TEST(SettingsWriteTest, ExactTextOfEveryType) {
+  Settings s;
+  const uint8_t guid[] = {0x0A, 0x1B, 0xFF};
+  ASSERT_TRUE(s.WriteString("Service.{x}", "Class8", "POP3").ok());
+  ASSERT_TRUE(s.WriteWideString("Service.{x}", "ServiceName", u"W\u00f6rk").ok());
+  ASSERT_TRUE(s.WriteInteger("Service.{x}", "SyncMinutes", -15).ok());
+  ASSERT_TRUE(s.WriteBoolean("Service.{x}", "Synchronize", true).ok());
+  ASSERT_TRUE(s.WriteBinary("Service.{x}", "Storage", guid).ok());
+  ASSERT_TRUE(s.WriteBinary("Service.{x}", "Empty", {}).ok());
+  ASSERT_TRUE(s.WriteDouble("Service.{x}", "Ratio", 0.5).ok());
+  ASSERT_TRUE(s.WriteStringElement("Service.{x}", "List", 1, "b").ok());
+  ASSERT_TRUE(s.WriteStringElement("Service.{x}", "List", 0, "a").ok());
+  ASSERT_TRUE(s.WriteWideStringElement("Service.{x}", "Names", 0, u"\u00e9").ok());
+  ASSERT_TRUE(s.WriteInteger("", "Version", 2).ok());
+  ASSERT_TRUE(s.WriteBoolean("CMLGUIParams\\View", "Wide", false).ok());
+
+  EXPECT_EQ(s.SaveToBytes(),
+            std::string(kHeader) +
+                "Version=2\r\n"
+                "\n[Service.{x}]\n"
+                "Class8=POP3\r\n"
+                "ServiceName=\xEF\xBB\xBFW\xC3\xB6rk\r\n"
+                "SyncMinutes=-15\r\n"
+                "Synchronize=true\r\n"
+                "Storage=584D0A1BFF\r\n"
+                "Empty=\r\n"
+                "Ratio=0.500000\r\n"
+                "List[0]=a\r\n"
+                "List[1]=b\r\n"
+                "Names[0]=\xEF\xBB\xBF\xC3\xA9\r\n"
+                "\n[CMLGUIParams]\n"
+                "\n[CMLGUIParams\\View]\n"
+                "Wide=false\r\n");
+}
+
+TEST(SettingsWriteTest, OptionsChangeSeparatorsAndBooleans) {
+  Settings s({'/', ':', ';', true});
+  ASSERT_TRUE(s.WriteBoolean("a/b", "On", true).ok());
+  ASSERT_TRUE(s.WriteBoolean("a/b", "Off", false).ok());
+  EXPECT_EQ(s.SaveToBytes(),
+            "; Automatically generated file. DO NOT MODIFY!!!\r\n"
+            "\n[a]\n"
+            "\n[a/b]\n"
+            "On:1\r\n"
+            "Off:0\r\n");
+  Settings back({'/', ':', ';', true});
+  EXPECT_TRUE(back.LoadFromBytes(s.SaveToBytes()).empty());
+  EXPECT_EQ(back.TypeOfValue("a/b", "On"), SettingsType::kInteger);
+  EXPECT_TRUE(back.ReadBoolean("a/b", "On", false));
+  EXPECT_FALSE(back.ReadBoolean("a/b", "Off", true));
+}
+
+// ---- type rules across a save and a load ----
+
+// Every typed read gives the same answer on the value as written and on the
+// value as read back from the file.
+TEST(SettingsRoundTripTest, ReadsAgreeBeforeAndAfterTheFile) {
+  struct Row {
+    const char* name;
+    std::function<Result(Settings&)> write;
+    SettingsType type_after_load;
+  };
+  const uint8_t bytes[] = {1, 2, 254};
+  const Row rows[] = {
+      {"boolean true", [](Settings& s) { return s.WriteBoolean("S", "V", true); }, SettingsType::kBoolean},
+      {"boolean false", [](Settings& s) { return s.WriteBoolean("S", "V", false); }, SettingsType::kBoolean},
+      {"integer", [](Settings& s) { return s.WriteInteger("S", "V", -2147483647 - 1); }, SettingsType::kInteger},
+      {"text 007", [](Settings& s) { return s.WriteString("S", "V", "007"); }, SettingsType::kString},
+      {"text TRUE", [](Settings& s) { return s.WriteString("S", "V", "TRUE"); }, SettingsType::kBoolean},
+      {"text 42", [](Settings& s) { return s.WriteString("S", "V", "42"); }, SettingsType::kInteger},
+      {"empty text", [](Settings& s) { return s.WriteString("S", "V", ""); }, SettingsType::kString},
+      {"wide text with lines", [](Settings& s) { return s.WriteWideString("S", "V", u"Regards,\r\n\u00c5sa \U0001F600"); },
+       SettingsType::kString},
+      {"wide digits", [](Settings& s) { return s.WriteWideString("S", "V", u"12"); }, SettingsType::kString},
+      {"binary", [&](Settings& s) { return s.WriteBinary("S", "V", bytes); }, SettingsType::kString},
+      {"empty binary", [](Settings& s) { return s.WriteBinary("S", "V", {}); }, SettingsType::kString},
+      {"double", [](Settings& s) { return s.WriteDouble("S", "V", 2.25); }, SettingsType::kString},
+      {"whole double", [](Settings& s) { return s.WriteDouble("S", "V", 3.0); }, SettingsType::kString},
+  };
+  for (const bool numeric : {false, true}) {
+    const SettingsOptions options{'\\', '=', '#', numeric};
+    for (const Row& r : rows) {
+      SCOPED_TRACE(std::string(r.name) + (numeric ? " (numeric booleans)" : ""));
+      Settings before(options);
+      ASSERT_TRUE(r.write(before).ok());
+      Settings after(options);
+      ASSERT_TRUE(after.LoadFromBytes(before.SaveToBytes()).empty());
+      if (!numeric || r.type_after_load != SettingsType::kBoolean) {
+        EXPECT_EQ(after.TypeOfValue("S", "V"), r.type_after_load);
+      }
+      EXPECT_EQ(before.ReadString("S", "V", "?"), after.ReadString("S", "V", "?"));
+      EXPECT_EQ(before.ReadWideString("S", "V", u"?"), after.ReadWideString("S", "V", u"?"));
+      EXPECT_EQ(before.ReadInteger("S", "V", 77), after.ReadInteger("S", "V", 77));
+      EXPECT_EQ(before.ReadBoolean("S", "V", true), after.ReadBoolean("S", "V", true));
+      EXPECT_EQ(before.ReadBoolean("S", "V", false), after.ReadBoolean("S", "V", false));
+      EXPECT_DOUBLE_EQ(before.ReadDouble("S", "V", -9), after.ReadDouble("S", "V", -9));
+      std::vector<uint8_t> b1, b2;
+      EXPECT_EQ(before.ReadBinary("S", "V", &b1), after.ReadBinary("S", "V", &b2));
+      EXPECT_EQ(b1, b2);
+      EXPECT_EQ(Reloaded(after, options), after.SaveToBytes());
+    }
+  }
+}
+
+TEST(SettingsRoundTripTest, TypeRulesOfLoadedText) {
+  Settings s;
+  ASSERT_TRUE(s.LoadFromBytes("A=007\r\nB=true\r\nC=False\r\nD=1\r\nE=\xEF\xBB\xBFx\r\nF=584D0102\r\nG=x\r\n").empty());
+  // "007" stays text: no integer read, the text itself is kept.
+  EXPECT_EQ(s.TypeOfValue("", "A"), SettingsType::kString);
+  EXPECT_EQ(s.ReadInteger("", "A", -1), -1);
+  EXPECT_EQ(s.ReadString("", "A"), "007");
+  // Lower-case "true" written by the store reads back as a boolean.
+  EXPECT_EQ(s.TypeOfValue("", "B"), SettingsType::kBoolean);
+  EXPECT_TRUE(s.ReadBoolean("", "B", false));
+  EXPECT_EQ(s.ReadInteger("", "B", 5), 1);
+  EXPECT_FALSE(s.ReadBoolean("", "C", true));
+  // Services keep booleans as integers.
+  EXPECT_TRUE(s.ReadBoolean("", "D", false));
+  // A wide string needs the mark; binary needs "584D".
+  EXPECT_EQ(s.ReadWideString("", "E", u"none"), u"x");
+  EXPECT_EQ(s.ReadWideString("", "G", u"none"), u"none");
+  std::vector<uint8_t> bytes;
+  EXPECT_TRUE(s.ReadBinary("", "F", &bytes).ok());
+  EXPECT_EQ(bytes, (std::vector<uint8_t>{1, 2}));
+  EXPECT_EQ(s.ReadBinary("", "G", &bytes), Settings::kWrongType);
+  EXPECT_EQ(s.ReadBinary("", "Missing", &bytes), Settings::kNotFound);
+  EXPECT_EQ(s.ReadBoolean("", "G", true), true);
+  EXPECT_EQ(s.ReadBoolean("", "G", false), false);
+}
+
+TEST(SettingsRoundTripTest, BinaryBufferSizeInAndOut) {
+  Settings s;
+  const uint8_t bytes[] = {9, 8, 7, 6};
+  ASSERT_TRUE(s.WriteBinary("S", "Psswd", bytes).ok());
+  uint8_t buf[8] = {};
+  size_t size = 3;
+  EXPECT_EQ(s.ReadBinary("S", "Psswd", buf, &size), Settings::kMoreData);
+  EXPECT_EQ(size, 4u);
+  EXPECT_EQ(buf[0], 0);  // nothing copied into a short buffer
+  size = sizeof buf;
+  EXPECT_TRUE(s.ReadBinary("S", "Psswd", buf, &size).ok());
+  EXPECT_EQ(size, 4u);
+  EXPECT_EQ(std::vector<uint8_t>(buf, buf + 4), std::vector<uint8_t>(bytes, bytes + 4));
+  size = sizeof buf;
+  EXPECT_EQ(s.ReadBinary("S", "None", buf, &size), Settings::kNotFound);
+}
+
+// ---- reading text ----
+
+TEST(SettingsReadTest, CommentsSurviveUnchangedAndInPlace) {
+  const std::string text = std::string(kHeader) +
+                           "# about the root\r\n"
+                           "Version=2\r\n"
+                           "\n[A]\n"
+                           "#   indented note = with separator\r\n"
+                           "Key=1\r\n"
+                           "#\r\n"
+                           "Other=x\r\n";
+  Settings s;
+  EXPECT_TRUE(s.LoadFromBytes(text).empty());
+  EXPECT_EQ(s.SaveToBytes(), text);
+  EXPECT_EQ(s.ListValues("A"), (std::vector<std::string>{"Key", "Other"}));
+  EXPECT_EQ(s.ListValues("\\"), (std::vector<std::string>{"Version"}));
+}
+
+TEST(SettingsReadTest, HeaderIsAddedOnceAndFirst) {
+  Settings fresh;
+  EXPECT_EQ(fresh.SaveToBytes(), kHeader);
+
+  Settings without;
+  EXPECT_TRUE(without.LoadFromBytes("\n[A]\nK=v\r\n").empty());
+  EXPECT_EQ(without.SaveToBytes(), std::string(kHeader) + "\n[A]\nK=v\r\n");
+
+  Settings with;
+  EXPECT_TRUE(with.LoadFromBytes(without.SaveToBytes()).empty());
+  EXPECT_EQ(with.SaveToBytes(), without.SaveToBytes());
+
+  with.Clear();
+  EXPECT_EQ(with.SaveToBytes(), kHeader);
+}
+
+TEST(SettingsReadTest, LineEndsAndHeadings) {
+  Settings lf, crlf;
+  EXPECT_TRUE(lf.LoadFromBytes("[a\\b]\nK=v\n[c]\nL=w").empty());
+  EXPECT_TRUE(crlf.LoadFromBytes("[a\\b]\r\nK=v\r\n[c]\r\nL=w\r\n").empty());
+  EXPECT_EQ(lf.SaveToBytes(), crlf.SaveToBytes());
+  EXPECT_EQ(lf.ListSections("\\"), (std::vector<std::string>{"a", "c"}));
+  EXPECT_EQ(lf.ListSections("a"), (std::vector<std::string>{"b"}));
+  EXPECT_EQ(lf.ReadString("a\\b", "K"), "v");
+  EXPECT_EQ(lf.ReadString("c", "L"), "w");
+
+  // Empty names in a heading are skipped; "[]" goes back to the root.
+  Settings odd;
+  EXPECT_TRUE(odd.LoadFromBytes("[\\a\\\\b\\]\nK=1\r\n[]\nR=2\r\n").empty());
+  EXPECT_EQ(odd.ReadInteger("a\\b", "K", 0), 1);
+  EXPECT_EQ(odd.ReadInteger("", "R", 0), 2);
+
+  // Only the line end is taken off; other blanks belong to the value.
+  Settings exact;
+  EXPECT_TRUE(exact.LoadFromBytes("K= v \r\r\n").empty());
+  EXPECT_EQ(exact.ReadString("", "K"), " v \r");
+}
+
+TEST(SettingsReadTest, SectionsAndValuesIgnoreLetterCase) {
+  Settings s;
+  EXPECT_TRUE(s.LoadFromBytes("[Service.{AB}]\nPOP3Host=h\r\n[service.{ab}]\nPOP3Port=110\r\n").empty());
+  EXPECT_EQ(s.ListSections(""), (std::vector<std::string>{"Service.{AB}"}));
+  EXPECT_EQ(s.ReadString("SERVICE.{ab}", "pop3host"), "h");
+  EXPECT_EQ(s.ReadInteger("Service.{AB}", "POP3PORT", 0), 110);
+  ASSERT_TRUE(s.WriteString("Service.{ab}", "pop3HOST", "g").ok());
+  EXPECT_EQ(s.ListValues("Service.{AB}"), (std::vector<std::string>{"POP3Host", "POP3Port"}));
+}
+
+TEST(SettingsReadTest, GarbageLinesAreKeptAndReported) {
+  const std::string text =
+      "# Automatically generated file. DO NOT MODIFY!!!\r\n"
+      "\n[Service.{1}]\n"
+      "Class=POP3\r\n"
+      "this line has no separator\r\n"
+      "=no name\r\n"
+      "[unclosed heading\r\n"
+      "\x01\x02\xFF binary junk\r\n"
+      "POP3Port=995\r\n";
+  Settings s;
+  const std::vector<SettingsDiagnostic> d = s.LoadFromBytes(text);
+  ASSERT_EQ(d.size(), 4u);
+  EXPECT_EQ(d[0].line, 5);
+  EXPECT_EQ(d[1].line, 6);
+  EXPECT_EQ(d[2].line, 7);
+  EXPECT_EQ(d[3].line, 8);
+  for (const auto& x : d) EXPECT_NE(x.message.find("kept"), std::string::npos) << x.message;
+  // The values around the garbage are all there, and a save writes the
+  // garbage back where it was.
+  EXPECT_EQ(s.ReadString("Service.{1}", "Class"), "POP3");
+  EXPECT_EQ(s.ReadInteger("Service.{1}", "POP3Port", 0), 995);
+  EXPECT_EQ(s.SaveToBytes(), text);
+  EXPECT_EQ(s.ListValues("Service.{1}"), (std::vector<std::string>{"Class", "POP3Port"}));
+}
+
+TEST(SettingsReadTest, RepeatedNamesTheLaterLineWins) {
+  Settings s;
+  const auto d = s.LoadFromBytes("[S]\nA=1\r\nB=x\r\na=2\r\nL[0]=p\r\nL[0]=q\r\nB[1]=y\r\nL=z\r\n");
+  ASSERT_EQ(d.size(), 4u);
+  EXPECT_EQ(d[0].line, 4);
+  EXPECT_NE(d[0].message.find("repeats line 2"), std::string::npos) << d[0].message;
+  EXPECT_EQ(d[1].line, 6);
+  EXPECT_NE(d[1].message.find("repeats line 5"), std::string::npos) << d[1].message;
+  EXPECT_EQ(d[2].line, 7);
+  EXPECT_NE(d[2].message.find("replaces the value of line 3"), std::string::npos) << d[2].message;
+  EXPECT_EQ(d[3].line, 8);
+  EXPECT_EQ(s.ReadInteger("S", "A", 0), 2);
+  EXPECT_EQ(s.ArrayLength("S", "B"), 2u);
+  EXPECT_EQ(s.ReadStringElement("S", "B", 1), "y");
+  EXPECT_EQ(s.ReadString("S", "L"), "z");
+  // The value keeps the place of its first line.
+  EXPECT_EQ(s.ListValues("S"), (std::vector<std::string>{"A", "B", "L"}));
+}
+
+TEST(SettingsReadTest, ArrayElementIndexes) {
+  Settings s;
+  const auto d = s.LoadFromBytes(
+      "[S]\n"
+      "Dec[1]=one\r\n"
+      "Dec[0]=zero\r\n"
+      "Hex[0x2]=two\r\n"
+      "Oct[010]=eight\r\n"
+      "Bad[x]=1\r\n"
+      "Bad8[08]=2\r\n"
+      "Neg[-1]=3\r\n"
+      "Big[65536]=4\r\n"
+      "Max[65535]=5\r\n");
+  ASSERT_EQ(d.size(), 1u);  // only the index past the limit is reported
+  EXPECT_EQ(d[0].line, 9);
+  EXPECT_EQ(s.ArrayLength("S", "Dec"), 2u);
+  EXPECT_EQ(s.ReadStringElement("S", "Dec", 0), "zero");
+  EXPECT_EQ(s.ReadStringElement("S", "Dec", 1), "one");
+  EXPECT_EQ(s.ArrayLength("S", "Hex"), 3u);
+  EXPECT_EQ(s.ReadStringElement("S", "Hex", 0, "?"), "");  // holes are empty elements
+  EXPECT_EQ(s.ReadStringElement("S", "Hex", 2), "two");
+  EXPECT_EQ(s.ReadStringElement("S", "Oct", 8), "eight");
+  EXPECT_EQ(s.ReadStringElement("S", "Oct", 9, "past"), "past");
+  EXPECT_EQ(s.ArrayLength("S", "Max"), 65536u);
+  // Indexes that do not parse leave plain values with the whole name.
+  EXPECT_EQ(s.ReadInteger("S", "Bad[x]", 0), 1);
+  EXPECT_EQ(s.ReadInteger("S", "Bad8[08]", 0), 2);
+  EXPECT_EQ(s.ReadInteger("S", "Neg[-1]", 0), 3);
+  EXPECT_EQ(s.ReadInteger("S", "Big[65536]", 0), 4);
+  EXPECT_EQ(s.ArrayLength("S", "Big"), 0u);
+}
+
+TEST(SettingsReadTest, DeepHeadingIsKeptAsComment) {
+  std::string deep = "[";
+  for (size_t i = 0; i <= Settings::kMaxSectionDepth; ++i) deep += "d\\";
+  deep += "]";
+  Settings s;
+  const auto d = s.LoadFromBytes("[A]\n" + deep + "\nK=1\r\n");
+  ASSERT_EQ(d.size(), 1u);
+  EXPECT_EQ(d[0].line, 2);
+  EXPECT_EQ(s.ReadInteger("A", "K", 0), 1);
+  EXPECT_NE(s.SaveToBytes().find(deep + "\r\n"), std::string::npos);
+}
+
+// Whatever the text, the second save equals the first.
+TEST(SettingsReadTest, SavingIsStableAfterOneLoad) {
+  const char* texts[] = {
+      "x\ny=1\n[a]\n[a]\nz\n[]\nw=2\n",
+      "[s]\nk[3]=a\nk=b\nk[0]=c\n",
+      "TRUE=TRUE\nv=-0\nn=0x1\n[\\\\]\n=\n;c\n#c\n",
+      "[a\\b\\c]\n[A\\B]\nq=\xEF\xBB\xBF\xC0\x8A\n",
+      "\r\n\r\n  \n[s]\n a = b \r\n",
+  };
+  for (const char* t : texts) {
+    Settings once;
+    once.LoadFromBytes(t);
+    const std::string first = once.SaveToBytes();
+    Settings twice;
+    twice.LoadFromBytes(first);
+    EXPECT_EQ(twice.SaveToBytes(), first) << t;
+  }
+}
+
+// ---- sections and values through the interface ----
+
+TEST(SettingsTreeTest, ListCreateAndDeleteSections) {
+  Settings s;
+  EXPECT_TRUE(s.LoadFromBytes("[Service.{b}]\n[Folder.{b}.1]\n[Service.{a}]\n[Service.{a}\\Sub]\nK=1\r\n").empty());
+  EXPECT_EQ(s.ListSections("\\"), (std::vector<std::string>{"Service.{b}", "Folder.{b}.1", "Service.{a}"}));
+  EXPECT_TRUE(s.ListSections("Nowhere").empty());
+  EXPECT_TRUE(s.HasSection("Service.{a}\\Sub"));
+
+  EXPECT_TRUE(s.DeleteSection("Service.{a}").ok());
+  EXPECT_FALSE(s.HasSection("Service.{a}\\Sub"));
+  EXPECT_EQ(s.DeleteSection("Service.{a}"), Settings::kNotFound);
+  EXPECT_EQ(s.DeleteSection("\\"), rc::kInvalidArg);
+
+  EXPECT_TRUE(s.CreateSection("New\\Deeper").ok());
+  EXPECT_EQ(s.ListSections(""), (std::vector<std::string>{"Service.{b}", "Folder.{b}.1", "New"}));
+  // A section made again after deletion goes to the end.
+  ASSERT_TRUE(s.WriteInteger("Service.{a}", "K", 2).ok());
+  EXPECT_EQ(s.ListSections("").back(), "Service.{a}");
+  EXPECT_EQ(s.ReadInteger("Service.{a}\\Sub", "K", -1), -1);
+}
+
+TEST(SettingsTreeTest, WritesReplaceInPlaceAndDeleteValues) {
+  Settings s;
+  ASSERT_TRUE(s.WriteString("S", "A", "1x").ok());
+  ASSERT_TRUE(s.WriteString("S", "B", "2x").ok());
+  ASSERT_TRUE(s.WriteInteger("S", "A", 5).ok());
+  EXPECT_EQ(s.ListValues("S"), (std::vector<std::string>{"A", "B"}));
+  EXPECT_EQ(s.TypeOfValue("S", "A"), SettingsType::kInteger);
+  EXPECT_TRUE(s.DeleteValue("S", "A").ok());
+  EXPECT_EQ(s.DeleteValue("S", "A"), Settings::kNotFound);
+  EXPECT_EQ(s.DeleteValue("Missing", "A"), Settings::kNotFound);
+  EXPECT_FALSE(s.TypeOfValue("S", "A").has_value());
+  EXPECT_EQ(s.ReadString("S", "A", "def"), "def");
+}
+
+TEST(SettingsTreeTest, InvalidWritesAreRefused) {
+  Settings s;
+  const char* bad_names[] = {"", "#1", "a=b", "a[0]", "x]", "line\nbreak", "cr\r"};
+  for (const char* name : bad_names) {
+    EXPECT_EQ(s.WriteInteger("S", name, 1), rc::kInvalidArg) << "name \"" << name << "\"";
+    EXPECT_EQ(s.WriteStringElement("S", name, 0, "x"), rc::kInvalidArg) << "name \"" << name << "\"";
+  }
+  EXPECT_EQ(s.WriteString("S", "Host", "a\r\nb"), rc::kInvalidArg);
+  EXPECT_EQ(s.WriteStringElement("S", "L", 0, "a\nb"), rc::kInvalidArg);
+  EXPECT_EQ(s.WriteStringElement("S", "L", Settings::kMaxArrayLength, "a"), rc::kInvalidArg);
+  EXPECT_EQ(s.WriteInteger("bad\nsection", "K", 1), rc::kInvalidArg);
+  std::string deep;
+  for (size_t i = 0; i <= Settings::kMaxSectionDepth; ++i) deep += "d\\";
+  EXPECT_EQ(s.WriteInteger(deep, "K", 1), rc::kInvalidArg);
+  EXPECT_EQ(s.SaveToBytes(), kHeader);  // nothing was stored
+}
+
+TEST(SettingsTreeTest, ArraysElementByElement) {
+  Settings s;
+  ASSERT_TRUE(s.WriteWideStringElement("S", "W", 2, u"\u00e9").ok());
+  EXPECT_EQ(s.TypeOfValue("S", "W"), SettingsType::kWideStringArray);
+  EXPECT_EQ(s.ArrayLength("S", "W"), 3u);
+  EXPECT_EQ(s.ReadWideStringElement("S", "W", 2), u"\u00e9");
+  EXPECT_EQ(s.ReadStringElement("S", "W", 2), "\xEF\xBB\xBF\xC3\xA9");
+
+  // An 8-bit element turns the array into an 8-bit one without changing
+  // what the other elements read as.
+  ASSERT_TRUE(s.WriteStringElement("S", "W", 0, "plain").ok());
+  EXPECT_EQ(s.TypeOfValue("S", "W"), SettingsType::kStringArray);
+  EXPECT_EQ(s.ReadWideStringElement("S", "W", 2), u"\u00e9");
+  EXPECT_EQ(s.ReadWideStringElement("S", "W", 0, u"not wide"), u"not wide");
+  ASSERT_TRUE(s.WriteWideStringElement("S", "W", 1, u"w").ok());
+  EXPECT_EQ(s.ReadWideStringElement("S", "W", 1), u"w");
+
+  // Writing an element into a scalar replaces it.
+  ASSERT_TRUE(s.WriteInteger("S", "N", 1).ok());
+  ASSERT_TRUE(s.WriteStringElement("S", "N", 0, "e").ok());
+  EXPECT_EQ(s.ArrayLength("S", "N"), 1u);
+  EXPECT_EQ(s.ReadString("S", "N", "scalar read"), "scalar read");
+
+  Settings back;
+  EXPECT_TRUE(back.LoadFromBytes(s.SaveToBytes()).empty());
+  EXPECT_EQ(back.ArrayLength("S", "W"), 3u);
+  EXPECT_EQ(back.ReadWideStringElement("S", "W", 1), u"w");
+  EXPECT_EQ(back.ReadWideStringElement("S", "W", 2), u"\u00e9");
+  EXPECT_EQ(back.ReadStringElement("S", "W", 0), "plain");
+}
+
+TEST(SettingsTreeTest, ChangeCountMovesOnChangesOnly) {
+  Settings s;
+  const uint64_t c0 = s.change_count();
+  (void)s.ReadString("S", "K");
+  (void)s.ListSections("");
+  (void)s.SaveToBytes();
+  EXPECT_EQ(s.change_count(), c0);
+  ASSERT_TRUE(s.WriteInteger("S", "K", 1).ok());
+  const uint64_t c1 = s.change_count();
+  EXPECT_GT(c1, c0);
+  EXPECT_EQ(s.WriteInteger("S", "", 1), rc::kInvalidArg);
+  EXPECT_EQ(s.DeleteValue("S", "Missing"), Settings::kNotFound);
+  EXPECT_EQ(s.change_count(), c1);
+  EXPECT_TRUE(s.DeleteValue("S", "K").ok());
+  EXPECT_GT(s.change_count(), c1);
+}
+
+// Worker threads write their keys while the main thread saves: every save is
+// a whole, readable tree, and the last one holds every key.
+TEST(SettingsTreeTest, WritersAndSaverOnSeveralThreads) {
+  Settings s;
+  constexpr int kThreads = 4;
+  constexpr int kKeys = 300;
+  std::atomic<bool> done{false};
+  std::vector<std::thread> writers;
+  for (int t = 0; t < kThreads; ++t) {
+    writers.emplace_back([&s, t] {
+      const std::string section = "Service.{" + std::to_string(t) + "}";
+      for (int k = 0; k < kKeys; ++k) {
+        ASSERT_TRUE(s.WriteInteger(section, "K" + std::to_string(k), k).ok());
+        ASSERT_TRUE(s.WriteWideString(section, "W", u"x").ok());
+        (void)s.ReadInteger(section, "K0", 0);
+      }
+    });
+  }
+  std::thread saver([&] {
+    while (!done.load()) {
+      Settings snapshot;
+      EXPECT_TRUE(snapshot.LoadFromBytes(s.SaveToBytes()).empty());
+    }
+  });
+  for (auto& w : writers) w.join();
+  done = true;
+  saver.join();
+  Settings last;
+  EXPECT_TRUE(last.LoadFromBytes(s.SaveToBytes()).empty());
+  for (int t = 0; t < kThreads; ++t) {
+    const std::string section = "Service.{" + std::to_string(t) + "}";
+    EXPECT_EQ(last.ListValues(section).size(), static_cast<size_t>(kKeys + 1));
+    EXPECT_EQ(last.ReadInteger(section, "K" + std::to_string(kKeys - 1), -1), kKeys - 1);
+  }
+}
+
+}  // namespace
+}  // namespace trv

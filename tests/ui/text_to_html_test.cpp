@@ -1,0 +1,147 @@
+#include "ui/text_to_html.h"
+
+#include <gtest/gtest.h>
+
+namespace trv {
+namespace {
+
+struct Row {
+  const char* name;
+  WString in;
+  WString out;
+};
+
+void CheckRows(const std::vector<Row>& rows, bool no_links) {
+  for (const Row& r : rows) {
+    EXPECT_EQ(WideToUtf8(TextToHtml(r.in, no_links)), WideToUtf8(r.out)) << r.name;
+    WString in_place = r.in;
+    ConvertTextToHtml(&in_place, no_links);
+    EXPECT_EQ(in_place, r.out) << r.name << " (in place)";
+  }
+}
+
+TEST(TextToHtmlTest, EscapesAndLineEnds) {
+  CheckRows({
+      {"reserved characters", u"a<b & c>d", u"a&lt;b &amp; c&gt;d"},
+      {"backslash becomes &quot;", u"C:\\dir", u"C:&quot;dir"},
+      {"double quote is kept", u"say \"hi\"", u"say \"hi\""},
+      {"CR LF", u"line1\r\nline2", u"line1<br>line2"},
+      {"CR alone is dropped", u"a\rb", u"ab"},
+      {"LF alone is kept", u"a\nb", u"a\nb"},
+      {"CR at the end", u"a\r", u"a"},
+      {"CR CR LF", u"\r\r\n", u"<br>"},
+      {"empty", u"", u""},
+      {"other characters as they are", u"\u00e9\U0001F600\t;,", u"\u00e9\U0001F600\t;,"},
+  }, false);
+}
+
+TEST(TextToHtmlTest, WebAndWwwLinks) {
+  CheckRows({
+      {"target raw, text escaped, comma ends",
+       u"see http://host/p?a=1&b=2, then",
+       u"see <a href=\"http://host/p?a=1&b=2\">http://host/p?a=1&amp;b=2</a>, then"},
+      {"no word start", u"xhttp://a", u"xhttp://a"},
+      {"scheme in capitals", u"HTTP://A", u"<a href=\"HTTP://A\">HTTP://A</a>"},
+      {"mixed case scheme", u"hTtP://a", u"<a href=\"hTtP://a\">hTtP://a</a>"},
+      {"www gains the scheme in the target only", u"www.host", u"<a href=\"http://www.host\">www.host</a>"},
+      {"blank after the scheme", u"http:// x", u"http:// x"},
+      {"scheme at the end of the text", u"go http://", u"go http://"},
+      {"www. at the end", u"www.", u"www."},
+      {"lone letters", u"h w m H", u"h w m H"},
+      {"link at the end of the text", u"x http://a.b/c", u"x <a href=\"http://a.b/c\">http://a.b/c</a>"},
+      {"after tab", u"\thttp://a", u"\t<a href=\"http://a\">http://a</a>"},
+      {"after LF", u"x\nwww.b", u"x\n<a href=\"http://www.b\">www.b</a>"},
+      {"after CR LF", u"x\r\nwww.b", u"x<br><a href=\"http://www.b\">www.b</a>"},
+      {"after a bracket", u"(http://a)", u"(http://a)"},
+      {"ended by <", u"http://a<b", u"<a href=\"http://a\">http://a</a>&lt;b"},
+      {"ended by ;", u"http://a;b", u"<a href=\"http://a\">http://a</a>;b"},
+      {"ended by a double quote", u"go http://a\"x", u"go <a href=\"http://a\">http://a</a>\"x"},
+      {"ended by !", u"www.a!", u"<a href=\"http://www.a\">www.a</a>!"},
+      {"backslash raw in the target", u"http://a\\b", u"<a href=\"http://a\\b\">http://a&quot;b</a>"},
+      {"@ inside a web link", u"http://u@h", u"<a href=\"http://u@h\">http://u@h</a>"},
+      {"scheme-like word", u"https://a", u"https://a"},
+  }, false);
+}
+
+TEST(TextToHtmlTest, MailtoAndAddressLinks) {
+  CheckRows({
+      {"mailto keeps its scheme", u"mailto:me@host", u"<a href=\"mailto:me@host\">mailto:me@host</a>"},
+      {"mailto mixed case", u"MailTo:x", u"<a href=\"MailTo:x\">MailTo:x</a>"},
+      {"two addresses, the second stops at the comma",
+       u"To: me@host, you@there",
+       u"To: <a href=\"mailto:me@host\">me@host</a>, <a href=\"mailto:you@there\">you@there</a>"},
+      {"address right after a comma", u"a,b@c", u"a,<a href=\"mailto:b@c\">b@c</a>"},
+      {"address right after a semicolon", u"x;yz@c", u"x;<a href=\"mailto:yz@c\">yz@c</a>"},
+      {"address at the start", u"me@host", u"<a href=\"mailto:me@host\">me@host</a>"},
+      {"comma first", u",a@b", u",<a href=\"mailto:a@b\">a@b</a>"},
+      {"@ at the start", u"@host", u"@host"},
+      {"@ at the end", u"me@", u"me@"},
+      {"blank after @", u"me@ host", u"me@ host"},
+      {"local part stops at @", u"a@b@c", u"<a href=\"mailto:a@b@c\">a@b@c</a>"},
+      {"domain runs to the next separator", u"me@host.com. Bye", u"<a href=\"mailto:me@host.com.\">me@host.com.</a> Bye"},
+      {"local part stops at an entity's ;", u"a&b@host", u"a&amp;<a href=\"mailto:b@host\">b@host</a>"},
+      {"local part stops at &quot;'s ;", u"a\\b@host", u"a&quot;<a href=\"mailto:b@host\">b@host</a>"},
+      {"local part stops at <", u"<me@host>", u"&lt;<a href=\"mailto:me@host\">me@host</a>&gt;"},
+      {"local part stops at a double quote", u"\"Me\"me@h", u"\"Me\"<a href=\"mailto:me@h\">me@h</a>"},
+      {"local part after a link", u"http://a b@c", u"<a href=\"http://a\">http://a</a> <a href=\"mailto:b@c\">b@c</a>"},
+      {"non-ASCII address", u"\u00fc@\u00f6", u"<a href=\"mailto:\u00fc@\u00f6\">\u00fc@\u00f6</a>"},
+      {"mailto not at a word start", u"xmailto:a@b", u"<a href=\"mailto:xmailto:a@b\">xmailto:a@b</a>"},
+      {"domain with &", u"a@b&c", u"<a href=\"mailto:a@b&c\">a@b&amp;c</a>"},
+  }, false);
+}
+
+TEST(TextToHtmlTest, NoLinksOnlyEscapes) {
+  CheckRows({
+      {"web link", u"http://a", u"http://a"},
+      {"www link", u"www.a&b", u"www.a&amp;b"},
+      {"address", u"me@host, mailto:x", u"me@host, mailto:x"},
+      {"escapes still done", u"<\\>\r\n", u"&lt;&quot;&gt;<br>"},
+  }, true);
+}
+
+TEST(TextToHtmlTest, PictureSources) {
+  struct PicRow { const char* name; HtmlPicture picture; WString source; };
+  const PicRow rows[] = {
+      {"content id with brackets", {u"<img1@host>", 0, 0, 1, 1}, u"cid:img1@host"},
+      {"content id without brackets", {u"img1@host", 0, 0, 1, 1}, u"cid:img1@host"},
+      {"only an opening bracket", {u"<img1@host", 0, 0, 1, 1}, u"cid:img1@host"},
+      {"no content id", {u"", 2, 13, 1, 1}, u"inl:2.13"},
+  };
+  for (const PicRow& r : rows) {
+    EXPECT_EQ(PictureSource(r.picture), r.source) << r.name;
+  }
+  int item = -1, number = -1;
+  EXPECT_TRUE(ParseInlinePictureName(u"inl:2.13", &item, &number));
+  EXPECT_EQ(item, 2);
+  EXPECT_EQ(number, 13);
+  for (const WString bad : {u"inl:2", u"inl:2.", u"inl:.1", u"inl:1.2x", u"cid:1.2", u"inl:a.b", u"inl:1.2.3"}) {
+    EXPECT_FALSE(ParseInlinePictureName(bad, &item, &number)) << WideToUtf8(bad);
+  }
+}
+
+TEST(TextToHtmlTest, DocumentWithSeveralTextsAndPictures) {
+  const std::vector<HtmlBlock> blocks = {
+      WString(u"Hi www.a"),
+      HtmlPicture{u"<logo@x>", 0, 0, 32, 16},
+      WString(u"second\r\npart"),
+      HtmlPicture{u"", 1, 0, 640, 480},
+      WString(u"third"),
+  };
+  const WString sep = u"\n<br><hr width=\"100%\" size=\"2\"><br>\n";
+  EXPECT_EQ(BuildHtmlDocument(blocks),
+            u"<HTML><HEAD></HEAD><BODY>\n"
+            u"Hi <a href=\"http://www.a\">www.a</a>"
+            u"<img src=\"cid:logo@x\" title=\"\" alt=\"\" width=\"32\" height=\"16\">" +
+                sep + u"second<br>part" + u"<img src=\"inl:1.0\" title=\"\" alt=\"\" width=\"640\" height=\"480\">" +
+                sep + u"third</BODY></HTML>");
+
+  EXPECT_EQ(BuildHtmlDocument({}), u"<HTML><HEAD></HEAD><BODY>\n</BODY></HTML>");
+  EXPECT_EQ(BuildHtmlDocument({WString(u"a\\b")}), u"<HTML><HEAD></HEAD><BODY>\na&quot;b</BODY></HTML>");
+  // A content identifier cannot break out of the attribute.
+  EXPECT_EQ(BuildHtmlDocument({HtmlPicture{u"<a\"b&c>", 0, 0, 1, 2}}),
+            u"<HTML><HEAD></HEAD><BODY>\n"
+            u"<img src=\"cid:a&quot;b&amp;c\" title=\"\" alt=\"\" width=\"1\" height=\"2\"></BODY></HTML>");
+}
+
+}  // namespace
+}  // namespace trv
