@@ -1,0 +1,31 @@
+#include "tests/net/net_test_util.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace trv::test {
+
+int StateRecorder::Count(int state) const {
+  return static_cast<int>(std::count(states.begin(), states.end(), state));
+}
+
+Result NetworkWithout::Resolve(std::string_view host, ResolveMode mode, IpAddress* out) {
+  if (names_.count(host)) return rc::kSockHostNotFound;
+  return Network::System().Resolve(host, mode, out);
+}
+
+std::string Hex(std::string_view pairs) {
+  std::string bytes;
+  std::string digits;
+  for (char c : pairs) {
+    if (c == ' ') continue;
+    digits += c;
+    if (digits.size() == 2) {
+      bytes.push_back(static_cast<char>(std::strtol(digits.c_str(), nullptr, 16)));
+      digits.clear();
+    }
+  }
+  return bytes;
+}
+
+}  // namespace trv::test
