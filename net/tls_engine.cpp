@@ -216,8 +216,6 @@ void TlsEngine::Reset() {
   connected_ = false;
   refused_ = false;
   chain_flags_ = 0;
-  last_error_ = 0;
-  error_detail_.clear();
 }
 
 Result TlsEngine::AddTrustedCertificates(const std::string& pem_file) {
@@ -359,6 +357,8 @@ Result TlsEngine::Fail(int ssl_error) {
 
 Result TlsEngine::Handshake(Channel& channel, const Options& options) {
   Reset();
+  last_error_ = 0;
+  error_detail_.clear();
   if (Result r = Setup(options); r.failed()) return r;
   channel_ = &channel;
   for (;;) {

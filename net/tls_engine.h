@@ -99,7 +99,8 @@ class TlsEngine {
   TlsEngine(const TlsEngine&) = delete;
   TlsEngine& operator=(const TlsEngine&) = delete;
 
-  // Forgets any session; the next Handshake starts afresh.
+  // Forgets any session; the next Handshake starts afresh. The last error
+  // and its text stay until then, for the log.
   void Reset();
 
   // Runs a client handshake to its end. A failure of the channel is returned
