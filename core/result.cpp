@@ -116,6 +116,7 @@ constexpr Entry kTexts[] = {
     {0x80C50006, "The server ended the secure connection with an alert."},
     {0x80C50007, "The secure connection ended in the middle of a record."},
     {0x80C50008, "The secure connection failed with a protocol error."},
+    {0x80C50009, "The server closed the connection during the secure handshake."},
     {0x80C5012A, "The secure connection could not be established or read."},
     {0x80C5012B, "The secure connection could not be written."},
     // SASL.

@@ -177,6 +177,7 @@ Result CMailSocket::Close() {
   }
   DropBuffer();
   connected_ = false;
+  tls_up_ = false;
   tls_by_transport_ = false;
   if (tls_in_io_) {
     tls_reset_pending_ = true;
@@ -373,6 +374,7 @@ Result CMailSocket::StartTls() {
     tls_by_transport_ = r.ok();
     return r;
   }
+  tls_up_ = false;
   tls_failed_ = false;
   last_tls_error_ = 0;
   TlsEngine::Options options;
@@ -381,6 +383,7 @@ Result CMailSocket::StartTls() {
   options.host = connected_host_;
   // The handshake's records pass through the raw operations.
   const Result r = InEngine([&] { return engine_->Handshake(*this, options); });
+  tls_up_ = r.ok();
   if (r.failed() && !tls_failed_) {
     tls_failed_ = true;
     last_tls_error_ = engine_->last_error();

@@ -164,7 +164,8 @@ class CMailSocket : private TlsEngine::Channel {
   Result Socks5(std::string_view host, uint16_t port);
   template <typename F>
   Result InEngine(F&& call);
-  bool tls_active() const { return !plain_mode_ && !tls_by_transport_; }
+  // Traffic goes through the engine once a handshake has succeeded.
+  bool tls_active() const { return tls_up_; }
   void DropBuffer();
 
   // Fields in their fixed order.
@@ -201,6 +202,7 @@ class CMailSocket : private TlsEngine::Channel {
   // Additions of this implementation.
   Network* network_;
   bool strong_encryption_ = false;
+  bool tls_up_ = false;            // the engine's handshake succeeded; cleared by Close
   bool tls_by_transport_ = false;  // the transport took the upgrade (scripted)
   bool closing_ = false;           // Close() is running; a read inside it does not close again
 };

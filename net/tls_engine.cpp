@@ -92,17 +92,16 @@ uint32_t EngineCodeFor(unsigned long err) {
   }
 }
 
-// Protocol versions in the order of their bits.
+// Protocol versions from the oldest.
 struct VersionBit {
   uint32_t bit;
   int version;
-  uint64_t no_option;
 };
 constexpr VersionBit kVersions[] = {
-    {kTls10, TLS1_VERSION, SSL_OP_NO_TLSv1},
-    {kTls11, TLS1_1_VERSION, SSL_OP_NO_TLSv1_1},
-    {kTls12, TLS1_2_VERSION, SSL_OP_NO_TLSv1_2},
-    {kTls13, TLS1_3_VERSION, SSL_OP_NO_TLSv1_3},
+    {kTls10, TLS1_VERSION},
+    {kTls11, TLS1_1_VERSION},
+    {kTls12, TLS1_2_VERSION},
+    {kTls13, TLS1_3_VERSION},
 };
 
 }  // namespace
@@ -251,23 +250,20 @@ Result TlsEngine::Setup(const Options& options) {
   SSL_set_connect_state(ssl_);
   SSL_set_ex_data(ssl_, g_engine_index, this);
 
-  // OpenSSL takes a range of versions; bits missing inside it are switched
-  // off one by one.
+  // OpenSSL offers one unbroken range of versions. With a gap in the bit
+  // set, the range that holds the newest enabled version is offered.
   int lowest = 0, highest = 0;
-  uint64_t holes = 0;
-  for (const VersionBit& v : kVersions) {
-    if (options.versions & v.bit) {
-      if (!lowest) lowest = v.version;
-      highest = v.version;
+  for (auto v = std::rbegin(kVersions); v != std::rend(kVersions); ++v) {
+    if (options.versions & v->bit) {
+      if (!highest) highest = v->version;
+      lowest = v->version;
+    } else if (highest) {
+      break;
     }
   }
-  for (const VersionBit& v : kVersions) {
-    if (lowest && v.version > lowest && v.version < highest && !(options.versions & v.bit)) holes |= v.no_option;
-  }
-  if (!lowest) return setup_failed("no TLS version is enabled");
+  if (!highest) return setup_failed("no TLS version is enabled");
   SSL_set_min_proto_version(ssl_, lowest);
   SSL_set_max_proto_version(ssl_, highest);
-  if (holes) SSL_set_options(ssl_, holes);
   // OpenSSL 3 negotiates TLS 1.0 and 1.1 only at security level 0. The
   // certificate chain keeps its own minimum key strength (VerifyCallback).
   if (lowest < TLS1_2_VERSION) SSL_set_security_level(ssl_, 0);
@@ -382,7 +378,11 @@ Result TlsEngine::Handshake(Channel& channel, const Options& options) {
     }
     if (Result r = Pull(channel); r.failed()) {
       channel_ = nullptr;
-      return r;
+      if (r != rc::kSockClosed) return r;
+      // A server that will not talk TLS with us often just hangs up.
+      error_detail_ = "the server closed the connection during the handshake";
+      last_error_ = kTlsEngineClosedInHandshake;
+      return SecureTransportError(last_error_);
     }
   }
 }

@@ -24,7 +24,9 @@ typedef struct x509_store_ctx_st X509_STORE_CTX;
 
 namespace trv {
 
-// TLS version bits: the versions the client offers.
+// TLS version bits: the versions the client offers. OpenSSL offers one
+// unbroken range; with a gap in the bits, the range of the newest enabled
+// version is offered (1.3 and 1.1 without 1.2 offers 1.3 only).
 inline constexpr uint32_t kTls13 = 1;
 inline constexpr uint32_t kTls12 = 2;
 inline constexpr uint32_t kTls11 = 4;
@@ -41,6 +43,8 @@ enum TlsEngineCode : uint32_t {
   kTlsEngineAlert = 6,              // the peer ended with another fatal alert
   kTlsEngineTruncated = 7,          // the connection ended inside a record
   kTlsEngineProtocol = 8,           // any other protocol failure (bad record MAC, unexpected message)
+  kTlsEngineClosedInHandshake = 9,  // the server hung up during the handshake (no version in common,
+                                    // its certificate missing, ...)
 };
 
 // A server certificate as the certificate check sees it.
@@ -104,7 +108,8 @@ class TlsEngine {
   void Reset();
 
   // Runs a client handshake to its end. A failure of the channel is returned
-  // as it is (a time-out stays 0x80C00014); a TLS failure is
+  // as it is (a time-out stays 0x80C00014), except that the server closing
+  // the connection is kTlsEngineClosedInHandshake; a TLS failure is
   // SecureTransportError(last_error()).
   Result Handshake(Channel& channel, const Options& options);
   // Encrypts and sends every byte.

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <mutex>
+
+#include "tests/support/certificates.h"
 
 namespace trv::test {
 
@@ -12,6 +15,26 @@ int StateRecorder::Count(int state) const {
 Result NetworkWithout::Resolve(std::string_view host, ResolveMode mode, IpAddress* out) {
   if (names_.count(host)) return rc::kSockHostNotFound;
   return Network::System().Resolve(host, mode, out);
+}
+
+void TrustTestCa() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    std::string error;
+    if (const TestCertificates* certs = Certificates(&error)) {
+      TlsEngine::AddTrustedCertificates(certs->ca.cert.string()).Ignore();
+    }
+  });
+}
+
+Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::string>* lines) {
+  lines->clear();
+  std::string line;
+  for (;;) {
+    if (Result r = s.ReadLine(&line); r.failed()) return r;
+    lines->push_back(line);
+    if (line.compare(0, prefix.size(), prefix) == 0) return rc::kOk;
+  }
 }
 
 std::string Hex(std::string_view pairs) {

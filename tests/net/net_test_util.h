@@ -42,6 +42,13 @@ class NetworkWithout final : public Network {
   std::set<std::string, std::less<>> names_;
 };
 
+// Adds the test CA of tests/support/certificates.h to the trust store, once.
+void TrustTestCa();
+
+// Reads lines until one starts with prefix (that line included). Stops at
+// the first failure, which it returns.
+Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::string>* lines);
+
 // Bytes written as hex pairs, for readable expectations: Hex("04 01 00 6e").
 std::string Hex(std::string_view pairs);
 
