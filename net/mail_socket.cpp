@@ -9,6 +9,17 @@ namespace trv {
 
 namespace {
 void NoIdleTimer() {}
+
+// Calls step(offset, &moved) until size bytes have moved or a step fails.
+template <typename Step>
+Result MoveAll(size_t size, Step step) {
+  for (size_t done = 0; done < size;) {
+    size_t moved = 0;
+    if (Result r = step(done, &moved); r.failed()) return r;
+    done += moved;
+  }
+  return rc::kOk;
+}
 void (*g_idle_timer_hook)() = NoIdleTimer;
 }  // namespace
 
@@ -260,13 +271,7 @@ Result CMailSocket::Receive(char* buffer, size_t size, size_t* received) {
 
 Result CMailSocket::ReceiveExact(char* buffer, size_t size) {
   if (size == 0) return rc::kSockInvalidArg;
-  size_t done = 0;
-  while (done < size) {
-    size_t got = 0;
-    if (Result r = Receive(buffer + done, size - done, &got); r.failed()) return r;
-    done += got;
-  }
-  return rc::kOk;
+  return MoveAll(size, [&](size_t done, size_t* got) { return Receive(buffer + done, size - done, got); });
 }
 
 Result CMailSocket::ReadLine(std::string* text) {
@@ -337,11 +342,9 @@ Result CMailSocket::Send(const char* buffer, size_t size, size_t* sent) {
 
 Result CMailSocket::SendAll(const char* buffer, size_t size) {
   if (size == 0) return rc::kSockInvalidArg;
-  size_t done = 0;
-  while (done < size) {
-    size_t sent = 0;
-    if (Result r = Send(buffer + done, size - done, &sent); r.failed()) return r;
-    done += sent;
+  if (Result r = MoveAll(size, [&](size_t done, size_t* sent) { return Send(buffer + done, size - done, sent); });
+      r.failed()) {
+    return r;
   }
   Notify(kStateConnected);
   return rc::kOk;
@@ -392,13 +395,7 @@ Result CMailSocket::StartTls() {
 }
 
 Result CMailSocket::SendRaw(const char* data, size_t size) {
-  size_t done = 0;
-  while (done < size) {
-    size_t sent = 0;
-    if (Result r = PlainSend(data + done, size - done, &sent); r.failed()) return r;
-    done += sent;
-  }
-  return rc::kOk;
+  return MoveAll(size, [&](size_t done, size_t* sent) { return PlainSend(data + done, size - done, sent); });
 }
 
 Result CMailSocket::ReceiveRaw(char* buffer, size_t size, size_t* received) {

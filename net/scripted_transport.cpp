@@ -58,24 +58,32 @@ struct ScriptedNetwork::State {
   }
 };
 
-namespace {
-
-std::string Printable(std::string_view bytes) {
-  std::string out;
+std::string QuotedBytes(std::string_view bytes) {
+  static const char kHex[] = "0123456789abcdef";
+  std::string out = "\"";
   for (unsigned char c : bytes) {
-    if (c == '\r') out += "\\r";
-    else if (c == '\n') out += "\\n";
-    else if (c < 32 || c > 126) out += "\\x" + std::string(1, "0123456789abcdef"[c >> 4]) + "0123456789abcdef"[c & 15];
-    else out += static_cast<char>(c);
+    if (c == '\r') {
+      out += "\\r";
+    } else if (c == '\n') {
+      out += "\\n";
+    } else if (c < 32 || c > 126) {
+      out += "\\x";
+      out += kHex[c >> 4];
+      out += kHex[c & 15];
+    } else {
+      out += static_cast<char>(c);
+    }
   }
-  return "\"" + out + "\"";
+  return out + "\"";
 }
+
+namespace {
 
 std::string Describe(const Script::Step* s) {
   if (!s) return "the end of the script";
   switch (s->kind) {
-    case Script::Step::kServer: return "the server to send " + Printable(s->bytes);
-    case Script::Step::kClient: return "the client to send " + Printable(s->bytes);
+    case Script::Step::kServer: return "the server to send " + QuotedBytes(s->bytes);
+    case Script::Step::kClient: return "the client to send " + QuotedBytes(s->bytes);
     case Script::Step::kSilence: return "silence";
     case Script::Step::kClose: return "the server to close";
     case Script::Step::kFail: return "a failing read";
@@ -147,13 +155,13 @@ class ScriptedTransport final : public Transport {
     while (!rest.empty()) {
       const Script::Step* s = s_->Current();
       if (!s || s->kind != Script::Step::kClient) {
-        s_->Mismatch("the client sent " + Printable(rest) + ", the script expects " + Describe(s));
+        s_->Mismatch("the client sent " + QuotedBytes(rest) + ", the script expects " + Describe(s));
         return rc::kSockClosed;
       }
       const std::string_view want = std::string_view(s->bytes).substr(s_->offset);
       const size_t n = std::min(want.size(), rest.size());
       if (rest.substr(0, n) != want.substr(0, n)) {
-        s_->Mismatch("the client sent " + Printable(rest) + ", the script expects " + Printable(want));
+        s_->Mismatch("the client sent " + QuotedBytes(rest) + ", the script expects " + QuotedBytes(want));
         return rc::kSockClosed;
       }
       s_->offset += n;

@@ -48,6 +48,9 @@ class Script {
   std::vector<Step> steps_;
 };
 
+// Bytes as a quoted text for transcript messages: "USER a\r\n", "\x05\x00".
+std::string QuotedBytes(std::string_view bytes);
+
 class ScriptedNetwork final : public Network {
  public:
   explicit ScriptedNetwork(Script script);

@@ -414,6 +414,36 @@ TEST(ConnectTest, LocalAddressIsBoundAndReported) {
   EXPECT_EQ(server.PeerAddress(), "127.0.0.2");
 }
 
+TEST(ConnectTest, FallsBackToIpv6WhenTheNameHasNoIpv4Address) {
+  const int listener = ::socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 a{};
+  a.sin6_family = AF_INET6;
+  a.sin6_addr = in6addr_loopback;
+  socklen_t len = sizeof a;
+  if (::bind(listener, reinterpret_cast<sockaddr*>(&a), len) != 0) {
+    ::close(listener);
+    GTEST_SKIP() << "no IPv6 loopback on this machine";
+  }
+  ::listen(listener, 1);
+  ::getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len);
+  std::thread server([listener] {
+    const int c = ::accept(listener, nullptr, nullptr);
+    ::send(c, "+OK six\r\n", 9, 0);
+    ::close(c);
+  });
+  CMailSocket s;
+  s.SetTimeout(2);
+  EXPECT_EQ(s.Connect("::1", ntohs(a.sin6_port)), rc::kOk);
+  std::string line, local;
+  EXPECT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(line, "+OK six");
+  s.GetLocalAddress(&local).Ignore();
+  EXPECT_EQ(local, "::1");
+  s.Close().Ignore();
+  server.join();
+  ::close(listener);
+}
+
 TEST(ConnectTest, LocalHostName) {
   CMailSocket s;
   std::string name;

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "net/sasl.h"
 #include "tests/support/certificates.h"
 
 namespace trv::test {
@@ -35,6 +36,19 @@ Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::strin
     lines->push_back(line);
     if (line.compare(0, prefix.size(), prefix) == 0) return rc::kOk;
   }
+}
+
+Result Pop3Mechanisms(CMailSocket& s, uint32_t* bits) {
+  *bits = 0;
+  std::string greeting;
+  if (Result r = s.ReadLine(&greeting); r.failed()) return r;
+  if (Result r = s.SendLine("CAPA"); r.failed()) return r;
+  std::vector<std::string> capa;
+  if (Result r = ReadUntil(s, ".", &capa); r.failed()) return r;
+  for (const std::string& c : capa) {
+    if (c.rfind("SASL ", 0) == 0) *bits = SaslClient::ParseMechanismList(c.substr(5));
+  }
+  return rc::kOk;
 }
 
 std::string Hex(std::string_view pairs) {

@@ -49,6 +49,10 @@ void TrustTestCa();
 // the first failure, which it returns.
 Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::string>* lines);
 
+// Reads a POP3 greeting, sends CAPA and gives the bits of the SASL
+// mechanisms the server lists.
+Result Pop3Mechanisms(CMailSocket& s, uint32_t* bits);
+
 // Bytes written as hex pairs, for readable expectations: Hex("04 01 00 6e").
 std::string Hex(std::string_view pairs);
 

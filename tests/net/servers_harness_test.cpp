@@ -16,6 +16,7 @@ namespace {
 
 using test::MailServers;
 using test::MailUser;
+using test::Pop3Mechanisms;
 using test::ReadUntil;
 
 // Logs in to POP3 with USER/PASS; returns the STAT line.
@@ -103,15 +104,8 @@ TEST(HarnessTest, ClientBoundTo127002IsNotSecure) {
     s.SetTimeout(5);
     s.SetLocalAddress(local);
     ASSERT_EQ(s.Connect("127.0.0.1", servers.ports().pop3), rc::kOk);
-    std::string line;
-    ASSERT_EQ(s.ReadLine(&line), rc::kOk);
-    ASSERT_EQ(s.SendLine("CAPA"), rc::kOk);
-    std::vector<std::string> capa;
-    ASSERT_EQ(ReadUntil(s, ".", &capa), rc::kOk);
     uint32_t offered = 0;
-    for (const std::string& c : capa) {
-      if (c.rfind("SASL ", 0) == 0) offered = SaslClient::ParseMechanismList(c.substr(5));
-    }
+    ASSERT_EQ(Pop3Mechanisms(s, &offered), rc::kOk);
     EXPECT_EQ(offered, std::string(local) == "127.0.0.1" ? kSaslPlain | kSaslLogin | kSaslCramMd5 : kSaslCramMd5)
         << local;
   }

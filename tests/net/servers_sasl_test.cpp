@@ -12,6 +12,7 @@ namespace {
 
 using test::MailServers;
 using test::MailUser;
+using test::Pop3Mechanisms;
 using test::ReadUntil;
 
 // Sends "AUTH " and the first line, answers each challenge (the text after
@@ -52,18 +53,12 @@ TEST(SaslServersTest, Pop3AuthAgainstDovecot) {
     CMailSocket s;
     s.SetTimeout(5);
     ASSERT_EQ(s.Connect("127.0.0.1", MailServers::Instance().ports().pop3), rc::kOk);
-    std::string line;
-    ASSERT_EQ(s.ReadLine(&line), rc::kOk);
-    ASSERT_EQ(s.SendLine("CAPA"), rc::kOk);
-    std::vector<std::string> capa;
-    ASSERT_EQ(ReadUntil(s, ".", &capa), rc::kOk);
     uint32_t offered = 0;
-    for (const std::string& c : capa) {
-      if (c.rfind("SASL ", 0) == 0) offered = SaslClient::ParseMechanismList(c.substr(5));
-    }
+    ASSERT_EQ(Pop3Mechanisms(s, &offered), rc::kOk);
     EXPECT_EQ(offered, kSaslPlain | kSaslLogin | kSaslCramMd5);
 
     SaslClient sasl;
+    std::string line;
     ASSERT_EQ(sasl.Start(row.mechanism, alice.name, row.password), rc::kOk);
     ASSERT_EQ(Exchange(s, sasl, 2, "+ ", &line), rc::kOk) << name;
     EXPECT_EQ(line.rfind(row.want, 0), 0u) << name << " with " << row.password << ": " << line;

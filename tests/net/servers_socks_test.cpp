@@ -21,7 +21,8 @@ struct Proxy {
   uint32_t version;
   uint16_t port;
   bool auth = false;
-  std::string user, password;
+  std::string user = {};
+  std::string password = {};
 };
 
 // Connects to host:port through the proxy and reads the POP3 greeting.

@@ -16,17 +16,6 @@ namespace {
 
 constexpr int kStepLimitMs = 10000;
 
-std::string Printable(const std::string& bytes) {
-  std::string out;
-  for (unsigned char c : bytes) {
-    if (c == '\r') out += "\\r";
-    else if (c == '\n') out += "\\n";
-    else if (c < 32 || c > 126) out += "\\x" + std::string(1, "0123456789abcdef"[c >> 4]) + "0123456789abcdef"[c & 15];
-    else out += static_cast<char>(c);
-  }
-  return out;
-}
-
 // The connection, plain or TLS.
 struct Conn {
   int fd = -1;
@@ -146,8 +135,7 @@ void ScriptServer::Play() {
         received_ += got;
       }
       if (got != s.bytes) {
-        return fail(where + "the client sent \"" + Printable(got) + "\", the script expects \"" +
-                    Printable(s.bytes) + "\"");
+        return fail(where + "the client sent " + QuotedBytes(got) + ", the script expects " + QuotedBytes(s.bytes));
       }
     } else if (s.kind == Script::Step::kSilence) {
       char buf[256];
