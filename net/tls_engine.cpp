@@ -428,7 +428,7 @@ void TlsEngine::SendClose(Channel& channel) {
   SSL_shutdown(ssl_);
   ERR_clear_error();
   Flush(channel).Ignore();
-  connected_ = false;
+  // Still readable: the peer's data and its own closing alert may follow.
 }
 
 std::string TlsEngine::Protocol() const { return ssl_ ? SSL_get_version(ssl_) : ""; }

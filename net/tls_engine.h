@@ -117,7 +117,8 @@ class TlsEngine {
   // Appends at least one decrypted byte to *out. rc::kSockClosed when the
   // peer closed the TLS session.
   Result Read(Channel& channel, std::string* out);
-  // Sends the closing alert, best effort.
+  // Sends the closing alert, best effort. Reading goes on until the peer's
+  // own closing alert.
   void SendClose(Channel& channel);
 
   bool connected() const { return connected_; }
