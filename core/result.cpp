@@ -110,7 +110,16 @@ constexpr Entry kTexts[] = {
     {0x80C100FD, "The SOCKS proxy answered with a wrong version."},
     {0x80C100FE, "The SOCKS proxy refused the user name or password."},
     {0x80C100FF, "The SOCKS proxy refused the connection."},
-    // Secure transport without an engine code.
+    // Secure transport: engine codes, and failures without one.
+    {0x80C50001, "The secure connection could not be set up (no TLS version or cipher suite enabled)."},
+    {0x80C50002, "The server does not speak TLS."},
+    {0x80C50003, "The server supports none of the enabled TLS versions."},
+    {0x80C50004, "The server supports none of the enabled cipher suites."},
+    {0x80C50005, "The server certificate was not accepted."},
+    {0x80C50006, "The server ended the secure connection with an alert."},
+    {0x80C50007, "The secure connection ended in the middle of a record."},
+    {0x80C50008, "The secure connection failed with a protocol error."},
+    {0x80C50009, "The server closed the connection during the secure handshake."},
     {0x80C5012A, "The secure connection could not be established or read."},
     {0x80C5012B, "The secure connection could not be written."},
     // SASL.

@@ -1,0 +1,436 @@
+#include "net/mail_socket.h"
+
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <cstring>
+
+namespace trv {
+
+namespace {
+void NoIdleTimer() {}
+
+// Calls step(offset, &moved) until size bytes have moved or a step fails.
+template <typename Step>
+Result MoveAll(size_t size, Step step) {
+  for (size_t done = 0; done < size;) {
+    size_t moved = 0;
+    if (Result r = step(done, &moved); r.failed()) return r;
+    done += moved;
+  }
+  return rc::kOk;
+}
+void (*g_idle_timer_hook)() = NoIdleTimer;
+}  // namespace
+
+void SetIdleTimerHook(void (*hook)()) { g_idle_timer_hook = hook ? hook : NoIdleTimer; }
+
+CMailSocket::CMailSocket() : engine_(std::make_unique<TlsEngine>()), network_(&Network::System()) {}
+
+CMailSocket::~CMailSocket() {
+  Close().Ignore();
+  OPENSSL_cleanse(socks_password_.data(), socks_password_.size());
+}
+
+void CMailSocket::SetSocks(uint32_t version, std::string_view address, uint16_t port) {
+  socks_version_ = version;
+  socks_address_ = address;
+  socks_port_ = port;
+}
+
+void CMailSocket::SetSocksCredentials(bool auth, std::string_view user, std::string_view password) {
+  socks_auth_ = auth;
+  socks_user_ = user;
+  OPENSSL_cleanse(socks_password_.data(), socks_password_.size());
+  socks_password_ = password;
+}
+
+void CMailSocket::SetCertificateCallback(void* context, CertificateDecision decision) {
+  certificate_context_ = context;
+  certificate_decision_ = decision;
+}
+
+void CMailSocket::AddListener(void* context, Listener listener) {
+  RecursiveLock lock(listeners_mu_);
+  listeners_.emplace_back(context, listener);
+}
+
+void CMailSocket::RemoveListener(void* context, Listener listener) {
+  RecursiveLock lock(listeners_mu_);
+  auto it = std::find(listeners_.begin(), listeners_.end(), std::make_pair(context, listener));
+  if (it != listeners_.end()) listeners_.erase(it);
+}
+
+void CMailSocket::Notify(int state) {
+  g_idle_timer_hook();
+  RecursiveLock lock(listeners_mu_);
+  // By index: a listener may add another while the list is walked.
+  for (size_t i = 0; i < listeners_.size(); ++i) listeners_[i].second(listeners_[i].first, this, state);
+}
+
+bool CMailSocket::KeepWaiting() { return false; }
+
+void CMailSocket::Abort() {
+  MutexLock lock(transport_mu_);
+  if (transport_) transport_->Abort();
+}
+
+std::string_view CMailSocket::Buffered() const {
+  return std::string_view(buffer_).substr(static_cast<size_t>(read_pos_),
+                                          static_cast<size_t>(filled_ - read_pos_));
+}
+
+void CMailSocket::DropBuffer() {
+  buffer_.clear();
+  read_pos_ = filled_ = 0;
+  need_more_ = false;
+}
+
+template <typename F>
+Result CMailSocket::InEngine(F&& call) {
+  tls_in_io_ = true;
+  const Result r = call();
+  tls_in_io_ = false;
+  if (r.failed() && IsSecureTransportError(r)) {
+    tls_failed_ = true;
+    last_tls_error_ = engine_->last_error();
+  }
+  if (tls_reset_pending_) {
+    tls_reset_pending_ = false;
+    engine_->Reset();
+  }
+  return r;
+}
+
+// ---------------------------------------------------------------------------
+// Connecting and closing
+
+Result CMailSocket::Connect(std::string_view host, uint16_t port) {
+  if (connected_) return rc::kOk;
+  Close().Ignore();  // a transport left from a failed attempt
+
+  IpAddress local;
+  const bool bind_local = !local_address_.empty();
+  if (bind_local) {
+    if (Result r = network_->Resolve(local_address_, ResolveMode::kLiteralOnly, &local); r.failed()) return r;
+  }
+  std::unique_ptr<Transport> transport;
+  if (Result r = network_->Open(bind_local ? &local : nullptr, &transport); r.failed()) return r;
+  {
+    MutexLock lock(transport_mu_);
+    transport_ = std::move(transport);
+  }
+
+  Notify(kStateResolving);
+  const bool via_socks = socks_version_ != kSocksNone;
+  connected_host_ = via_socks ? socks_address_ : std::string(host);
+  IpAddress address;
+  Result r = network_->Resolve(connected_host_, ResolveMode::kIpv4ThenIpv6, &address);
+  if (r.failed()) {
+    Close().Ignore();
+    return r;
+  }
+
+  Notify(kStateConnecting);
+  r = transport_->Connect(address, via_socks ? socks_port_ : port);
+  if (r == rc::kSockInProgress) {
+    r = WaitUntil(WaitFor::kWrite, false);
+    if (r.ok()) r = transport_->FinishConnect();
+  }
+  if (r.failed()) {
+    Close().Ignore();
+    return r;
+  }
+  Notify(kStateConnected);
+  connected_ = true;
+  DropBuffer();
+
+  if (socks_version_ == kSocks4 || socks_version_ == kSocks4A) {
+    r = Socks4(host, port);
+  } else if (socks_version_ == kSocks5) {
+    r = Socks5(host, port);
+  }
+  // The certificate check compares with the host the user asked for, also
+  // when a proxy stands between.
+  connected_host_ = host;
+  if (r.ok() && !plain_mode_) r = StartTls();
+  if (r.failed()) Close().Ignore();
+  return r;
+}
+
+Result CMailSocket::Close() {
+  if (closing_) return rc::kOk;  // a read inside the drain below saw the end
+  if (transport_ && connected_) {
+    closing_ = true;
+    Notify(kStateClosing);
+    if (tls_active() && !tls_in_io_ && !tls_failed_) InEngine([&] {
+      engine_->SendClose(*this);
+      return rc::kOk;
+    }).Ignore();
+    if (transport_) {
+      if (graceful_close_) {
+        transport_->Shutdown(true, false);
+        char piece[kDrainPiece];
+        size_t got = 0;
+        while (transport_ && Receive(piece, sizeof piece, &got).ok() && got > 0) {
+        }
+        if (transport_) transport_->Shutdown(false, true);
+      } else {
+        transport_->Shutdown(true, true);
+      }
+    }
+    Notify(kStateClosed);
+    closing_ = false;
+  }
+  {
+    MutexLock lock(transport_mu_);
+    transport_.reset();
+  }
+  DropBuffer();
+  connected_ = false;
+  tls_up_ = false;
+  tls_by_transport_ = false;
+  if (tls_in_io_) {
+    tls_reset_pending_ = true;
+  } else {
+    engine_->Reset();
+  }
+  return rc::kOk;
+}
+
+// ---------------------------------------------------------------------------
+// Waits, raw I/O and the receive buffer
+
+Result CMailSocket::WaitUntil(WaitFor what, bool notify) {
+  for (;;) {
+    if (!transport_) return rc::kSockNotConnected;
+    if (notify) Notify(kStateWaiting);
+    bool ready = false;
+    if (Result r = transport_->Wait(what, static_cast<int>(timeout_) * 1000, &ready); r.failed()) return r;
+    if (ready) return rc::kOk;
+    if (!KeepWaiting()) return rc::kSockTimedOut;
+  }
+}
+
+Result CMailSocket::RawReceive(char* buffer, size_t size, size_t* received) {
+  *received = 0;
+  for (;;) {
+    if (Result r = WaitUntil(WaitFor::kRead, true); r.failed()) return r;
+    Notify(kStateReceiving);
+    const Result r = transport_->Read(buffer, size, received);
+    if (r == rc::kSockWouldBlock) continue;  // readiness was spurious: wait again
+    if (r.failed()) return r;
+    if (*received == 0) {
+      Close().Ignore();
+      return rc::kSockClosed;
+    }
+    Notify(kStateConnected);
+    return rc::kOk;
+  }
+}
+
+Result CMailSocket::FillBuffer() {
+  if (!transport_) return rc::kSockNotConnected;
+  buffer_.erase(0, static_cast<size_t>(read_pos_));
+  read_pos_ = 0;
+  filled_ = static_cast<int32_t>(buffer_.size());
+  Result r;
+  if (tls_active()) {
+    // Not inside another engine call (a graceful close that a TLS read ran into).
+    if (!engine_->connected() || tls_in_io_) return rc::kSockNotConnected;
+    r = InEngine([&] { return engine_->Read(*this, &buffer_); });
+    if (r == rc::kSockClosed) Close().Ignore();  // the server ended the TLS session
+  } else {
+    // Into a piece of its own: a peer that closes makes RawReceive close the
+    // socket, which drops (and with a graceful close, reads) the buffer.
+    char piece[kFillPiece];
+    size_t got = 0;
+    r = RawReceive(piece, sizeof piece, &got);
+    if (r.ok()) buffer_.append(piece, got);
+  }
+  filled_ = static_cast<int32_t>(buffer_.size());
+  return r;
+}
+
+Result CMailSocket::Receive(char* buffer, size_t size, size_t* received) {
+  *received = 0;
+  if (size == 0) return rc::kSockInvalidArg;
+  if (read_pos_ >= filled_) {
+    if (Result r = FillBuffer(); r.failed()) return r;
+  }
+  const size_t n = std::min(size, static_cast<size_t>(filled_ - read_pos_));
+  std::memcpy(buffer, buffer_.data() + read_pos_, n);
+  read_pos_ += static_cast<int32_t>(n);
+  if (read_pos_ >= filled_) {
+    buffer_.clear();  // keeps its capacity for the next fill
+    read_pos_ = filled_ = 0;
+  }
+  *received = n;
+  return rc::kOk;
+}
+
+Result CMailSocket::ReceiveExact(char* buffer, size_t size) {
+  if (size == 0) return rc::kSockInvalidArg;
+  return MoveAll(size, [&](size_t done, size_t* got) { return Receive(buffer + done, size - done, got); });
+}
+
+Result CMailSocket::ReadLine(std::string* text) {
+  text->clear();
+  size_t scanned = 0;  // bytes after the read position known to hold no line end
+  for (;;) {
+    if (read_pos_ >= filled_ || need_more_) {
+      if (Result r = FillBuffer(); r.failed()) return r;
+      need_more_ = false;
+    }
+    const char* base = buffer_.data() + read_pos_;
+    const size_t avail = static_cast<size_t>(filled_ - read_pos_);
+    size_t end = std::string::npos;
+    size_t i = scanned;
+    for (; i < avail; ++i) {
+      if (base[i] != '\r') continue;
+      if (i + 1 == avail) break;  // its LF may come with the next read
+      if (base[i + 1] == '\n') {
+        end = i;
+        break;
+      }
+      // A CR followed by anything else belongs to the line.
+    }
+    scanned = i;
+    const size_t max = max_line_length_ > 0 ? static_cast<size_t>(max_line_length_) : 0;
+    if (end == std::string::npos) {
+      // A final CR is not yet part of the line: a line of exactly the maximum
+      // whose LF is late is still fine.
+      if (max && scanned > max) return rc::kSockTooLong;
+      need_more_ = true;
+      continue;
+    }
+    if (max && end > max) return rc::kSockTooLong;
+    text->assign(base, end);
+    read_pos_ += static_cast<int32_t>(end + 2);
+    if (read_pos_ >= filled_) {
+      buffer_.clear();
+      read_pos_ = filled_ = 0;
+    }
+    return rc::kOk;
+  }
+}
+
+Result CMailSocket::PlainSend(const char* buffer, size_t size, size_t* sent) {
+  *sent = 0;
+  for (;;) {
+    if (Result r = WaitUntil(WaitFor::kWrite, true); r.failed()) return r;
+    Notify(kStateSending);
+    const Result r = transport_->Write(buffer, size, sent);
+    if (r == rc::kSockWouldBlock) continue;
+    if (r.failed()) return r;
+    Notify(kStateConnected);
+    return rc::kOk;
+  }
+}
+
+Result CMailSocket::Send(const char* buffer, size_t size, size_t* sent) {
+  *sent = 0;
+  if (size == 0) return rc::kSockInvalidArg;
+  if (!transport_) return rc::kSockNotConnected;
+  if (!tls_active()) return PlainSend(buffer, size, sent);
+  if (!engine_->connected()) return rc::kSockNotConnected;
+  Result r = InEngine([&] { return engine_->Write(*this, buffer, size); });
+  if (r == rc::kTlsFailed) r = rc::kTlsWriteFailed;
+  if (r.ok()) *sent = size;
+  return r;
+}
+
+Result CMailSocket::SendAll(const char* buffer, size_t size) {
+  if (size == 0) return rc::kSockInvalidArg;
+  if (Result r = MoveAll(size, [&](size_t done, size_t* sent) { return Send(buffer + done, size - done, sent); });
+      r.failed()) {
+    return r;
+  }
+  Notify(kStateConnected);
+  return rc::kOk;
+}
+
+Result CMailSocket::SendLine(std::string_view text) {
+  std::string line;
+  line.reserve(text.size() + 2);
+  line.append(text).append("\r\n");
+  return SendAll(line.data(), line.size());
+}
+
+// ---------------------------------------------------------------------------
+// TLS
+
+Result CMailSocket::SetPlainMode(bool plain) {
+  if (plain == plain_mode_) return rc::kOk;
+  if (!plain && connected_) {
+    if (Result r = StartTls(); r.failed()) return r;
+  }
+  plain_mode_ = plain;
+  return rc::kOk;
+}
+
+Result CMailSocket::StartTls() {
+  if (!connected_ || !transport_) return rc::kSockNotConnected;
+  DropBuffer();
+  if (transport_->TakesTls()) {
+    const Result r = transport_->StartTls(connected_host_);
+    tls_by_transport_ = r.ok();
+    return r;
+  }
+  tls_up_ = false;
+  tls_failed_ = false;
+  last_tls_error_ = 0;
+  TlsEngine::Options options;
+  options.versions = tls_versions_;
+  options.strong = strong_encryption_;
+  options.host = connected_host_;
+  // The handshake's records pass through the raw operations.
+  const Result r = InEngine([&] { return engine_->Handshake(*this, options); });
+  tls_up_ = r.ok();
+  if (r.failed() && !tls_failed_) {
+    tls_failed_ = true;
+    last_tls_error_ = engine_->last_error();
+  }
+  return r;
+}
+
+Result CMailSocket::SendRaw(const char* data, size_t size) {
+  return MoveAll(size, [&](size_t done, size_t* sent) { return PlainSend(data + done, size - done, sent); });
+}
+
+Result CMailSocket::ReceiveRaw(char* buffer, size_t size, size_t* received) {
+  return RawReceive(buffer, size, received);
+}
+
+bool CMailSocket::CheckCertificate(uint32_t chain_flags, const TlsCertificate& cert) {
+  uint32_t flags = chain_flags;
+  if (!CertificateMatchesHost(cert, connected_host_, *network_)) flags |= kCertNameMismatch;
+  if (flags == 0) return true;
+  if (!certificate_decision_) return false;
+  return certificate_decision_(certificate_context_, this, flags, cert);
+}
+
+// ---------------------------------------------------------------------------
+// Local host
+
+Result CMailSocket::GetLocalHostName(std::string* name) {
+  *name = "localhost";
+  IpAddress local;
+  std::string resolved;
+  if (transport_ && transport_->LocalAddress(&local).ok() && network_->NameOf(local, &resolved).ok()) {
+    *name = resolved;
+  }
+  return rc::kOk;
+}
+
+Result CMailSocket::GetLocalAddress(std::string* text) {
+  *text = "(unknown)";
+  IpAddress local;
+  if (transport_ && transport_->LocalAddress(&local).ok()) {
+    const std::string dotted = local.ToString();
+    if (!dotted.empty()) *text = dotted;
+  }
+  return rc::kOk;
+}
+
+}  // namespace trv

@@ -1,0 +1,210 @@
+// CMailSocket: the one TCP connection under every protocol client (SMTP, POP3
+// and IMAP4 derive from it). It owns its transport (net/transport.h), the
+// connection settings (time-out, SOCKS proxy, local address, TLS options), a
+// receive buffer with a CR LF line reader, the SOCKS 4, 4A and 5 handshakes,
+// and the TLS engine for implicit TLS and for a later STARTTLS/STLS upgrade.
+//
+// Every operation returns 0 or a code of the families 0x80C0 (socket), 0x80C1
+// (SOCKS) or 0x80C5 (secure transport), see net/socket_errors.h; nothing
+// throws. A failure inside Connect closes the connection.
+//
+// Threads: a socket is used by one thread at a time (an account's worker).
+// AddListener/RemoveListener and Abort may be called from any thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "core/result.h"
+#include "core/thread_annotations.h"
+#include "net/certificate_check.h"
+#include "net/socket_errors.h"
+#include "net/tls_engine.h"
+#include "net/transport.h"
+
+namespace trv {
+
+// State codes given to Notify.
+enum SocketState : int {
+  kStateResolving = 0,
+  kStateConnecting = 1,
+  kStateConnected = 2,  // connected and idle: after connect, SOCKS, each receive or send
+  kStateSending = 3,
+  kStateReceiving = 4,
+  kStateWaiting = 5,    // waiting for the socket to become ready
+  kStateClosing = 6,
+  kStateClosed = 7,
+};
+
+// SOCKS versions as the settings store them.
+inline constexpr uint32_t kSocksNone = 0;
+inline constexpr uint32_t kSocks4 = 1;
+inline constexpr uint32_t kSocks4A = 2;
+inline constexpr uint32_t kSocks5 = 3;
+
+// Called by every Notify before the listeners; keeps a device awake during
+// transfers. A no-op unless the program installs one. Not thread-safe to set
+// while sockets are in use.
+void SetIdleTimerHook(void (*hook)());
+
+class CMailSocket : private TlsEngine::Channel {
+ public:
+  using Listener = void (*)(void* context, CMailSocket* socket, int state);
+  // Asked when the server certificate carries flags (net/certificate_check.h);
+  // true accepts it. Runs on the socket's thread during the handshake.
+  using CertificateDecision = bool (*)(void* context, CMailSocket* socket, uint32_t flags,
+                                       const TlsCertificate& certificate);
+
+  static constexpr uint16_t kDefaultTimeout = 60;    // seconds
+  static constexpr uint16_t kDefaultSocksPort = 1080;
+  static constexpr size_t kFillPiece = 1024;         // bytes read into the buffer at a time
+  static constexpr size_t kDrainPiece = 2048;        // bytes read at a time by a graceful close
+
+  CMailSocket();
+  CMailSocket(const CMailSocket&) = delete;
+  CMailSocket& operator=(const CMailSocket&) = delete;
+
+  // Virtual operations, in their fixed order. Protocol clients override the
+  // destructor and Connect, and append their own.
+  virtual ~CMailSocket();
+  // Connects to host (a name or dotted IPv4) and port, through the SOCKS
+  // proxy when one is set, then runs the TLS handshake when the plain-mode
+  // flag is false. Returns 0 at once when already connected.
+  virtual Result Connect(std::string_view host, uint16_t port);
+  // Always returns 0. Notifies closing and closed when it was connected.
+  virtual Result Close();
+  // One waited read from the transport. The peer closing the connection
+  // closes the socket and gives rc::kSockClosed.
+  virtual Result RawReceive(char* buffer, size_t size, size_t* received);
+  // Brings more bytes into the receive buffer, plain or through TLS.
+  virtual Result FillBuffer();
+  // Up to size bytes from the receive buffer (filling it when empty).
+  virtual Result Receive(char* buffer, size_t size, size_t* received);
+  virtual Result ReceiveExact(char* buffer, size_t size);
+  // One line without its CR LF. A CR not followed by LF stays in the line.
+  // With a maximum line length, a longer line fails with rc::kSockTooLong.
+  virtual Result ReadLine(std::string* text);
+  // One waited send, or one TLS write of every byte.
+  virtual Result Send(const char* buffer, size_t size, size_t* sent);
+  virtual Result SendAll(const char* buffer, size_t size);
+  // The text and CR LF in one SendAll.
+  virtual Result SendLine(std::string_view text);
+  // Asked when a wait times out; true waits another period. False here.
+  virtual bool KeepWaiting();
+  // Calls the idle-timer hook, then every listener in order.
+  virtual void Notify(int state);
+
+  // false while connected runs StartTls() at once and returns its failure
+  // (the flag keeps its old value then); otherwise the flag is stored. Before
+  // Connect: false means implicit TLS right after the TCP connect.
+  Result SetPlainMode(bool plain);
+  // The TLS handshake on the connected socket. Bytes received in the clear
+  // and not yet read are dropped first: they were never protected.
+  Result StartTls();
+  // Strong encryption offers only cipher suites with keys of 128 bits or more.
+  void SetStrongEncryption(bool strong) { strong_encryption_ = strong; }
+  // "localhost", or the name the resolver gives for the local address.
+  Result GetLocalHostName(std::string* name);
+  // "(unknown)", or the local address in dotted form.
+  Result GetLocalAddress(std::string* text);
+
+  // Wakes any wait of this socket and makes its I/O fail with rc::kAbort
+  // until it is closed. Any thread.
+  void Abort();
+
+  // Listeners, called in the order they were added. Any thread.
+  void AddListener(void* context, Listener listener);
+  void RemoveListener(void* context, Listener listener);
+
+  // Settings; take effect at the next Connect (the time-out at once).
+  void SetTimeout(uint16_t seconds) { timeout_ = seconds; }
+  void SetMaxLineLength(int32_t bytes) { max_line_length_ = bytes; }  // 0 = unlimited
+  void SetGracefulClose(bool graceful) { graceful_close_ = graceful; }
+  void SetLocalAddress(std::string_view dotted) { local_address_ = dotted; }  // "" = any
+  void SetSocks(uint32_t version, std::string_view address, uint16_t port);
+  // User name and password for SOCKS 5 (offered when auth is true); the user
+  // ID alone is sent by SOCKS 4 and 4A.
+  void SetSocksCredentials(bool auth, std::string_view user, std::string_view password);
+  void SetTlsVersions(uint32_t bits) { tls_versions_ = bits; }
+  void SetCertificateCallback(void* context, CertificateDecision decision);
+  // The network to open connections through; not owned, must outlive the
+  // socket. Defaults to Network::System().
+  void SetNetwork(Network* network) { network_ = network; }
+
+  bool connected() const { return connected_; }
+  bool plain_mode() const { return plain_mode_; }
+  uint16_t timeout() const { return timeout_; }
+  const std::string& connected_host() const { return connected_host_; }
+  // The engine code of the last TLS failure (0 none) and OpenSSL's text of
+  // it, for the activity log; the negotiated protocol and cipher.
+  bool tls_failed() const { return tls_failed_; }
+  uint32_t last_tls_error() const { return last_tls_error_; }
+  const std::string& tls_error_detail() const { return engine_->error_detail(); }
+  std::string TlsProtocol() const { return engine_->Protocol(); }
+  std::string TlsCipher() const { return engine_->Cipher(); }
+
+ protected:
+  // The bytes received and not yet read.
+  std::string_view Buffered() const;
+
+ private:
+  // TlsEngine::Channel: the engine's records go through the waited raw I/O.
+  Result SendRaw(const char* data, size_t size) override;
+  Result ReceiveRaw(char* buffer, size_t size, size_t* received) override;
+  bool CheckCertificate(uint32_t chain_flags, const TlsCertificate& cert) override;
+
+  Result WaitUntil(WaitFor what, bool notify);
+  Result PlainSend(const char* buffer, size_t size, size_t* sent);
+  Result Socks4(std::string_view host, uint16_t port);
+  Result Socks5(std::string_view host, uint16_t port);
+  template <typename F>
+  Result InEngine(F&& call);
+  // Traffic goes through the engine once a handshake has succeeded.
+  bool tls_active() const { return tls_up_; }
+  void DropBuffer();
+
+  // Fields in their fixed order.
+  RecursiveMutex listeners_mu_;  // held while the list is walked; listeners may add others
+  std::vector<std::pair<void*, Listener>> listeners_ GUARDED_BY(listeners_mu_);
+  std::string buffer_;
+  int32_t read_pos_ = 0;
+  int32_t filled_ = 0;
+  bool need_more_ = false;
+  bool connected_ = false;
+  bool graceful_close_ = false;
+  std::string local_address_;
+  Mutex transport_mu_;  // between Abort() and replacing the transport
+  std::unique_ptr<Transport> transport_;  // the socket handle; null when closed
+  std::string connected_host_;
+  bool socks_auth_ = false;
+  std::string socks_address_;
+  std::string socks_password_;
+  std::string socks_user_;
+  bool plain_mode_ = true;
+  std::unique_ptr<TlsEngine> engine_;
+  uint32_t tls_versions_ = kTlsDefaultVersions;
+  bool tls_failed_ = false;
+  bool tls_in_io_ = false;         // an engine call is running
+  bool tls_reset_pending_ = false; // Close() ran inside an engine call; reset after it
+  uint32_t last_tls_error_ = 0;
+  uint32_t socks_version_ = kSocksNone;
+  int32_t max_line_length_ = 0;
+  uint16_t timeout_ = kDefaultTimeout;
+  uint16_t socks_port_ = kDefaultSocksPort;
+  void* certificate_context_ = nullptr;
+  CertificateDecision certificate_decision_ = nullptr;
+
+  // Additions of this implementation.
+  Network* network_;
+  bool strong_encryption_ = false;
+  bool tls_up_ = false;            // the engine's handshake succeeded; cleared by Close
+  bool tls_by_transport_ = false;  // the transport took the upgrade (scripted)
+  bool closing_ = false;           // Close() is running; a read inside it does not close again
+};
+
+}  // namespace trv

@@ -1,0 +1,460 @@
+// CMailSocket over plain connections: the line reader, receive and send,
+// time-outs, early close, notifications, local address. Exact read splits
+// come from the scripted network; socket behaviour from the scripted TCP
+// server on 127.0.0.1.
+#include "net/mail_socket.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <thread>
+
+#include "net/scripted_transport.h"
+#include "tests/net/net_test_util.h"
+#include "tests/support/script_server.h"
+
+namespace trv {
+namespace {
+
+using test::ScriptServer;
+using test::StateRecorder;
+
+// Reads every line until the connection ends; returns the lines and the
+// final code.
+std::vector<std::string> ReadAll(CMailSocket& s, Result* end) {
+  std::vector<std::string> lines;
+  std::string line;
+  while ((*end = s.ReadLine(&line)).ok()) lines.push_back(line);
+  return lines;
+}
+
+// ---------------------------------------------------------------------------
+// The line reader, with reads split exactly as the script says.
+
+struct LineCase {
+  const char* name;
+  std::vector<std::string> reads;
+  std::vector<std::string> lines;
+};
+void PrintTo(const LineCase& c, std::ostream* os) { *os << c.name; }
+
+class ReadLineSplits : public ::testing::TestWithParam<LineCase> {};
+
+TEST_P(ReadLineSplits, GivesTheLines) {
+  const LineCase& c = GetParam();
+  Script script;
+  for (const std::string& r : c.reads) script.Server(r);
+  script.Close();
+  ScriptedNetwork net(script);
+  CMailSocket s;
+  s.SetNetwork(&net);
+  ASSERT_EQ(s.Connect("mail.test", 110), rc::kOk);
+  Result end;
+  EXPECT_EQ(ReadAll(s, &end), c.lines);
+  EXPECT_EQ(end, rc::kSockClosed);
+  EXPECT_FALSE(s.connected());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, ReadLineSplits,
+    ::testing::Values(
+        LineCase{"OneRead", {"+OK a\r\n-ERR b\r\n"}, {"+OK a", "-ERR b"}},
+        LineCase{"CrEndsOneReadLfStartsNext", {"+OK a\r", "\nnext\r\n"}, {"+OK a", "next"}},
+        LineCase{"LoneCrStaysInTheLine", {"a\rb\r\n"}, {"a\rb"}},
+        LineCase{"CrAtEndOfReadFollowedByOther", {"a\r", "b\r\n"}, {"a\rb"}},
+        LineCase{"LoneLfStaysInTheLine", {"a\nb\r\n"}, {"a\nb"}},
+        LineCase{"EmptyLines", {"\r\n\r\n", "x\r\n"}, {"", "", "x"}},
+        LineCase{"CrCrLf", {"a\r\r\n"}, {"a\r"}},
+        LineCase{"LineOverManyReads", {"ab", "cd", "ef", "\r", "\n"}, {"abcdef"}},
+        LineCase{"UnfinishedLineAtClose", {"+OK\r\npartial"}, {"+OK"}}),
+    [](const ::testing::TestParamInfo<LineCase>& info) { return info.param.name; });
+
+TEST(ReadLineTest, EverySplitPointGivesTheSameLines) {
+  const std::string text = "+OK ready\r\n\r\na\rb\r\n* 1 FETCH {3}\r\nxyz\r\nlast\r\n";
+  const std::vector<std::string> want = {"+OK ready", "", "a\rb", "* 1 FETCH {3}", "xyz", "last"};
+  for (size_t cut = 1; cut < text.size(); ++cut) {
+    ScriptedNetwork net(Script().Server(text.substr(0, cut)).Server(text.substr(cut)).Close());
+    CMailSocket s;
+    s.SetNetwork(&net);
+    ASSERT_EQ(s.Connect("mail.test", 143), rc::kOk);
+    Result end;
+    EXPECT_EQ(ReadAll(s, &end), want) << "split after byte " << cut;
+  }
+}
+
+TEST(ReadLineTest, LongLinesSpanManyBufferFills) {
+  const std::string line(5000, 'x');
+  ScriptedNetwork net(Script().Server(line + "\r\n" + line + "y\r\n").Close());
+  CMailSocket s;
+  s.SetNetwork(&net);
+  ASSERT_EQ(s.Connect("mail.test", 143), rc::kOk);
+  Result end;
+  EXPECT_EQ(ReadAll(s, &end), (std::vector<std::string>{line, line + "y"}));
+}
+
+TEST(ReadLineTest, MaximumLineLength) {
+  struct Row {
+    const char* name;
+    std::vector<std::string> reads;
+    Result want;
+  };
+  const std::string ten(10, 'a');
+  const Row rows[] = {
+      {"exactly the maximum", {ten + "\r\n"}, rc::kOk},
+      {"exactly the maximum, LF late", {ten + "\r", "\n"}, rc::kOk},
+      {"one byte over", {ten + "b\r\n"}, rc::kSockTooLong},
+      {"over without a line end yet", {ten + "bc"}, rc::kSockTooLong},
+      {"over across reads", {"aaaaaa", "aaaaaa", "\r\n"}, rc::kSockTooLong},
+  };
+  for (const Row& row : rows) {
+    Script script;
+    for (const std::string& r : row.reads) script.Server(r);
+    script.Silence();
+    ScriptedNetwork net(script);
+    CMailSocket s;
+    s.SetNetwork(&net);
+    s.SetMaxLineLength(10);
+    ASSERT_EQ(s.Connect("mail.test", 143), rc::kOk);
+    std::string line;
+    EXPECT_EQ(s.ReadLine(&line), row.want) << row.name;
+  }
+}
+
+TEST(ReadLineTest, EndlessLineFromAServerStopsAtTheMaximum) {
+  // 4 MB without a line end: the reader gives up after the maximum instead
+  // of buffering everything.
+  Script script;
+  for (int i = 0; i < 64; ++i) script.Server(std::string(64 * 1024, 'z'));
+  ScriptServer server(script);
+  CMailSocket s;
+  s.SetTimeout(2);
+  s.SetMaxLineLength(1000);
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  std::string line;
+  EXPECT_EQ(s.ReadLine(&line), rc::kSockTooLong);
+  s.Close().Ignore();
+}
+
+// ---------------------------------------------------------------------------
+// Waiting
+
+class PatientSocket : public CMailSocket {
+ public:
+  int asked = 0;
+  int patience = 0;
+  bool KeepWaiting() override { return ++asked <= patience; }
+};
+
+TEST(WaitTest, KeepWaitingDecidesAfterEachPeriod) {
+  for (int patience : {0, 2}) {
+    ScriptedNetwork net(Script().Silence().Silence().ServerLine("+OK late").Close());
+    PatientSocket s;
+    s.patience = patience;
+    s.SetNetwork(&net);
+    ASSERT_EQ(s.Connect("mail.test", 110), rc::kOk);
+    std::string line;
+    if (patience == 0) {
+      EXPECT_EQ(s.ReadLine(&line), rc::kSockTimedOut);
+      EXPECT_EQ(s.asked, 1);
+    } else {
+      EXPECT_EQ(s.ReadLine(&line), rc::kOk);
+      EXPECT_EQ(line, "+OK late");
+      EXPECT_EQ(s.asked, 2);
+    }
+  }
+}
+
+TEST(WaitTest, SilentServerEndsTheReadAfterTheTimeout) {
+  ScriptServer server(Script().ServerLine("+OK hello").Silence());
+  CMailSocket s;
+  s.SetTimeout(1);
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  std::string line;
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(s.ReadLine(&line), rc::kSockTimedOut);
+  const double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_GE(waited, 0.9);  // one period of the time-out...
+  EXPECT_LT(waited, 3.0);  // ...and not more
+  EXPECT_TRUE(s.connected()) << "a time-out leaves the connection to the caller";
+  s.Close().Ignore();
+  EXPECT_EQ(server.Finish(), "");
+}
+
+TEST(WaitTest, AbortFromAnotherThreadEndsTheWait) {
+  ScriptServer server(Script().Silence());
+  CMailSocket s;  // the default time-out of 60 s must not be waited out
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  std::thread stopper([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    s.Abort();
+  });
+  std::string line;
+  EXPECT_EQ(s.ReadLine(&line), rc::kAbort);
+  stopper.join();
+  s.Close().Ignore();
+}
+
+// ---------------------------------------------------------------------------
+// The end of a connection
+
+TEST(CloseTest, ServerClosingMidLineClosesTheSocket) {
+  ScriptServer server(Script().ServerLine("+OK").Server("partial li").Close());
+  StateRecorder rec;  // outlives the socket, whose destructor still notifies
+  CMailSocket s;
+  rec.Attach(s);
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  std::string line;
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(s.ReadLine(&line), rc::kSockClosed);
+  EXPECT_FALSE(s.connected());
+  EXPECT_EQ(rec.Count(kStateClosing), 1);
+  EXPECT_EQ(rec.Count(kStateClosed), 1);
+  EXPECT_EQ(s.ReadLine(&line), rc::kSockNotConnected);
+}
+
+TEST(CloseTest, ResetConnectionIsClosedByServer) {
+  ScriptServer server(Script().Server("+OK").Fail(rc::kFail));
+  CMailSocket s;
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  std::string line;
+  EXPECT_EQ(s.ReadLine(&line), rc::kSockClosed);
+}
+
+TEST(CloseTest, GracefulCloseDrainsWhatTheServerStillSends) {
+  ScriptServer server(Script().ClientLine("QUIT").Server(std::string(20000, 'b')).Close());
+  CMailSocket s;
+  s.SetGracefulClose(true);
+  StateRecorder rec;
+  rec.Attach(s);
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  ASSERT_EQ(s.SendLine("QUIT"), rc::kOk);
+  EXPECT_EQ(s.Close(), rc::kOk);
+  EXPECT_FALSE(s.connected());
+  EXPECT_EQ(rec.Count(kStateClosing), 1);
+  EXPECT_EQ(rec.Count(kStateClosed), 1);
+  EXPECT_EQ(rec.states.back(), kStateClosed);
+  EXPECT_EQ(server.Finish(), "");
+}
+
+TEST(CloseTest, GracefulCloseWhenThePeerClosesDuringARead) {
+  // The read that sees the end closes the socket, and that close drains.
+  ScriptServer server(Script().Server("bye").Close());
+  CMailSocket s;
+  s.SetGracefulClose(true);
+  StateRecorder rec;
+  rec.Attach(s);
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  std::string line;
+  EXPECT_EQ(s.ReadLine(&line), rc::kSockClosed);
+  EXPECT_EQ(rec.Count(kStateClosed), 1);
+}
+
+TEST(CloseTest, ReconnectAfterClose) {
+  ScriptServer first(Script().ServerLine("one"));
+  ScriptServer second(Script().ServerLine("two"));
+  CMailSocket s;
+  std::string line;
+  ASSERT_EQ(s.Connect("127.0.0.1", first.port()), rc::kOk);
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(line, "one");
+  EXPECT_EQ(s.Connect("127.0.0.1", second.port()), rc::kOk) << "connected: returns at once";
+  ASSERT_EQ(s.Close(), rc::kOk);
+  ASSERT_EQ(s.Connect("127.0.0.1", second.port()), rc::kOk);
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(line, "two");
+}
+
+// ---------------------------------------------------------------------------
+// Bytes in and out
+
+TEST(TransferTest, ReceiveExactAcrossReadsAndSendAll) {
+  std::string blob;
+  for (int i = 0; i < 70000; ++i) blob.push_back(static_cast<char>(i * 7));
+  const std::string request(100000, 'r');
+  ScriptServer server(Script().Server(blob.substr(0, 3)).Server(blob.substr(3)).Client(request));
+  CMailSocket s;
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  std::string got(blob.size(), '\0');
+  ASSERT_EQ(s.ReceiveExact(got.data(), got.size()), rc::kOk);
+  EXPECT_TRUE(got == blob);
+  ASSERT_EQ(s.SendAll(request.data(), request.size()), rc::kOk);
+  s.Close().Ignore();
+  EXPECT_EQ(server.Finish(), "");
+}
+
+TEST(TransferTest, ReceiveTakesFromTheBufferAfterALine) {
+  ScriptedNetwork net(Script().Server("+OK 5\r\nhello+OK\r\n"));
+  CMailSocket s;
+  s.SetNetwork(&net);
+  ASSERT_EQ(s.Connect("mail.test", 110), rc::kOk);
+  std::string line;
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  char body[5];
+  ASSERT_EQ(s.ReceiveExact(body, 5), rc::kOk);
+  EXPECT_EQ(std::string(body, 5), "hello");
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(line, "+OK");
+}
+
+TEST(TransferTest, BadArgumentsAndClosedSockets) {
+  CMailSocket s;
+  char c;
+  size_t n = 0;
+  EXPECT_EQ(s.Receive(&c, 0, &n), rc::kSockInvalidArg);
+  EXPECT_EQ(s.SendAll("x", 0), rc::kSockInvalidArg);
+  EXPECT_EQ(s.SendLine("NOOP"), rc::kSockNotConnected);
+  EXPECT_EQ(s.Receive(&c, 1, &n), rc::kSockNotConnected);
+  EXPECT_EQ(s.StartTls(), rc::kSockNotConnected);
+  EXPECT_EQ(s.Close(), rc::kOk);
+}
+
+TEST(TransferTest, SendLineAddsCrLfAndNotifies) {
+  ScriptServer server(Script().ClientLine("CAPA").ServerLine("+OK"));
+  StateRecorder rec;  // outlives the socket, whose destructor still notifies
+  CMailSocket s;
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  rec.Attach(s);
+  ASSERT_EQ(s.SendLine("CAPA"), rc::kOk);
+  std::string line;
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  // wait, send, idle, and the idle of SendAll; wait, receive, idle.
+  EXPECT_EQ(rec.states, (std::vector<int>{kStateWaiting, kStateSending, kStateConnected, kStateConnected,
+                                          kStateWaiting, kStateReceiving, kStateConnected}));
+  s.Close().Ignore();
+  EXPECT_EQ(server.Finish(), "");
+}
+
+// ---------------------------------------------------------------------------
+// Connecting
+
+TEST(ConnectTest, NotifiesResolvingConnectingConnected) {
+  ScriptServer server(Script().ServerLine("+OK"));
+  StateRecorder rec;  // outlives the socket, whose destructor still notifies
+  CMailSocket s;
+  rec.Attach(s);
+  ASSERT_EQ(s.Connect("localhost", server.port()), rc::kOk);
+  EXPECT_EQ(rec.states, (std::vector<int>{kStateResolving, kStateConnecting, kStateConnected}));
+  EXPECT_EQ(s.connected_host(), "localhost");
+}
+
+TEST(ConnectTest, ListenersAreCalledInOrderAndCanBeRemoved) {
+  std::vector<std::string> calls;
+  struct Tag {
+    std::vector<std::string>* calls;
+    std::string name;
+  };
+  Tag a{&calls, "a"}, b{&calls, "b"};
+  auto listener = [](void* ctx, CMailSocket*, int state) {
+    auto* t = static_cast<Tag*>(ctx);
+    t->calls->push_back(t->name + std::to_string(state));
+  };
+  CMailSocket s;
+  s.AddListener(&a, listener);
+  s.AddListener(&b, listener);
+  s.Notify(kStateWaiting);
+  s.RemoveListener(&a, listener);
+  s.Notify(kStateClosed);
+  EXPECT_EQ(calls, (std::vector<std::string>{"a5", "b5", "b7"}));
+}
+
+TEST(ConnectTest, Failures) {
+  struct Row {
+    const char* name;
+    const char* host;
+    std::string local;
+    Result want;
+  };
+  // A port that is bound but not listening refuses connections.
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&a), len), 0);
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
+  const uint16_t closed_port = ntohs(a.sin_port);
+  const Row rows[] = {
+      {"refused", "127.0.0.1", "", rc::kSockRefused},
+      {"unknown host", "nonexistent.invalid", "", rc::kSockHostNotFound},
+      {"broadcast is no local literal", "127.0.0.1", "255.255.255.255", rc::kSockBadAddress},
+      {"local address must be a literal", "127.0.0.1", "localhost", rc::kSockBadAddress},
+      {"local address not on this machine", "127.0.0.1", "192.0.2.55", rc::kSockAddressNotAvailable},
+  };
+  for (const Row& row : rows) {
+    StateRecorder rec;
+    CMailSocket s;
+    rec.Attach(s);
+    s.SetLocalAddress(row.local);
+    EXPECT_EQ(s.Connect(row.host, closed_port), row.want) << row.name;
+    EXPECT_FALSE(s.connected()) << row.name;
+    EXPECT_EQ(rec.Count(kStateConnected), 0) << row.name;
+  }
+  ::close(fd);
+}
+
+TEST(ConnectTest, LocalAddressIsBoundAndReported) {
+  ScriptServer server(Script().ServerLine("+OK"));
+  CMailSocket s;
+  std::string text;
+  ASSERT_EQ(s.GetLocalAddress(&text), rc::kOk);
+  EXPECT_EQ(text, "(unknown)");
+  s.SetLocalAddress("127.0.0.2");
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  ASSERT_EQ(s.GetLocalAddress(&text), rc::kOk);
+  EXPECT_EQ(text, "127.0.0.2");
+  std::string line;
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  s.Close().Ignore();
+  server.Finish();
+  EXPECT_EQ(server.PeerAddress(), "127.0.0.2");
+}
+
+TEST(ConnectTest, FallsBackToIpv6WhenTheNameHasNoIpv4Address) {
+  const int listener = ::socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 a{};
+  a.sin6_family = AF_INET6;
+  a.sin6_addr = in6addr_loopback;
+  socklen_t len = sizeof a;
+  if (::bind(listener, reinterpret_cast<sockaddr*>(&a), len) != 0) {
+    ::close(listener);
+    GTEST_SKIP() << "no IPv6 loopback on this machine";
+  }
+  ::listen(listener, 1);
+  ::getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len);
+  std::thread server([listener] {
+    const int c = ::accept(listener, nullptr, nullptr);
+    ::send(c, "+OK six\r\n", 9, 0);
+    ::close(c);
+  });
+  CMailSocket s;
+  s.SetTimeout(2);
+  EXPECT_EQ(s.Connect("::1", ntohs(a.sin6_port)), rc::kOk);
+  std::string line, local;
+  EXPECT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(line, "+OK six");
+  s.GetLocalAddress(&local).Ignore();
+  EXPECT_EQ(local, "::1");
+  s.Close().Ignore();
+  server.join();
+  ::close(listener);
+}
+
+TEST(ConnectTest, LocalHostName) {
+  CMailSocket s;
+  std::string name;
+  ASSERT_EQ(s.GetLocalHostName(&name), rc::kOk);
+  EXPECT_EQ(name, "localhost") << "before a connection";
+  ScriptedNetwork net(Script().ServerLine("+OK"));
+  s.SetNetwork(&net);
+  ASSERT_EQ(s.Connect("mail.test", 25), rc::kOk);
+  ASSERT_EQ(s.GetLocalHostName(&name), rc::kOk);
+  EXPECT_EQ(name, "client.test") << "the resolver's name for the local address";
+}
+
+}  // namespace
+}  // namespace trv

@@ -1,0 +1,68 @@
+#include "tests/net/net_test_util.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <mutex>
+
+#include "net/sasl.h"
+#include "tests/support/certificates.h"
+
+namespace trv::test {
+
+int StateRecorder::Count(int state) const {
+  return static_cast<int>(std::count(states.begin(), states.end(), state));
+}
+
+Result NetworkWithout::Resolve(std::string_view host, ResolveMode mode, IpAddress* out) {
+  if (names_.count(host)) return rc::kSockHostNotFound;
+  return Network::System().Resolve(host, mode, out);
+}
+
+void TrustTestCa() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    std::string error;
+    if (const TestCertificates* certs = Certificates(&error)) {
+      TlsEngine::AddTrustedCertificates(certs->ca.cert.string()).Ignore();
+    }
+  });
+}
+
+Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::string>* lines) {
+  lines->clear();
+  std::string line;
+  for (;;) {
+    if (Result r = s.ReadLine(&line); r.failed()) return r;
+    lines->push_back(line);
+    if (line.compare(0, prefix.size(), prefix) == 0) return rc::kOk;
+  }
+}
+
+Result Pop3Mechanisms(CMailSocket& s, uint32_t* bits) {
+  *bits = 0;
+  std::string greeting;
+  if (Result r = s.ReadLine(&greeting); r.failed()) return r;
+  if (Result r = s.SendLine("CAPA"); r.failed()) return r;
+  std::vector<std::string> capa;
+  if (Result r = ReadUntil(s, ".", &capa); r.failed()) return r;
+  for (const std::string& c : capa) {
+    if (c.rfind("SASL ", 0) == 0) *bits = SaslClient::ParseMechanismList(c.substr(5));
+  }
+  return rc::kOk;
+}
+
+std::string Hex(std::string_view pairs) {
+  std::string bytes;
+  std::string digits;
+  for (char c : pairs) {
+    if (c == ' ') continue;
+    digits += c;
+    if (digits.size() == 2) {
+      bytes.push_back(static_cast<char>(std::strtol(digits.c_str(), nullptr, 16)));
+      digits.clear();
+    }
+  }
+  return bytes;
+}
+
+}  // namespace trv::test

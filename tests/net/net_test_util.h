@@ -1,0 +1,59 @@
+// Helpers shared by the net tests.
+#pragma once
+
+#include <ostream>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "net/mail_socket.h"
+#include "net/transport.h"
+
+namespace trv {
+// Results print as their hex codes in test failures.
+inline void PrintTo(Result r, std::ostream* os) { *os << ResultHex(r); }
+}  // namespace trv
+
+namespace trv::test {
+
+// Records the state codes a socket reports.
+struct StateRecorder {
+  std::vector<int> states;
+  static void Record(void* self, CMailSocket*, int state) { static_cast<StateRecorder*>(self)->states.push_back(state); }
+  void Attach(CMailSocket& s) { s.AddListener(this, &Record); }
+  int Count(int state) const;
+};
+
+// The system network, except that some names do not resolve: makes the
+// "cannot resolve locally" paths of SOCKS deterministic on real sockets.
+class NetworkWithout final : public Network {
+ public:
+  explicit NetworkWithout(std::set<std::string, std::less<>> names) : names_(std::move(names)) {}
+  Result Open(const IpAddress* local, std::unique_ptr<Transport>* out) override {
+    return Network::System().Open(local, out);
+  }
+  Result Resolve(std::string_view host, ResolveMode mode, IpAddress* out) override;
+  Result NameOf(const IpAddress& address, std::string* name) override {
+    return Network::System().NameOf(address, name);
+  }
+
+ private:
+  std::set<std::string, std::less<>> names_;
+};
+
+// Adds the test CA of tests/support/certificates.h to the trust store, once.
+void TrustTestCa();
+
+// Reads lines until one starts with prefix (that line included). Stops at
+// the first failure, which it returns.
+Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::string>* lines);
+
+// Reads a POP3 greeting, sends CAPA and gives the bits of the SASL
+// mechanisms the server lists.
+Result Pop3Mechanisms(CMailSocket& s, uint32_t* bits);
+
+// Bytes written as hex pairs, for readable expectations: Hex("04 01 00 6e").
+std::string Hex(std::string_view pairs);
+
+}  // namespace trv::test

@@ -1,0 +1,81 @@
+// The scripted network as the protocol clients' transcript tests use it.
+#include "net/scripted_transport.h"
+
+#include <gtest/gtest.h>
+
+#include "net/mail_socket.h"
+#include "tests/net/net_test_util.h"
+
+namespace trv {
+namespace {
+
+TEST(ScriptedNetworkTest, TranscriptWithStartTls) {
+  ScriptedNetwork net(Script()
+                          .ServerLine("220 ready")
+                          .ClientLine("STARTTLS")
+                          .ServerLine("220 go ahead")
+                          .StartTls()
+                          .ClientLine("EHLO client")
+                          .ServerLine("250 ok"));
+  CMailSocket s;
+  s.SetNetwork(&net);
+  ASSERT_EQ(s.Connect("smtp.test", 25), rc::kOk);
+  EXPECT_EQ(net.ConnectedTo(), "192.0.2.1:25");
+  std::string line;
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  ASSERT_EQ(s.SendLine("STARTTLS"), rc::kOk);
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  ASSERT_EQ(s.SetPlainMode(false), rc::kOk);
+  ASSERT_EQ(s.SendLine("EHLO client"), rc::kOk);
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(line, "250 ok");
+  EXPECT_TRUE(net.Finished());
+  EXPECT_EQ(net.Mismatch(), "");
+  EXPECT_EQ(net.Written(), "STARTTLS\r\n[STARTTLS]EHLO client\r\n");
+}
+
+TEST(ScriptedNetworkTest, FirstDifferenceIsReportedAndEndsTheConnection) {
+  ScriptedNetwork net(Script().ServerLine("+OK").ClientLine("USER alice").ServerLine("+OK"));
+  CMailSocket s;
+  s.SetNetwork(&net);
+  ASSERT_EQ(s.Connect("pop.test", 110), rc::kOk);
+  std::string line;
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(s.SendLine("USER bob"), rc::kSockClosed);
+  EXPECT_EQ(net.Mismatch(), "step 2: the client sent \"USER bob\\r\\n\", the script expects \"USER alice\\r\\n\"");
+  EXPECT_FALSE(net.Finished());
+}
+
+TEST(ScriptedNetworkTest, ReadingWhenTheClientShouldSpeak) {
+  ScriptedNetwork net(Script().ClientLine("NOOP"));
+  CMailSocket s;
+  s.SetNetwork(&net);
+  ASSERT_EQ(s.Connect("pop.test", 110), rc::kOk);
+  std::string line;
+  EXPECT_EQ(s.ReadLine(&line), rc::kSockTimedOut);
+  EXPECT_NE(net.Mismatch().find("the client waits for data"), std::string::npos);
+}
+
+TEST(ScriptedNetworkTest, ScriptedFailures) {
+  ScriptedNetwork refused(Script{});
+  refused.FailConnect(rc::kSockRefused);
+  CMailSocket a;
+  a.SetNetwork(&refused);
+  EXPECT_EQ(a.Connect("pop.test", 110), rc::kSockRefused);
+
+  ScriptedNetwork unknown(Script{});
+  unknown.SetUnresolvable("pop.test");
+  CMailSocket b;
+  b.SetNetwork(&unknown);
+  EXPECT_EQ(b.Connect("pop.test", 110), rc::kSockHostNotFound);
+
+  ScriptedNetwork failing(Script().Server("+O").Fail(rc::kSockNetworkDown));
+  CMailSocket c;
+  c.SetNetwork(&failing);
+  ASSERT_EQ(c.Connect("pop.test", 110), rc::kOk);
+  std::string line;
+  EXPECT_EQ(c.ReadLine(&line), rc::kSockNetworkDown);
+}
+
+}  // namespace
+}  // namespace trv

@@ -1,0 +1,201 @@
+// TLS through CMailSocket against the scripted server, which speaks TLS from
+// a script step on: implicit TLS, the STARTTLS upgrade, the certificate
+// decision, and failures inside TLS.
+#include <gtest/gtest.h>
+
+#include "net/mail_socket.h"
+#include "tests/net/net_test_util.h"
+#include "tests/support/certificates.h"
+#include "tests/support/script_server.h"
+
+namespace trv {
+namespace {
+
+using test::ScriptServer;
+using test::StateRecorder;
+
+class TlsTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    std::string error;
+    certs_ = test::Certificates(&error);
+    ASSERT_NE(certs_, nullptr) << error;
+    ASSERT_EQ(TlsEngine::AddTrustedCertificates(certs_->ca.cert.string()), rc::kOk);
+  }
+  void SetUp() override {
+    if (!certs_) GTEST_SKIP() << "no test certificates";
+  }
+  static const test::TestCertificates* certs_;
+};
+const test::TestCertificates* TlsTest::certs_ = nullptr;
+
+// Records the certificate questions and answers them.
+struct Decider {
+  bool answer = false;
+  std::vector<uint32_t> flags;
+  std::string subject;
+  static bool Decide(void* self, CMailSocket*, uint32_t flags, const TlsCertificate& cert) {
+    auto* d = static_cast<Decider*>(self);
+    d->flags.push_back(flags);
+    d->subject = cert.Subject();
+    return d->answer;
+  }
+};
+
+TEST_F(TlsTest, ImplicitTlsCarriesLinesBothWays) {
+  ScriptServer server(
+      Script().StartTls().ServerLine("* OK secure").ClientLine("a LOGOUT").ServerLine("* BYE").Silence(),
+      certs_->server);
+  Decider decider;
+  StateRecorder rec;
+  CMailSocket s;
+  rec.Attach(s);
+  s.SetCertificateCallback(&decider, &Decider::Decide);
+  s.SetGracefulClose(true);
+  s.SetTimeout(2);
+  ASSERT_EQ(s.SetPlainMode(false), rc::kOk);
+  ASSERT_EQ(s.Connect("localhost", server.port()), rc::kOk) << s.tls_error_detail();
+  EXPECT_TRUE(decider.flags.empty()) << "a valid certificate is accepted without asking";
+  EXPECT_EQ(s.TlsProtocol(), "TLSv1.3");
+  std::string line;
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(line, "* OK secure");
+  ASSERT_EQ(s.SendLine("a LOGOUT"), rc::kOk);
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(line, "* BYE");
+  EXPECT_EQ(s.Close(), rc::kOk);
+  EXPECT_EQ(rec.Count(kStateClosed), 1);
+  EXPECT_EQ(server.Finish(), "");
+}
+
+TEST_F(TlsTest, UpgradeDropsWhatArrivedInTheClear) {
+  // Bytes after the server's go-ahead came unprotected; after the handshake
+  // only what came through TLS may be read.
+  ScriptServer server(Script()
+                          .ServerLine("+OK ready")
+                          .ClientLine("STLS")
+                          .Server("+OK begin TLS\r\n-ERR injected\r\n")
+                          .StartTls()
+                          .ServerLine("+OK protected")
+                          .ClientLine("QUIT"),
+                      certs_->server);
+  CMailSocket s;
+  s.SetTimeout(2);
+  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
+  std::string line;
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  ASSERT_EQ(s.SendLine("STLS"), rc::kOk);
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(line, "+OK begin TLS");
+  ASSERT_EQ(s.SetPlainMode(false), rc::kOk) << s.tls_error_detail();
+  EXPECT_FALSE(s.plain_mode());
+  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(line, "+OK protected");
+  ASSERT_EQ(s.SendLine("QUIT"), rc::kOk);
+  s.Close().Ignore();
+  EXPECT_EQ(server.Finish(), "");
+}
+
+TEST_F(TlsTest, ServerThatDoesNotSpeakTls) {
+  ScriptServer server(Script().ServerLine("+OK plain text greeting").Silence());
+  CMailSocket s;
+  s.SetTimeout(2);
+  s.SetPlainMode(false).Ignore();
+  EXPECT_EQ(s.Connect("127.0.0.1", server.port()), SecureTransportError(kTlsEngineNotTls));
+  EXPECT_FALSE(s.connected());
+  EXPECT_TRUE(s.tls_failed());
+  EXPECT_EQ(s.last_tls_error(), kTlsEngineNotTls);
+  EXPECT_FALSE(s.tls_error_detail().empty());
+}
+
+TEST_F(TlsTest, FlaggedCertificateNeedsTheDecision) {
+  struct Row {
+    const char* name;
+    bool callback;
+    bool answer;
+    Result want;
+  };
+  const Row rows[] = {
+      {"no callback", false, false, SecureTransportError(kTlsEngineCertificateRefused)},
+      {"refused", true, false, SecureTransportError(kTlsEngineCertificateRefused)},
+      {"accepted", true, true, rc::kOk},
+  };
+  for (const Row& row : rows) {
+    ScriptServer server(Script().StartTls().ServerLine("+OK").Silence(), certs_->self_signed);
+    Decider decider;
+    decider.answer = row.answer;
+    CMailSocket s;
+    s.SetTimeout(2);
+    if (row.callback) s.SetCertificateCallback(&decider, &Decider::Decide);
+    s.SetPlainMode(false).Ignore();
+    EXPECT_EQ(s.Connect("localhost", server.port()), row.want) << row.name;
+    if (row.callback) {
+      EXPECT_EQ(decider.flags, std::vector<uint32_t>{kCertUntrustedRoot}) << row.name;
+      EXPECT_NE(decider.subject.find("localhost"), std::string::npos) << row.name;
+    }
+    std::string line;
+    if (row.want.ok()) {
+      EXPECT_EQ(s.ReadLine(&line), rc::kOk) << row.name;
+    }
+  }
+}
+
+TEST_F(TlsTest, FailuresInsideTls) {
+  struct Row {
+    const char* name;
+    Script after_handshake;
+    Result want;
+  };
+  const Row rows[] = {
+      {"silence", Script().Silence(), rc::kSockTimedOut},
+      {"close mid-line", Script().Server("partial li").Close(), rc::kSockClosed},
+      {"reset mid-line", Script().Server("partial li").Fail(rc::kFail), rc::kSockClosed},
+  };
+  for (const Row& row : rows) {
+    Script script = Script().StartTls();
+    for (const Script::Step& step : row.after_handshake.steps()) {
+      if (step.kind == Script::Step::kServer) script.Server(step.bytes);
+      if (step.kind == Script::Step::kSilence) script.Silence();
+      if (step.kind == Script::Step::kClose) script.Close();
+      if (step.kind == Script::Step::kFail) script.Fail(step.code);
+    }
+    ScriptServer server(script, certs_->server);
+    CMailSocket s;
+    s.SetTimeout(1);
+    s.SetPlainMode(false).Ignore();
+    ASSERT_EQ(s.Connect("localhost", server.port()), rc::kOk) << row.name;
+    std::string line;
+    EXPECT_EQ(s.ReadLine(&line), row.want) << row.name;
+    EXPECT_EQ(s.connected(), row.want == rc::kSockTimedOut) << row.name;
+  }
+}
+
+TEST_F(TlsTest, BulkBytesArriveIntact) {
+  std::string down, up;
+  for (int i = 0; i < 300000; ++i) down.push_back(static_cast<char>((i * 31) ^ (i >> 8)));
+  for (int i = 0; i < 200000; ++i) up.push_back(static_cast<char>(i * 13));
+  ScriptServer server(Script().StartTls().Server(down).Client(up), certs_->server);
+  CMailSocket s;
+  s.SetTimeout(5);
+  s.SetPlainMode(false).Ignore();
+  ASSERT_EQ(s.Connect("localhost", server.port()), rc::kOk);
+  std::string got(down.size(), '\0');
+  ASSERT_EQ(s.ReceiveExact(got.data(), got.size()), rc::kOk);
+  EXPECT_TRUE(got == down);
+  ASSERT_EQ(s.SendAll(up.data(), up.size()), rc::kOk);
+  s.Close().Ignore();
+  EXPECT_EQ(server.Finish(), "");
+}
+
+TEST_F(TlsTest, NoVersionEnabled) {
+  ScriptServer server(Script().StartTls(), certs_->server);
+  CMailSocket s;
+  s.SetTimeout(2);
+  s.SetTlsVersions(0);
+  s.SetPlainMode(false).Ignore();
+  EXPECT_EQ(s.Connect("localhost", server.port()), SecureTransportError(kTlsEngineSetup));
+  EXPECT_FALSE(s.connected());
+}
+
+}  // namespace
+}  // namespace trv

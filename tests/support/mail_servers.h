@@ -1,0 +1,131 @@
+// The test harness for real servers on 127.0.0.1, used by every network test
+// and benchmark. One MailServers per test process starts each server the
+// first time a test asks for it, inside a temporary directory (mode 711), on
+// free high ports, and stops them all by process id when the process ends
+// (SIGTERM, then SIGKILL). Servers are children of the test process and die
+// with it.
+//
+//   Dovecot   IMAP with STARTTLS, IMAPS, POP3 with STLS, POP3S; passwd-file
+//             users with {PLAIN} passwords (PLAIN, LOGIN, CRAM-MD5, APOP);
+//             maildirs owned by the mail user. Its IMAPS and POP3S ports
+//             also serve the negative certificates by local address:
+//             127.0.0.2 expired, 127.0.0.3 self-signed, 127.0.0.4 another
+//             name.
+//   Postfix   SMTP with STARTTLS and AUTH (checked by Dovecot), SMTPS;
+//             delivers to local users through Dovecot's LMTP into the same
+//             maildirs; never relays.
+//   Dante     SOCKS 4 and SOCKS 5, without authentication or with user name
+//             and password of a system user (created with useradd).
+//   microsocks  SOCKS 5 without, and on a second port with, user/password.
+//   ssh -D    SOCKS 4 and 4A through an sshd on loopback.
+//
+// Certificates come from tests/support/certificates.h; trust the test CA
+// (TlsEngine::AddTrustedCertificates) to see the valid one without flags.
+//
+// The harness needs root (Dovecot's mail user, Dante's system user, sshd):
+// CI runs as root. A server whose program is not installed, or a run without
+// root, makes the test skip with the reason, unless the environment variable
+// CI is "true": then it fails. A server that is installed but does not start
+// always fails the test, with the end of its log.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/certificates.h"
+#include "tests/support/temp_dir.h"
+
+namespace trv::test {
+
+struct ServerStatus {
+  bool ok = true;
+  bool missing = false;  // not installed, or no root: a reason to skip outside CI
+  std::string message;
+};
+
+struct MailUser {
+  std::string name;
+  std::string password;
+};
+
+struct ServerPorts {
+  uint16_t imap = 0, imaps = 0, pop3 = 0, pop3s = 0;
+  uint16_t smtp = 0, smtps = 0;
+  uint16_t dante = 0;
+  uint16_t microsocks = 0, microsocks_auth = 0;
+  uint16_t ssh_socks = 0, sshd = 0;
+};
+
+// Whether this run is CI's (CI=true), where nothing may be skipped.
+bool InCi();
+
+class MailServers {
+ public:
+  static MailServers& Instance();
+  ~MailServers();
+
+  ServerStatus Dovecot();
+  ServerStatus Postfix();     // starts Dovecot too
+  ServerStatus Dante();
+  ServerStatus Microsocks();
+  ServerStatus SshSocks();
+
+  const ServerPorts& ports() const { return ports_; }
+  const TestCertificates& certificates() const { return *certs_; }
+
+  // Mail users of Dovecot and Postfix.
+  static const MailUser& Alice();  // alice / alice-secret
+  static const MailUser& Bob();    // bob / "bob pass"
+  // The system user for Dante's user/password method, the microsocks user.
+  static const MailUser& DanteUser();
+  static const MailUser& MicrosocksUser();
+
+  // The user's Maildir (cur, new, tmp), made on first use.
+  std::filesystem::path Maildir(const std::string& user);
+  // Drops a message file straight into the user's Maildir/new, where
+  // Dovecot finds it on the next IMAP or POP3 session. Fast mailbox filling
+  // for tests and benchmarks. Returns the file's path, "" on failure.
+  std::filesystem::path Deliver(const std::string& user, const std::string& message);
+  // The message files in Maildir/new and cur.
+  std::vector<std::filesystem::path> Messages(const std::string& user);
+
+  const std::filesystem::path& dir() const { return dir_.path(); }
+
+ private:
+  MailServers();
+  ServerStatus Prepare();
+  ServerStatus StartDovecot();
+  ServerStatus StartPostfix();
+  ServerStatus StartDante();
+  ServerStatus StartMicrosocks();
+  ServerStatus StartSsh();
+  ServerStatus Launch(const std::string& name, const std::vector<std::string>& argv,
+                      const std::vector<std::pair<std::string, uint16_t>>& ports, pid_t* pid);
+  std::string LogTail(const std::string& name) const;
+
+  TempDir dir_;
+  const TestCertificates* certs_ = nullptr;
+  ServerPorts ports_;
+  std::vector<pid_t> pids_;
+  std::unique_ptr<ServerStatus> prepared_, dovecot_, postfix_, dante_, microsocks_, ssh_;
+};
+
+}  // namespace trv::test
+
+// Ends the test with a skip or a failure when the server is not there:
+//   TRV_REQUIRE_SERVER(MailServers::Instance().Dovecot());
+#define TRV_REQUIRE_SERVER(status_expr)                                                  \
+  do {                                                                                   \
+    const ::trv::test::ServerStatus trv_status_ = (status_expr);                         \
+    if (!trv_status_.ok) {                                                               \
+      if (trv_status_.missing && !::trv::test::InCi()) GTEST_SKIP() << trv_status_.message; \
+      FAIL() << trv_status_.message;                                                     \
+    }                                                                                    \
+  } while (0)
