@@ -1,0 +1,331 @@
+#include "mime/codec_streams.h"
+
+#include "mime/quoted_printable.h"
+
+namespace trv {
+
+namespace {
+constexpr char kB64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// Base64 symbol values; -1 blank or line end, -2 padding, -3 other.
+struct B64Table {
+  int8_t v[256];
+  constexpr B64Table() : v() {
+    for (int i = 0; i < 256; ++i) v[i] = -3;
+    for (int i = 0; i < 64; ++i) v[static_cast<unsigned char>(kB64[i])] = static_cast<int8_t>(i);
+    v['\r'] = v['\n'] = v[' '] = v['\t'] = -1;
+    v['='] = -2;
+  }
+};
+constexpr B64Table kB64Table;
+
+int HexValue(unsigned char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  return -1;
+}
+
+// Bytes with a meaning of their own to the quoted-printable decoder.
+struct QpSpecial {
+  bool v[256];
+  constexpr QpSpecial() : v() {
+    v['='] = v[' '] = v['\t'] = v['\r'] = v['\n'] = true;
+  }
+};
+constexpr QpSpecial kQpSpecial;
+}  // namespace
+
+// --- CXmFilterStream
+
+CXmFilterStream::CXmFilterStream(CXmStream& next, size_t buffer_size)
+    : next_(next), buffer_size_(buffer_size ? buffer_size : 1) {}
+
+Result CXmFilterStream::Read(void*, size_t, size_t* got) {
+  *got = 0;
+  return rc::kNotImplemented;
+}
+
+Result CXmFilterStream::Seek(int64_t, SeekOrigin) { return rc::kNotImplemented; }
+
+Result CXmFilterStream::Write(const void* buf, size_t size) {
+  if (finished_) return rc::kFail;
+  Filter(static_cast<const unsigned char*>(buf), size);
+  written_ += size;
+  return Drain(false);
+}
+
+Result CXmFilterStream::Drain(bool force) {
+  if (out_.empty() || (!force && out_.size() < buffer_size_)) return rc::kOk;
+  Result r = next_.Write(out_);
+  out_.clear();
+  return r;
+}
+
+Result CXmFilterStream::Finish() {
+  if (finished_) return rc::kOk;
+  finished_ = true;
+  End();
+  return Drain(true);
+}
+
+// --- CXmCopyFilter
+
+void CXmCopyFilter::Filter(const unsigned char* p, size_t n) {
+  out_.append(reinterpret_cast<const char*>(p), n);
+}
+
+// --- CXmBase64Encoder
+
+CXmBase64Encoder::CXmBase64Encoder(CXmStream& next, int line_width, size_t buffer_size)
+    : CXmFilterStream(next, buffer_size), line_width_(line_width) {}
+
+void CXmBase64Encoder::Put(char c) {
+  if (line_width_ > 0 && column_ == line_width_) {
+    out_ += "\r\n";
+    column_ = 0;
+  }
+  out_.push_back(c);
+  ++column_;
+}
+
+void CXmBase64Encoder::Filter(const unsigned char* p, size_t n) {
+  size_t i = 0;
+  while (held_count_ > 0 && held_count_ < 3 && i < n) {
+    if (held_count_ == 2) {
+      const uint32_t v = uint32_t(held_[0]) << 16 | uint32_t(held_[1]) << 8 | p[i++];
+      Put(kB64[v >> 18]);
+      Put(kB64[(v >> 12) & 63]);
+      Put(kB64[(v >> 6) & 63]);
+      Put(kB64[v & 63]);
+      held_count_ = 0;
+    } else {
+      held_[held_count_++] = p[i++];
+    }
+  }
+  out_.reserve(out_.size() + (n - i) / 3 * 4 + (n - i) / 38 + 8);
+  for (; i + 3 <= n; i += 3) {
+    const uint32_t v = uint32_t(p[i]) << 16 | uint32_t(p[i + 1]) << 8 | p[i + 2];
+    Put(kB64[v >> 18]);
+    Put(kB64[(v >> 12) & 63]);
+    Put(kB64[(v >> 6) & 63]);
+    Put(kB64[v & 63]);
+  }
+  for (; i < n; ++i) held_[held_count_++] = p[i];
+}
+
+void CXmBase64Encoder::End() {
+  if (held_count_ == 0) return;
+  uint32_t v = uint32_t(held_[0]) << 16;
+  if (held_count_ == 2) v |= uint32_t(held_[1]) << 8;
+  Put(kB64[v >> 18]);
+  Put(kB64[(v >> 12) & 63]);
+  Put(held_count_ == 2 ? kB64[(v >> 6) & 63] : '=');
+  Put('=');
+  held_count_ = 0;
+}
+
+// --- CXmBase64Decoder
+
+CXmBase64Decoder::CXmBase64Decoder(CXmStream& next, int, size_t buffer_size)
+    : CXmFilterStream(next, buffer_size) {}
+
+void CXmBase64Decoder::EndGroup() {
+  if (count_ == 2) {
+    out_.push_back(static_cast<char>(acc_ >> 4));
+  } else if (count_ == 3) {
+    out_.push_back(static_cast<char>(acc_ >> 10));
+    out_.push_back(static_cast<char>(acc_ >> 2));
+  } else if (count_ == 1) {
+    clean_ = false;
+  }
+  acc_ = 0;
+  count_ = 0;
+}
+
+void CXmBase64Decoder::Filter(const unsigned char* p, size_t n) {
+  const size_t start = out_.size();
+  out_.resize(start + n / 4 * 3 + 3);
+  char* o = out_.data() + start;
+  uint32_t acc = acc_;
+  int count = count_;
+  for (size_t i = 0; i < n; ++i) {
+    const int v = kB64Table.v[p[i]];
+    if (v >= 0) {
+      acc = acc << 6 | static_cast<uint32_t>(v);
+      if (++count == 4) {
+        o[0] = static_cast<char>(acc >> 16);
+        o[1] = static_cast<char>(acc >> 8);
+        o[2] = static_cast<char>(acc);
+        o += 3;
+        acc = 0;
+        count = 0;
+      }
+    } else if (v == -2) {
+      if (count) {
+        out_.resize(static_cast<size_t>(o - out_.data()));
+        acc_ = acc;
+        count_ = count;
+        EndGroup();
+        const size_t at = out_.size();
+        out_.resize(at + (n - i) / 4 * 3 + 3);
+        o = out_.data() + at;
+        acc = 0;
+        count = 0;
+      }
+    } else if (v == -3) {
+      clean_ = false;
+    }
+  }
+  out_.resize(static_cast<size_t>(o - out_.data()));
+  acc_ = acc;
+  count_ = count;
+}
+
+void CXmBase64Decoder::End() { EndGroup(); }
+
+// --- CXmQpEncoder
+
+CXmQpEncoder::CXmQpEncoder(CXmStream& next, int line_width, size_t buffer_size)
+    : CXmFilterStream(next, buffer_size), line_width_(line_width) {}
+
+void CXmQpEncoder::PutToken(const char* token, int length) {
+  if (line_width_ > 1 && column_ + length > line_width_ - 1) {
+    out_ += "=\r\n";
+    column_ = 0;
+  }
+  out_.append(token, static_cast<size_t>(length));
+  column_ += length;
+}
+
+void CXmQpEncoder::Filter(const unsigned char* p, size_t n) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  for (size_t i = 0; i < n; ++i) {
+    if (space_held_) {
+      PutToken(" ", 1);
+      space_held_ = false;
+    }
+    const unsigned char b = p[i];
+    if (b == ' ') {
+      space_held_ = true;
+    } else if (QpEncodedLength(b) == 1) {
+      const char c = static_cast<char>(b);
+      PutToken(&c, 1);
+    } else {
+      const char esc[3] = {'=', kHex[b >> 4], kHex[b & 15]};
+      PutToken(esc, 3);
+    }
+  }
+}
+
+void CXmQpEncoder::End() {
+  if (space_held_) PutToken("=20", 3);
+  space_held_ = false;
+}
+
+// --- CXmQpDecoder
+
+CXmQpDecoder::CXmQpDecoder(CXmStream& next, int, size_t buffer_size)
+    : CXmFilterStream(next, buffer_size) {}
+
+void CXmQpDecoder::Step(unsigned char c) {
+  switch (state_) {
+    case kText:
+      if (c == ' ' || c == '\t') {
+        blanks_.push_back(static_cast<char>(c));
+      } else if (c == '\r' || c == '\n') {
+        blanks_.clear();  // blanks before a line end were added in transport
+        out_.push_back(static_cast<char>(c));
+      } else {
+        out_ += blanks_;
+        blanks_.clear();
+        if (c == '=') {
+          state_ = kEquals;
+        } else {
+          out_.push_back(static_cast<char>(c));
+        }
+      }
+      return;
+    case kEquals:
+      if (HexValue(c) >= 0) {
+        first_hex_ = c;
+        state_ = kHex;
+      } else if (c == '\r') {
+        state_ = kSoftCr;
+      } else if (c == '\n') {
+        state_ = kText;
+      } else if (c == ' ' || c == '\t') {
+        blanks_.push_back(static_cast<char>(c));
+        state_ = kEqualsBlank;
+      } else {
+        clean_ = false;
+        out_.push_back('=');
+        state_ = kText;
+        Step(c);
+      }
+      return;
+    case kHex:
+      state_ = kText;
+      if (HexValue(c) >= 0) {
+        out_.push_back(static_cast<char>(HexValue(first_hex_) << 4 | HexValue(c)));
+      } else {
+        clean_ = false;
+        out_.push_back('=');
+        out_.push_back(static_cast<char>(first_hex_));
+        Step(c);
+      }
+      return;
+    case kSoftCr:
+      state_ = kText;
+      if (c != '\n') Step(c);  // "=" CR without LF: still a soft break
+      return;
+    case kEqualsBlank:
+      if (c == ' ' || c == '\t') {
+        blanks_.push_back(static_cast<char>(c));
+      } else if (c == '\r' || c == '\n') {
+        blanks_.clear();  // "=" with blanks added in transport: a soft break
+        state_ = c == '\r' ? kSoftCr : kText;
+      } else {
+        clean_ = false;
+        out_.push_back('=');
+        state_ = kText;
+        Step(c);  // the held blanks go out before c
+      }
+      return;
+  }
+}
+
+void CXmQpDecoder::Filter(const unsigned char* p, size_t n) {
+  size_t i = 0;
+  while (i < n) {
+    if (state_ == kText && blanks_.empty()) {
+      // Fast path: copy a run of ordinary bytes at once.
+      size_t j = i;
+      while (j < n && !kQpSpecial.v[p[j]]) ++j;
+      out_.append(reinterpret_cast<const char*>(p + i), j - i);
+      i = j;
+      if (i == n) break;
+    }
+    Step(p[i++]);
+  }
+}
+
+void CXmQpDecoder::End() {
+  switch (state_) {
+    case kEquals:
+      clean_ = false;
+      out_.push_back('=');
+      break;
+    case kHex:
+      clean_ = false;
+      out_.push_back('=');
+      out_.push_back(static_cast<char>(first_hex_));
+      break;
+    default:
+      break;
+  }
+  blanks_.clear();
+  state_ = kText;
+}
+
+}  // namespace trv
