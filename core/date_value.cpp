@@ -42,9 +42,10 @@ double DateFromCivil(const CivilTime& t) {
 
 CivilTime CivilFromDate(double date) {
   if (!std::isfinite(date)) date = 0;
-  // Clamp to years 1..9999 and beyond, far outside anything read or written.
-  if (date < -693593.0) date = -693593.0;
-  if (date > 2958465.0) date = 2958465.0;
+  // Clamp far outside anything read or written (about 27,000 years either
+  // way), so the millisecond count cannot overflow.
+  if (date < -1e7) date = -1e7;
+  if (date > 1e7) date = 1e7;
   const int64_t total_ms = static_cast<int64_t>(std::llround(date * kMsPerDay));
   int64_t days = total_ms / kMsPerDay;
   int64_t ms = total_ms % kMsPerDay;

@@ -20,6 +20,21 @@ bool IsSpecial(char16_t c) {
          c == u'(' || c == u')' || c == u'"' || c == u'[' || c == u']' || c == u'\\';
 }
 
+// The end of an encoded word starting at s[i] ("=?cs?X?text?="), or 0. Such a
+// word is one atom even when its text holds specials such as "," (our header
+// writer copies them as they are).
+size_t EncodedWordEnd(WStringView s, size_t i) {
+  if (i + 1 >= s.size() || s[i] != u'=' || s[i + 1] != u'?') return 0;
+  int marks = 0;
+  for (size_t j = i + 2; j < s.size(); ++j) {
+    const char16_t c = s[j];
+    if (IsBlank(c) || c < 0x21 || c > 0x7E) return 0;
+    if (c != u'?') continue;
+    if (++marks == 3) return j + 1 < s.size() && s[j + 1] == u'=' ? j + 2 : 0;
+  }
+  return 0;
+}
+
 struct Tokens {
   std::vector<Token> list;
   std::vector<WString> comments;  // comment text per token index (the comment after it)
@@ -81,7 +96,8 @@ void Tokenize(WStringView s, Tokens* out) {
       push(Tok::kSpecial, WString(1, c));
       ++i;
     } else {
-      size_t j = i;
+      size_t j = EncodedWordEnd(s, i);
+      if (j == 0) j = i;
       while (j < n && !IsBlank(s[j]) && !IsSpecial(s[j])) ++j;
       push(Tok::kAtom, WString(s.substr(i, j - i)));
       i = j;
@@ -190,12 +206,17 @@ class Parser {
         if (!c_[k].empty()) a.name = DecodeHeaderText(TrimView(c_[k]));
       }
     } else {
-      // No address sign: a single word is taken as an address, more as a name.
+      // No address sign: a single atom is taken as an address (a local user),
+      // anything else as a name.
       size_t words = 0;
-      for (size_t k = i; k < j; ++k) words += !(t_[k].kind == Tok::kSpecial && t_[k].text.empty());
-      if (words == 1) {
+      bool quoted = false;
+      for (size_t k = i; k < j; ++k) {
+        words += !(t_[k].kind == Tok::kSpecial && t_[k].text.empty());
+        quoted = quoted || t_[k].kind == Tok::kQuoted;
+      }
+      if (words == 1 && !quoted) {
         a.address = AddrSpec(t_, i, j);
-      } else if (words > 1) {
+      } else if (words > 0) {
         a.name = Phrase(t_, i, j);
       }
       if (a.name.empty()) {

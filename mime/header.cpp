@@ -154,7 +154,7 @@ CXmHeaderField& CXmHeader::SetValue(WStringView name, WString value) {
     f->set_value(std::move(value));
     return *f;
   }
-  fields_.emplace_back(WString(name), std::move(value));
+  fields_.push_back(CXmHeaderField(WString(name), std::move(value)));
   return fields_.back();
 }
 

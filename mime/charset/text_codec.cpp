@@ -396,7 +396,14 @@ CharsetId ResolveUncached(const std::string& lower) {
     id.kind = e->kind;
     return id;
   }
-  // Any other name iconv knows.
+  // Any other name iconv knows. An empty name would mean the locale's set to
+  // iconv, and "/" would pass options; neither is a charset name.
+  if (lower.empty() || lower.size() > 64) return id;
+  for (char c : lower) {
+    const bool ok = (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.' ||
+                    c == ':' || c == '+';
+    if (!ok) return id;
+  }
   iconv_t cd = iconv_open("UTF-16LE", lower.c_str());
   if (cd != kBadIconv) {
     iconv_close(cd);
