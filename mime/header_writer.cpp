@@ -1,5 +1,6 @@
 #include "mime/header_writer.h"
 
+#include <algorithm>
 #include <climits>
 
 #include "mime/charset/converter.h"
@@ -31,7 +32,9 @@ class LineFolder {
     if (line_.size() + 1 >= limit) TryFold();
     if (IsBlank(static_cast<unsigned char>(c)) && folded_ && line_.size() == 1) return;  // no doubled blank
     if (c == ';') last_semi_ = line_.size();
-    if (IsBlank(static_cast<unsigned char>(c)) && line_.size() > start()) last_blank_ = line_.size();
+    if (IsBlank(static_cast<unsigned char>(c)) && line_.size() > std::max(start(), value_start_)) {
+      last_blank_ = line_.size();
+    }
     line_.push_back(c);
   }
 
@@ -49,6 +52,12 @@ class LineFolder {
   }
 
   size_t size() const { return line_.size(); }
+  // Blanks before this point of the first line (the one after "Name:") are
+  // no place to fold: the line would not get any shorter.
+  void MarkValueStart() {
+    value_start_ = line_.size();
+    last_blank_ = std::string::npos;
+  }
   size_t start() const { return folded_ ? 1 : 0; }
 
   void Finish() {
@@ -76,6 +85,7 @@ class LineFolder {
     line_ += rest;
     if (line_.empty()) line_ = " ";
     folded_ = true;
+    value_start_ = 0;
     has_word_ = rest.find("=?") != std::string::npos;
     last_semi_ = last_blank_ = std::string::npos;
     for (size_t i = 1; i < line_.size(); ++i) {
@@ -90,6 +100,7 @@ class LineFolder {
   bool has_word_ = false;
   size_t last_semi_ = std::string::npos;
   size_t last_blank_ = std::string::npos;
+  size_t value_start_ = 0;
 };
 
 class FieldWriter {
@@ -99,6 +110,8 @@ class FieldWriter {
     auto cs = CreateCharset(o.sending_charset);
     charset_name_ = cs ? cs->Name() : o.sending_charset;
   }
+
+  void MarkValueStart() { folder_.MarkValueStart(); }
 
   void Text(WStringView text) {
     size_t i = 0;
@@ -239,6 +252,7 @@ Result WriteHeaderField(const CXmHeaderField& field, const HeaderWriteOptions& o
   FieldWriter w(options, out);
   w.Text(field.name());
   w.Text(u": ");
+  w.MarkValueStart();
   w.Text(field.value());
   for (const CXmParameter& p : field.params()) {
     w.Text(u"; ");
