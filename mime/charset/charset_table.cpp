@@ -9,9 +9,9 @@ using K = CodecKind;
 
 constexpr TableEntry kTable[] = {
     {"us-ascii", "ASCII", "US-ASCII", K::kAscii, true},
-    {"utf-8", "UTF-8", "Unicode (UTF-8)", K::kIconv, true},
+    {"utf-8", "UTF-8", "Unicode (UTF-8)", K::kUtf8, true},
     {"utf-16", "UTF-16LE", "Unicode (UTF-16)", K::kUtf16, false},
-    {"iso-8859-1", "ISO-8859-1", "Western European (ISO)", K::kIconv, true},
+    {"iso-8859-1", "ISO-8859-1", "Western European (ISO)", K::kLatin1, true},
     {"iso-8859-15", "ISO-8859-15", "Latin 9 (ISO)", K::kIconv, true},
     {"windows-1252", "CP1252", "Western European (Windows)", K::kIconv, true},
     {"iso-8859-2", "ISO-8859-2", "Central European (ISO)", K::kIconv, true},

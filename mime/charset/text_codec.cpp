@@ -125,6 +125,65 @@ class FallbackDecoder final : public TextDecoder {
   std::string pending_;
 };
 
+// UTF-8 without iconv; each byte of a malformed sequence becomes U+FFFD.
+class Utf8Decoder final : public TextDecoder {
+ public:
+  explicit Utf8Decoder(bool strict) : strict_(strict) {}
+  bool Decode(std::string_view bytes, bool last, WString* out) override {
+    if (stopped_) return false;
+    std::string joined;
+    if (!pending_.empty()) {
+      joined = pending_ + std::string(bytes);
+      bytes = joined;
+      pending_.clear();
+    }
+    const auto* p = reinterpret_cast<const uint8_t*>(bytes.data());
+    const size_t n = bytes.size();
+    out->reserve(out->size() + n);
+    size_t i = 0;
+    while (i < n) {
+      if (p[i] < 0x80) {
+        out->push_back(p[i++]);
+        continue;
+      }
+      uint32_t cp = 0;
+      const int len = Utf8SequenceLength(p + i, n - i, &cp);
+      if (len < 0 && !last) {
+        pending_.assign(bytes.substr(i));
+        break;
+      }
+      if (len <= 0) {
+        failed_ = true;
+        if (strict_) {
+          stopped_ = true;
+          return false;
+        }
+        out->push_back(kReplacement);
+        i = len < 0 ? n : i + 1;  // a sequence cut off by the end is one character
+      } else {
+        AppendCodePoint(cp, out);
+        i += static_cast<size_t>(len);
+      }
+    }
+    return !failed_;
+  }
+
+ private:
+  bool strict_;
+  bool failed_ = false;
+  bool stopped_ = false;
+  std::string pending_;
+};
+
+class Latin1Decoder final : public TextDecoder {
+ public:
+  bool Decode(std::string_view bytes, bool, WString* out) override {
+    out->reserve(out->size() + bytes.size());
+    for (unsigned char b : bytes) out->push_back(b);
+    return true;
+  }
+};
+
 class Utf16Decoder final : public TextDecoder {
  public:
   bool Decode(std::string_view bytes, bool last, WString* out) override {
@@ -178,10 +237,13 @@ class Utf16Encoder final : public TextEncoder {
   }
 };
 
-// ASCII out; anything else is "?". Also UTF-8 out for unknown sets (fails).
+// ASCII or ISO 8859-1 out, anything else is "?"; or UTF-8 out, where an
+// unpaired surrogate is U+FFFD. `fails` makes every call report failure (the
+// UTF-8 written for an unknown set).
 class SimpleEncoder final : public TextEncoder {
  public:
-  SimpleEncoder(bool utf8, bool strict) : utf8_(utf8), strict_(strict) {}
+  enum Form { kAscii, kLatin1, kUtf8 };
+  SimpleEncoder(Form form, bool strict, bool fails = false) : form_(form), strict_(strict), fails_(fails) {}
   bool Encode(WStringView text, bool last, std::string* out) override {
     if (stopped_) return false;
     WString joined;
@@ -191,14 +253,27 @@ class SimpleEncoder final : public TextEncoder {
       held_.clear();
     }
     text = HoldTrailingHigh(text, last, &held_);
-    if (utf8_) {
+    if (form_ == kUtf8) {
+      bool ok = !fails_;
+      for (size_t i = 0; i < text.size(); ++i) {
+        const bool pair = IsHigh(text[i]) && i + 1 < text.size() && IsLow(text[i + 1]);
+        if (!pair && (IsHigh(text[i]) || IsLow(text[i]))) {
+          ok = false;
+          if (strict_) {
+            stopped_ = true;
+            return false;
+          }
+        }
+        i += pair;
+      }
       out->append(WideToUtf8(text));
-      return false;
+      return ok;
     }
+    const char16_t max = form_ == kAscii ? 0x7F : 0xFF;
     bool ok = true;
     for (size_t i = 0; i < text.size(); ++i) {
       const char16_t c = text[i];
-      if (c < 0x80) {
+      if (c <= max) {
         out->push_back(static_cast<char>(c));
         continue;
       }
@@ -214,8 +289,9 @@ class SimpleEncoder final : public TextEncoder {
   }
 
  private:
-  bool utf8_;
+  Form form_;
   bool strict_;
+  bool fails_;
   bool stopped_ = false;
   WString held_;
 };
@@ -438,6 +514,8 @@ std::unique_ptr<TextDecoder> MakeDecoder(const CharsetId& id, bool strict) {
   switch (id.kind) {
     case CodecKind::kAscii: return std::make_unique<FallbackDecoder>(true);
     case CodecKind::kUnknown: return std::make_unique<FallbackDecoder>(false);
+    case CodecKind::kUtf8: return std::make_unique<Utf8Decoder>(strict);
+    case CodecKind::kLatin1: return std::make_unique<Latin1Decoder>();
     case CodecKind::kUtf16: return std::make_unique<Utf16Decoder>();
     case CodecKind::kImapUtf7: return std::make_unique<ImapUtf7Decoder>(strict);
     case CodecKind::kIconv: break;
@@ -449,14 +527,16 @@ std::unique_ptr<TextDecoder> MakeDecoder(const CharsetId& id, bool strict) {
 
 std::unique_ptr<TextEncoder> MakeEncoder(const CharsetId& id, bool strict) {
   switch (id.kind) {
-    case CodecKind::kAscii: return std::make_unique<SimpleEncoder>(false, strict);
-    case CodecKind::kUnknown: return std::make_unique<SimpleEncoder>(true, strict);
+    case CodecKind::kAscii: return std::make_unique<SimpleEncoder>(SimpleEncoder::kAscii, strict);
+    case CodecKind::kLatin1: return std::make_unique<SimpleEncoder>(SimpleEncoder::kLatin1, strict);
+    case CodecKind::kUtf8: return std::make_unique<SimpleEncoder>(SimpleEncoder::kUtf8, strict);
+    case CodecKind::kUnknown: return std::make_unique<SimpleEncoder>(SimpleEncoder::kUtf8, strict, true);
     case CodecKind::kUtf16: return std::make_unique<Utf16Encoder>();
     case CodecKind::kImapUtf7: return std::make_unique<ImapUtf7Encoder>();
     case CodecKind::kIconv: break;
   }
   iconv_t cd = iconv_open(id.system_name.c_str(), "UTF-16LE");
-  if (cd == kBadIconv) return std::make_unique<SimpleEncoder>(true, strict);
+  if (cd == kBadIconv) return std::make_unique<SimpleEncoder>(SimpleEncoder::kUtf8, strict, true);
   return std::make_unique<IconvEncoder>(cd, strict);
 }
 

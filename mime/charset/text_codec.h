@@ -32,6 +32,8 @@ class TextEncoder {
 enum class CodecKind {
   kIconv,     // through iconv with `system_name`
   kAscii,     // "us-ascii": lenient decoding, ASCII encoding
+  kUtf8,      // built in: the commonest sets are converted without iconv
+  kLatin1,    // built in: ISO 8859-1
   kUtf16,     // the internal form: UTF-16LE, a leading byte-order mark honoured when read
   kImapUtf7,  // modified UTF-7 of IMAP mailbox names
   kUnknown,   // not known: fallback decoding, UTF-8 encoding, both report failure
