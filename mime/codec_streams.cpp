@@ -150,6 +150,21 @@ void CXmBase64Decoder::Filter(const unsigned char* p, size_t n) {
   uint32_t acc = acc_;
   int count = count_;
   for (size_t i = 0; i < n; ++i) {
+    // Whole groups of four symbols at once while the input is clean.
+    while (count == 0 && i + 4 <= n) {
+      const int a = kB64Table.v[p[i]];
+      const int b = kB64Table.v[p[i + 1]];
+      const int c = kB64Table.v[p[i + 2]];
+      const int d = kB64Table.v[p[i + 3]];
+      if ((a | b | c | d) < 0) break;
+      const uint32_t v = uint32_t(a) << 18 | uint32_t(b) << 12 | uint32_t(c) << 6 | uint32_t(d);
+      o[0] = static_cast<char>(v >> 16);
+      o[1] = static_cast<char>(v >> 8);
+      o[2] = static_cast<char>(v);
+      o += 3;
+      i += 4;
+    }
+    if (i >= n) break;
     const int v = kB64Table.v[p[i]];
     if (v >= 0) {
       acc = acc << 6 | static_cast<uint32_t>(v);
@@ -224,9 +239,20 @@ void CXmQpEncoder::End() {
 }
 
 // --- CXmQpDecoder
+//
+// Filter() sizes out_ once for the worst case of the piece (every input byte
+// plus the held blanks and a held "=X"), writes through Put() and trims at
+// the end, so the hot loop does no allocation.
 
 CXmQpDecoder::CXmQpDecoder(CXmStream& next, int, size_t buffer_size)
     : CXmFilterStream(next, buffer_size) {}
+
+inline void CXmQpDecoder::Put(char c) { out_[write_++] = c; }
+
+void CXmQpDecoder::PutBlanks() {
+  for (char b : blanks_) Put(b);
+  blanks_.clear();
+}
 
 void CXmQpDecoder::Step(unsigned char c) {
   switch (state_) {
@@ -235,14 +261,13 @@ void CXmQpDecoder::Step(unsigned char c) {
         blanks_.push_back(static_cast<char>(c));
       } else if (c == '\r' || c == '\n') {
         blanks_.clear();  // blanks before a line end were added in transport
-        out_.push_back(static_cast<char>(c));
+        Put(static_cast<char>(c));
       } else {
-        out_ += blanks_;
-        blanks_.clear();
+        PutBlanks();
         if (c == '=') {
           state_ = kEquals;
         } else {
-          out_.push_back(static_cast<char>(c));
+          Put(static_cast<char>(c));
         }
       }
       return;
@@ -259,7 +284,7 @@ void CXmQpDecoder::Step(unsigned char c) {
         state_ = kEqualsBlank;
       } else {
         clean_ = false;
-        out_.push_back('=');
+        Put('=');
         state_ = kText;
         Step(c);
       }
@@ -267,11 +292,11 @@ void CXmQpDecoder::Step(unsigned char c) {
     case kHex:
       state_ = kText;
       if (HexValue(c) >= 0) {
-        out_.push_back(static_cast<char>(HexValue(first_hex_) << 4 | HexValue(c)));
+        Put(static_cast<char>(HexValue(first_hex_) << 4 | HexValue(c)));
       } else {
         clean_ = false;
-        out_.push_back('=');
-        out_.push_back(static_cast<char>(first_hex_));
+        Put('=');
+        Put(static_cast<char>(first_hex_));
         Step(c);
       }
       return;
@@ -287,7 +312,7 @@ void CXmQpDecoder::Step(unsigned char c) {
         state_ = c == '\r' ? kSoftCr : kText;
       } else {
         clean_ = false;
-        out_.push_back('=');
+        Put('=');
         state_ = kText;
         Step(c);  // the held blanks go out before c
       }
@@ -296,34 +321,67 @@ void CXmQpDecoder::Step(unsigned char c) {
 }
 
 void CXmQpDecoder::Filter(const unsigned char* p, size_t n) {
+  write_ = out_.size();
+  out_.resize(write_ + n + blanks_.size() + 2);
   size_t i = 0;
   while (i < n) {
-    if (state_ == kText && blanks_.empty()) {
-      // Fast path: copy a run of ordinary bytes at once.
-      size_t j = i;
-      while (j < n && !kQpSpecial.v[p[j]]) ++j;
-      out_.append(reinterpret_cast<const char*>(p + i), j - i);
-      i = j;
-      if (i == n) break;
+    if (state_ != kText || !blanks_.empty()) {
+      Step(p[i++]);
+      continue;
     }
-    Step(p[i++]);
+    // The common cases inline with a local write pointer; anything unusual
+    // (a line end after blanks, a malformed or cut "=") goes through Step.
+    char* o = out_.data() + write_;
+    while (i < n) {
+      const unsigned char c = p[i];
+      if (!kQpSpecial.v[c]) {
+        *o++ = static_cast<char>(c);
+        ++i;
+      } else if (c == '=' && i + 2 < n) {
+        const int hi = HexValue(p[i + 1]);
+        const int lo = HexValue(p[i + 2]);
+        if (hi >= 0 && lo >= 0) {
+          *o++ = static_cast<char>(hi << 4 | lo);
+        } else if (p[i + 1] != '\r' || p[i + 2] != '\n') {
+          break;
+        }
+        i += 3;  // an escape, or a soft break
+      } else if (c == ' ' || c == '\t') {
+        // Blanks followed by text in the same piece are data.
+        size_t j = i + 1;
+        while (j < n && (p[j] == ' ' || p[j] == '\t')) ++j;
+        if (j == n || p[j] == '\r' || p[j] == '\n') break;
+        while (i < j) *o++ = static_cast<char>(p[i++]);
+      } else if (c == '\r' || c == '\n') {
+        *o++ = static_cast<char>(c);
+        ++i;
+      } else {
+        break;
+      }
+    }
+    write_ = static_cast<size_t>(o - out_.data());
+    if (i < n) Step(p[i++]);
   }
+  out_.resize(write_);
 }
 
 void CXmQpDecoder::End() {
+  write_ = out_.size();
+  out_.resize(write_ + 2);
   switch (state_) {
     case kEquals:
       clean_ = false;
-      out_.push_back('=');
+      Put('=');
       break;
     case kHex:
       clean_ = false;
-      out_.push_back('=');
-      out_.push_back(static_cast<char>(first_hex_));
+      Put('=');
+      Put(static_cast<char>(first_hex_));
       break;
     default:
       break;
   }
+  out_.resize(write_);
   blanks_.clear();
   state_ = kText;
 }

@@ -143,7 +143,10 @@ class CXmQpDecoder final : public CXmFilterStream {
  private:
   enum State { kText, kEquals, kHex, kSoftCr, kEqualsBlank };
   void Step(unsigned char c);
+  void Put(char c);
+  void PutBlanks();
   State state_ = kText;
+  size_t write_ = 0;        // next byte of out_ to write
   unsigned char first_hex_ = 0;
   std::string blanks_;      // blanks held until it is known whether a line end follows
 };

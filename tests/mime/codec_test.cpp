@@ -155,7 +155,9 @@ TEST(QpStreamTest, LinesStayWithinTheWidthAndEscapesAreNotSplit) {
     if (end == std::string::npos) end = enc.size();
     const std::string line = enc.substr(start, end - start);
     ASSERT_LE(line.size(), 76u) << line;
-    if (end < enc.size()) ASSERT_EQ(line.back(), '=') << "only soft breaks: " << line;
+    if (end < enc.size()) {
+      ASSERT_EQ(line.back(), '=') << "only soft breaks: " << line;
+    }
     // An "=" is always followed by two hexadecimal digits or ends the line.
     for (size_t i = 0; i < line.size(); ++i) {
       if (line[i] == '=' && i + 1 < line.size()) {
