@@ -75,6 +75,24 @@ void CXmCopyFilter::Filter(const unsigned char* p, size_t n) {
   out_.append(reinterpret_cast<const char*>(p), n);
 }
 
+// --- CXmLineEndFilter
+
+void CXmLineEndFilter::Filter(const unsigned char* p, size_t n) {
+  out_.reserve(out_.size() + n + n / 32);
+  for (size_t i = 0; i < n; ++i) {
+    const char c = static_cast<char>(p[i]);
+    if (after_cr_ && c != '\n') out_.push_back('\n');
+    if (c == '\n' && !after_cr_) out_.push_back('\r');
+    out_.push_back(c);
+    after_cr_ = c == '\r';
+  }
+}
+
+void CXmLineEndFilter::End() {
+  if (after_cr_) out_.push_back('\n');
+  after_cr_ = false;
+}
+
 // --- CXmBase64Encoder
 
 CXmBase64Encoder::CXmBase64Encoder(CXmStream& next, int line_width, size_t buffer_size)

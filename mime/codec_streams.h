@@ -67,6 +67,22 @@ class CXmCopyFilter final : public CXmFilterStream {
   void End() override {}
 };
 
+// Turns every bare LF, and every CR not followed by LF, into CR LF; CR LF
+// stays. The parsers of this layer expect the message form with CR LF, so text
+// from files written with Unix line ends (.eml, mbox) goes through this first.
+class CXmLineEndFilter final : public CXmFilterStream {
+ public:
+  explicit CXmLineEndFilter(CXmStream& next, size_t buffer_size = kDefaultFilterBuffer)
+      : CXmFilterStream(next, buffer_size) {}
+
+ protected:
+  void Filter(const unsigned char* p, size_t n) override;
+  void End() override;
+
+ private:
+  bool after_cr_ = false;
+};
+
 // Base64 (RFC 2045 6.8): lines of `line_width` characters separated by
 // "\r\n", no line end after the last line; the same text as
 // Base64Encode(all, line_width).

@@ -120,6 +120,13 @@ class FieldWriter {
         folder_.Char(static_cast<char>(text[i++]));
         continue;
       }
+      if (text[i] == u'\r' || text[i] == u'\n') {
+        // A line end inside a value would end the field and let the rest be
+        // read as fields of its own: it becomes a blank.
+        folder_.Char(' ');
+        ++i;
+        continue;
+      }
       size_t j = WordEnd(text, i);
       if (!HasHighChar(text.substr(i, j - i))) {
         for (; i < j; ++i) folder_.Char(static_cast<char>(text[i]));
@@ -165,7 +172,7 @@ class FieldWriter {
 
  private:
   static size_t WordEnd(WStringView text, size_t i) {
-    while (i < text.size() && !IsBlank(text[i])) ++i;
+    while (i < text.size() && !IsBlank(text[i]) && text[i] != u'\r' && text[i] != u'\n') ++i;
     return i;
   }
 

@@ -38,7 +38,8 @@ WString QuoteParameterValue(WStringView value);
 // word closed and the next begun on a new line before a line would reach 75
 // characters; a character is never split between two words. A parameter
 // value with such characters is written in the RFC 2231 form
-// name*=charset''%XX. A character the sending set cannot hold is written as
+// name*=charset''%XX. CR and LF in a value are written as blanks, so a value
+// can never start a field of its own. A character the sending set cannot hold is written as
 // "?" and the write returns 0xA0003003; everything is written either way.
 Result WriteHeaderField(const CXmHeaderField& field, const HeaderWriteOptions& options, std::string* out);
 

@@ -210,6 +210,21 @@ TEST(QpStreamTest, DecoderToleratesMalformedInput) {
   }
 }
 
+TEST(LineEndFilterTest, MakesEveryLineEndCrLfAtEveryCut) {
+  struct Row { const char* name; std::string in; std::string out; };
+  const Row rows[] = {
+      {"bare LF", "a\nb\n", "a\r\nb\r\n"},
+      {"CR LF stays", "a\r\nb", "a\r\nb"},
+      {"bare CR", "a\rb\r", "a\r\nb\r\n"},
+      {"blank lines", "\n\n\r\n\r\r", "\r\n\r\n\r\n\r\n\r\n"},
+  };
+  for (const Row& r : rows) {
+    for (size_t cut = 0; cut <= r.in.size(); ++cut) {
+      EXPECT_EQ(RunFilter<CXmLineEndFilter>(r.in, cut), r.out) << r.name << " cut " << cut;
+    }
+  }
+}
+
 TEST(FilterStreamTest, WritesAfterFinishFailAndReadingIsRefused) {
   CXmMemoryStream out;
   CXmBase64Encoder enc(out);

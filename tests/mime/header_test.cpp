@@ -429,6 +429,17 @@ TEST(HeaderWriteTest, ConversionFailureGivesStatusAndStillWrites) {
   EXPECT_FALSE(out.data().empty());
 }
 
+TEST(HeaderWriteTest, LineEndsInValuesCannotAddFields) {
+  CXmHeader h;
+  h.SetSubject(u"hi\r\nBcc: victim@example.org");
+  h.SetValue(field::kContentType, u"text/plain").SetParam(u"name", u"a\r\nX-Evil: 1");
+  const std::string out = Written(h);
+  CXmHeader back = Parsed(out + "\r\n");
+  ASSERT_EQ(back.size(), 2u) << out;
+  EXPECT_EQ(back.Find(u"Bcc"), nullptr);
+  EXPECT_EQ(back.DisplayText(field::kSubject), u"hi  Bcc: victim@example.org");
+}
+
 TEST(HeaderWriteTest, NonAsciiParameterUsesRfc2231) {
   CXmHeader h;
   CXmHeaderField& f = h.SetValue(field::kContentDisposition, u"attachment");
