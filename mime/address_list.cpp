@@ -119,6 +119,16 @@ WString Phrase(const std::vector<Token>& toks, size_t from, size_t to) {
   return DecodeHeaderText(TrimView(out));
 }
 
+// Appends `text` as a quoted string, with a backslash before '"' and '\\'.
+void AppendQuoted(WStringView text, WString* out) {
+  out->push_back(u'"');
+  for (char16_t c : text) {
+    if (c == u'"' || c == u'\\') out->push_back(u'\\');
+    out->push_back(c);
+  }
+  out->push_back(u'"');
+}
+
 bool NeedsQuotes(WStringView local) {
   for (char16_t c : local) {
     if (IsBlank(c) || IsSpecial(c)) return true;
@@ -132,12 +142,7 @@ WString AddrSpec(const std::vector<Token>& toks, size_t from, size_t to) {
   for (size_t i = from; i < to; ++i) {
     const Token& t = toks[i];
     if (t.kind == Tok::kQuoted && NeedsQuotes(t.text)) {
-      out.push_back(u'"');
-      for (char16_t c : t.text) {
-        if (c == u'"' || c == u'\\') out.push_back(u'\\');
-        out.push_back(c);
-      }
-      out.push_back(u'"');
+      AppendQuoted(t.text, &out);
     } else {
       out += t.text;
     }
@@ -259,12 +264,7 @@ WString FormatAddress(const MailAddress& a) {
   }
   WString out;
   if (quote) {
-    out.push_back(u'"');
-    for (char16_t c : a.name) {
-      if (c == u'"' || c == u'\\') out.push_back(u'\\');
-      out.push_back(c);
-    }
-    out.push_back(u'"');
+    AppendQuoted(a.name, &out);
   } else {
     out = a.name;
   }

@@ -1,23 +1,13 @@
 #include "mime/codec_streams.h"
 
+#include "mime/base64_table.h"
 #include "mime/quoted_printable.h"
 
 namespace trv {
 
 namespace {
-constexpr char kB64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-// Base64 symbol values; -1 blank or line end, -2 padding, -3 other.
-struct B64Table {
-  int8_t v[256];
-  constexpr B64Table() : v() {
-    for (int i = 0; i < 256; ++i) v[i] = -3;
-    for (int i = 0; i < 64; ++i) v[static_cast<unsigned char>(kB64[i])] = static_cast<int8_t>(i);
-    v['\r'] = v['\n'] = v[' '] = v['\t'] = -1;
-    v['='] = -2;
-  }
-};
-constexpr B64Table kB64Table;
+using b64::kAlphabet;
+constexpr const b64::DecodeTable& kB64Table = b64::kDecode;
 
 int HexValue(unsigned char c) {
   if (c >= '0' && c <= '9') return c - '0';
@@ -30,7 +20,7 @@ int HexValue(unsigned char c) {
 struct QpSpecial {
   bool v[256];
   constexpr QpSpecial() : v() {
-    v['='] = v[' '] = v['\t'] = v['\r'] = v['\n'] = true;
+    for (unsigned char c : {'=', ' ', '\t', '\r', '\n'}) v[c] = true;
   }
 };
 constexpr QpSpecial kQpSpecial;
@@ -112,10 +102,10 @@ void CXmBase64Encoder::Filter(const unsigned char* p, size_t n) {
   while (held_count_ > 0 && held_count_ < 3 && i < n) {
     if (held_count_ == 2) {
       const uint32_t v = uint32_t(held_[0]) << 16 | uint32_t(held_[1]) << 8 | p[i++];
-      Put(kB64[v >> 18]);
-      Put(kB64[(v >> 12) & 63]);
-      Put(kB64[(v >> 6) & 63]);
-      Put(kB64[v & 63]);
+      Put(kAlphabet[v >> 18]);
+      Put(kAlphabet[(v >> 12) & 63]);
+      Put(kAlphabet[(v >> 6) & 63]);
+      Put(kAlphabet[v & 63]);
       held_count_ = 0;
     } else {
       held_[held_count_++] = p[i++];
@@ -124,10 +114,10 @@ void CXmBase64Encoder::Filter(const unsigned char* p, size_t n) {
   out_.reserve(out_.size() + (n - i) / 3 * 4 + (n - i) / 38 + 8);
   for (; i + 3 <= n; i += 3) {
     const uint32_t v = uint32_t(p[i]) << 16 | uint32_t(p[i + 1]) << 8 | p[i + 2];
-    Put(kB64[v >> 18]);
-    Put(kB64[(v >> 12) & 63]);
-    Put(kB64[(v >> 6) & 63]);
-    Put(kB64[v & 63]);
+    Put(kAlphabet[v >> 18]);
+    Put(kAlphabet[(v >> 12) & 63]);
+    Put(kAlphabet[(v >> 6) & 63]);
+    Put(kAlphabet[v & 63]);
   }
   for (; i < n; ++i) held_[held_count_++] = p[i];
 }
@@ -136,9 +126,9 @@ void CXmBase64Encoder::End() {
   if (held_count_ == 0) return;
   uint32_t v = uint32_t(held_[0]) << 16;
   if (held_count_ == 2) v |= uint32_t(held_[1]) << 8;
-  Put(kB64[v >> 18]);
-  Put(kB64[(v >> 12) & 63]);
-  Put(held_count_ == 2 ? kB64[(v >> 6) & 63] : '=');
+  Put(kAlphabet[v >> 18]);
+  Put(kAlphabet[(v >> 12) & 63]);
+  Put(held_count_ == 2 ? kAlphabet[(v >> 6) & 63] : '=');
   Put('=');
   held_count_ = 0;
 }
@@ -194,7 +184,7 @@ void CXmBase64Decoder::Filter(const unsigned char* p, size_t n) {
         acc = 0;
         count = 0;
       }
-    } else if (v == -2) {
+    } else if (v == b64::kPadding) {
       if (count) {
         out_.resize(static_cast<size_t>(o - out_.data()));
         acc_ = acc;
@@ -206,7 +196,7 @@ void CXmBase64Decoder::Filter(const unsigned char* p, size_t n) {
         acc = 0;
         count = 0;
       }
-    } else if (v == -3) {
+    } else if (v == b64::kOther) {
       clean_ = false;
     }
   }

@@ -16,6 +16,21 @@ int64_t SeekTarget(int64_t offset, SeekOrigin origin, uint64_t pos, uint64_t siz
   const int64_t target = base + offset;
   return target < 0 ? -1 : target;
 }
+
+// Read and Seek over bytes held in memory.
+size_t CopyOut(std::string_view data, size_t* pos, void* buf, size_t size) {
+  const size_t n = *pos < data.size() ? std::min(size, data.size() - *pos) : 0;
+  if (n) std::memcpy(buf, data.data() + *pos, n);
+  *pos += n;
+  return n;
+}
+
+Result SeekIn(std::string_view data, size_t* pos, int64_t offset, SeekOrigin origin) {
+  const int64_t t = SeekTarget(offset, origin, *pos, data.size());
+  if (t < 0) return rc::kInvalidArg;
+  *pos = static_cast<size_t>(t);
+  return rc::kOk;
+}
 }  // namespace
 
 Result ReadAll(CXmStream& in, std::string* out) {
@@ -41,10 +56,7 @@ Result CopyStream(CXmStream& in, CXmStream& out, size_t block) {
 // --- CXmMemoryStream
 
 Result CXmMemoryStream::Read(void* buf, size_t size, size_t* got) {
-  const size_t n = pos_ < data_.size() ? std::min(size, data_.size() - pos_) : 0;
-  if (n) std::memcpy(buf, data_.data() + pos_, n);
-  pos_ += n;
-  *got = n;
+  *got = CopyOut(data_, &pos_, buf, size);
   return rc::kOk;
 }
 
@@ -56,12 +68,7 @@ Result CXmMemoryStream::Write(const void* buf, size_t size) {
   return rc::kOk;
 }
 
-Result CXmMemoryStream::Seek(int64_t offset, SeekOrigin origin) {
-  const int64_t t = SeekTarget(offset, origin, pos_, data_.size());
-  if (t < 0) return rc::kInvalidArg;
-  pos_ = static_cast<size_t>(t);
-  return rc::kOk;
-}
+Result CXmMemoryStream::Seek(int64_t offset, SeekOrigin origin) { return SeekIn(data_, &pos_, offset, origin); }
 
 std::string CXmMemoryStream::Take() {
   std::string out = std::move(data_);
@@ -73,21 +80,13 @@ std::string CXmMemoryStream::Take() {
 // --- CXmViewStream
 
 Result CXmViewStream::Read(void* buf, size_t size, size_t* got) {
-  const size_t n = pos_ < data_.size() ? std::min(size, data_.size() - pos_) : 0;
-  if (n) std::memcpy(buf, data_.data() + pos_, n);
-  pos_ += n;
-  *got = n;
+  *got = CopyOut(data_, &pos_, buf, size);
   return rc::kOk;
 }
 
 Result CXmViewStream::Write(const void*, size_t) { return rc::kNotImplemented; }
 
-Result CXmViewStream::Seek(int64_t offset, SeekOrigin origin) {
-  const int64_t t = SeekTarget(offset, origin, pos_, data_.size());
-  if (t < 0) return rc::kInvalidArg;
-  pos_ = static_cast<size_t>(t);
-  return rc::kOk;
-}
+Result CXmViewStream::Seek(int64_t offset, SeekOrigin origin) { return SeekIn(data_, &pos_, offset, origin); }
 
 // --- CXmCountingStream
 

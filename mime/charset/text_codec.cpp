@@ -34,16 +34,6 @@ void PutUtf16Le(WStringView text, std::string* out) {
   }
 }
 
-// Splits off a high surrogate at the end of a piece that is not the last, so a
-// pair is never cut between two calls.
-WStringView HoldTrailingHigh(WStringView text, bool last, WString* held) {
-  if (!last && !text.empty() && IsHigh(text.back())) {
-    held->assign(1, text.back());
-    return text.substr(0, text.size() - 1);
-  }
-  return text;
-}
-
 // Length of the valid UTF-8 sequence at p[0..n), 0 if invalid, -1 if it may
 // become valid with more bytes.
 int Utf8SequenceLength(const uint8_t* p, size_t n, uint32_t* cp) {
@@ -83,96 +73,97 @@ void AppendCodePoint(uint32_t cp, WString* out) {
   }
 }
 
-// Valid UTF-8 sequences as characters, every other byte as ISO 8859-1.
-// Used for "us-ascii" (succeeds) and unknown sets (fails).
-class FallbackDecoder final : public TextDecoder {
- public:
-  explicit FallbackDecoder(bool ok) : ok_(ok) {}
-  bool Decode(std::string_view bytes, bool last, WString* out) override {
-    std::string joined;
-    if (!pending_.empty()) {
-      joined = pending_ + std::string(bytes);
-      bytes = joined;
-      pending_.clear();
+// Bookkeeping shared by the incremental codecs: the input held back from the
+// previous call (an incomplete sequence) and the failure state.
+template <typename Base, typename Text>
+class Incremental : public Base {
+ protected:
+  using View = std::basic_string_view<typename Text::value_type>;
+  explicit Incremental(bool strict) : strict_(strict) {}
+
+  // `text` with what was held back from the last call in front of it.
+  View Join(View text) {
+    if (held_.empty()) return text;
+    joined_ = held_;
+    joined_ += text;
+    held_.clear();
+    return joined_;
+  }
+  void Hold(View rest) { held_.assign(rest); }
+  // Join() for UTF-16 input; a high surrogate that ends a piece which is not
+  // the last is held back, so a pair is never cut between two calls.
+  View JoinKeepingPairs(View text, bool last) {
+    text = Join(text);
+    if (!last && !text.empty() && text.back() >= 0xD800 && text.back() <= 0xDBFF) {
+      Hold(text.substr(text.size() - 1));
+      text.remove_suffix(1);
     }
-    const auto* p = reinterpret_cast<const uint8_t*>(bytes.data());
-    const size_t n = bytes.size();
-    out->reserve(out->size() + n);
-    size_t i = 0;
-    while (i < n) {
-      if (p[i] < 0x80) {
-        out->push_back(p[i++]);
-        continue;
-      }
-      uint32_t cp = 0;
-      const int len = Utf8SequenceLength(p + i, n - i, &cp);
-      if (len < 0 && !last) {
-        pending_.assign(bytes.substr(i));
-        break;
-      }
-      if (len <= 0) {
-        out->push_back(p[i++]);
-      } else {
-        AppendCodePoint(cp, out);
-        i += static_cast<size_t>(len);
-      }
-    }
-    return ok_;
+    return text;
+  }
+  // Records a failure; true when the conversion must stop (strict mode).
+  bool Fail() {
+    failed_ = true;
+    stopped_ = strict_;
+    return stopped_;
   }
 
- private:
-  bool ok_;
-  std::string pending_;
-};
-
-// UTF-8 without iconv; each byte of a malformed sequence becomes U+FFFD.
-class Utf8Decoder final : public TextDecoder {
- public:
-  explicit Utf8Decoder(bool strict) : strict_(strict) {}
-  bool Decode(std::string_view bytes, bool last, WString* out) override {
-    if (stopped_) return false;
-    std::string joined;
-    if (!pending_.empty()) {
-      joined = pending_ + std::string(bytes);
-      bytes = joined;
-      pending_.clear();
-    }
-    const auto* p = reinterpret_cast<const uint8_t*>(bytes.data());
-    const size_t n = bytes.size();
-    out->reserve(out->size() + n);
-    size_t i = 0;
-    while (i < n) {
-      if (p[i] < 0x80) {
-        out->push_back(p[i++]);
-        continue;
-      }
-      uint32_t cp = 0;
-      const int len = Utf8SequenceLength(p + i, n - i, &cp);
-      if (len < 0 && !last) {
-        pending_.assign(bytes.substr(i));
-        break;
-      }
-      if (len <= 0) {
-        failed_ = true;
-        if (strict_) {
-          stopped_ = true;
-          return false;
-        }
-        out->push_back(kReplacement);
-        i = len < 0 ? n : i + 1;  // a sequence cut off by the end is one character
-      } else {
-        AppendCodePoint(cp, out);
-        i += static_cast<size_t>(len);
-      }
-    }
-    return !failed_;
-  }
-
- private:
   bool strict_;
   bool failed_ = false;
   bool stopped_ = false;
-  std::string pending_;
+
+ private:
+  Text held_;
+  Text joined_;
+};
+using DecoderBase = Incremental<TextDecoder, std::string>;
+using EncoderBase = Incremental<TextEncoder, WString>;
+
+// UTF-8 without iconv. In kReplace form each byte of a malformed sequence
+// (a sequence cut off by the end: the whole of it) becomes U+FFFD and the
+// conversion fails. In kFallback form such bytes are taken as ISO 8859-1 and
+// the result is `fallback_ok`: that is the reading of "us-ascii" (succeeds)
+// and of unknown sets (fails).
+class Utf8Decoder final : public DecoderBase {
+ public:
+  enum Form { kReplace, kFallback };
+  Utf8Decoder(Form form, bool strict, bool fallback_ok = true)
+      : DecoderBase(strict), form_(form), fallback_ok_(fallback_ok) {}
+
+  bool Decode(std::string_view bytes, bool last, WString* out) override {
+    if (stopped_) return false;
+    bytes = Join(bytes);
+    const auto* p = reinterpret_cast<const uint8_t*>(bytes.data());
+    const size_t n = bytes.size();
+    out->reserve(out->size() + n);
+    size_t i = 0;
+    while (i < n) {
+      if (p[i] < 0x80) {
+        out->push_back(p[i++]);
+        continue;
+      }
+      uint32_t cp = 0;
+      const int len = Utf8SequenceLength(p + i, n - i, &cp);
+      if (len < 0 && !last) {
+        Hold(bytes.substr(i));
+        break;
+      }
+      if (len > 0) {
+        AppendCodePoint(cp, out);
+        i += static_cast<size_t>(len);
+      } else if (form_ == kFallback) {
+        out->push_back(p[i++]);
+      } else {
+        if (Fail()) return false;
+        out->push_back(kReplacement);
+        i = len < 0 ? n : i + 1;
+      }
+    }
+    return form_ == kFallback ? fallback_ok_ : !failed_;
+  }
+
+ private:
+  Form form_;
+  bool fallback_ok_;
 };
 
 class Latin1Decoder final : public TextDecoder {
@@ -184,15 +175,11 @@ class Latin1Decoder final : public TextDecoder {
   }
 };
 
-class Utf16Decoder final : public TextDecoder {
+class Utf16Decoder final : public DecoderBase {
  public:
+  Utf16Decoder() : DecoderBase(false) {}
   bool Decode(std::string_view bytes, bool last, WString* out) override {
-    std::string joined;
-    if (!pending_.empty()) {
-      joined = pending_ + std::string(bytes);
-      bytes = joined;
-      pending_.clear();
-    }
+    bytes = Join(bytes);
     size_t i = 0;
     if (first_ && bytes.size() >= 2) {
       const auto b0 = static_cast<uint8_t>(bytes[0]);
@@ -204,7 +191,7 @@ class Utf16Decoder final : public TextDecoder {
       }
       first_ = false;
     } else if (first_ && !last) {
-      pending_.assign(bytes);
+      Hold(bytes);
       return true;
     }
     for (; i + 1 < bytes.size(); i += 2) {
@@ -214,7 +201,7 @@ class Utf16Decoder final : public TextDecoder {
     }
     if (i < bytes.size()) {
       if (!last) {
-        pending_.assign(bytes.substr(i));
+        Hold(bytes.substr(i));
       } else {
         out->push_back(kReplacement);
         return false;
@@ -226,7 +213,6 @@ class Utf16Decoder final : public TextDecoder {
  private:
   bool first_ = true;
   bool big_endian_ = false;
-  std::string pending_;
 };
 
 class Utf16Encoder final : public TextEncoder {
@@ -240,29 +226,20 @@ class Utf16Encoder final : public TextEncoder {
 // ASCII or ISO 8859-1 out, anything else is "?"; or UTF-8 out, where an
 // unpaired surrogate is U+FFFD. `fails` makes every call report failure (the
 // UTF-8 written for an unknown set).
-class SimpleEncoder final : public TextEncoder {
+class SimpleEncoder final : public EncoderBase {
  public:
   enum Form { kAscii, kLatin1, kUtf8 };
-  SimpleEncoder(Form form, bool strict, bool fails = false) : form_(form), strict_(strict), fails_(fails) {}
+  SimpleEncoder(Form form, bool strict, bool fails = false) : EncoderBase(strict), form_(form), fails_(fails) {}
   bool Encode(WStringView text, bool last, std::string* out) override {
     if (stopped_) return false;
-    WString joined;
-    if (!held_.empty()) {
-      joined = held_ + WString(text);
-      text = joined;
-      held_.clear();
-    }
-    text = HoldTrailingHigh(text, last, &held_);
+    text = JoinKeepingPairs(text, last);
     if (form_ == kUtf8) {
       bool ok = !fails_;
       for (size_t i = 0; i < text.size(); ++i) {
         const bool pair = IsHigh(text[i]) && i + 1 < text.size() && IsLow(text[i + 1]);
         if (!pair && (IsHigh(text[i]) || IsLow(text[i]))) {
           ok = false;
-          if (strict_) {
-            stopped_ = true;
-            return false;
-          }
+          if (Fail()) return false;
         }
         i += pair;
       }
@@ -278,10 +255,7 @@ class SimpleEncoder final : public TextEncoder {
         continue;
       }
       ok = false;
-      if (strict_) {
-        stopped_ = true;
-        return false;
-      }
+      if (Fail()) return false;
       out->push_back('?');
       if (IsHigh(c) && i + 1 < text.size() && IsLow(text[i + 1])) ++i;
     }
@@ -290,25 +264,17 @@ class SimpleEncoder final : public TextEncoder {
 
  private:
   Form form_;
-  bool strict_;
   bool fails_;
-  bool stopped_ = false;
-  WString held_;
 };
 
-class IconvDecoder final : public TextDecoder {
+class IconvDecoder final : public DecoderBase {
  public:
-  IconvDecoder(iconv_t cd, bool strict) : cd_(cd), strict_(strict) {}
+  IconvDecoder(iconv_t cd, bool strict) : DecoderBase(strict), cd_(cd) {}
   ~IconvDecoder() override { iconv_close(cd_); }
 
   bool Decode(std::string_view bytes, bool last, WString* out) override {
     if (stopped_) return false;
-    std::string joined;
-    if (!pending_.empty()) {
-      joined = pending_ + std::string(bytes);
-      bytes = joined;
-      pending_.clear();
-    }
+    bytes = Join(bytes);
     char* in = const_cast<char*>(bytes.data());
     size_t in_left = bytes.size();
     char buf[4096];
@@ -321,15 +287,11 @@ class IconvDecoder final : public TextDecoder {
       if (rv != static_cast<size_t>(-1)) break;
       if (err == E2BIG) continue;
       if (err == EINVAL && !last) {
-        pending_.assign(in, in_left);
+        Hold(std::string_view(in, in_left));
         break;
       }
       // An invalid sequence, or an incomplete one at the very end.
-      failed_ = true;
-      if (strict_) {
-        stopped_ = true;
-        return false;
-      }
+      if (Fail()) return false;
       out->push_back(kReplacement);
       if (err == EINVAL) break;
       ++in;
@@ -346,15 +308,11 @@ class IconvDecoder final : public TextDecoder {
 
  private:
   iconv_t cd_;
-  bool strict_;
-  bool failed_ = false;
-  bool stopped_ = false;
-  std::string pending_;
 };
 
-class IconvEncoder final : public TextEncoder {
+class IconvEncoder final : public EncoderBase {
  public:
-  IconvEncoder(iconv_t cd, bool strict) : cd_(cd), strict_(strict) {
+  IconvEncoder(iconv_t cd, bool strict) : EncoderBase(strict), cd_(cd) {
     // The replacement "?" as the destination set writes it.
     char q[2] = {'?', 0};
     char* in = q;
@@ -372,13 +330,7 @@ class IconvEncoder final : public TextEncoder {
 
   bool Encode(WStringView text, bool last, std::string* out) override {
     if (stopped_) return false;
-    WString joined;
-    if (!held_.empty()) {
-      joined = held_ + WString(text);
-      text = joined;
-      held_.clear();
-    }
-    text = HoldTrailingHigh(text, last, &held_);
+    text = JoinKeepingPairs(text, last);
     std::string bytes;
     PutUtf16Le(text, &bytes);
     char* in = bytes.data();
@@ -392,11 +344,7 @@ class IconvEncoder final : public TextEncoder {
       out->append(buf, static_cast<size_t>(o - buf));
       if (rv != static_cast<size_t>(-1)) break;
       if (err == E2BIG) continue;
-      failed_ = true;
-      if (strict_) {
-        stopped_ = true;
-        return false;
-      }
+      if (Fail()) return false;
       out->append(replacement_);
       // Skip one character: a surrogate pair or one unit.
       size_t skip = 2;
@@ -420,11 +368,7 @@ class IconvEncoder final : public TextEncoder {
 
  private:
   iconv_t cd_;
-  bool strict_;
-  bool failed_ = false;
-  bool stopped_ = false;
   std::string replacement_;
-  WString held_;
 };
 
 // Modified UTF-7 is only used for short mailbox names: collect, then convert
@@ -512,16 +456,16 @@ void ClearResolveCache() {
 
 std::unique_ptr<TextDecoder> MakeDecoder(const CharsetId& id, bool strict) {
   switch (id.kind) {
-    case CodecKind::kAscii: return std::make_unique<FallbackDecoder>(true);
-    case CodecKind::kUnknown: return std::make_unique<FallbackDecoder>(false);
-    case CodecKind::kUtf8: return std::make_unique<Utf8Decoder>(strict);
+    case CodecKind::kAscii: return std::make_unique<Utf8Decoder>(Utf8Decoder::kFallback, strict, true);
+    case CodecKind::kUnknown: return std::make_unique<Utf8Decoder>(Utf8Decoder::kFallback, strict, false);
+    case CodecKind::kUtf8: return std::make_unique<Utf8Decoder>(Utf8Decoder::kReplace, strict);
     case CodecKind::kLatin1: return std::make_unique<Latin1Decoder>();
     case CodecKind::kUtf16: return std::make_unique<Utf16Decoder>();
     case CodecKind::kImapUtf7: return std::make_unique<ImapUtf7Decoder>(strict);
     case CodecKind::kIconv: break;
   }
   iconv_t cd = iconv_open("UTF-16LE", id.system_name.c_str());
-  if (cd == kBadIconv) return std::make_unique<FallbackDecoder>(false);
+  if (cd == kBadIconv) return std::make_unique<Utf8Decoder>(Utf8Decoder::kFallback, strict, false);
   return std::make_unique<IconvDecoder>(cd, strict);
 }
 
@@ -542,7 +486,7 @@ std::unique_ptr<TextEncoder> MakeEncoder(const CharsetId& id, bool strict) {
 
 WString FallbackDecode(std::string_view bytes) {
   WString out;
-  FallbackDecoder(true).Decode(bytes, true, &out);
+  Utf8Decoder(Utf8Decoder::kFallback, false).Decode(bytes, true, &out);
   return out;
 }
 
