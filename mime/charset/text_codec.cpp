@@ -95,7 +95,7 @@ class Incremental : public Base {
   View JoinKeepingPairs(View text, bool last) {
     text = Join(text);
     if (!last && !text.empty() && text.back() >= 0xD800 && text.back() <= 0xDBFF) {
-      Hold(text.substr(text.size() - 1));
+      held_.assign(1, text.back());
       text.remove_suffix(1);
     }
     return text;
