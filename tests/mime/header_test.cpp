@@ -232,6 +232,32 @@ TEST(HeaderParseTest, TrickyRealWorldLines) {
   EXPECT_EQ(h.GetParam(u"DKIM-Signature", u"b"), u"AbC/dEf+gh==");
 }
 
+TEST(HeaderParseTest, MoreTrickyLinesAsAListShowsThem) {
+  struct Row { const char* name; std::string line; WString subject; WString from_name; WString from_address; };
+  const Row rows[] = {
+      {"word split inside a character across a fold",
+       "Subject: =?UTF-8?B?w6k=?=\r\n =?UTF-8?B?w6k=?=\r\nFrom: a@x\r\n", u"\u00e9\u00e9", u"", u"a@x"},
+      {"name glued to bracket", "Subject: x\r\nFrom: Alice<a@x>\r\n", u"x", u"Alice", u"a@x"},
+      {"encoded name in quotes (common, not allowed)",
+       "Subject: x\r\nFrom: \"=?iso-8859-1?Q?J=F6rg?=\" <j@x>\r\n", u"x", u"J\u00f6rg", u"j@x"},
+      {"raw latin-1 name", "Subject: caf\xE9\r\nFrom: J\xF6rg <j@x>\r\n", u"caf\u00e9", u"J\u00f6rg", u"j@x"},
+      {"lower-case encoding and charset", "Subject: =?utf-8?q?=e2=82=ac?=\r\nFrom: a@x\r\n", u"\u20ac", u"", u"a@x"},
+      {"tab folding kept as blank", "Subject: a\r\n\tb\r\nFrom: a@x\r\n", u"a\tb", u"", u"a@x"},
+  };
+  for (const Row& r : rows) {
+    CXmHeader h = Parsed(r.line + "\r\n");
+    EXPECT_EQ(h.DisplayText(field::kSubject), r.subject) << r.name;
+    const std::vector<MailAddress> from = h.Addresses(field::kFrom);
+    ASSERT_EQ(from.size(), 1u) << r.name;
+    EXPECT_EQ(from[0].name, r.from_name) << r.name;
+    EXPECT_EQ(from[0].address, r.from_address) << r.name;
+  }
+  CXmHeader h = Parsed("Content-Type: text/plain (comment); charset=\"us-ascii\" (Plain text)\r\n\r\n");
+  EXPECT_EQ(h.GetContentType(), u"text/plain");
+  EXPECT_EQ(h.GetParam(field::kContentType, field::kParamCharset), u"us-ascii");
+  EXPECT_EQ(h.Find(field::kContentType)->comment(), u"comment Plain text");
+}
+
 TEST(HeaderParseTest, HostileInputLimits) {
   // A 10 MB field line: kept (cut to the field limit), in linear time.
   std::string block = "Subject: " + std::string(10 * 1024 * 1024, 'x') + "\r\nB: 2\r\n\r\n";
