@@ -31,11 +31,11 @@ TEST(EncodedWordTest, Decoding) {
       {"unknown encoding stays", u"=?utf-8?X?abc?=", u"=?utf-8?X?abc?=", true},
       {"missing end stays", u"=?utf-8?Q?abc", u"=?utf-8?Q?abc", true},
       {"blank inside stays", u"=?utf-8?Q?a b?=", u"=?utf-8?Q?a b?=", true},
-      {"empty charset stays", u"=??Q?a?=", u"=??Q?a?=", true},
+      {"empty charset stays", u"=?" u"?Q?a?=", u"=?" u"?Q?a?=", true},
       {"truncated after charset", u"=?utf-8", u"=?utf-8", true},
       {"lone =?", u"a =? b", u"a =? b", true},
       {"malformed Q escape kept", u"=?utf-8?Q?a=ZZ=4?=", u"a=ZZ=4", true},
-      {"empty encoded text", u"x =?utf-8?Q??= y", u"x  y", true},
+      {"empty encoded text", u"x =?utf-8?Q?" u"?= y", u"x  y", true},
       {"malformed then good", u"=?bad =?utf-8?Q?ok?=", u"=?bad ok", true},
       {"non-ascii inside stays", u"=?utf-8?Q?\u00e9?=", u"=?utf-8?Q?\u00e9?=", true},
   };
