@@ -45,6 +45,7 @@ constexpr Entry kTexts[] = {
     {0x0000001D, "The system cannot write to the specified device."},
     {0x0000001E, "The system cannot read from the specified device."},
     {0x00000050, "The file exists."},
+    {0x80004001, "The operation is not supported by this object."},
     {0x80004004, "Operation aborted."},
     {0x80004005, "Unspecified error."},
     {0x8007000E, "Not enough memory is available to complete this operation."},

@@ -35,6 +35,7 @@ namespace rc {
 inline constexpr Result kOk{0};
 inline constexpr Result kFail{0x80004005};          // unspecified failure
 inline constexpr Result kAbort{0x80004004};         // aborted by the user; never logged as an error
+inline constexpr Result kNotImplemented{0x80004001}; // the object does not support the operation
 inline constexpr Result kOutOfMemory{0x8007000E};
 inline constexpr Result kInvalidArg{0x80070057};
 inline constexpr Result kFileMissing{0x80070006};   // folder file missing

@@ -2,20 +2,11 @@
 
 #include <cstdint>
 
+#include "mime/base64_table.h"
+
 namespace trv {
 
-namespace {
-constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-
-struct DecodeTable {
-  int8_t v[256];
-  constexpr DecodeTable() : v() {
-    for (int i = 0; i < 256; ++i) v[i] = -1;
-    for (int i = 0; i < 64; ++i) v[static_cast<uint8_t>(kAlphabet[i])] = static_cast<int8_t>(i);
-  }
-};
-constexpr DecodeTable kDecode;
-}  // namespace
+using b64::kAlphabet;
 
 std::string Base64Encode(std::string_view bytes, int line_width) {
   std::string out;
@@ -56,10 +47,10 @@ bool Base64Decode(std::string_view text, std::string& out) {
   uint32_t acc = 0;
   int n = 0;
   for (unsigned char c : text) {
-    const int v = kDecode.v[c];
+    const int v = b64::kDecode.v[c];
     if (v < 0) {
-      if (c == '=') break;
-      if (c != '\r' && c != '\n' && c != ' ' && c != '\t') clean = false;
+      if (v == b64::kPadding) break;
+      if (v == b64::kOther) clean = false;
       continue;
     }
     acc = acc << 6 | static_cast<uint32_t>(v);

@@ -1,0 +1,219 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+
+#include "core/date_value.h"
+#include "mime/header.h"
+#include "mime/message_dates.h"
+#include "mime/rfc822_date.h"
+
+namespace trv {
+namespace {
+
+CivilTime Civil(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
+  CivilTime t;
+  t.year = y;
+  t.month = mo;
+  t.day = d;
+  t.hour = h;
+  t.minute = mi;
+  t.second = s;
+  return t;
+}
+
+double Utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
+  return DateFromCivil(Civil(y, mo, d, h, mi, s));
+}
+
+// Sets TZ for one test and restores it.
+class ScopedTz {
+ public:
+  explicit ScopedTz(const char* tz) {
+    if (const char* old = std::getenv("TZ")) old_ = old, had_ = true;
+    setenv("TZ", tz, 1);
+    tzset();
+  }
+  ~ScopedTz() {
+    if (had_) {
+      setenv("TZ", old_.c_str(), 1);
+    } else {
+      unsetenv("TZ");
+    }
+    tzset();
+  }
+
+ private:
+  std::string old_;
+  bool had_ = false;
+};
+
+TEST(DateValueTest, KnownPointsAndRoundTrips) {
+  EXPECT_EQ(Utc(1899, 12, 30), 0.0);
+  EXPECT_EQ(Utc(1900, 1, 1), 2.0);
+  EXPECT_EQ(Utc(1970, 1, 1), 25569.0);
+  EXPECT_EQ(Utc(2000, 3, 1) - Utc(2000, 2, 28), 2.0) << "2000 is a leap year";
+  EXPECT_EQ(Utc(2100, 3, 1) - Utc(2100, 2, 28), 1.0) << "2100 is not";
+  EXPECT_DOUBLE_EQ(Utc(2005, 1, 4, 12), Utc(2005, 1, 4) + 0.5);
+  EXPECT_EQ(Utc(2005, 2, 31), Utc(2005, 3, 3)) << "days roll over";
+  EXPECT_EQ(DateFromTimeT(0), 25569.0);
+  EXPECT_EQ(TimeTFromDate(Utc(2005, 1, 4, 9, 5, 7)), 1104829507);
+
+  for (const CivilTime& in : {Civil(2005, 1, 4, 9, 5, 7), Civil(1901, 1, 1), Civil(9999, 12, 31, 23, 59, 59),
+                              Civil(2024, 2, 29, 0, 0, 1)}) {
+    const CivilTime out = CivilFromDate(DateFromCivil(in));
+    EXPECT_EQ(std::tie(out.year, out.month, out.day, out.hour, out.minute, out.second),
+              std::tie(in.year, in.month, in.day, in.hour, in.minute, in.second))
+        << in.year << "-" << in.month << "-" << in.day;
+  }
+  EXPECT_EQ(CivilFromDate(Utc(2005, 1, 4)).day_of_week, 2);  // a Tuesday
+  EXPECT_EQ(CivilFromDate(Utc(1899, 12, 31)).day_of_week, 0);
+  EXPECT_NEAR(CurrentDate(), DateFromTimeT(std::time(nullptr)), 2.0 / 86400);
+}
+
+TEST(DateWriterTest, ZoneRules) {
+  const double date = Utc(2005, 1, 4, 8, 5, 7);
+  struct Row { const char* name; ZoneInfo zone; const char* out; };
+  const Row rows[] = {
+      {"one hour east", {true, -60, false}, "Tue, 4 Jan 2005 09:05:07 +0100"},
+      {"known zone with bias 0 is -0000", {true, 0, false}, "Tue, 4 Jan 2005 08:05:07 -0000"},
+      {"unknown zone is +0000 in UTC", {false, 0, false}, "Tue, 4 Jan 2005 08:05:07 +0000"},
+      {"west with minutes", {true, 570, false}, "Mon, 3 Jan 2005 22:35:07 -0930"},
+      {"east with minutes", {true, -345, false}, "Tue, 4 Jan 2005 13:50:07 +0545"},
+  };
+  for (const Row& r : rows) EXPECT_EQ(FormatDate(date, r.zone), r.out) << r.name;
+  EXPECT_EQ(FormatDate(Utc(1999, 12, 31, 23, 59, 59), {true, 0, false}), "Fri, 31 Dec 1999 23:59:59 -0000");
+}
+
+TEST(DateWriterTest, LocalZoneComesFromTz) {
+  {
+    ScopedTz tz("CET-1CEST,M3.5.0,M10.5.0/3");
+    const ZoneInfo winter = LocalZoneInfo(Utc(2005, 1, 4, 8));
+    EXPECT_TRUE(winter.known);
+    EXPECT_EQ(winter.bias_minutes, -60);
+    EXPECT_FALSE(winter.daylight);
+    const ZoneInfo summer = LocalZoneInfo(Utc(2005, 7, 4, 8));
+    EXPECT_EQ(summer.bias_minutes, -120);
+    EXPECT_TRUE(summer.daylight);
+    EXPECT_EQ(WriteDate(Utc(2005, 7, 4, 8, 5, 7)), "Mon, 4 Jul 2005 10:05:07 +0200");
+  }
+  {
+    ScopedTz tz("UTC0");
+    EXPECT_EQ(WriteDate(Utc(2005, 1, 4, 8, 5, 7)), "Tue, 4 Jan 2005 08:05:07 -0000");
+  }
+  // The current time: read back it gives now.
+  double back = 0;
+  ASSERT_TRUE(ReadDate(WriteDate(), &back));
+  EXPECT_NEAR(back, CurrentDate(), 2.0 / 86400);
+}
+
+TEST(TimeZoneReaderTest, Table) {
+  struct Row { const char* token; bool ok; double hours; };
+  const Row rows[] = {
+      {"+0530", true, 5.5},  {"-0800", true, -8.0}, {"-0030", true, 0.5},  {"+1400", false, 0},
+      {"+05", false, 0},     {"+0575", false, 0},   {"J", false, 0},       {"Z", true, 0},
+      {"EDT", true, -4},     {"edt", true, -4},     {"UT", true, 0},       {"GMT", true, 0},
+      {"PST", true, -8},     {"A", true, -1},       {"i", true, -9},       {"K", true, -10},
+      {"M", true, -12},      {"N", true, 1},        {"Y", true, 12},       {"", false, 0},
+      {"+1300", true, 13},   {"-1200", true, -12},  {"-1201", false, 0},   {"+0a00", false, 0},
+      {"CET", false, 0},     {"1", false, 0},       {"-0000", true, 0},    {"+0100 (CET)", true, 1},
+  };
+  for (const Row& r : rows) {
+    double hours = 99;
+    EXPECT_EQ(ReadTimeZone(W(r.token), &hours), r.ok) << r.token;
+    EXPECT_EQ(hours, r.hours) << r.token;
+  }
+}
+
+TEST(DateReaderTest, ReadsValidDates) {
+  struct Row { const char* text; double utc; };
+  const Row rows[] = {
+      {"Tue, 4 Jan 2005 09:05:07 +0100", Utc(2005, 1, 4, 8, 5, 7)},
+      {"4 Jan 2005 09:05 +0100", Utc(2005, 1, 4, 8, 5, 0)},
+      {"  Tue,  04 jan 2005  09:05:07 GMT  ", Utc(2005, 1, 4, 9, 5, 7)},
+      {"Tue, 4 Jan 2005 09:05:07 -0800 (PST)", Utc(2005, 1, 4, 17, 5, 7)},
+      {"Tue, 4 Jan 2005 09:05:07 EST (comment)", Utc(2005, 1, 4, 14, 5, 7)},
+      {"Sat, 1 Jan 2000 00:00:00 -0030", Utc(1999, 12, 31, 23, 30, 0)},
+      {"Mon, 31 Dec 1901 23:59:59 Z", Utc(1901, 12, 31, 23, 59, 59)},
+      {"1 Jan 10000 00:00:00 +0000", Utc(10000, 1, 1)},
+      {"Tue, 4 Jan 2005 9:5:7 +0100", Utc(2005, 1, 4, 8, 5, 7)},
+  };
+  for (const Row& r : rows) {
+    double value = 0;
+    EXPECT_TRUE(ReadDate(W(r.text), &value)) << r.text;
+    EXPECT_NEAR(value, r.utc, 0.1 / 86400) << r.text;
+  }
+}
+
+TEST(DateReaderTest, RefusesOutOfRangeAndIncompleteDates) {
+  const char* bad[] = {
+      "4 Jan 05 09:05:07 +0100",         // two-digit year
+      "0 Jan 2005 09:05:07 +0100",       // day 0
+      "32 Jan 2005 09:05:07 +0100",      // day above 31
+      "4 Foo 2005 09:05:07 +0100",       // no such month
+      "4 Jan 1900 09:05:07 +0100",       // year below 1901
+      "4 Jan 10001 09:05:07 +0100",      // year above 10000
+      "4 Jan 2005 24:05:07 +0100",       // hour
+      "4 Jan 2005 09:60:07 +0100",       // minute
+      "4 Jan 2005 09:05:60 +0100",       // second
+      "4 Jan 2005 09:05:07",             // no zone
+      "4 Jan 2005 09:05:07 +1400",       // zone out of range
+      "4 Jan 2005",                      // no time
+      "no digits at all",
+      "4 Jan 2005 9x:05:07 +0100",       // not a number
+      "99999999999999999999 Jan 2005 09:05:07 +0100",
+  };
+  for (const char* text : bad) {
+    double value = 0;
+    const double before = CurrentDate();
+    EXPECT_FALSE(ReadDate(W(text), &value)) << text;
+    EXPECT_GE(value, before - 1.0 / 86400) << text << ": a failed read gives the current time";
+    EXPECT_LE(value, CurrentDate() + 1.0 / 86400) << text;
+  }
+  double value = 5;
+  EXPECT_FALSE(ReadDate(WStringView(), &value));
+  EXPECT_EQ(value, 0.0) << "an empty text gives 0";
+}
+
+TEST(DateReaderTest, ReadsWhatTheWriterWrites) {
+  for (int bias : {-780, -330, -60, 0, 60, 570, 720}) {
+    const double date = Utc(2031, 6, 15, 23, 59, 58);
+    double back = 0;
+    const std::string text = FormatDate(date, {true, bias, false});
+    ASSERT_TRUE(ReadDate(text, &back)) << text;
+    EXPECT_NEAR(back, date, 0.5 / 86400) << text;
+  }
+}
+
+TEST(MessageDatesTest, SentAndReceivedRules) {
+  const std::string top = "Received: from b by c; Wed, 5 Jan 2005 10:00:00 +0000\r\n";
+  const std::string bottom = "Received: from a by b (x;y); Tue, 4 Jan 2005 10:00:00 +0000\r\n";
+  struct Row { const char* name; std::string block; double sent; double received; };
+  const Row rows[] = {
+      {"Date and Received", "Date: Mon, 3 Jan 2005 10:00:00 +0000\r\n" + top + bottom + "\r\n",
+       Utc(2005, 1, 3, 10), Utc(2005, 1, 5, 10)},
+      {"no Date: the last Received", top + bottom + "\r\n", Utc(2005, 1, 4, 10), Utc(2005, 1, 5, 10)},
+      {"unreadable Date: the last Received", "Date: yesterday\r\n" + top + bottom + "\r\n",
+       Utc(2005, 1, 4, 10), Utc(2005, 1, 5, 10)},
+      {"folded Received", "Received: from x\r\n\tby y;\r\n Wed, 5 Jan 2005 10:00:00 +0000\r\n\r\n",
+       Utc(2005, 1, 5, 10), Utc(2005, 1, 5, 10)},
+  };
+  for (const Row& r : rows) {
+    CXmHeader h;
+    ASSERT_TRUE(h.Parse(r.block, "us-ascii").ok()) << r.name;
+    const MessageDates d = GetMessageDates(h);
+    EXPECT_NEAR(d.sent, r.sent, 1e-6) << r.name;
+    EXPECT_NEAR(d.received, r.received, 1e-6) << r.name;
+  }
+  CXmHeader none;
+  ASSERT_TRUE(none.Parse("Subject: x\r\n\r\n", "us-ascii").ok());
+  const MessageDates d = GetMessageDates(none);
+  EXPECT_NEAR(d.sent, CurrentDate(), 2.0 / 86400) << "no date at all: now";
+  EXPECT_NEAR(d.received, CurrentDate(), 2.0 / 86400);
+  EXPECT_EQ(ReceivedDateText(u"a; b; c"), u" c");
+  EXPECT_EQ(ReceivedDateText(u"no semicolon"), u"no semicolon");
+}
+
+}  // namespace
+}  // namespace trv
