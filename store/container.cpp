@@ -157,6 +157,19 @@ Result Container::Rollback() {
 
 bool Container::in_transaction() const { return is_open() && db_->depth() > 0; }
 
+Result Container::ReleaseFreeSpace(double min_share) {
+  if (!is_open()) return Fail(rc::kContainerClosed);
+  if (db_->depth() > 0) return Fail(rc::kInvalidArg);
+  int64_t free_pages = 0, pages = 0;
+  Result r = container_internal::QueryInt(db_->db(), "PRAGMA freelist_count", &free_pages);
+  if (r.ok()) r = container_internal::QueryInt(db_->db(), "PRAGMA page_count", &pages);
+  if (r.ok() && free_pages > 0 && static_cast<double>(free_pages) > min_share * static_cast<double>(pages)) {
+    r = db_->Exec("PRAGMA incremental_vacuum");
+    db_->Changed();
+  }
+  return Fail(r);
+}
+
 ContainerCounters Container::counters() const {
   ContainerCounters c;
   if (db_) {

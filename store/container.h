@@ -108,6 +108,10 @@ class Container {
   Result Rollback();
   bool in_transaction() const;
 
+  // Gives free pages back to the file system (shrinking the file) when they
+  // are more than `min_share` of it. Not inside a transaction.
+  Result ReleaseFreeSpace(double min_share);
+
   ContainerCounters counters() const;
 
  private:
