@@ -76,27 +76,26 @@ Result FixConsistency(sqlite3* db) {
 }
 
 // Walks a table by rowid and hands every readable row to `row`. When a
-// damaged page stops the walk it resumes past the bad rowids with growing
-// jumps, so one bad page costs only the rows on it.
+// damaged page stops the walk it resumes just past the last good rowid, one
+// step at a time at first (stream ids are dense), then with growing jumps,
+// so one bad page costs only the rows on it.
 void ScanReadable(sqlite3* db, const char* sql_after, const std::function<void(sqlite3_stmt*)>& row) {
   Stmt stmt(db, sql_after);
   if (stmt.code() != SQLITE_OK) return;
   int64_t after = -1;  // rowids are never negative here
-  int errors = 0;
-  int jump_bits = 0;
-  while (errors < 4096) {
+  int failures = 0;    // in a row, without a row read in between
+  for (int errors = 0; errors < 100000; ++errors) {
     sqlite3_reset(stmt.get());
     sqlite3_bind_int64(stmt.get(), 1, after);
     int code;
-    bool progressed = false;
     while ((code = sqlite3_step(stmt.get())) == SQLITE_ROW) {
       after = sqlite3_column_int64(stmt.get(), 0);
       row(stmt.get());
-      progressed = true;
+      failures = 0;
     }
     if (code == SQLITE_DONE) return;
-    ++errors;
-    jump_bits = progressed ? 0 : jump_bits + 1;
+    ++failures;
+    const int jump_bits = failures < 1024 ? 0 : failures - 1024;
     if (jump_bits > 62) return;
     const int64_t step = int64_t{1} << jump_bits;
     if (after > INT64_MAX - step) return;
@@ -110,23 +109,32 @@ struct SalvagedStream {
   int64_t created;
 };
 
-// The length of the readable prefix of a copied stream: up to the first
-// missing chunk or the first short row before the end.
-int64_t ContiguousLength(sqlite3* db, int64_t id, int64_t size) {
-  Stmt stmt(db, "SELECT rowid & 131071, length(data) FROM chunks WHERE rowid BETWEEN ?1 AND ?2 ORDER BY rowid");
-  sqlite3_bind_int64(stmt.get(), 1, id << kChunkBits);
-  sqlite3_bind_int64(stmt.get(), 2, (id << kChunkBits) | ((int64_t{1} << kChunkBits) - 1));
-  int64_t end = 0;
-  int64_t expect = 0;
-  while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
-    const int64_t n = sqlite3_column_int64(stmt.get(), 0);
-    const int64_t length = sqlite3_column_int64(stmt.get(), 1);
-    if (n != expect) break;
-    end = n * kChunkSize + length;
-    if (length < kChunkSize) break;
-    ++expect;
+// Copies the chunks of one stream, each looked up by its rowid (a lookup
+// finds its way around damaged pages that stop a sequential walk), and
+// returns how many bytes from the start could be read without a gap: what
+// follows a lost chunk would read as zeros in the middle of a message.
+Result CopyChunks(sqlite3* src, sqlite3* dst, int64_t id, int64_t size, int64_t* readable) {
+  Stmt get(src, "SELECT data FROM chunks WHERE rowid = ?1");
+  Stmt put(dst, "INSERT INTO chunks(rowid, data) VALUES(?1, ?2)");
+  if (get.code() != SQLITE_OK || put.code() != SQLITE_OK) return SqliteResult(SQLITE_ERROR, dst);
+  *readable = 0;
+  const int64_t chunks = (size + kChunkSize - 1) / kChunkSize;
+  for (int64_t n = 0; n < chunks; ++n) {
+    const int64_t rowid = id << kChunkBits | n;
+    sqlite3_reset(get.get());
+    sqlite3_bind_int64(get.get(), 1, rowid);
+    if (sqlite3_step(get.get()) != SQLITE_ROW) break;
+    const int length = sqlite3_column_bytes(get.get(), 0);
+    if (length > static_cast<int>(kChunkSize)) break;
+    sqlite3_reset(put.get());
+    sqlite3_bind_int64(put.get(), 1, rowid);
+    sqlite3_bind_blob(put.get(), 2, length ? sqlite3_column_blob(get.get(), 0) : "", length, SQLITE_TRANSIENT);
+    const int code = sqlite3_step(put.get());
+    if (code != SQLITE_DONE) return SqliteResult(code, dst);
+    *readable = std::min(size, n * kChunkSize + length);
+    if (length < static_cast<int>(kChunkSize)) break;  // a short row ends what can be trusted
   }
-  return std::min(size, end);
+  return rc::kOk;
 }
 
 Result CopyReadable(sqlite3* src, sqlite3* dst, size_t* streams_saved) {
@@ -144,40 +152,17 @@ Result CopyReadable(sqlite3* src, sqlite3* dst, size_t* streams_saved) {
   Result r = Exec(dst, "BEGIN IMMEDIATE");
   if (r.failed()) return r;
   Stmt put_stream(dst, "INSERT OR IGNORE INTO streams(id, name, size, created) VALUES(?1, ?2, ?3, ?4)");
-  Stmt put_chunk(dst, "INSERT INTO chunks(rowid, data) VALUES(?1, ?2)");
-  if (put_stream.code() != SQLITE_OK || put_chunk.code() != SQLITE_OK) r = SqliteResult(SQLITE_ERROR, dst);
+  if (put_stream.code() != SQLITE_OK) r = SqliteResult(put_stream.code(), dst);
   for (const auto& [id, s] : streams) {
+    int64_t readable = 0;
+    if (r.ok()) r = CopyChunks(src, dst, id, s.size, &readable);
     if (r.failed()) break;
     sqlite3_reset(put_stream.get());
     sqlite3_bind_int64(put_stream.get(), 1, id);
     sqlite3_bind_text(put_stream.get(), 2, s.name.data(), static_cast<int>(s.name.size()), SQLITE_STATIC);
-    sqlite3_bind_int64(put_stream.get(), 3, s.size);
+    sqlite3_bind_int64(put_stream.get(), 3, readable);
     sqlite3_bind_int64(put_stream.get(), 4, s.created);
     const int code = sqlite3_step(put_stream.get());
-    if (code != SQLITE_DONE) r = SqliteResult(code, dst);
-  }
-  ScanReadable(src, "SELECT rowid, data FROM chunks WHERE rowid > ?1 ORDER BY rowid", [&](sqlite3_stmt* s) {
-    const int64_t rowid = sqlite3_column_int64(s, 0);
-    if (r.failed() || !streams.count(rowid >> kChunkBits)) return;
-    const int length = sqlite3_column_bytes(s, 1);
-    if (length > static_cast<int>(kChunkSize)) return;
-    sqlite3_reset(put_chunk.get());
-    sqlite3_bind_int64(put_chunk.get(), 1, rowid);
-    sqlite3_bind_blob(put_chunk.get(), 2, length ? sqlite3_column_blob(s, 1) : "", length, SQLITE_STATIC);
-    const int code = sqlite3_step(put_chunk.get());
-    if (code != SQLITE_DONE) r = SqliteResult(code, dst);
-  });
-  // A stream keeps the bytes that could be read without a gap; what follows
-  // a lost chunk would otherwise read as zeros in the middle of a message.
-  Stmt set_size(dst, "UPDATE streams SET size = ?2 WHERE id = ?1");
-  for (const auto& [id, s] : streams) {
-    if (r.failed()) break;
-    const int64_t length = ContiguousLength(dst, id, s.size);
-    if (length == s.size) continue;
-    sqlite3_reset(set_size.get());
-    sqlite3_bind_int64(set_size.get(), 1, id);
-    sqlite3_bind_int64(set_size.get(), 2, length);
-    const int code = sqlite3_step(set_size.get());
     if (code != SQLITE_DONE) r = SqliteResult(code, dst);
   }
   if (r.ok()) return Exec(dst, "COMMIT");
@@ -243,11 +228,47 @@ std::filesystem::path FreeKeepPath(const std::filesystem::path& path) {
   return keep;
 }
 
+// The database page size from a file's header (bytes 16-17, big-endian, 1
+// meaning 65536); 0 when the header does not hold a valid one.
+uint32_t HeaderPageSize(const std::filesystem::path& path) {
+  const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  uint8_t header[18];
+  const bool got = ::pread(fd, header, sizeof header, 0) == static_cast<ssize_t>(sizeof header);
+  ::close(fd);
+  if (!got) return 0;
+  const uint32_t size = header[16] << 8 | header[17];
+  if (size == 1) return 65536;
+  return size >= 512 && (size & (size - 1)) == 0 ? size : 0;
+}
+
+// A file cut in the middle of a page would have that page read with zeros
+// for its lost part, as if they were content. The salvage then reads a copy
+// that ends at the last whole page, so the partial page counts as lost.
+Result WholePagesCopy(const std::filesystem::path& path, const std::filesystem::path& copy, bool* used) {
+  *used = false;
+  std::error_code ec;
+  const uint64_t size = std::filesystem::file_size(path, ec);
+  const uint32_t page = HeaderPageSize(path);
+  if (ec || page == 0 || size % page == 0) return rc::kOk;
+  container_internal::RemoveContainerFile(copy).Ignore();
+  Result r = CopyFileSynced(path, copy);
+  if (r.ok()) r = CopyFileSynced(WithSuffix(path, "-wal"), WithSuffix(copy, "-wal"));
+  if (r.ok() && ::truncate(copy.c_str(), static_cast<off_t>(size / page * page)) != 0) r = ResultFromErrno(errno);
+  *used = r.ok();
+  return r;
+}
+
 Result Salvage(const std::filesystem::path& path, uint32_t page_size, const std::filesystem::path& keep) {
   // 1. The damaged file and its log, copied exactly as they are.
   Result r = CopyFileSynced(path, keep);
   if (r.ok()) r = CopyFileSynced(WithSuffix(path, "-wal"), WithSuffix(keep, "-wal"));
   if (r.failed()) return r;
+  const std::filesystem::path trimmed = WithSuffix(path, ".whole-pages");
+  bool use_trimmed = false;
+  r = WholePagesCopy(path, trimmed, &use_trimmed);
+  if (r.failed()) return r;
+  const std::filesystem::path& source = use_trimmed ? trimmed : path;
 
   // 2. A new container built from what a read-only connection can read.
   const std::filesystem::path fresh = WithSuffix(path, ".repair");
@@ -256,7 +277,7 @@ Result Salvage(const std::filesystem::path& path, uint32_t page_size, const std:
   WString label;
   {
     Db src, dst;
-    if (r.ok()) r = container_internal::OpenDatabase(path, true, src.out());
+    if (r.ok()) r = container_internal::OpenDatabase(source, true, src.out());
     // Lets a connection read a file shorter than its header says (a
     // truncated file) instead of refusing it whole.
     if (r.ok()) r = Exec(src.get(), "PRAGMA writable_schema = ON");
@@ -269,6 +290,7 @@ Result Salvage(const std::filesystem::path& path, uint32_t page_size, const std:
     if (r.ok()) r = CopyReadable(src.get(), dst.get(), &saved);
     if (r.ok()) r = FixConsistency(dst.get());
   }  // closing dst checkpoints its log into the file and flushes it
+  if (use_trimmed) container_internal::RemoveContainerFile(trimmed).Ignore();
   if (r.failed()) {
     container_internal::RemoveContainerFile(fresh).Ignore();
     if (r == rc::kNothingSalvaged) container_internal::RemoveContainerFile(keep).Ignore();

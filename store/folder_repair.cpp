@@ -29,6 +29,9 @@ Result FolderFile::RepairIndex() {
 
   std::string rebuilt(MessageIndex::kHeaderSize, '\0');
   std::unordered_set<uint32_t> recorded;  // keys of every record kept or dropped as deleted
+  // The header keeps the highest key of the records dropped here, so their
+  // keys are never given again.
+  uint32_t highest = old.size() >= MessageIndex::kHeaderSize ? GetU32(reinterpret_cast<uint8_t*>(old.data())) : 0;
   const std::string_view all(old);
   size_t pos = std::min<size_t>(MessageIndex::kHeaderSize, old.size());
   bool resyncing = false;
@@ -49,6 +52,7 @@ Result FolderFile::RepairIndex() {
     resyncing = false;
     recorded.insert(key);
     if (item.kind != IndexItem::kDeleted) rebuilt.append(old, pos, item.length);
+    else highest = std::max(highest, key);
     pos += item.length;
   }
 
@@ -82,14 +86,8 @@ Result FolderFile::RepairIndex() {
     }
     rebuilt += EncodeMessageRecord(record);
   }
-  uint32_t highest = old.size() >= MessageIndex::kHeaderSize ? GetU32(reinterpret_cast<uint8_t*>(old.data())) : 0;
-  for (uint32_t key : recorded) highest = std::max(highest, key);
-  for (const WString& stream_name : lost) {
-    uint32_t key = 0;
-    KeyFromStreamName(stream_name, &key);
-    highest = std::max(highest, key);
-  }
   PutU32(reinterpret_cast<uint8_t*>(rebuilt.data()), highest);
+  if (rebuilt == old) return rc::kOk;  // a sound index stays as it is
   index->Seek(0, kSeekStart);
   r = index->WriteAll(rebuilt);
   if (r.ok()) r = index->Cut();
