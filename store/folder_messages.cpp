@@ -149,8 +149,9 @@ Result FolderFile::DeleteLocked(const std::vector<uint32_t>& keys) {
   if (r.failed()) return r;
   index_.Removed(std::vector<uint32_t>(seen.begin(), seen.end()));
   counts_ = counts;
+  // Pages freed here are reused by later appends; a compaction gives free
+  // pages back to the file system.
   MaybeCompact();
-  container_.ReleaseFreeSpace(0.25).Ignore();
   return r;
 }
 

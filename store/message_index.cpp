@@ -103,16 +103,26 @@ void MessageIndex::Appended(const MessageRecord& record, uint32_t offset, uint32
 }
 
 void MessageIndex::Removed(const std::vector<uint32_t>& keys) {
+  std::vector<IndexEntry*> gone;
   for (uint32_t key : keys) {
     const auto it = by_key_.find(key);
     if (it == by_key_.end()) continue;
     IndexEntry* entry = it->second;
     deleted_bytes_ += entry->length;
     if (!entry->record.is_read()) --unread_;
-    entry->record.key = 0;  // marks it for the sweep below
+    gone.push_back(entry);
     by_key_.erase(it);
   }
-  // One pass however many were removed.
+  // A few entries are found by their pointers, a scan that reads only the
+  // vector; many at once in one pass that looks into every entry.
+  constexpr size_t kFewEntries = 16;
+  if (gone.size() <= kFewEntries) {
+    for (IndexEntry* entry : gone) {
+      entries_.erase(std::find_if(entries_.begin(), entries_.end(), [&](const auto& e) { return e.get() == entry; }));
+    }
+    return;
+  }
+  for (IndexEntry* entry : gone) entry->record.key = 0;
   std::erase_if(entries_, [](const auto& e) { return e->record.key == 0; });
 }
 
