@@ -33,6 +33,7 @@ Result FolderFile::OpenContainer() {
 }
 
 void FolderFile::CloseLocked() {
+  path_.clear();
   counts_stream_.reset();
   index_stream_.reset();
   container_.Close();
@@ -203,7 +204,9 @@ Result FolderFile::CheckAndRepairFile() {
   {
     MutexLock lock(mu_);
     if (path_.empty()) return rc::kContainerClosed;
+    const std::filesystem::path path = path_;
     CloseLocked();
+    path_ = path;
     loading_ = true;
     r = RepairLocked();
     if (r.failed()) Log(kLogRepairError + ResultText(r));
@@ -246,7 +249,7 @@ Result FolderFile::WriteCounts() {
 }
 
 Result FolderFile::EnsureLoaded() {
-  if (!container_.is_open() && !loaded_ && path_.empty()) return rc::kContainerClosed;
+  if (path_.empty()) return rc::kContainerClosed;
   const Result r = LoadIndexLocked();
   if (r.ok() && !container_.is_open()) return rc::kContainerClosed;
   return r;

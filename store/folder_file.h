@@ -59,8 +59,8 @@ struct FolderFileOptions {
   // "/Index" is compacted when deleted records hold more than this share of
   // it and at least kMinCompactBytes.
   double compact_share = 0.25;
-  IndexProgress progress;      // during index reads
-  RecordRebuilder rebuilder;   // during repairs
+  IndexProgress progress{};      // during index reads
+  RecordRebuilder rebuilder{};   // during repairs
 };
 
 // One message to append: its record (key and size are filled in) and text.
@@ -98,6 +98,8 @@ class FolderFile {
   // Checks and repairs the file on request (not only after a failed load),
   // then loads the index afresh.
   Result CheckAndRepairFile();
+  // Closes the file; later operations fail with rc::kContainerClosed until
+  // the next Open or Create.
   void Close();
 
   bool is_open() const;
@@ -142,6 +144,8 @@ class FolderFile {
   // gives free pages back to the file system.
   Result Compact();
 
+  // An observer removed while another thread changes the folder may still
+  // receive the call in flight; destroy it only when no change can be.
   void AddObserver(FolderObserver* observer);
   void RemoveObserver(FolderObserver* observer);
 

@@ -79,13 +79,24 @@ TEST_F(FolderFileTest, AppendedMessagesComeBackFromCountsAndIndex) {
   EXPECT_TRUE(raw.Exists(u"00000003"));
 }
 
-TEST_F(FolderFileTest, CreateRefusesAnExistingFile) {
+TEST_F(FolderFileTest, CreateOpenAndCloseEdges) {
   Populate(2);
   const std::string before = test::ReadFile(path_);
   FolderFile f(log_);
   EXPECT_EQ(f.Create(path_), rc::kFileExists);
   EXPECT_EQ(test::ReadFile(path_), before);
   EXPECT_EQ(f.Open(dir_ / "missing.fld"), rc::kFileMissing);
+
+  // A closed folder file does not reopen itself behind its owner's back.
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  f.Close();
+  uint32_t key = 0;
+  std::string text;
+  EXPECT_EQ(f.Append(Record("late"), "x", &key), rc::kContainerClosed);
+  EXPECT_EQ(f.LoadIndex(), rc::kContainerClosed);
+  EXPECT_EQ(f.ReadMessage(1, &text), rc::kContainerClosed);
+  EXPECT_EQ(f.Delete({1}), rc::kContainerClosed);
+  EXPECT_EQ(test::ReadFile(path_), before);
 }
 
 TEST_F(FolderFileTest, ShortCountsForceAnIndexReadAndAreRewritten) {
