@@ -1,7 +1,7 @@
 // Feeds arbitrary bytes to the "/Index" record parser the way the loader and
 // the repair do: record after record, and after damage resuming at every
 // even offset. Every record it accepts must fit the bytes it was given and,
-// re-encoded, parse back to the same record.
+// re-encoded, parse back to a record that encodes to the same bytes.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -43,7 +43,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       const std::string again = trv::EncodeMessageRecord(item.message);
       trv::IndexItem back;
       if (trv::ParseIndexRecord(again, again.size(), &back) != trv::IndexParse::kRecord) __builtin_trap();
-      if (!(back.message == item.message)) __builtin_trap();
+      // Bytes, not fields: a date of garbage bytes may be a NaN.
+      if (trv::EncodeMessageRecord(back.message) != again) __builtin_trap();
     }
     pos += item.length;
   }

@@ -1,5 +1,7 @@
 #include "store/index_parser.h"
 
+#include <type_traits>
+
 #include "core/byte_io.h"
 
 namespace trv {
@@ -15,11 +17,9 @@ bool ReadStrings(ByteReader& r, IndexItem* item) {
     }
     return r.WStr(item->reference.string5) && r.WStr(item->reference.string6) && r.SkipWStr();
   }
-  MessageRecord& m = item->message;
-  for (WString* s : {&m.subject, &m.from, &m.to, &m.cc, &m.message_id, &m.server_uid}) {
-    if (!r.WStr(*s)) return false;
-  }
-  return r.SkipWStr();
+  bool ok = true;
+  ForEachRecordString(item->message, [&](WString& s) { ok = ok && r.WStr(s); });
+  return ok && r.SkipWStr();
 }
 
 }  // namespace
@@ -52,18 +52,14 @@ IndexParse ParseIndexRecord(std::string_view window, uint64_t left, IndexItem* i
     r.Bytes(item->reference.fixed.data(), kRecordFixedSize);
   } else {
     item->kind = IndexItem::kMessage;
-    MessageRecord& m = item->message;
+    // In bounds: the record is at least kMinRecordSize long.
     r.Skip(8);
-    r.U32(m.flags);
-    r.U32(m.key);
-    r.F64(m.sent_date);
-    r.F64(m.received_date);
-    r.U32(m.size);
-    r.U32(m.server_size);
-    r.U32(m.imap_uid);
-    r.U32(m.imap_uid_validity);
-    r.U32(m.server_folder);
-    r.Bytes(m.spare.data(), m.spare.size());
+    ForEachFixedField(item->message, [&r](auto& field) {
+      using T = std::decay_t<decltype(field)>;
+      if constexpr (std::is_same_v<T, double>) r.F64(field);
+      else if constexpr (std::is_same_v<T, uint32_t>) r.U32(field);
+      else r.Bytes(field.data(), field.size());
+    });
   }
   return ReadStrings(r, item) ? IndexParse::kRecord : IndexParse::kDamaged;
 }

@@ -1,6 +1,7 @@
 #include "store/message_record.h"
 
 #include <cstring>
+#include <type_traits>
 
 #include "core/byte_io.h"
 
@@ -25,17 +26,13 @@ std::string EncodeMessageRecord(const MessageRecord& r, uint32_t record_flags) {
   ByteWriter w(&out);
   w.U32(0);  // length, filled in below
   w.U32(record_flags);
-  w.U32(r.flags);
-  w.U32(r.key);
-  w.F64(r.sent_date);
-  w.F64(r.received_date);
-  w.U32(r.size);
-  w.U32(r.server_size);
-  w.U32(r.imap_uid);
-  w.U32(r.imap_uid_validity);
-  w.U32(r.server_folder);
-  w.Bytes(r.spare.data(), r.spare.size());
-  for (const WString* s : {&r.subject, &r.from, &r.to, &r.cc, &r.message_id, &r.server_uid}) w.WStr(Bounded(*s));
+  ForEachFixedField(r, [&w](const auto& field) {
+    using T = std::decay_t<decltype(field)>;
+    if constexpr (std::is_same_v<T, double>) w.F64(field);
+    else if constexpr (std::is_same_v<T, uint32_t>) w.U32(field);
+    else w.Bytes(field.data(), field.size());
+  });
+  ForEachRecordString(r, [&w](const WString& s) { w.WStr(Bounded(s)); });
   w.WStr(u"");
   PutU32(reinterpret_cast<uint8_t*>(out.data()), static_cast<uint32_t>(out.size()));
   return out;

@@ -81,6 +81,26 @@ struct ReferenceEntry {
   friend bool operator==(const ReferenceEntry&, const ReferenceEntry&) = default;
 };
 
+// The fields of the fixed part from offset 8 on, then strings 1 to 6, in
+// their order on disk: the one place that order is written down.
+template <typename Record, typename Visit>
+void ForEachFixedField(Record& r, Visit&& visit) {
+  visit(r.flags);
+  visit(r.key);
+  visit(r.sent_date);
+  visit(r.received_date);
+  visit(r.size);
+  visit(r.server_size);
+  visit(r.imap_uid);
+  visit(r.imap_uid_validity);
+  visit(r.server_folder);
+  visit(r.spare);
+}
+template <typename Record, typename Visit>
+void ForEachRecordString(Record& r, Visit&& visit) {
+  for (auto* s : {&r.subject, &r.from, &r.to, &r.cc, &r.message_id, &r.server_uid}) visit(*s);
+}
+
 // The whole record: fixed part with the length at offset 0 and
 // `record_flags` at offset 4, strings 1 to 6, an empty string 7.
 std::string EncodeMessageRecord(const MessageRecord& record, uint32_t record_flags = 0);

@@ -97,7 +97,9 @@ TEST(MessageRecordTest, StreamNames) {
   for (const Row& row : rows) {
     uint32_t key = 0;
     EXPECT_EQ(KeyFromStreamName(row.name, &key), row.ok) << WideToUtf8(row.name);
-    if (row.ok) EXPECT_EQ(key, row.key) << WideToUtf8(row.name);
+    if (row.ok) {
+      EXPECT_EQ(key, row.key) << WideToUtf8(row.name);
+    }
   }
 }
 
