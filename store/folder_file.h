@@ -7,6 +7,9 @@
 // index is read in full when the folder's messages are needed, repaired once
 // when it cannot be read, and then swept of message streams it does not name.
 //
+// Moving a message to another folder file is an Append there, then a Delete
+// here: a crash in between leaves it in both, never in neither.
+//
 // Atomicity: every change (append, delete, flag change, record update,
 // compaction) is one container transaction that also rewrites "/Counts", so
 // a crash at any moment leaves the folder with or without the change, never

@@ -238,6 +238,49 @@ TEST_F(FolderFileTest, CompactionDropsDeletedRecordsAndNeverReusesKeys) {
   EXPECT_EQ(f.NextKey(), 602u);
 }
 
+TEST_F(FolderFileTest, ReferenceEntriesSurviveCompaction) {
+  Populate(3);
+  MessageRecord ref = Record("reference");
+  ref.key = 77;
+  ref.message_id = u"ref@example.org";
+  ref.server_uid = u"UIDL-77";
+  {
+    RawFolder raw(path_);
+    raw.Write(u"/Index", raw.Read(u"/Index") + EncodeMessageRecord(ref, kRecordReference));
+  }
+  FolderFile f(log_);
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  EXPECT_EQ(f.MessageCount(), 3u);
+  ASSERT_EQ(f.References().size(), 1u);
+  EXPECT_EQ(f.References()[0].key(), 77u);
+  EXPECT_EQ(f.NextKey(), 78u);  // a reference's key is not given to a message
+
+  ASSERT_EQ(f.Delete({2}), rc::kOk);
+  ASSERT_EQ(f.Compact(), rc::kOk);
+  f.Close();
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  EXPECT_EQ(f.MessageCount(), 2u);
+  ASSERT_EQ(f.References().size(), 1u);
+  EXPECT_EQ(f.References()[0].string5, u"ref@example.org");
+  EXPECT_EQ(f.References()[0].string6, u"UIDL-77");
+}
+
+TEST_F(FolderFileTest, ProgressReportsEveryRecordUpToTheSize) {
+  Populate(40);
+  std::vector<std::pair<uint32_t, uint32_t>> calls;
+  FolderFileOptions options;
+  options.progress = [&](uint32_t position, uint32_t size) { calls.emplace_back(position, size); };
+  FolderFile f(log_, options);
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  ASSERT_EQ(calls.size(), 40u);
+  const uint32_t size = static_cast<uint32_t>(RawFolder(path_).Read(u"/Index").size());
+  for (size_t i = 1; i < calls.size(); ++i) EXPECT_LT(calls[i - 1].first, calls[i].first);
+  EXPECT_EQ(calls.back(), std::make_pair(size, size));
+}
+
 // Counts the calls and reads the folder back from inside them, which
 // deadlocks if the folder's lock were held.
 class CountingObserver : public FolderObserver {
