@@ -183,6 +183,11 @@ class RootSearch {
   Result error_;
 };
 
+// Seam for tests: the name of a registered SQLite VFS that containers opened
+// from now on go through (null: the default). Not for use while containers
+// are being opened on other threads.
+void SetContainerVfs(const char* vfs_name);
+
 // Checks the container file at `path` and repairs it where it can, with no
 // other connection to it open. Returns 0 when the file is usable again.
 //

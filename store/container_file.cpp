@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -94,11 +95,15 @@ Result RemoveContainerFile(const std::filesystem::path& path) {
   return rc::kOk;
 }
 
+namespace {
+std::atomic<const char*> vfs_name{nullptr};
+}  // namespace
+
 Result OpenDatabase(const std::filesystem::path& path, bool read_only, sqlite3** db) {
   const int flags = (read_only ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
                     SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
   *db = nullptr;
-  const int code = sqlite3_open_v2(path.c_str(), db, flags, nullptr);
+  const int code = sqlite3_open_v2(path.c_str(), db, flags, vfs_name.load());
   if (code != SQLITE_OK) {
     const Result r = SqliteResult(code, *db);
     sqlite3_close_v2(*db);
@@ -173,3 +178,7 @@ Result ReadSettings(sqlite3* db, WString* label, uint32_t* page_size) {
 }
 
 }  // namespace trv::container_internal
+
+namespace trv {
+void SetContainerVfs(const char* name) { container_internal::vfs_name.store(name); }
+}  // namespace trv
