@@ -68,6 +68,15 @@ constexpr Entry kTexts[] = {
     {0x800700EA, "More data is available."},
     {0x8007045D, "The request could not be performed because of an I/O device error."},
     {0x8007054F, "An internal error occurred."},
+    // Container files.
+    {0x80D00001, "The file is not a container file."},
+    {0x80D00002, "The container file is damaged."},
+    {0x80D00003, "The container file was written by a newer version."},
+    {0x80D00004, "The container file is not open."},
+    {0x80D00005, "The stream would grow past 4 GB."},
+    {0x80D00006, "The stream was opened for reading only."},
+    {0x80D00007, "The container file could not be accessed."},
+    {0x80D00008, "Nothing could be saved from the damaged container file."},
     // MIME status values.
     {0xA0003000, "The message text has a syntax error."},
     {0xA0003003, "The text could not be converted between character sets."},

@@ -1,0 +1,217 @@
+#include "tests/store/fault_vfs.h"
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "store/container.h"
+
+namespace trv::test {
+
+namespace {
+
+std::string ReadWhole(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream out;
+  out << in.rdbuf();
+  return out.str();
+}
+
+void Apply(std::string& content, sqlite3_int64 offset, const std::string& bytes, bool truncate) {
+  const size_t at = static_cast<size_t>(offset);
+  if (truncate) {
+    content.resize(at, '\0');
+    return;
+  }
+  if (content.size() < at + bytes.size()) content.resize(at + bytes.size(), '\0');
+  content.replace(at, bytes.size(), bytes);
+}
+
+}  // namespace
+
+// One open file: ours first, the default VFS's own right behind it.
+struct FaultVfs::File {
+  sqlite3_file base;
+  FaultVfs* owner;
+  std::string path;  // empty: not tracked
+  sqlite3_file* real() { return reinterpret_cast<sqlite3_file*>(this + 1); }
+
+  static File& Of(sqlite3_file* f) { return *reinterpret_cast<File*>(f); }
+  static sqlite3_file* Real(sqlite3_file* f) { return Of(f).real(); }
+
+  static int Close(sqlite3_file* f) { return Real(f)->pMethods->xClose(Real(f)); }
+  static int Read(sqlite3_file* f, void* out, int n, sqlite3_int64 offset) {
+    return Real(f)->pMethods->xRead(Real(f), out, n, offset);
+  }
+  static int Write(sqlite3_file* f, const void* data, int n, sqlite3_int64 offset) {
+    File& file = Of(f);
+    if (!file.owner->WriteAllowed()) return SQLITE_IOERR_WRITE;
+    const int code = Real(f)->pMethods->xWrite(Real(f), data, n, offset);
+    if (code == SQLITE_OK && !file.path.empty()) {
+      std::lock_guard lock(file.owner->mu_);
+      file.owner->files_[file.path].pending.push_back(
+          {false, offset, std::string(static_cast<const char*>(data), static_cast<size_t>(n))});
+    }
+    return code;
+  }
+  static int Truncate(sqlite3_file* f, sqlite3_int64 size) {
+    File& file = Of(f);
+    if (!file.owner->WriteAllowed()) return SQLITE_IOERR_TRUNCATE;
+    const int code = Real(f)->pMethods->xTruncate(Real(f), size);
+    if (code == SQLITE_OK && !file.path.empty()) {
+      std::lock_guard lock(file.owner->mu_);
+      file.owner->files_[file.path].pending.push_back({true, size, {}});
+    }
+    return code;
+  }
+  static int Sync(sqlite3_file* f, int flags) {
+    File& file = Of(f);
+    {
+      std::lock_guard lock(file.owner->mu_);
+      if (file.owner->frozen_) return SQLITE_IOERR_FSYNC;
+    }
+    const int code = Real(f)->pMethods->xSync(Real(f), flags);
+    if (code == SQLITE_OK && !file.path.empty()) {
+      std::lock_guard lock(file.owner->mu_);
+      FileState& state = file.owner->files_[file.path];
+      for (const Change& c : state.pending) Apply(state.synced, c.offset, c.bytes, c.truncate);
+      state.pending.clear();
+      state.ever_synced = true;
+    }
+    return code;
+  }
+  static int FileSize(sqlite3_file* f, sqlite3_int64* size) { return Real(f)->pMethods->xFileSize(Real(f), size); }
+  static int Lock(sqlite3_file* f, int level) { return Real(f)->pMethods->xLock(Real(f), level); }
+  static int Unlock(sqlite3_file* f, int level) { return Real(f)->pMethods->xUnlock(Real(f), level); }
+  static int CheckReservedLock(sqlite3_file* f, int* out) {
+    return Real(f)->pMethods->xCheckReservedLock(Real(f), out);
+  }
+  static int FileControl(sqlite3_file* f, int op, void* arg) { return Real(f)->pMethods->xFileControl(Real(f), op, arg); }
+  static int SectorSize(sqlite3_file* f) { return Real(f)->pMethods->xSectorSize(Real(f)); }
+  static int DeviceCharacteristics(sqlite3_file* f) { return Real(f)->pMethods->xDeviceCharacteristics(Real(f)); }
+  static int ShmMap(sqlite3_file* f, int page, int size, int extend, void volatile** out) {
+    return Real(f)->pMethods->xShmMap(Real(f), page, size, extend, out);
+  }
+  static int ShmLock(sqlite3_file* f, int offset, int n, int flags) {
+    return Real(f)->pMethods->xShmLock(Real(f), offset, n, flags);
+  }
+  static void ShmBarrier(sqlite3_file* f) { Real(f)->pMethods->xShmBarrier(Real(f)); }
+  static int ShmUnmap(sqlite3_file* f, int delete_flag) { return Real(f)->pMethods->xShmUnmap(Real(f), delete_flag); }
+};
+
+// Version 2: shared memory for the write-ahead log, no memory mapping.
+const sqlite3_io_methods FaultVfs::kMethods = {
+    2,
+    &File::Close,
+    &File::Read,
+    &File::Write,
+    &File::Truncate,
+    &File::Sync,
+    &File::FileSize,
+    &File::Lock,
+    &File::Unlock,
+    &File::CheckReservedLock,
+    &File::FileControl,
+    &File::SectorSize,
+    &File::DeviceCharacteristics,
+    &File::ShmMap,
+    &File::ShmLock,
+    &File::ShmBarrier,
+    &File::ShmUnmap,
+    nullptr,
+    nullptr,
+};
+
+FaultVfs::FaultVfs() {
+  root_ = sqlite3_vfs_find(nullptr);
+  vfs_ = *root_;
+  vfs_.zName = "trv-fault";
+  vfs_.szOsFile = static_cast<int>(sizeof(File)) + root_->szOsFile;
+  vfs_.pAppData = this;
+  vfs_.xOpen = &FaultVfs::Open;
+  vfs_.xDelete = &FaultVfs::Delete;
+  vfs_.pNext = nullptr;
+  sqlite3_vfs_register(&vfs_, 0);
+  SetContainerVfs(vfs_.zName);
+}
+
+FaultVfs::~FaultVfs() {
+  SetContainerVfs(nullptr);
+  sqlite3_vfs_unregister(&vfs_);
+}
+
+bool FaultVfs::WriteAllowed() {
+  std::lock_guard lock(mu_);
+  if (frozen_) return false;
+  if (writes_left_ == 0) {
+    frozen_ = true;
+    return false;
+  }
+  if (writes_left_ > 0) --writes_left_;
+  return true;
+}
+
+int FaultVfs::Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* f, int flags, int* out_flags) {
+  FaultVfs& self = Self(vfs);
+  File* file = new (f) File{{nullptr}, &self, {}};
+  const int code = self.root_->xOpen(self.root_, name, file->real(), flags, out_flags);
+  if (code != SQLITE_OK || !file->real()->pMethods) return code;
+  file->base.pMethods = &kMethods;
+  if (name && (flags & (SQLITE_OPEN_MAIN_DB | SQLITE_OPEN_WAL))) {
+    file->path = name;
+    std::lock_guard lock(self.mu_);
+    if (!self.files_.count(file->path)) {
+      FileState& state = self.files_[file->path];
+      state.synced = ReadWhole(file->path);
+      state.ever_synced = std::filesystem::exists(file->path);
+    }
+  }
+  return code;
+}
+
+int FaultVfs::Delete(sqlite3_vfs* vfs, const char* name, int sync_dir) {
+  FaultVfs& self = Self(vfs);
+  {
+    std::lock_guard lock(self.mu_);
+    if (self.frozen_) return SQLITE_IOERR_DELETE;
+    self.files_.erase(name);
+  }
+  return self.root_->xDelete(self.root_, name, sync_dir);
+}
+
+void FaultVfs::FreezeAfter(int writes) {
+  std::lock_guard lock(mu_);
+  writes_left_ = writes;
+  frozen_ = writes == 0;
+}
+
+void FaultVfs::PowerLoss(std::mt19937& rng) {
+  std::lock_guard lock(mu_);
+  for (auto& [path, state] : files_) {
+    std::string content = state.synced;
+    const size_t keep = state.pending.empty() ? 0 : rng() % (state.pending.size() + 1);
+    for (size_t i = 0; i < keep; ++i) {
+      Change c = state.pending[i];
+      if (i + 1 == keep && !c.truncate && rng() % 3 == 0) c.bytes.resize(c.bytes.size() / 2 / 512 * 512);
+      Apply(content, c.offset, c.bytes, c.truncate);
+    }
+    std::error_code ec;
+    if (!state.ever_synced && keep == 0) {
+      std::filesystem::remove(path, ec);
+    } else {
+      std::ofstream(path, std::ios::binary | std::ios::trunc).write(content.data(),
+                                                                    static_cast<std::streamsize>(content.size()));
+    }
+    // The shared-memory index describes the log as it was; the next opener
+    // rebuilds it from the log.
+    std::filesystem::remove(path + "-shm", ec);
+    state.synced = content;
+    state.ever_synced = std::filesystem::exists(path, ec);
+    state.pending.clear();
+  }
+  frozen_ = false;
+  writes_left_ = -1;
+}
+
+}  // namespace trv::test
