@@ -1,0 +1,71 @@
+#include "store/index_parser.h"
+
+#include "core/byte_io.h"
+
+namespace trv {
+
+namespace {
+
+// Reads the seven strings of a record whose fixed part has been read. Every
+// count is bounded by the record's own length.
+bool ReadStrings(ByteReader& r, IndexItem* item) {
+  if (item->kind == IndexItem::kReference) {
+    for (int i = 0; i < 4; ++i) {
+      if (!r.SkipWStr()) return false;
+    }
+    return r.WStr(item->reference.string5) && r.WStr(item->reference.string6) && r.SkipWStr();
+  }
+  MessageRecord& m = item->message;
+  for (WString* s : {&m.subject, &m.from, &m.to, &m.cc, &m.message_id, &m.server_uid}) {
+    if (!r.WStr(*s)) return false;
+  }
+  return r.SkipWStr();
+}
+
+}  // namespace
+
+IndexParse ParseIndexRecord(std::string_view window, uint64_t left, IndexItem* item) {
+  if (left == 0) return IndexParse::kEnd;
+  if (left < kRecordFixedSize) return IndexParse::kStop;
+  if (window.size() < kRecordFixedSize) {
+    item->length = kRecordFixedSize;
+    return IndexParse::kNeedMore;
+  }
+  const auto* p = reinterpret_cast<const uint8_t*>(window.data());
+  const uint32_t length = GetU32(p);
+  const uint32_t flags = GetU32(p + 4);
+  const uint32_t key = GetU32(p + 12);
+  if (length == 0 || key == 0) return IndexParse::kStop;
+  if (length < kMinRecordSize || length > kMaxRecordSize || length > left) return IndexParse::kDamaged;
+  item->length = length;
+  item->record_flags = flags;
+  if (window.size() < length) return IndexParse::kNeedMore;
+
+  if (flags > kRecordDeletedAbove) {
+    item->kind = IndexItem::kDeleted;
+    item->message.key = key;
+    return IndexParse::kRecord;
+  }
+  ByteReader r(window.substr(0, length));
+  if (flags & kRecordReference) {
+    item->kind = IndexItem::kReference;
+    r.Bytes(item->reference.fixed.data(), kRecordFixedSize);
+  } else {
+    item->kind = IndexItem::kMessage;
+    MessageRecord& m = item->message;
+    r.Skip(8);
+    r.U32(m.flags);
+    r.U32(m.key);
+    r.F64(m.sent_date);
+    r.F64(m.received_date);
+    r.U32(m.size);
+    r.U32(m.server_size);
+    r.U32(m.imap_uid);
+    r.U32(m.imap_uid_validity);
+    r.U32(m.server_folder);
+    r.Bytes(m.spare.data(), m.spare.size());
+  }
+  return ReadStrings(r, item) ? IndexParse::kRecord : IndexParse::kDamaged;
+}
+
+}  // namespace trv

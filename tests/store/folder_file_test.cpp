@@ -1,0 +1,301 @@
+#include "store/folder_file.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "core/byte_io.h"
+#include "tests/store/folder_test_util.h"
+#include "tests/support/temp_dir.h"
+
+namespace trv {
+namespace {
+
+using test::RawFolder;
+using test::Record;
+using test::RecordingLog;
+using test::TempDir;
+using test::Text;
+using Lines = std::vector<std::string>;
+
+class FolderFileTest : public ::testing::Test {
+ protected:
+  // Creates the folder file with `n` messages "m0".."m<n-1>" (even ones read)
+  // and closes it.
+  void Populate(int n) {
+    FolderFile f(log_);
+    ASSERT_EQ(f.Create(path_), rc::kOk);
+    for (int i = 0; i < n; ++i) {
+      uint32_t key = 0;
+      ASSERT_EQ(f.Append(Record("m" + std::to_string(i), i % 2 == 0), Text("m" + std::to_string(i)), &key),
+                rc::kOk);
+      ASSERT_EQ(key, static_cast<uint32_t>(i + 1));
+    }
+    log_.lines.clear();
+  }
+
+  // Opens and loads the folder file; the messages' subjects in index order.
+  std::vector<std::string> Subjects(FolderFile& f) {
+    std::vector<std::string> out;
+    for (const MessageRecord& r : f.Messages()) out.push_back(WideToUtf8(r.subject));
+    return out;
+  }
+
+  TempDir dir_;
+  std::filesystem::path path_ = dir_ / "{0A}.fld";
+  RecordingLog log_;
+};
+
+TEST_F(FolderFileTest, AppendedMessagesComeBackFromCountsAndIndex) {
+  Populate(3);
+  FolderFile f(log_);
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  EXPECT_EQ(f.counts(), (FolderCounts{3, 1}));
+  EXPECT_FALSE(f.index_loaded());
+  EXPECT_EQ(f.counters().bytes_read, 8u);  // "/Counts" only; "/Index" not touched
+  EXPECT_EQ(log_.lines, Lines{"Loading messages count"});
+
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  EXPECT_EQ(log_.lines, (Lines{"Loading messages count", "Loading messages index", "Loading messages"}));
+  ASSERT_EQ(f.MessageCount(), 3u);
+  const MessageRecord m1 = *f.FindMessage(2);
+  MessageRecord want = Record("m1");
+  want.key = 2;
+  want.size = static_cast<uint32_t>(Text("m1").size());
+  EXPECT_EQ(m1, want);
+  std::string text;
+  ASSERT_EQ(f.ReadMessage(2, &text), rc::kOk);
+  EXPECT_EQ(text, Text("m1"));
+  EXPECT_EQ(f.ReadMessage(2, &text, 10), rc::kInvalidData);
+  EXPECT_EQ(f.ReadMessage(9, &text), rc::kInvalidArg);
+  ASSERT_EQ(f.ReadMessageRange(2, 9, 2, &text), rc::kOk);
+  EXPECT_EQ(text, "m1");
+  ASSERT_EQ(f.ReadMessageRange(2, want.size - 2, 100, &text), rc::kOk);
+  EXPECT_EQ(text, "\r\n");
+  EXPECT_EQ(f.NextKey(), 4u);
+
+  RawFolder raw(path_);
+  EXPECT_EQ(raw.Read(u"/Counts"), std::string("\x03\0\0\0\x01\0\0\0", 8));
+  EXPECT_TRUE(raw.Exists(u"00000003"));
+}
+
+TEST_F(FolderFileTest, CreateRefusesAnExistingFile) {
+  Populate(2);
+  const std::string before = test::ReadFile(path_);
+  FolderFile f(log_);
+  EXPECT_EQ(f.Create(path_), rc::kFileExists);
+  EXPECT_EQ(test::ReadFile(path_), before);
+  EXPECT_EQ(f.Open(dir_ / "missing.fld"), rc::kFileMissing);
+}
+
+TEST_F(FolderFileTest, ShortCountsForceAnIndexReadAndAreRewritten) {
+  Populate(4);
+  RawFolder(path_).Write(u"/Counts", std::string("\x04\0\0\0\x02\0\0", 7));
+  FolderFile f(log_);
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  EXPECT_TRUE(f.index_loaded());
+  EXPECT_EQ(f.counts(), (FolderCounts{4, 2}));
+  EXPECT_EQ(log_.lines, (Lines{"Loading messages count", "Loading messages index", "Loading messages"}));
+  f.Close();
+  EXPECT_EQ(RawFolder(path_).Read(u"/Counts"), std::string("\x04\0\0\0\x02\0\0\0", 8));
+}
+
+TEST_F(FolderFileTest, SweepDeletesOnlyUnnamedMessageStreams) {
+  Populate(2);
+  {
+    RawFolder raw(path_);
+    for (const char16_t* name : {u"0000002A", u"0note", u"Notes", u"1000002A"}) raw.Write(name, "x");
+  }
+  FolderFile f(log_);
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  EXPECT_EQ(f.MessageCount(), 2u);
+  f.Close();
+  RawFolder raw(path_);
+  EXPECT_FALSE(raw.Exists(u"0000002A"));
+  EXPECT_FALSE(raw.Exists(u"0note"));
+  EXPECT_TRUE(raw.Exists(u"Notes"));
+  EXPECT_TRUE(raw.Exists(u"1000002A"));
+  EXPECT_TRUE(raw.Exists(u"00000001"));
+  EXPECT_TRUE(raw.Exists(u"00000002"));
+}
+
+TEST_F(FolderFileTest, DeletedAndEmptyMessages) {
+  Populate(3);
+  FolderFile f(log_);
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  uint32_t empty_key = 0;
+  ASSERT_EQ(f.Append(Record("empty"), "", &empty_key), rc::kOk);
+  EXPECT_EQ(f.Delete({2, 99}), rc::kInvalidArg);  // one unknown key: nothing deleted
+  EXPECT_EQ(f.MessageCount(), 4u);
+  ASSERT_EQ(f.Delete({2}), rc::kOk);
+  EXPECT_EQ(f.counts(), (FolderCounts{3, 1}));
+  EXPECT_FALSE(f.FindMessage(2));
+  f.Close();
+
+  {
+    RawFolder raw(path_);
+    EXPECT_FALSE(raw.Exists(u"00000002"));
+    // The deleted record stays in "/Index", its flags above 32767.
+    const std::string index = raw.Read(u"/Index");
+    const auto* p = reinterpret_cast<const uint8_t*>(index.data());
+    const uint32_t second = 4 + GetU32(p + 4);
+    EXPECT_EQ(GetU32(p + second + 12), 2u);
+    EXPECT_GT(GetU32(p + second + 4), 32767u);
+  }
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  EXPECT_EQ(Subjects(f), (std::vector<std::string>{"m0", "m2", "empty"}));
+  EXPECT_EQ(f.counts(), (FolderCounts{3, 1}));
+  std::string text = "x";
+  ASSERT_EQ(f.ReadMessage(empty_key, &text), rc::kOk);
+  EXPECT_EQ(text, "");
+  EXPECT_EQ(f.FindMessage(empty_key)->size, 0u);
+}
+
+TEST_F(FolderFileTest, FlagsAndRecordUpdatesPersist) {
+  Populate(3);
+  FolderFile f(log_);
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  const uint32_t index_size = static_cast<uint32_t>(RawFolder(path_).Read(u"/Index").size());
+
+  ASSERT_EQ(f.SetFlags(2, msgflag::kRead | msgflag::kFlagged, 0), rc::kOk);
+  EXPECT_EQ(f.counts(), (FolderCounts{3, 0}));
+  ASSERT_EQ(f.SetFlags(1, msgflag::kAnswered, msgflag::kRead), rc::kOk);
+  EXPECT_EQ(f.counts(), (FolderCounts{3, 1}));
+  EXPECT_EQ(f.SetFlags(42, msgflag::kRead, 0), rc::kInvalidArg);
+
+  MessageRecord same_length = *f.FindMessage(3);
+  same_length.subject = u"M2";
+  same_length.size = 1;  // the stored size wins
+  ASSERT_EQ(f.UpdateRecord(same_length), rc::kOk);
+  MessageRecord longer = *f.FindMessage(1);
+  longer.subject = u"a much longer subject than before";
+  longer.imap_uid = 500;
+  ASSERT_EQ(f.UpdateRecord(longer), rc::kOk);
+  ASSERT_EQ(f.ReplaceMessage(*f.FindMessage(2), "whole message now"), rc::kOk);
+  f.Close();
+
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  EXPECT_EQ(f.counts(), (FolderCounts{3, 1}));
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  const MessageRecord m0 = *f.FindMessage(1);
+  EXPECT_EQ(m0.flags, msgflag::kAnswered);
+  EXPECT_EQ(m0.subject, u"a much longer subject than before");
+  EXPECT_EQ(m0.imap_uid, 500u);
+  EXPECT_EQ(f.FindMessage(2)->flags, msgflag::kRead | msgflag::kFlagged);
+  EXPECT_EQ(f.FindMessage(2)->size, 17u);
+  EXPECT_EQ(f.FindMessage(3)->subject, u"M2");
+  EXPECT_EQ(f.FindMessage(3)->size, Text("m2").size());
+  std::string text;
+  ASSERT_EQ(f.ReadMessage(2, &text), rc::kOk);
+  EXPECT_EQ(text, "whole message now");
+  // Only the record that grew went to the end of "/Index".
+  EXPECT_EQ(RawFolder(path_).Read(u"/Index").size(), index_size + EncodeMessageRecord(m0).size());
+}
+
+TEST_F(FolderFileTest, CompactionDropsDeletedRecordsAndNeverReusesKeys) {
+  FolderFile f(log_);
+  ASSERT_EQ(f.Create(path_), rc::kOk);
+  std::vector<NewMessage> batch;
+  for (int i = 0; i < 600; ++i) batch.push_back({Record("m" + std::to_string(i)), "text"});
+  std::vector<uint32_t> keys;
+  ASSERT_EQ(f.AppendMany(batch, &keys), rc::kOk);
+  ASSERT_EQ(keys.size(), 600u);
+  const size_t full = RawFolder(path_).Read(u"/Index").size();
+
+  // Deleting the newest 450 passes the share: the index is rewritten.
+  ASSERT_EQ(f.Delete(std::vector<uint32_t>(keys.begin() + 150, keys.end())), rc::kOk);
+  const size_t compacted = RawFolder(path_).Read(u"/Index").size();
+  EXPECT_LT(compacted, full / 3);
+  // Changes after compaction go to the new offsets.
+  ASSERT_EQ(f.SetFlags(keys[10], msgflag::kRead, 0), rc::kOk);
+  ASSERT_EQ(f.Delete({keys[0]}), rc::kOk);
+  uint32_t key = 0;
+  ASSERT_EQ(f.Append(Record("after"), "t", &key), rc::kOk);
+  EXPECT_EQ(key, 601u);
+  f.Close();
+
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  ASSERT_EQ(f.MessageCount(), 150u);
+  EXPECT_EQ(WideToUtf8(f.MessageAt(0)->subject), "m1");
+  EXPECT_TRUE(f.FindMessage(keys[10])->is_read());
+  EXPECT_EQ(f.counts(), (FolderCounts{150, 149}));
+  // Key 600 was deleted and compacted away; the header still remembers it.
+  EXPECT_EQ(f.NextKey(), 602u);
+}
+
+// Counts the calls and reads the folder back from inside them, which
+// deadlocks if the folder's lock were held.
+class CountingObserver : public FolderObserver {
+ public:
+  void MessagesAdded(FolderFile& f, const std::vector<uint32_t>& keys) override {
+    added.insert(added.end(), keys.begin(), keys.end());
+    last_count = f.MessageCount();
+  }
+  void MessagesRemoved(FolderFile& f, const std::vector<uint32_t>& keys) override {
+    removed.insert(removed.end(), keys.begin(), keys.end());
+    last_count = f.MessageCount();
+  }
+  void MessagesChanged(FolderFile& f, const std::vector<uint32_t>& keys) override {
+    changed.insert(changed.end(), keys.begin(), keys.end());
+  }
+  void IndexLoaded(FolderFile&) override { ++loads; }
+  std::vector<uint32_t> added, removed, changed;
+  size_t last_count = 0;
+  int loads = 0;
+};
+
+TEST_F(FolderFileTest, ObserversHearCommittedChanges) {
+  Populate(2);
+  FolderFile f(log_);
+  CountingObserver o;
+  f.AddObserver(&o);
+  ASSERT_EQ(f.Open(path_), rc::kOk);
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
+  EXPECT_EQ(o.loads, 1);
+  uint32_t key = 0;
+  ASSERT_EQ(f.Append(Record("new"), "x", &key), rc::kOk);
+  EXPECT_EQ(o.added, std::vector<uint32_t>{key});
+  EXPECT_EQ(o.last_count, 3u);
+  ASSERT_EQ(f.SetFlags(key, msgflag::kRead, 0), rc::kOk);
+  ASSERT_EQ(f.SetFlags(key, msgflag::kRead, 0), rc::kOk);  // no change, no call
+  EXPECT_EQ(o.changed, std::vector<uint32_t>{key});
+  EXPECT_EQ(f.Delete({1, 99}), rc::kInvalidArg);
+  ASSERT_EQ(f.Delete({1}), rc::kOk);
+  EXPECT_EQ(o.removed, std::vector<uint32_t>{1});
+  EXPECT_EQ(o.last_count, 2u);
+  f.RemoveObserver(&o);
+  ASSERT_EQ(f.Append(Record("unseen"), "x", &key), rc::kOk);
+  EXPECT_EQ(o.added.size(), 1u);
+}
+
+TEST_F(FolderFileTest, WorkerAppendsWhileTheListingIsRead) {
+  FolderFile f(log_, FolderFileOptions{.sync_commits = false});
+  ASSERT_EQ(f.Create(path_), rc::kOk);
+  std::thread worker([&] {
+    for (int i = 0; i < 300; ++i) {
+      uint32_t key;
+      ASSERT_EQ(f.Append(Record("w" + std::to_string(i)), Text("w"), &key), rc::kOk);
+    }
+  });
+  size_t seen = 0;
+  while (seen < 300) {
+    const std::vector<MessageRecord> list = f.Messages();
+    ASSERT_GE(list.size(), seen);  // never shrinks, never torn
+    for (size_t i = 0; i < list.size(); ++i) ASSERT_EQ(list[i].key, i + 1);
+    seen = list.size();
+    if (seen) {
+      std::string text;
+      ASSERT_EQ(f.ReadMessage(static_cast<uint32_t>(seen), &text), rc::kOk);
+    }
+  }
+  worker.join();
+  EXPECT_EQ(f.counts(), (FolderCounts{300, 300}));
+}
+
+}  // namespace
+}  // namespace trv

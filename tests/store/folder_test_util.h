@@ -1,0 +1,68 @@
+// Helpers shared by the folder file tests.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/activity_log.h"
+#include "store/container.h"
+#include "store/container_stream.h"
+#include "store/folder_file.h"
+
+namespace trv::test {
+
+// Keeps every log line.
+class RecordingLog final : public LogSink {
+ public:
+  void Log(std::string_view text, int level) override { lines.emplace_back(text); }
+  std::vector<std::string> lines;
+};
+
+inline MessageRecord Record(std::string subject, bool read = false) {
+  MessageRecord r;
+  r.subject = Utf8ToWide(subject);
+  r.from = u"Ann <ann@example.org>";
+  r.to = u"bob@example.org";
+  r.message_id = Utf8ToWide(subject + "@example.org");
+  r.sent_date = 45000.5;
+  r.received_date = 45001.5;
+  if (read) r.flags |= msgflag::kRead;
+  return r;
+}
+
+inline std::string Text(const std::string& subject, size_t body = 200) {
+  return "Subject: " + subject + "\r\nFrom: ann@example.org\r\n\r\n" + std::string(body, 'b') + "\r\n";
+}
+
+// Opens a closed folder file's container directly, to look at or damage
+// its streams the way only a fault or another program would.
+class RawFolder {
+ public:
+  explicit RawFolder(const std::filesystem::path& path) {
+    EXPECT_EQ(c_.Open(path, 512, false, u"Mail Storage", u'/', false, false), rc::kOk);
+  }
+  std::string Read(WStringView name) {
+    std::unique_ptr<ContainerStream> s;
+    if (c_.OpenStream(name, false, &s).failed()) return "<missing>";
+    std::string out;
+    EXPECT_EQ(s->ReadRest(&out, UINT32_MAX), rc::kOk);
+    return out;
+  }
+  void Write(WStringView name, const std::string& bytes) {
+    std::unique_ptr<ContainerStream> s;
+    ASSERT_EQ(c_.OpenStream(name, true, &s), rc::kOk);
+    ASSERT_EQ(s->WriteAll(bytes), rc::kOk);
+    ASSERT_EQ(s->Cut(), rc::kOk);
+  }
+  bool Exists(WStringView name) { return c_.StreamExists(name); }
+  Container& container() { return c_; }
+
+ private:
+  Container c_;
+};
+
+}  // namespace trv::test
