@@ -50,10 +50,8 @@ std::string DateTimeLine(std::string_view text) {
 
 // A wide text value, or an 8-bit one (a hand-written file) taken as UTF-8.
 WString ReadText(const Settings& settings, std::string_view section, std::string_view name) {
-  if (settings.TypeOfValue(section, name) == SettingsType::kWideString) {
-    return settings.ReadWideString(section, name);
-  }
-  return Utf8ToWide(settings.ReadString(section, name));
+  WString text = settings.ReadWideString(section, name);
+  return text.empty() ? Utf8ToWide(settings.ReadString(section, name)) : text;
 }
 
 }  // namespace
