@@ -148,6 +148,8 @@ class Storage {
   Result FindFolderFile(MailFolder& folder, std::filesystem::path* found);
   Result RecreateFolderFile(MailFolder& folder);
   void ReportFolderError(const WString& folder_name, Result r, LoadState& state);
+  // Calls the engine's progress callback; the answer.
+  int RaiseEvent(int code, Result error, WStringView folder_name, const std::filesystem::path& path);
 
   // storage.cpp
   std::unique_ptr<FolderFile> NewFolderFileObject();

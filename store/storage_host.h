@@ -49,7 +49,7 @@ struct StorageEvent {
   WString storage_name;
   WString folder_name;
   std::filesystem::path path;  // the index file (9) or the folder file name (3, 10)
-  std::string detail;          // what was wrong, for messages
+  std::string detail;          // what was wrong with the index file, if anything, for messages
 };
 
 // A change of a storage's folder tree, for the interface's folder view.

@@ -47,6 +47,17 @@ struct Storage::LoadState {
   bool incomplete = false;  // a folder stayed unavailable
 };
 
+int Storage::RaiseEvent(int code, Result error, WStringView folder_name, const std::filesystem::path& path) {
+  StorageEvent event;
+  event.code = code;
+  event.error = error;
+  event.storage_name = name_;
+  event.folder_name = WString(folder_name);
+  event.path = path;
+  event.detail = index_problem_;
+  return host_.StorageProgress(event);
+}
+
 Result Storage::FailOpen(Result r, const std::filesystem::path& path, const std::string& problem) {
   root_.reset();
   complete_ = false;
@@ -54,13 +65,7 @@ Result Storage::FailOpen(Result r, const std::filesystem::path& path, const std:
   LogSink& log = host_.StorageLog();
   log.Log("Cannot open storage index " + problem);
   log.Log(kLogStorageError + ResultText(r));
-  StorageEvent event;
-  event.code = kEventStorageLoadingError;
-  event.error = r;
-  event.storage_name = name_;
-  event.path = path;
-  event.detail = problem;
-  host_.StorageProgress(event);
+  RaiseEvent(kEventStorageLoadingError, r, {}, path);
   return r;
 }
 
@@ -158,14 +163,7 @@ void Storage::LoadFolder(MailFolder& folder, LoadState& state) {
 
 void Storage::ReportFolderError(const WString& folder_name, Result r, LoadState& state) {
   host_.StorageLog().Log(kLogFolderError + ResultText(r));
-  StorageEvent event;
-  event.code = kEventFolderLoadingError;
-  event.error = r;
-  event.storage_name = name_;
-  event.folder_name = folder_name;
-  event.path = index_path_;
-  event.detail = index_problem_;
-  if (host_.StorageProgress(event) == kAnswerStop) state.stopped = true;
+  if (RaiseEvent(kEventFolderLoadingError, r, folder_name, index_path_) == kAnswerStop) state.stopped = true;
 }
 
 Result Storage::FindFolderFile(MailFolder& folder, std::filesystem::path* found) {
@@ -186,13 +184,7 @@ Result Storage::FindFolderFile(MailFolder& folder, std::filesystem::path* found)
         return rc::kOk;
       }
     }
-    StorageEvent event;
-    event.code = kEventFolderFileNotFound;
-    event.error = rc::kFileMissing;
-    event.storage_name = name_;
-    event.folder_name = folder.name_;
-    event.path = name;
-    const int answer = host_.StorageProgress(event);
+    const int answer = RaiseEvent(kEventFolderFileNotFound, rc::kFileMissing, folder.name_, name);
     if (answer == kAnswerSearchAgain) continue;
     return answer == kAnswerSkip ? rc::kAbort : rc::kFileMissing;
   }
