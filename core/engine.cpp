@@ -108,30 +108,27 @@ Result MailEngine::Start(std::string_view command_line) {
   if (started_) return rc::kFail;
   started_ = true;
   start_problem_.clear();
-  // 1. The data directory.
+  // The data directory, then the log and its opening lines.
   std::filesystem::path dir;
   const Result r = ResolveDataDirectory(&dir);
   if (r.failed()) return rc::kFail;
   data_dir_ = dir;
-
-  // 2, 3. The log and its opening lines.
   log_.Open(data_dir_);
   Log("");
   Log(kLogStarting);
   Log(DateTimeLine(command_line));
   Log(kLogDataDir + data_dir_.string());
 
-  // 4, 5. Settings.
   settings_path_ = data_dir_ / kSettingsFileName;
   Log(kLogLoading + settings_path_.string());
   OpenSettings();
 
-  // 6, 7. Storages are found even without settings: the mail is there
-  // whatever happened to the settings file.
+  // Storages are found even without settings: the mail is there whatever
+  // happened to the settings file.
   DiscoverStorages();
   if (settings_stream_ != nullptr) LoadServices();
 
-  // 8. Open the storages; tell of every loaded service.
+  // Open the storages; tell of every loaded service.
   OpenStorages();
   {
     RecursiveLock lock(services_mu_);
@@ -140,17 +137,18 @@ Result MailEngine::Start(std::string_view command_line) {
       service->NotifyLoaded();
     }
   }
-  // 10. The device's own message stores have no counterpart here.
+  // The device's own message stores have no counterpart here.
   Log(kLogMapi);
   loaded_ = true;
   return rc::kOk;
 }
 
 void MailEngine::OpenSettings() {
+  Result r;
   settings_stream_ = OpenSettingsStream(settings_path_, kSettingsOpenRead);
-  if (settings_stream_ == nullptr) settings_stream_ = OpenSettingsStream(settings_path_, kSettingsOpenAlways);
+  if (settings_stream_ == nullptr) settings_stream_ = OpenSettingsStream(settings_path_, kSettingsOpenAlways, &r);
   if (settings_stream_ == nullptr) {
-    Log("Cannot open settings file " + settings_path_.string());
+    Log("Cannot open settings file " + settings_path_.string() + ": " + ResultText(r));
     return;
   }
   LoadSettings(settings_, *settings_stream_, &log_).Ignore();  // logs its own problems

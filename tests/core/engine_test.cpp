@@ -3,7 +3,8 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
-#include <regex>
+#include <cctype>
+
 
 #include "core/registry.h"
 #include "tests/store/storage_test_util.h"
@@ -17,6 +18,15 @@ using test::ReadFile;
 using test::TempDir;
 using test::WriteFile;
 using Lines = std::vector<std::string>;
+
+// `text` is `pattern` with any digit where the pattern has "0".
+bool MatchesDigits(std::string_view text, std::string_view pattern) {
+  if (text.size() != pattern.size()) return false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (pattern[i] == '0' ? !std::isdigit(static_cast<unsigned char>(text[i])) : text[i] != pattern[i]) return false;
+  }
+  return true;
+}
 
 // A service that records what the engine did with it.
 class FakeService : public EngineService {
@@ -132,7 +142,7 @@ TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndLogsItsSteps) {
   ASSERT_EQ(log.size(), 7u) << ::testing::PrintToString(log);
   EXPECT_EQ(log[0], "- ");
   EXPECT_EQ(log[1], "- Tarvo Mail Starting...");
-  EXPECT_TRUE(std::regex_match(log[2], std::regex(R"(- \d{4}-\d\d-\d\d \d\d:\d\d:\d\d test run)"))) << log[2];
+  EXPECT_TRUE(MatchesDigits(log[2], "- 0000-00-00 00:00:00 test run")) << log[2];
   EXPECT_EQ(Lines(log.begin() + 3, log.end()),
             (Lines{"- Data directory: " + default_data().string(),
                    "- Loading: " + (default_data() / "Settings.ini").string(), "- Creating 'Local Folders' storage",
