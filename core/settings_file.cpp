@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <system_error>
 
+#include "core/file_io.h"
+
 namespace trv {
 
 namespace {
@@ -15,30 +17,6 @@ namespace {
 constexpr Result kNotRead = rc::kFail;
 
 Result LastError() { return ResultFromErrno(errno); }
-
-Result WriteAll(int fd, std::string_view bytes) {
-  const char* p = bytes.data();
-  size_t n = bytes.size();
-  while (n > 0) {
-    const ssize_t w = ::write(fd, p, n);
-    if (w < 0) {
-      if (errno == EINTR) continue;
-      return LastError();
-    }
-    p += w;
-    n -= static_cast<size_t>(w);
-  }
-  return rc::kOk;
-}
-
-// Flushes a directory so that a rename or a creation in it survives a crash.
-// Best effort: the change itself has been made and cannot be undone.
-void SyncDirectory(const std::filesystem::path& dir) {
-  const int fd = ::open(dir.empty() ? "." : dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (fd < 0) return;
-  ::fsync(fd);
-  ::close(fd);
-}
 
 bool FileExists(const std::filesystem::path& p) {
   struct stat st;
@@ -101,32 +79,8 @@ std::unique_ptr<SettingsStream> OpenSettingsStream(const std::filesystem::path& 
 }
 
 Result SettingsStream::ReadAll(std::string* bytes) {
-  const int fd = ::open(path_.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return LastError();
-  std::string data;
-  Result r = rc::kOk;
-  struct stat st;
-  if (::fstat(fd, &st) != 0) {
-    r = LastError();
-  } else if (!S_ISREG(st.st_mode)) {
-    r = ResultFromErrno(EISDIR);
-  } else {
-    data.reserve(static_cast<size_t>(st.st_size));
-    char buf[65536];
-    for (;;) {
-      const ssize_t n = ::read(fd, buf, sizeof buf);
-      if (n < 0) {
-        if (errno == EINTR) continue;
-        r = LastError();
-        break;
-      }
-      if (n == 0) break;
-      data.append(buf, static_cast<size_t>(n));
-    }
-  }
-  ::close(fd);
+  const Result r = ReadWholeFile(path_, bytes);
   if (r.failed()) return r;
-  *bytes = std::move(data);
   MutexLock lock(mu_);
   known_ = true;
   return rc::kOk;
@@ -151,7 +105,7 @@ Result SettingsStream::ReplaceLocked(std::string_view bytes) {
 
   const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, perms);
   if (fd < 0) return LastError();
-  Result r = WriteAll(fd, bytes);
+  Result r = WriteAllBytes(fd, bytes);
   if (r.ok() && ::fchmod(fd, perms) != 0) r = LastError();
   if (r.ok() && ::fsync(fd) != 0) r = LastError();
   if (::close(fd) != 0 && r.ok()) r = LastError();

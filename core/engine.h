@@ -1,0 +1,204 @@
+// The mail engine: the one process-wide owner of the data directory, the
+// activity log, the settings file, the storages and the services. Reached
+// through AcquireEngine / ReleaseEngine (a reference-counted singleton); the
+// last release shuts it down: services stopped and deleted, storages closed
+// and deleted, the settings saved when they changed, the log closed.
+//
+// Data directory, resolved at every Start unless an override is set:
+//   1. "DataDir" of the registry file (core/registry.h), a path relative to
+//      the home directory when not absolute;
+//   2. else ~/Documents/TarvoMail/ when its "Settings.ini" exists (kept
+//      where an earlier installation put it);
+//   3. else "InstallDir" + "/Data/";
+//   4. else ${XDG_DATA_HOME:-~/.local/share}/TarvoMail/.
+// The result is written back as "DataDir" and created with its parents.
+// A registry file that cannot be opened leaves the data directory unknown
+// and Start fails. An override (SetDataDirectoryOverride, the command line's
+// "--data-dir") is used as it is, created when missing, and the registry is
+// neither read nor written.
+//
+// Threads: Start, Idle, MoveDataDirectory, the setters and the shutdown run
+// on the interface thread. The storage map and the service list each have a
+// (re-entrant) lock held while they are walked, so any thread may look
+// storages or services up; the tree of a storage belongs to the interface
+// thread (store/mail_folder.h). Logging is safe from any thread.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/activity_log.h"
+#include "core/engine_listeners.h"
+#include "core/engine_service.h"
+#include "core/guid.h"
+#include "core/result.h"
+#include "core/settings_file.h"
+#include "core/settings_tree.h"
+#include "core/thread_annotations.h"
+#include "store/storage.h"
+#include "store/storage_files.h"
+#include "store/storage_host.h"
+
+namespace trv {
+
+// One step of MoveDataDirectory, as its callback sees it.
+struct DataMoveStep {
+  int phase = 1;           // 1 moving to the new directory, 0 moving back
+  std::string file_name;   // the file's name, without directory
+  size_t index = 0;        // its place in the list of files
+  size_t count = 0;        // files in the list
+  // The file already exists in the new directory: answer true to delete
+  // it there, false to refuse (the move then fails with error 80).
+  bool asks_overwrite = false;
+};
+// The answer counts only when step.asks_overwrite is set.
+using DataMoveCallback = std::function<bool(const DataMoveStep& step)>;
+
+// The engine's progress callback (storage events, store/storage_host.h).
+using EngineProgress = std::function<int(const StorageEvent& event)>;
+
+class MailEngine final : public StorageHost {
+ public:
+  static constexpr const char* kSettingsFileName = "Settings.ini";
+  static constexpr const char* kLocalStorageName = "Local Folders";
+  static constexpr const char* kServicePrefix = "Service.{";
+
+  // Set before Start. The registry file is RegistryKey::DefaultPath() unless
+  // set; the override replaces the data directory resolution.
+  void SetRegistryPath(const std::filesystem::path& path) { registry_path_ = path; }
+  void SetDataDirectoryOverride(const std::filesystem::path& dir) { data_dir_override_ = dir; }
+  void SetServiceFactory(ServiceFactory factory) { factory_ = std::move(factory); }
+  void SetProgressCallback(EngineProgress progress) { progress_ = std::move(progress); }
+  // The file operations of storages and of MoveDataDirectory (tests put a
+  // fault-injecting one here). Null restores the real file system.
+  void SetFileOps(StorageFileOps* ops);
+
+  // The start-up sequence: data directory, log, settings, storages (found
+  // by their "*.idx" files, or "Local Folders" created), services, opening
+  // the storages. `command_line` goes into the start-up log line. Returns
+  // 0, or 0x80004005 when the data directory cannot be made (start_problem()
+  // then says why). Once per engine.
+  Result Start(std::string_view command_line);
+  // Why Start failed, naming the file or directory; empty after success.
+  const std::string& start_problem() const { return start_problem_; }
+  // Start-up found or created the storages.
+  bool loaded() const { return loaded_; }
+
+  // Gives every service, then every storage, its idle call.
+  void Idle();
+
+  // The first "MIME" storage with that identifier (raw bytes); null if none.
+  Storage* FindStorage(const Guid& id);
+  // The storages in map order (by index path), and the services in load order.
+  std::vector<Storage*> storages();
+  std::vector<EngineService*> services();
+  // "Storage name/A/B" (store/storage.h FindFolderByPath).
+  MailFolder* FindFolder(WStringView path);
+
+  // One line of the activity log.
+  void Log(std::string_view text, int level = kLogEvent) { log_.Log(text, level); }
+  ActivityLog& activity_log() { return log_; }
+
+  const std::filesystem::path& data_directory() const { return data_dir_; }
+  const std::filesystem::path& settings_path() const { return settings_path_; }
+  Settings& settings() { return settings_; }
+  // Saves the settings file when the tree changed since it was read or last
+  // saved. A settings file that could not be read is never written over.
+  Result FlushSettings();
+
+  // Moves every file of the data directory into `new_dir` (created when
+  // missing). The storages are closed first and opened again afterwards
+  // from wherever their files then are; the log and the settings file follow
+  // the move. REQUIRES: no service run in progress.
+  // - A file of the same name in `new_dir`: the callback is asked; refused,
+  //   the result is error 80 and nothing is moved.
+  // - A move that fails: the files moved so far are moved back, last first
+  //   (phase 0); a failed move back ends that with 0x80004005 and the files
+  //   not moved back are named in the log.
+  // - "DataDir" is written with the new directory when every file moved;
+  //   after a failure it keeps the directory that holds the files.
+  // The same directory, or none, is rc::kInvalidArg.
+  Result MoveDataDirectory(const std::filesystem::path& new_dir, const DataMoveCallback& callback);
+
+  ListenerList<ServiceAddedListener>& service_added_listeners() { return service_added_; }
+  ListenerList<ServiceLoadedListener>& service_loaded_listeners() { return service_loaded_; }
+  ListenerList<StorageOpeningListener>& storage_opening_listeners() { return storage_opening_; }
+  ListenerList<StorageOpenedListener>& storage_opened_listeners() { return storage_opened_; }
+  ListenerList<FolderTreeListener>& folder_tree_listeners() { return folder_tree_; }
+  ListenerList<IndexProgressListener>& index_progress_listeners() { return index_progress_; }
+
+  // StorageHost.
+  LogSink& StorageLog() override { return log_; }
+  std::filesystem::path DataDirectory() override { return data_dir_; }
+  int StorageProgress(const StorageEvent& event) override;
+  void StorageAboutToOpen(Storage& storage) override;
+  void FolderTreeChanged(Storage& storage, const FolderTreeChange& change) override;
+  void IndexReadProgress(uint32_t position, uint32_t size) override;
+  StorageFileOps& FileOps() override { return *file_ops_; }
+
+ private:
+  friend MailEngine* AcquireEngine();
+  friend void ReleaseEngine();
+
+  MailEngine();
+  ~MailEngine() override;
+  void Shutdown();
+
+  // engine_data_dir.cpp
+  Result ResolveDataDirectory(std::filesystem::path* dir);
+  Result WriteDataDirValue(const std::filesystem::path& dir);
+  Result MoveFiles(const std::filesystem::path& from, const std::filesystem::path& to,
+                   const DataMoveCallback& callback);
+  void ReopenAt(const std::filesystem::path& dir);
+
+  // engine.cpp
+  void OpenSettings();
+  void DiscoverStorages();
+  void LoadServices();
+  Result LoadService(const std::string& section);
+  Storage* CreateStorage(WStringView name, bool local);
+  void OpenStorages();
+  void NotifyOpened(Storage& storage);
+
+  std::filesystem::path registry_path_;
+  std::filesystem::path data_dir_override_;
+  ServiceFactory factory_;
+  EngineProgress progress_;
+  StorageFileOps* file_ops_;
+
+  ListenerList<ServiceAddedListener> service_added_;
+  ListenerList<ServiceLoadedListener> service_loaded_;
+  ListenerList<StorageOpeningListener> storage_opening_;
+  ListenerList<StorageOpenedListener> storage_opened_;
+  ListenerList<FolderTreeListener> folder_tree_;
+  ListenerList<IndexProgressListener> index_progress_;
+
+  RecursiveMutex storages_mu_;
+  std::map<std::filesystem::path, std::unique_ptr<Storage>> storages_map_ GUARDED_BY(storages_mu_);
+  RecursiveMutex services_mu_;
+  std::vector<std::unique_ptr<EngineService>> services_ GUARDED_BY(services_mu_);
+
+  Settings settings_;
+  std::unique_ptr<SettingsStream> settings_stream_;
+  uint64_t settings_saved_changes_ = 0;
+  std::filesystem::path settings_path_;
+  std::filesystem::path data_dir_;
+  std::string start_problem_;
+  bool started_ = false;
+  bool loaded_ = false;
+  ActivityLog log_;
+};
+
+// The engine, constructed by the first acquire; every acquire is matched by
+// one release. Null when the engine cannot be constructed. Any thread.
+MailEngine* AcquireEngine();
+// The last release shuts the engine down and deletes it.
+void ReleaseEngine();
+
+}  // namespace trv

@@ -1,0 +1,89 @@
+// The engine's listener lists. Each list has a lock of its own, held while
+// the list is walked; listeners are told in the order they were added, on
+// the thread that made the change (the interface thread, except index
+// progress, which comes from whichever thread reads a folder's index).
+// A listener must not add or remove listeners of the list that is telling it.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+#include "core/thread_annotations.h"
+
+namespace trv {
+
+class EngineService;
+class Storage;
+struct FolderTreeChange;
+
+template <typename Listener>
+class ListenerList {
+ public:
+  void Add(Listener* listener) EXCLUDES(mu_) {
+    MutexLock lock(mu_);
+    if (std::find(list_.begin(), list_.end(), listener) == list_.end()) list_.push_back(listener);
+  }
+  void Remove(Listener* listener) EXCLUDES(mu_) {
+    MutexLock lock(mu_);
+    list_.erase(std::remove(list_.begin(), list_.end(), listener), list_.end());
+  }
+  template <typename Fn>
+  void ForEach(Fn&& fn) EXCLUDES(mu_) {
+    MutexLock lock(mu_);
+    for (Listener* listener : list_) fn(*listener);
+  }
+  size_t size() const EXCLUDES(mu_) {
+    MutexLock lock(mu_);
+    return list_.size();
+  }
+
+ private:
+  mutable Mutex mu_;
+  std::vector<Listener*> list_ GUARDED_BY(mu_);
+};
+
+// A service was added to the engine while loading services.
+class ServiceAddedListener {
+ public:
+  virtual ~ServiceAddedListener() = default;
+  virtual void OnServiceAdded(EngineService& service) = 0;
+};
+
+// A service is loaded; told for every service at the end of start-up.
+class ServiceLoadedListener {
+ public:
+  virtual ~ServiceLoadedListener() = default;
+  virtual void OnServiceLoaded(EngineService& service) = 0;
+};
+
+// A storage is about to be opened, or created.
+class StorageOpeningListener {
+ public:
+  virtual ~StorageOpeningListener() = default;
+  virtual void OnStorageAboutToOpen(Storage& storage) = 0;
+};
+
+// A storage has been opened (or created and so opened).
+class StorageOpenedListener {
+ public:
+  virtual ~StorageOpenedListener() = default;
+  virtual void OnStorageOpened(Storage& storage) = 0;
+};
+
+// For the interface's folder view: a storage's tree changed.
+class FolderTreeListener {
+ public:
+  virtual ~FolderTreeListener() = default;
+  virtual void OnFolderTreeChanged(Storage& storage, const FolderTreeChange& change) = 0;
+};
+
+// For the interface's progress display: a folder's index is being read.
+// Called with that folder file's lock held: do not call the folder back.
+class IndexProgressListener {
+ public:
+  virtual ~IndexProgressListener() = default;
+  virtual void OnIndexProgress(uint32_t position, uint32_t size) = 0;
+};
+
+}  // namespace trv

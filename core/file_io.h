@@ -1,0 +1,24 @@
+// Whole-file helpers over the POSIX calls, with failures as result codes
+// (through ResultFromErrno). Shared by the settings file and the storages.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+#include "core/result.h"
+
+namespace trv {
+
+// Writes every byte, retrying interrupted and short writes.
+Result WriteAllBytes(int fd, std::string_view bytes);
+
+// The whole content of a regular file (a directory or device is refused with
+// the code of EISDIR); *bytes is changed only on success.
+Result ReadWholeFile(const std::filesystem::path& path, std::string* bytes);
+
+// Flushes a directory so that a rename or a creation in it survives a crash.
+// Best effort: the change itself has been made and cannot be undone.
+void SyncDirectory(const std::filesystem::path& dir);
+
+}  // namespace trv

@@ -1,0 +1,453 @@
+#include "core/engine.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cctype>
+
+
+#include "core/registry.h"
+#include "tests/store/storage_test_util.h"
+#include "tests/support/temp_dir.h"
+
+namespace trv {
+namespace {
+
+using test::FaultyFileOps;
+using test::ReadFile;
+using test::TempDir;
+using test::WriteFile;
+using Lines = std::vector<std::string>;
+
+// `text` is `pattern` with any digit where the pattern has "0".
+bool MatchesDigits(std::string_view text, std::string_view pattern) {
+  if (text.size() != pattern.size()) return false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (pattern[i] == '0' ? !std::isdigit(static_cast<unsigned char>(text[i])) : text[i] != pattern[i]) return false;
+  }
+  return true;
+}
+
+// A service that records what the engine did with it.
+class FakeService : public EngineService {
+ public:
+  Result Load(Settings&, const Guid& id) override {
+    loaded_id = id;
+    return rc::kOk;
+  }
+  Result Initialize() override { return rc::kOk; }
+  void Idle() override { ++idles; }
+  void NotifyLoaded() override { ++loaded_told; }
+  Result OnStorageOpened(Storage&) override { return rc::kOk; }
+  Result OnStorageNew(Storage& storage) override {
+    new_storage = &storage;
+    return rc::kOk;
+  }
+
+  Guid loaded_id;
+  int idles = 0;
+  int loaded_told = 0;
+  Storage* new_storage = nullptr;
+};
+
+// Runs each test in a home, configuration and data home of its own.
+class EngineTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME"}) {
+      const char* v = getenv(name);
+      saved_.emplace_back(name, v ? std::optional<std::string>(v) : std::nullopt);
+    }
+    std::filesystem::create_directories(home());
+    setenv("HOME", home().c_str(), 1);
+    setenv("XDG_CONFIG_HOME", (dir_ / "config").c_str(), 1);
+    setenv("XDG_DATA_HOME", (dir_ / "data").c_str(), 1);
+  }
+  void TearDown() override {
+    while (engine_ != nullptr) Release();
+    for (const auto& [name, value] : saved_) {
+      if (value) {
+        setenv(name.c_str(), value->c_str(), 1);
+      } else {
+        unsetenv(name.c_str());
+      }
+    }
+  }
+
+  MailEngine* Acquire() {
+    engine_ = AcquireEngine();
+    ++held_;
+    return engine_;
+  }
+  void Release() {
+    ReleaseEngine();
+    if (--held_ == 0) engine_ = nullptr;
+  }
+  // A fresh engine, started.
+  MailEngine* Restart(const std::function<void(MailEngine&)>& configure = {}) {
+    while (engine_ != nullptr) Release();
+    MailEngine* e = Acquire();
+    if (configure) configure(*e);
+    EXPECT_EQ(e->Start("test run"), rc::kOk) << e->start_problem();
+    return e;
+  }
+
+  std::filesystem::path home() const { return dir_ / "home/"; }
+  std::filesystem::path default_data() const { return dir_ / "data/TarvoMail/"; }
+  std::filesystem::path registry() const { return dir_ / "config/Tarvo/Mail2.ini"; }
+
+  WString RegistryValue(std::string_view name) {
+    std::unique_ptr<RegistryKey> key;
+    EXPECT_EQ(RegistryKey::Open(registry(), &key), rc::kOk);
+    WString v;
+    return key->ReadString("", name, &v).ok() ? v : u"<none>";
+  }
+  void SetRegistryValue(std::string_view name, const std::string& value) {
+    std::unique_ptr<RegistryKey> key;
+    ASSERT_EQ(RegistryKey::Open(registry(), &key), rc::kOk);
+    ASSERT_EQ(key->WriteString("", name, Utf8ToWide(value)), rc::kOk);
+  }
+
+  // The log's lines since the last "Tarvo Mail Starting...", prefixes kept.
+  Lines LastStartLog() {
+    const std::string text = ReadFile(engine_->data_directory() / "TarvoMail.log");
+    Lines lines;
+    for (size_t at = 0, end; (end = text.find("\r\n", at)) != std::string::npos; at = end + 2) {
+      lines.push_back(text.substr(at, end - at));
+    }
+    const auto start = std::find(lines.rbegin(), lines.rend(), "- Tarvo Mail Starting...");
+    return Lines(start == lines.rend() ? lines.begin() : start.base() - 2, lines.end());
+  }
+
+  TempDir dir_;
+  MailEngine* engine_ = nullptr;
+  int held_ = 0;
+  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
+};
+
+TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndLogsItsSteps) {
+  MailEngine* e = Restart();
+  EXPECT_TRUE(e->loaded());
+  EXPECT_EQ(e->data_directory(), default_data());
+  EXPECT_EQ(RegistryValue("DataDir"), PathToWide(default_data()));
+  const std::vector<Storage*> storages = e->storages();
+  ASSERT_EQ(storages.size(), 1u);
+  EXPECT_EQ(storages[0]->name(), u"Local Folders");
+  EXPECT_TRUE(storages[0]->local());
+  EXPECT_EQ(test::TreeNames(*storages[0]), (Lines{"Inbox", "Outbox", "Sent", "Deleted", "Drafts"}));
+  EXPECT_EQ(e->FindStorage(Guid::Nil()), storages[0]);
+  EXPECT_EQ(e->FindFolder(u"Local Folders/Drafts"), storages[0]->SpecialFolder(kFolderDrafts));
+
+  const Lines log = LastStartLog();
+  ASSERT_EQ(log.size(), 7u) << ::testing::PrintToString(log);
+  EXPECT_EQ(log[0], "- ");
+  EXPECT_EQ(log[1], "- Tarvo Mail Starting...");
+  EXPECT_TRUE(MatchesDigits(log[2], "- 0000-00-00 00:00:00 test run")) << log[2];
+  EXPECT_EQ(Lines(log.begin() + 3, log.end()),
+            (Lines{"- Data directory: " + default_data().string(),
+                   "- Loading: " + (default_data() / "Settings.ini").string(), "- Creating 'Local Folders' storage",
+                   "- Loading MAPI objects"}));
+}
+
+TEST_F(EngineTest, ALaterStartFindsTheStorageByItsIndexFile) {
+  Restart();
+  MailEngine* e = Restart();
+  const std::filesystem::path index = default_data() / "{00000000-0000-0000-0000-000000000000}.idx";
+  const Lines log = LastStartLog();
+  ASSERT_GE(log.size(), 9u);
+  EXPECT_EQ(Lines(log.begin() + 5, log.begin() + 9),
+            (Lines{"- Found storage: " + index.string(), "- Loading storage: " + index.string(),
+                   "- Storage name: Local Folders", "- Loading folder"}));
+  EXPECT_EQ(log[log.size() - 2], "- Storage loaded");
+  ASSERT_EQ(e->storages().size(), 1u);
+  EXPECT_TRUE(e->storages()[0]->complete());
+}
+
+TEST_F(EngineTest, TheDataDirectoryIsResolvedInOrder) {
+  const std::filesystem::path documents = home() / "Documents/TarvoMail/";
+  struct Row {
+    const char* name;
+    std::string data_dir;     // "" = no value
+    std::string install_dir;  // "" = no value
+    bool documents_settings;
+    std::filesystem::path want;
+  };
+  const Row rows[] = {
+      {"DataDir wins over an earlier installation", (dir_ / "custom").string(), "/opt/x", true, dir_ / "custom/"},
+      {"DataDir relative to home", "Mail", "", false, home() / "Mail/"},
+      {"an earlier installation's settings", "", "/opt/x", true, documents},
+      {"InstallDir", "", (dir_ / "install").string(), false, dir_ / "install/Data/"},
+      {"XDG data home", "", "", false, default_data()},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::filesystem::remove(registry());
+    std::filesystem::remove_all(documents);
+    if (row.documents_settings) {
+      std::filesystem::create_directories(documents);
+      WriteFile(documents / "Settings.ini", "");
+    }
+    if (!row.data_dir.empty()) SetRegistryValue("DataDir", row.data_dir);
+    if (!row.install_dir.empty()) SetRegistryValue("InstallDir", row.install_dir);
+    MailEngine* e = Restart();
+    EXPECT_EQ(e->data_directory(), row.want);
+    EXPECT_TRUE(std::filesystem::exists(row.want / "TarvoMail.log"));
+    EXPECT_EQ(RegistryValue("DataDir"), PathToWide(row.want));
+  }
+}
+
+TEST_F(EngineTest, AnOverrideIsUsedButNotRecorded) {
+  const std::filesystem::path over = dir_ / "over" / "deep";
+  MailEngine* e = Restart([&](MailEngine& m) { m.SetDataDirectoryOverride(over); });
+  EXPECT_EQ(e->data_directory(), over.string() + "/");
+  EXPECT_EQ(e->storages().size(), 1u);
+  EXPECT_FALSE(std::filesystem::exists(registry()));
+}
+
+TEST_F(EngineTest, AStartWithoutARegistryFileFailsSayingWhy) {
+  MailEngine* e = Acquire();
+  e->SetRegistryPath(dir_.path());  // a directory
+  EXPECT_EQ(e->Start(""), rc::kFail);
+  EXPECT_EQ(e->start_problem().rfind("Cannot open registry file " + dir_.path().string(), 0), 0u)
+      << e->start_problem();
+  EXPECT_FALSE(e->loaded());
+  EXPECT_TRUE(e->storages().empty());
+}
+
+TEST_F(EngineTest, AcquireAndReleaseShareOneEngineAndTheLastReleaseSavesTheSettings) {
+  MailEngine* e = Restart();
+  EXPECT_EQ(Acquire(), e);
+  ASSERT_EQ(e->settings().WriteInteger("Engine", "Answer", 42), rc::kOk);
+  Release();
+  EXPECT_EQ(ReadFile(default_data() / "Settings.ini").find("Answer"), std::string::npos);
+  Release();
+  EXPECT_NE(ReadFile(default_data() / "Settings.ini").find("Answer=42"), std::string::npos);
+}
+
+class EngineServicesTest : public EngineTest {
+ protected:
+  // Writes the settings file from sections of "Class", "Storage" (16 bytes,
+  // or none when empty) and "ServiceName".
+  struct Section {
+    std::string name;
+    std::string service_class;
+    std::vector<uint8_t> storage;
+  };
+  void WriteSettings(const std::vector<Section>& sections) {
+    Settings s;
+    for (const Section& section : sections) {
+      ASSERT_EQ(s.WriteWideString(section.name, "Class", Utf8ToWide(section.service_class)), rc::kOk);
+      if (!section.storage.empty()) {
+        ASSERT_EQ(s.WriteBinary(section.name, "Storage", section.storage), rc::kOk);
+      }
+      ASSERT_EQ(s.WriteWideString(section.name, "ServiceName", u"svc " + Utf8ToWide(section.service_class)),
+                rc::kOk);
+    }
+    std::filesystem::create_directories(default_data());
+    WriteFile(default_data() / "Settings.ini", s.SaveToBytes());
+  }
+
+  std::vector<FakeService*> made_;
+  ServiceFactory factory_ = [this](WStringView, MailEngine&, Storage&) {
+    auto service = std::make_unique<FakeService>();
+    made_.push_back(service.get());
+    return service;
+  };
+
+  Lines ServiceLog() {
+    Lines out;
+    for (const std::string& line : LastStartLog()) {
+      if (line.find("ervice") != std::string::npos || line.find("Storage not found") != std::string::npos) {
+        out.push_back(line);
+      }
+    }
+    return out;
+  }
+};
+
+TEST_F(EngineServicesTest, OnlySectionsBeginningWithTheServicePrefixAreServices) {
+  WriteSettings({{"Services", "POP3", {}},
+                 {"Service.{", "SMTP", {}},
+                 {"service.{whatever}", "IMAP4", std::vector<uint8_t>(16, 0)},
+                 {"Service{0a1b2c3d-0000-4e5f-8a9b-0c1d2e3f4a5b}", "POP3", {}}});
+  MailEngine* e = Restart([&](MailEngine& m) { m.SetServiceFactory(factory_); });
+  EXPECT_EQ(ServiceLog(), (Lines{"- Loading service: Service.{", "- Service loading error: Unspecified error.",
+                                 "- Loading service: service.{whatever}", "- Service loaded"}));
+  ASSERT_EQ(made_.size(), 1u);
+  EXPECT_TRUE(made_[0]->loaded_id.IsNil());
+  EXPECT_EQ(made_[0]->loaded_told, 1);
+  EXPECT_EQ(made_[0]->new_storage, nullptr);
+  EXPECT_EQ(e->FindStorage(Guid::Nil())->services(), std::vector<StorageService*>{made_[0]});
+  e->Idle();
+  e->Idle();
+  EXPECT_EQ(made_[0]->idles, 2);
+}
+
+TEST_F(EngineServicesTest, AServiceWhoseStorageIsMissingGetsANewOneNamedAfterIt) {
+  const Guid id = *Guid::Parse(std::string_view("{0A1B2C3D-0000-4E5F-8A9B-0C1D2E3F4A5B}"));
+  const std::vector<uint8_t> unknown(16, 0x77);
+  WriteSettings({{"Service." + id.ToLowerString(), "POP3", unknown}});
+  MailEngine* e = Restart([&](MailEngine& m) { m.SetServiceFactory(factory_); });
+  EXPECT_EQ(ServiceLog(), (Lines{"- Loading service: Service." + id.ToLowerString(),
+                                 "- Storage not found - recreating", "- Service loaded"}));
+  ASSERT_EQ(made_.size(), 1u);
+  EXPECT_EQ(made_[0]->loaded_id, id);
+  ASSERT_NE(made_[0]->new_storage, nullptr);
+  EXPECT_EQ(made_[0]->new_storage->name(), u"svc POP3");
+  EXPECT_FALSE(made_[0]->new_storage->local());
+  EXPECT_EQ(e->storages().size(), 2u);
+  EXPECT_EQ(e->FindStorage(made_[0]->new_storage->id()), made_[0]->new_storage);
+}
+
+TEST_F(EngineServicesTest, WithoutAFactoryEveryServiceFailsAndNoStorageIsMade) {
+  WriteSettings({{"Service.{a}", "POP3", std::vector<uint8_t>(16, 0x77)}, {"Service.{b}", "IMAP4", {}}});
+  MailEngine* e = Restart();
+  EXPECT_EQ(ServiceLog(), (Lines{"- Loading service: Service.{a}", "- Service loading error: Unspecified error.",
+                                 "- Loading service: Service.{b}", "- Service loading error: Unspecified error."}));
+  EXPECT_EQ(e->storages().size(), 1u);
+  EXPECT_TRUE(e->services().empty());
+}
+
+TEST_F(EngineTest, StoragesAreOpenedFromTheLastIndexPathToTheFirst) {
+  // Three storages on disk: the local one and two named by their files.
+  struct Host : StorageHost {
+    explicit Host(std::filesystem::path dir) : dir(std::move(dir)) {}
+    LogSink& StorageLog() override { return log; }
+    std::filesystem::path DataDirectory() override { return dir; }
+    std::filesystem::path dir;
+    NullLogSink log;
+  } host(default_data());
+  for (const char* name : {"b", "a"}) {
+    Storage s(host);
+    ASSERT_EQ(s.Create(W(name), {}, false), rc::kOk);
+  }
+  struct Recorder : StorageOpeningListener, StorageOpenedListener {
+    void OnStorageAboutToOpen(Storage& s) override { opening.push_back(s.id().ToRegistryString() + ".idx"); }
+    void OnStorageOpened(Storage& s) override { opened.push_back(WideToUtf8(s.name())); }
+    Lines opening, opened;
+  } recorder;
+  MailEngine* e = Restart([&](MailEngine& m) {
+    m.storage_opening_listeners().Add(&recorder);
+    m.storage_opened_listeners().Add(&recorder);
+  });
+  // No local storage was among the files, and files were found: none is made.
+  const std::vector<Storage*> storages = e->storages();
+  ASSERT_EQ(storages.size(), 2u);
+  Lines names;
+  for (Storage* s : storages) names.push_back(s->index_path().filename().string());
+  EXPECT_EQ(recorder.opening, (Lines{names[1], names[0]}));
+  EXPECT_EQ(recorder.opened.size(), 2u);
+  for (Storage* s : storages) {
+    EXPECT_EQ(s->index_path().filename().string(), s->id().ToRegistryString() + ".idx");
+    EXPECT_EQ(e->FindStorage(s->id()), s);
+  }
+}
+
+TEST_F(EngineTest, AnIndexLeftOnlyAsItsBackupIsRestoredBeforeDiscovery) {
+  MailEngine* e = Restart();
+  const std::filesystem::path index = e->storages()[0]->index_path();
+  const std::filesystem::path inbox = e->storages()[0]->SpecialFolder(kFolderInbox)->file_path();
+  Release();
+  std::filesystem::rename(index, IndexBackupPath(index));
+  e = Restart();
+  const Lines log = LastStartLog();
+  EXPECT_EQ(std::count(log.begin(), log.end(), "- Creating 'Local Folders' storage"), 0);
+  EXPECT_EQ(std::count(log.begin(), log.end(), "- Storage index restored from backup: " +
+                                                    IndexBackupPath(index).string()), 1);
+  ASSERT_EQ(e->storages().size(), 1u);
+  EXPECT_EQ(e->storages()[0]->SpecialFolder(kFolderInbox)->file_path(), inbox);
+}
+
+class MoveDataDirectoryTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    EngineTest::SetUp();
+    Restart([&](MailEngine& m) { m.SetFileOps(&ops_); });
+    files_ = Listing(default_data());
+  }
+  // The files of a directory, without the side files that open folder
+  // files have beside them.
+  static Lines Listing(const std::filesystem::path& dir) {
+    Lines names;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
+      const std::string name = entry.path().filename().string();
+      if (!name.ends_with("-wal") && !name.ends_with("-shm")) names.push_back(name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+  Result Move(bool allow_overwrite = false) {
+    return engine_->MoveDataDirectory(target_, [&](const DataMoveStep& step) {
+      steps_.push_back(std::to_string(step.phase) + (step.asks_overwrite ? "?" : " ") + step.file_name);
+      return allow_overwrite;
+    });
+  }
+
+  FaultyFileOps ops_;
+  Lines files_;
+  Lines steps_;
+  std::filesystem::path target_ = dir_ / "moved";
+};
+
+TEST_F(MoveDataDirectoryTest, EveryFileMovesAndTheEngineFollows) {
+  ASSERT_EQ(Move(), rc::kOk);
+  EXPECT_EQ(Listing(target_), files_);
+  EXPECT_TRUE(Listing(default_data()).empty());
+  EXPECT_EQ(RegistryValue("DataDir"), PathToWide(target_ / ""));
+  EXPECT_EQ(engine_->data_directory(), target_ / "");
+  Storage* local = engine_->storages()[0];
+  EXPECT_TRUE(local->is_open());
+  EXPECT_EQ(local->index_path().parent_path(), target_);
+  EXPECT_EQ(local->SpecialFolder(kFolderInbox)->file_path().parent_path(), target_);
+  ASSERT_EQ(local->CreateFolder(local->root(), u"After", nullptr), rc::kOk);
+  Release();
+  MailEngine* e = Restart();
+  EXPECT_EQ(e->data_directory(), target_ / "");
+  EXPECT_NE(e->FindFolder(u"Local Folders/After"), nullptr);
+}
+
+TEST_F(MoveDataDirectoryTest, ARefusedOverwriteMovesNothing) {
+  std::filesystem::create_directories(target_);
+  WriteFile(target_ / "Settings.ini", "theirs");
+  EXPECT_EQ(Move(false), rc::kFileExists);
+  EXPECT_EQ(steps_, Lines{"1?Settings.ini"});
+  EXPECT_EQ(Listing(default_data()), files_);
+  EXPECT_EQ(ReadFile(target_ / "Settings.ini"), "theirs");
+  EXPECT_EQ(RegistryValue("DataDir"), PathToWide(default_data()));
+  EXPECT_TRUE(engine_->storages()[0]->is_open());
+
+  ASSERT_EQ(Move(true), rc::kOk);
+  EXPECT_EQ(Listing(target_), files_);
+}
+
+TEST_F(MoveDataDirectoryTest, AFailedMoveIsRolledBackLastFirst) {
+  ops_.fail_at = ops_.changes + 2;  // the third file
+  EXPECT_EQ(Move(), FaultyFileOps::kFault);
+  EXPECT_EQ(steps_, (Lines{"1 " + files_[0], "1 " + files_[1], "1 " + files_[2], "0 " + files_[1],
+                           "0 " + files_[0]}));
+  EXPECT_EQ(Listing(default_data()), files_);
+  EXPECT_TRUE(Listing(target_).empty());
+  EXPECT_EQ(RegistryValue("DataDir"), PathToWide(default_data()));
+  EXPECT_EQ(engine_->data_directory(), default_data());
+  EXPECT_TRUE(engine_->storages()[0]->is_open());
+  EXPECT_TRUE(engine_->storages()[0]->complete());
+}
+
+TEST_F(MoveDataDirectoryTest, AFailedRollbackSaysSoAndNamesWhatIsLeft) {
+  ops_.fail_at = ops_.changes + 2;
+  ops_.crash = true;
+  EXPECT_EQ(Move(), rc::kFail);
+  EXPECT_EQ(Listing(target_), (Lines{files_[0], files_[1]}));
+  EXPECT_EQ(RegistryValue("DataDir"), PathToWide(default_data()));
+  const std::string log = ReadFile(default_data() / "TarvoMail.log") + ReadFile(target_ / "TarvoMail.log");
+  EXPECT_NE(log.find("Left in " + (target_ / "").string() + ": " + files_[1]), std::string::npos);
+}
+
+TEST_F(MoveDataDirectoryTest, TheSameDirectoryIsRefused) {
+  EXPECT_EQ(engine_->MoveDataDirectory(default_data(), {}), rc::kInvalidArg);
+  EXPECT_EQ(Listing(default_data()), files_);
+}
+
+}  // namespace
+}  // namespace trv

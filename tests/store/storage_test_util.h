@@ -1,0 +1,118 @@
+// Helpers shared by the storage and engine tests: file operations that fail
+// or stop on demand, and a storage host over temporary directories.
+#pragma once
+
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "store/storage.h"
+#include "store/storage_files.h"
+#include "store/storage_host.h"
+#include "tests/core/recording_log.h"
+#include "tests/support/temp_dir.h"
+
+namespace trv::test {
+
+// The real file system, except that the changing operations (write, remove,
+// rename, copy, move) are counted from 0 and the one numbered `fail_at`
+// fails with an I/O error. With `crash`, every change after it fails too
+// and does nothing, as if the process had died at that point.
+class FaultyFileOps : public PosixStorageFileOps {
+ public:
+  int fail_at = -1;
+  bool crash = false;
+  int changes = 0;
+  std::vector<std::string> log;  // "rename a -> b", ... (file names only)
+
+  Result WriteNewFile(const std::filesystem::path& p, std::string_view bytes) override {
+    if (Fails("write " + Name(p))) return kFault;
+    return PosixStorageFileOps::WriteNewFile(p, bytes);
+  }
+  Result RemoveFile(const std::filesystem::path& p) override {
+    if (Fails("remove " + Name(p))) return kFault;
+    return PosixStorageFileOps::RemoveFile(p);
+  }
+  Result Rename(const std::filesystem::path& a, const std::filesystem::path& b) override {
+    if (Fails("rename " + Name(a) + " -> " + Name(b))) return kFault;
+    return PosixStorageFileOps::Rename(a, b);
+  }
+  Result CopyFile(const std::filesystem::path& a, const std::filesystem::path& b) override {
+    if (Fails("copy " + Name(a) + " -> " + Name(b))) return kFault;
+    return PosixStorageFileOps::CopyFile(a, b);
+  }
+  Result MoveFile(const std::filesystem::path& a, const std::filesystem::path& b) override {
+    if (Fails("move " + Name(a) + " -> " + Name(b))) return kFault;
+    return PosixStorageFileOps::MoveFile(a, b);
+  }
+
+  static constexpr Result kFault{0x8007045D};  // the I/O error of EIO
+
+ private:
+  static std::string Name(const std::filesystem::path& p) { return p.filename().string(); }
+  bool Fails(std::string what) {
+    log.push_back(std::move(what));
+    const int n = changes++;
+    return n == fail_at || (crash && fail_at >= 0 && n > fail_at);
+  }
+};
+
+// A storage host over a temporary data directory and home directory, with
+// a log that keeps its lines and a progress callback that answers from a
+// script (0 once the script is used up) and keeps the events.
+class TestHost : public StorageHost {
+ public:
+  TestHost() {
+    std::filesystem::create_directories(data_dir());
+    std::filesystem::create_directories(home());
+  }
+
+  std::filesystem::path data_dir() const { return dir_ / "data/"; }
+  std::filesystem::path home() const { return dir_ / "home/"; }
+  const std::filesystem::path& root() const { return dir_.path(); }
+
+  LogSink& StorageLog() override { return log; }
+  std::filesystem::path DataDirectory() override { return data_dir(); }
+  std::filesystem::path HomeDirectory() override { return home(); }
+  std::vector<std::filesystem::path> RemovableMediaRoots() override { return media; }
+  int StorageProgress(const StorageEvent& event) override {
+    events.push_back(event);
+    if (on_event) on_event(event);
+    if (answers.empty()) return kAnswerDefault;
+    const int answer = answers.front();
+    answers.erase(answers.begin());
+    return answer;
+  }
+  void FolderTreeChanged(Storage&, const FolderTreeChange& change) override { changes.push_back(change.kind); }
+  StorageFileOps& FileOps() override { return ops; }
+  FolderFileOptions FolderFileSettings() override {
+    FolderFileOptions options;
+    options.sync_commits = false;  // speed; durability is the folder file's own tests' business
+    return options;
+  }
+
+  RecordingLog log;
+  std::vector<std::filesystem::path> media;
+  std::vector<int> answers;
+  std::vector<StorageEvent> events;
+  std::function<void(const StorageEvent&)> on_event;
+  std::vector<FolderTreeChange::Kind> changes;
+  FaultyFileOps ops;
+
+ private:
+  TempDir dir_;
+};
+
+// The names of the folders below the root, in pre-order, each indented by
+// two spaces per level below the first.
+inline std::vector<std::string> TreeNames(const Storage& storage) {
+  std::vector<std::string> names;
+  storage.ForEachFolder([&](MailFolder& f) {
+    names.push_back(std::string(2 * (f.depth() - 1), ' ') + WideToUtf8(f.name()));
+  });
+  return names;
+}
+
+}  // namespace trv::test

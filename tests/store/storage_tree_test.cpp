@@ -1,0 +1,254 @@
+// Changing the folder tree, finding folders, and moving messages.
+#include <gtest/gtest.h>
+
+#include "store/storage.h"
+#include "store/storage_messages.h"
+#include "tests/store/storage_test_util.h"
+
+namespace trv {
+namespace {
+
+using test::TestHost;
+using test::TreeNames;
+using Lines = std::vector<std::string>;
+
+class StorageTreeTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(s_.Create(u"Local Folders", {}, true), rc::kOk); }
+
+  MailFolder* Make(const char16_t* parent, const char16_t* name) {
+    MailFolder* made = nullptr;
+    EXPECT_EQ(s_.CreateFolder(s_.FindFolder(parent), name, &made), rc::kOk);
+    return made;
+  }
+
+  // The tree as the index file has it.
+  Lines Reopened() {
+    Storage again(host_);
+    EXPECT_EQ(again.Open(s_.index_path()), rc::kOk);
+    return TreeNames(again);
+  }
+
+  std::vector<uint32_t> Fill(MailFolder* folder, std::initializer_list<const char*> subjects) {
+    std::vector<uint32_t> keys;
+    for (const char* subject : subjects) {
+      MessageRecord record;
+      record.subject = W(subject);
+      if (subject[0] == 'r') record.flags |= msgflag::kRead;
+      uint32_t key = 0;
+      EXPECT_EQ(folder->file()->Append(record, std::string("Subject: ") + subject + "\r\n\r\nx\r\n", &key), rc::kOk);
+      keys.push_back(key);
+    }
+    return keys;
+  }
+
+  static Lines Subjects(MailFolder* folder) {
+    EXPECT_EQ(folder->file()->LoadIndex(), rc::kOk);
+    Lines out;
+    for (const MessageRecord& r : folder->file()->Messages()) out.push_back(WideToUtf8(r.subject));
+    return out;
+  }
+
+  TestHost host_;
+  Storage s_{host_};
+};
+
+TEST_F(StorageTreeTest, CreateRenameMoveAndDeleteAreSavedAtOnce) {
+  MailFolder* work = Make(u"", u"Work");
+  Make(u"Work", u"2024");
+  Make(u"Inbox", u"Lists");
+  ASSERT_EQ(s_.RenameFolder(s_.FindFolder(u"Work/2024"), u"2025"), rc::kOk);
+  ASSERT_EQ(s_.MoveFolder(s_.FindFolder(u"Inbox/Lists"), work), rc::kOk);
+  EXPECT_EQ(Reopened(),
+            (Lines{"Inbox", "Outbox", "Sent", "Deleted", "Drafts", "Work", "  2025", "  Lists"}));
+  EXPECT_EQ(s_.FindFolder(u"Work/Lists")->PathText(), u"Local Folders/Work/Lists");
+
+  std::vector<std::filesystem::path> files;
+  s_.ForEachFolder([&](MailFolder& f) {
+    if (f.depth() > 1 || &f == work) files.push_back(f.file_path());
+  });
+  ASSERT_EQ(files.size(), 3u);
+  ASSERT_EQ(s_.DeleteFolder(work), rc::kOk);
+  for (const auto& f : files) EXPECT_FALSE(std::filesystem::exists(f)) << f;
+  EXPECT_EQ(Reopened(), (Lines{"Inbox", "Outbox", "Sent", "Deleted", "Drafts"}));
+  EXPECT_EQ(host_.changes,
+            (std::vector<FolderTreeChange::Kind>{FolderTreeChange::kCreated, FolderTreeChange::kCreated,
+                                                 FolderTreeChange::kCreated, FolderTreeChange::kRenamed,
+                                                 FolderTreeChange::kMoved, FolderTreeChange::kDeleted}));
+}
+
+TEST_F(StorageTreeTest, RefusedChanges) {
+  Make(u"", u"Work");
+  Make(u"Work", u"Sub");
+  Make(u"", u"Other");
+  Make(u"Other", u"Sub");
+  Storage other(host_);
+  ASSERT_EQ(other.Create(u"elsewhere", {}, false), rc::kOk);
+  struct Row {
+    const char* name;
+    std::function<Result()> change;
+    Result want;
+  };
+  const Row rows[] = {
+      {"duplicate name, other case", [&] { return s_.CreateFolder(s_.root(), u"WORK", nullptr); },
+       Storage::kFolderExists},
+      {"rename onto a sibling", [&] { return s_.RenameFolder(s_.FindFolder(u"Other"), u"work"); },
+       Storage::kFolderExists},
+      {"move next to a namesake", [&] { return s_.MoveFolder(s_.FindFolder(u"Work/Sub"), s_.FindFolder(u"Other")); },
+       Storage::kFolderExists},
+      {"empty name", [&] { return s_.CreateFolder(s_.root(), u"", nullptr); }, rc::kInvalidArg},
+      {"slash in the name", [&] { return s_.CreateFolder(s_.root(), u"a/b", nullptr); }, rc::kInvalidArg},
+      {"control character", [&] { return s_.RenameFolder(s_.FindFolder(u"Other"), u"a\tb"); }, rc::kInvalidArg},
+      {"name too long", [&] { return s_.CreateFolder(s_.root(), WString(256, u'x'), nullptr); }, rc::kInvalidArg},
+      {"rename the root", [&] { return s_.RenameFolder(s_.root(), u"x"); }, rc::kInvalidArg},
+      {"delete the root", [&] { return s_.DeleteFolder(s_.root()); }, rc::kInvalidArg},
+      {"delete a special folder", [&] { return s_.DeleteFolder(s_.SpecialFolder(kFolderDeleted)); },
+       rc::kInvalidArg},
+      {"move a special folder", [&] { return s_.MoveFolder(s_.SpecialFolder(kFolderInbox), s_.FindFolder(u"Work")); },
+       rc::kInvalidArg},
+      {"move into its own subtree", [&] { return s_.MoveFolder(s_.FindFolder(u"Work"), s_.FindFolder(u"Work/Sub")); },
+       rc::kInvalidArg},
+      {"parent of another storage", [&] { return s_.CreateFolder(other.root(), u"x", nullptr); }, rc::kInvalidArg},
+      {"no parent", [&] { return s_.CreateFolder(nullptr, u"x", nullptr); }, rc::kInvalidArg},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(row.change(), row.want);
+  }
+  EXPECT_EQ(Reopened(), (Lines{"Inbox", "Outbox", "Sent", "Deleted", "Drafts", "Work", "  Sub", "Other", "  Sub"}));
+}
+
+TEST_F(StorageTreeTest, AChangeWhoseSaveFailsIsUndone) {
+  MailFolder* work = Make(u"", u"Work");
+  Make(u"Work", u"Sub");
+  const Lines before = TreeNames(s_);
+  const auto files_in_data = [&] { return std::distance(std::filesystem::directory_iterator(host_.data_dir()), {}); };
+  const auto files_before = files_in_data();
+  struct Row {
+    const char* name;
+    std::function<Result()> change;
+  };
+  const Row rows[] = {
+      {"create", [&] { return s_.CreateFolder(s_.root(), u"New", nullptr); }},
+      {"rename", [&] { return s_.RenameFolder(work, u"Job"); }},
+      {"move", [&] { return s_.MoveFolder(s_.FindFolder(u"Work/Sub"), s_.SpecialFolder(kFolderInbox)); }},
+      {"delete", [&] { return s_.DeleteFolder(work); }},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    host_.ops.fail_at = host_.ops.changes;
+    EXPECT_EQ(row.change(), rc::kWriteFault);
+    EXPECT_EQ(TreeNames(s_), before);
+    EXPECT_EQ(files_in_data(), files_before);
+    EXPECT_TRUE(s_.FindFolder(u"Work/Sub")->available());
+  }
+  EXPECT_EQ(Reopened(), before);
+  EXPECT_TRUE(host_.changes.size() == 2);
+}
+
+TEST_F(StorageTreeTest, AnExistingFolderFileIsAttachedOnceAndFoundAgain) {
+  struct Row {
+    const char* name;
+    std::filesystem::path file;
+    std::string stored;  // empty: the absolute path
+  };
+  const std::filesystem::path outside = host_.root() / "outside" / "x.fld";
+  const Row rows[] = {
+      {"in the data directory", host_.data_dir() / "d.fld", "d.fld"},
+      {"below the home directory", host_.home() / "mail" / "h.fld", "mail/h.fld"},
+      {"elsewhere", outside, ""},
+  };
+  int n = 0;
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    std::filesystem::create_directories(row.file.parent_path());
+    {
+      FolderFile f(host_.log);
+      ASSERT_EQ(f.Create(row.file), rc::kOk);
+    }
+    const WString name = u"Attached" + W(std::to_string(n++));
+    MailFolder* attached = nullptr;
+    ASSERT_EQ(s_.AttachFolderFile(s_.root(), row.file, name, &attached), rc::kOk);
+    EXPECT_EQ(WideToUtf8(attached->file_name()), row.stored.empty() ? row.file.string() : row.stored);
+    EXPECT_EQ(s_.AttachFolderFile(s_.SpecialFolder(kFolderInbox), row.file, u"Again", nullptr), rc::kInvalidArg);
+  }
+  EXPECT_EQ(s_.AttachFolderFile(s_.root(), host_.root() / "none.fld", u"None", nullptr), rc::kFileMissing);
+
+  Storage again(host_);
+  ASSERT_EQ(again.Open(s_.index_path()), rc::kOk);
+  EXPECT_TRUE(again.complete());
+  EXPECT_TRUE(host_.events.empty());
+  EXPECT_EQ(again.FindFolder(u"Attached2")->file_path(), outside);
+  // Deleting an attached folder removes its file like any other.
+  ASSERT_EQ(again.DeleteFolder(again.FindFolder(u"Attached2")), rc::kOk);
+  EXPECT_FALSE(std::filesystem::exists(outside));
+}
+
+TEST_F(StorageTreeTest, FoldersAreFoundByPathKindAndWalk) {
+  Make(u"Inbox", u"Lists");
+  Make(u"Inbox/Lists", u"Deep");
+  Storage slash(host_);
+  ASSERT_EQ(slash.Create(u"Local Folders/old", {}, false), rc::kOk);
+  const std::vector<Storage*> storages = {&s_, &slash};
+  struct Row {
+    const char16_t* path;
+    MailFolder* want;
+  };
+  const Row rows[] = {
+      {u"Local Folders", s_.root()},
+      {u"local folders/INBOX/lists/deep", s_.FindFolder(u"Inbox/Lists/Deep")},
+      {u"Local Folders/Inbox/", s_.SpecialFolder(kFolderInbox)},
+      {u"Local Folders/old/Sent", slash.SpecialFolder(kFolderSent)},
+      {u"Local Folders/Nothing", nullptr},
+      {u"Local", nullptr},
+      {u"", nullptr},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(WideToUtf8(row.path));
+    EXPECT_EQ(FindFolderByPath(storages, row.path), row.want);
+  }
+  EXPECT_EQ(s_.SpecialFolder(kFolderUser), s_.FindFolder(u"Inbox/Lists"));
+  EXPECT_EQ(s_.SpecialFolder(kFolderRoot), nullptr);
+  EXPECT_EQ(TreeNames(s_), (Lines{"Inbox", "  Lists", "    Deep", "Outbox", "Sent", "Deleted", "Drafts"}));
+}
+
+TEST_F(StorageTreeTest, MovedMessagesArriveBeforeTheyLeave) {
+  MailFolder* inbox = s_.SpecialFolder(kFolderInbox);
+  MailFolder* work = Make(u"", u"Work");
+  const std::vector<uint32_t> keys = Fill(inbox, {"read one", "two", "three"});
+
+  std::vector<uint32_t> moved;
+  ASSERT_EQ(MoveMessages(*inbox, {keys[2], keys[0]}, *work, &moved), rc::kOk);
+  EXPECT_EQ(moved.size(), 2u);
+  EXPECT_EQ(Subjects(inbox), Lines{"two"});
+  EXPECT_EQ(Subjects(work), (Lines{"three", "read one"}));
+  EXPECT_EQ(work->file()->counts(), (FolderCounts{2, 1}));
+  std::string text;
+  ASSERT_EQ(work->file()->ReadMessage(moved[0], &text), rc::kOk);
+  EXPECT_EQ(text, "Subject: three\r\n\r\nx\r\n");
+
+  ASSERT_EQ(CopyMessages(*inbox, {keys[1]}, *work, nullptr), rc::kOk);
+  EXPECT_EQ(Subjects(inbox), Lines{"two"});
+  EXPECT_EQ(Subjects(work), (Lines{"three", "read one", "two"}));
+
+  struct Row {
+    const char* name;
+    std::vector<uint32_t> keys;
+    MailFolder* to;
+    Result want;
+  };
+  const Row rows[] = {
+      {"unknown key", {keys[1], 9999}, work, rc::kInvalidArg},
+      {"repeated key", {keys[1], keys[1]}, work, rc::kInvalidArg},
+      {"same folder", {keys[1]}, inbox, rc::kInvalidArg},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_EQ(MoveMessages(*inbox, row.keys, *row.to, nullptr), row.want);
+    EXPECT_EQ(Subjects(inbox), Lines{"two"});
+    EXPECT_EQ(Subjects(work).size(), 3u);
+  }
+}
+
+}  // namespace
+}  // namespace trv
