@@ -80,7 +80,11 @@ std::unique_ptr<CXmMessagePart> MakeTextPart(const ComposedText& body, const std
   CreateCharset(charset)->Encode(WithCrLf(body.text), &bytes);
   bool named = false;
   TransferEncodingFromName(options.body_encoding, &named);
-  if (!named && HasLongLine(bytes)) part->set_encoding_name("quoted-printable");
+  if (named) {
+    part->set_encoding_name(options.body_encoding);
+  } else if (HasLongLine(bytes)) {
+    part->set_encoding_name("quoted-printable");
+  }
   part->SetBody(std::move(bytes));
   return part;
 }

@@ -26,8 +26,8 @@ class CXmMessageSource {
 
   // Bytes of the whole message.
   virtual uint64_t Size() const = 0;
-  // Reads up to `size` bytes from `offset`; `*got` is less than `size` only at
-  // the end of the message (0 at or past it).
+  // Reads up to `size` bytes from `offset`. `*got` may be less than `size`;
+  // it is 0 only at or past the end of the message.
   virtual Result ReadAt(uint64_t offset, void* buf, size_t size, size_t* got) = 0;
 };
 
