@@ -4,14 +4,13 @@
 
 #include "mime/charset/converter.h"
 #include "mime/encoded_word.h"
+#include "mime/message_flags.h"
 #include "mime/mime_message.h"
 #include "mime/part_parser.h"
 
 namespace trv {
 
 namespace {
-
-constexpr char16_t kXUnsent[] = u"X-Unsent";
 
 void Keep(Result* first, Result r) {
   if (first->ok() && r.failed()) *first = r;
@@ -55,7 +54,7 @@ Result CXmMessagePart::WriteHeaderBlock(CXmStream& out, const MimeWriteOptions& 
     CXmHeader copy = header_;
     copy.Remove(field::kBcc);
     copy.Remove(field::kResentBcc);
-    copy.Remove(kXUnsent);
+    copy.Remove(kFieldXUnsent);
     status = copy.Write(out, options.header);
   } else {
     status = header_.Write(out, options.header);

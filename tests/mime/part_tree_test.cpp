@@ -87,6 +87,32 @@ TEST(PartTreeTest, StructureTextsAndStatus) {
        "Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/plain\n\nline1\nline2\n--b--\n",
        "C:multipart/mixed{T:text/plain}", "line1\nline2", rc::kOk, 0},
   };
+  // The line reader hands out over-long lines in pieces of kMaxLineLength; a
+  // piece that starts like a boundary is still in the middle of its line.
+  const std::string long_line(3 * kMaxLineLength, 'x');
+  const struct {
+    const char* name;
+    std::string message;
+    const char* shape;
+    std::string first_text;
+  } long_rows[] = {
+      {"a line of 192 KiB",
+       Crlf("Content-Type: multipart/mixed; boundary=b\n\n--b\n\n") + long_line + Crlf("\n--b\n\nnext\n--b--\n"),
+       "C:multipart/mixed{T:text/plain,T:text/plain}", long_line},
+      {"a long line that ends like a boundary",
+       Crlf("Content-Type: multipart/mixed; boundary=b\n\n--b\n\n") + long_line + Crlf("--b--\n--b--\n"),
+       "C:multipart/mixed{T:text/plain}", long_line + "--b--"},
+  };
+  for (const auto& row : long_rows) {
+    SCOPED_TRACE(row.name);
+    CXmMimeMessage m;
+    EXPECT_TRUE(m.ParseText(row.message).ok());
+    EXPECT_EQ(Shape(m.root()), row.shape);
+    EXPECT_EQ(m.problems(), kProblemLongLines);
+    WString text;
+    ASSERT_TRUE(m.root().children()[0]->GetText(&text).ok());
+    EXPECT_TRUE(WideToUtf8(text) == row.first_text);
+  }
   for (const TreeRow& row : rows) {
     SCOPED_TRACE(row.name);
     CXmMimeMessage m;
