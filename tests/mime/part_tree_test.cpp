@@ -9,18 +9,9 @@
 namespace trv {
 namespace {
 
+using test::Crlf;
 using test::Shape;
 using test::Texts;
-
-// The message form of a text written with "\n" line ends.
-std::string Crlf(std::string_view text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '\n') out += '\r';
-    out += c;
-  }
-  return out;
-}
 
 // --- Structure and decoded text of whole messages
 

@@ -5,10 +5,21 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <string_view>
 
 #include "mime/mime_message.h"
 
 namespace trv::test {
+
+// The message form of a text written with "\n" line ends.
+inline std::string Crlf(std::string_view text) {
+  std::string out;
+  for (char c : text) {
+    if (c == '\n') out += '\r';
+    out += c;
+  }
+  return out;
+}
 
 // "C:multipart/mixed{T:text/plain,P:application/pdf}": C a container, T a
 // CXmPlainTextPart, P a CXmMessagePart; children in braces.

@@ -7,18 +7,12 @@
 #include "ui/image_size.h"
 #include "ui/message_show.h"
 #include "ui/message_view.h"
+#include "tests/mime/part_tree_util.h"
 
 namespace trv {
 namespace {
 
-std::string Crlf(std::string_view text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '\n') out += '\r';
-    out += c;
-  }
-  return out;
-}
+using test::Crlf;
 
 std::string Be32(uint32_t v) { return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)}; }
 std::string Le16(uint32_t v) { return {char(v), char(v >> 8)}; }
