@@ -47,7 +47,7 @@ class CXmMimeMessage {
   Result ParseText(std::string text, std::string_view reading_charset = "us-ascii",
                    uint32_t options = kParseKeepSource, const ParseLimits& limits = {});
 
-  // Serializes the tree (message/part_write rules in message_part.h).
+  // Serializes the tree by the Write rules of message_part.h.
   Result Write(CXmStream& out, const MimeWriteOptions& options = {});
   Result Write(std::string* out, const MimeWriteOptions& options = {});
 

@@ -1,7 +1,7 @@
 #include "ui/image_size.h"
 
+#include <algorithm>
 #include <cstdint>
-#include <cstdlib>
 
 namespace trv {
 
@@ -77,7 +77,8 @@ bool ReadImageSize(std::string_view s, int* width, int* height) {
     ok = Jpeg(s, &w, &h);
   } else if (s.size() >= 26 && s.starts_with("BM")) {
     w = Le32(s, 18);
-    h = static_cast<uint32_t>(std::abs(static_cast<int32_t>(Le32(s, 22))));  // negative: stored top down
+    const int64_t stored = static_cast<int32_t>(Le32(s, 22));  // negative: stored top down
+    h = static_cast<uint32_t>(std::min<int64_t>(stored < 0 ? -stored : stored, UINT32_MAX));
     ok = true;
   } else if (s.size() >= 16 && s.starts_with("RIFF") && s.substr(8, 4) == "WEBP") {
     ok = WebP(s, &w, &h);
