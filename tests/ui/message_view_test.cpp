@@ -50,7 +50,9 @@ TEST(ImageSizeTest, Formats) {
     int w = 0;
     int h = 0;
     EXPECT_EQ(ReadImageSize(row.bytes, &w, &h), row.ok) << row.name;
-    if (row.ok) EXPECT_EQ(std::make_pair(w, h), std::make_pair(row.width, row.height)) << row.name;
+    if (row.ok) {
+      EXPECT_EQ(std::make_pair(w, h), std::make_pair(row.width, row.height)) << row.name;
+    }
   }
 }
 
