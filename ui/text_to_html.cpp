@@ -211,7 +211,9 @@ WString BuildHtmlDocument(const std::vector<HtmlBlock>& blocks) {
   WString doc = u"<HTML><HEAD></HEAD><BODY>\n";
   bool had_text = false;
   for (const HtmlBlock& block : blocks) {
-    if (const auto* text = std::get_if<WString>(&block)) {
+    const auto* text = std::get_if<WString>(&block);
+    const auto* markup = std::get_if<HtmlMarkup>(&block);
+    if (text || markup) {
       if (had_text) {
         doc += u'\n';
         doc += kBreak;
@@ -220,7 +222,7 @@ WString BuildHtmlDocument(const std::vector<HtmlBlock>& blocks) {
         doc += u'\n';
       }
       had_text = true;
-      doc += TextToHtml(*text);
+      doc += text ? TextToHtml(*text) : markup->html;
     } else {
       const HtmlPicture& picture = std::get<HtmlPicture>(block);
       doc += u"<img src=\"";

@@ -44,8 +44,15 @@ struct HtmlPicture {
   int height = 0;
 };
 
-// One block of the document: a plain text (converted with links) or a picture.
-using HtmlBlock = std::variant<WString, HtmlPicture>;
+// Markup placed in the document as it is (the inside of an HTML body). It
+// counts as a text item for the separators.
+struct HtmlMarkup {
+  WString html;
+};
+
+// One block of the document: a plain text (converted with links), markup, or
+// a picture.
+using HtmlBlock = std::variant<WString, HtmlPicture, HtmlMarkup>;
 
 // "cid:" + the content identifier without its angle brackets, or
 // "inl:<item>.<number>".
@@ -54,7 +61,7 @@ WString PictureSource(const HtmlPicture& picture);
 bool ParseInlinePictureName(WStringView source, int* item, int* number);
 
 // The whole document: "<HTML><HEAD></HEAD><BODY>\n", the blocks in order, and
-// "</BODY></HTML>". Every text block but the first is preceded by the
+// "</BODY></HTML>". Every text or markup block but the first is preceded by the
 // separator "\n<br><hr width="100%" size="2"><br>\n"; pictures become
 // <img src="..." title="" alt="" width="W" height="H"> (the source escaped
 // for the attribute).

@@ -1,0 +1,103 @@
+#include "ui/message_show.h"
+
+#include "ui/html_text.h"
+
+namespace trv {
+
+namespace {
+
+constexpr char kTextSeparator[] = "----------------------------------------\n";
+
+// UTF-8 with "\n" line ends: CR LF and lone CR become LF.
+std::string TerminalText(WStringView text) {
+  std::string utf8 = WideToUtf8(text);
+  std::string out;
+  out.reserve(utf8.size());
+  for (size_t i = 0; i < utf8.size(); ++i) {
+    if (utf8[i] == '\r') {
+      out += '\n';
+      if (i + 1 < utf8.size() && utf8[i + 1] == '\n') ++i;
+    } else {
+      out += utf8[i];
+    }
+  }
+  return out;
+}
+
+std::string AttachmentLine(const CXmMessagePart& part) {
+  std::string line = "[attachment";
+  const WString name = part.GetFileName();
+  if (!name.empty()) line += " \"" + WideToUtf8(name) + "\"";
+  line += ", " + WideToUtf8(part.GetContentType()) + ", " + std::to_string(part.GetBodySize()) + " bytes]\n";
+  return line;
+}
+
+}  // namespace
+
+std::string RenderMainHeaders(const CXmMimeMessage& message) {
+  const CXmHeader& h = message.header();
+  std::string out;
+  const std::pair<const char*, const char16_t*> rows[] = {
+      {"From", field::kFrom}, {"To", field::kTo}, {"CC", field::kCc}, {"Subject", field::kSubject},
+      {"Date", field::kDate},
+  };
+  for (const auto& [label, name] : rows) {
+    if (!h.Find(name) && WStringView(name) == field::kCc) continue;
+    out += label;
+    out += ": ";
+    out += TerminalText(h.DisplayText(name));
+    out += '\n';
+  }
+  return out;
+}
+
+std::string RenderMessageText(const CXmMimeMessage& message, const MessageViewOptions& options, Result* status) {
+  const MessageView view = BuildMessageView(message, options);
+  if (status) *status = view.status;
+  std::string out = RenderMainHeaders(message) + "\n";
+  bool had_text = false;
+  for (const HtmlBlock& block : view.blocks) {
+    if (const auto* picture = std::get_if<HtmlPicture>(&block)) {
+      out += "[picture " + WideToUtf8(PictureSource(*picture)) + ", " + std::to_string(picture->width) + "x" +
+             std::to_string(picture->height) + "]\n";
+      continue;
+    }
+    if (had_text) out += kTextSeparator;
+    had_text = true;
+    const auto* text = std::get_if<WString>(&block);
+    std::string body = TerminalText(text ? *text : HtmlToPlainText(std::get<HtmlMarkup>(block).html));
+    if (!body.empty() && body.back() != '\n') body += '\n';
+    out += body;
+  }
+  for (const CXmMessagePart* part : view.attachments) out += AttachmentLine(*part);
+  return out;
+}
+
+std::string RenderMessageHtml(const CXmMimeMessage& message, const MessageViewOptions& options, Result* status) {
+  return WideToUtf8(ReadingViewDocument(message, options, status));
+}
+
+std::string RenderPartTree(const CXmMimeMessage& message) {
+  std::string out;
+  ForEachPart(message.root(), [&](const CXmMessagePart& part, int depth) {
+    std::string line(static_cast<size_t>(depth) * 2, ' ');
+    line += WideToUtf8(part.GetContentType());
+    if (part.IsMultipart()) {
+      line += "  " + std::to_string(part.children().size()) + " parts";
+    } else {
+      line += "  " + std::to_string(part.GetBodySize()) + " bytes";
+      if (part.body().kind == PartBody::kSource) line += "  " + std::string(TransferEncodingName(part.encoding()));
+      if (part.IsText()) line += "  charset=" + part.GetCharset();
+    }
+    const WString name = part.GetFileName();
+    if (!name.empty()) line += "  \"" + WideToUtf8(name) + "\"";
+    const WString disposition(TrimView(part.header().GetContentDisposition()));
+    if (!disposition.empty()) line += "  " + WideToUtf8(ToLowerAscii(disposition));
+    const WString id = part.GetContentId();
+    if (!id.empty()) line += "  id=" + WideToUtf8(id);
+    out += line + '\n';
+  });
+  return out;
+}
+
+}  // namespace trv

@@ -1,0 +1,36 @@
+// The renderings of a message that `trvmail-cli show` prints: UTF-8 text with
+// "\n" line ends, built here so that the program only prints them.
+#pragma once
+
+#include <string>
+
+#include "core/result.h"
+#include "mime/mime_message.h"
+#include "ui/message_view.h"
+
+namespace trv {
+
+// "From:", "To:", "CC:" (when present), "Subject:" and "Date:" lines with
+// encoded words decoded and folds undone.
+std::string RenderMainHeaders(const CXmMimeMessage& message);
+
+// The main headers, an empty line, then the text the reading view shows:
+// plain text as it is, HTML as its plain-text reading, a line of dashes
+// between two text items, "[picture ...]" for pictures, and an
+// "[attachment ...]" line for each attachment. `*status` (optional) receives
+// the view's decoding status.
+std::string RenderMessageText(const CXmMimeMessage& message, const MessageViewOptions& options = {},
+                              Result* status = nullptr);
+
+// The reading view's HTML document.
+std::string RenderMessageHtml(const CXmMimeMessage& message, const MessageViewOptions& options = {},
+                              Result* status = nullptr);
+
+// The part tree, one line per part, indented two blanks per level:
+//   content type, then for a container the number of its children, for a
+//   single part its stored size in bytes, its transfer encoding, the charset
+//   of a text part, the file name, the disposition and the Content-ID when
+//   there are any; the class name is not shown.
+std::string RenderPartTree(const CXmMimeMessage& message);
+
+}  // namespace trv
