@@ -14,6 +14,8 @@ namespace trv::cli {
 namespace {
 
 constexpr size_t kMany = std::numeric_limits<size_t>::max();
+// InstanceLock::Acquire's answer when another process holds the lock.
+constexpr Result kLockHeld = FromWin32(32);
 
 std::string UsageText() {
   std::string text = "usage: trvmail-cli [--data-dir DIR] [--json] COMMAND [ARGS...]\n\ncommands:\n";
@@ -59,12 +61,6 @@ int AnswerStorageEvent(CliContext& ctx, const StorageEvent& event) {
   }
 }
 
-std::string JoinedCommandLine(const std::vector<std::string>& args) {
-  std::string line = kProgramName;
-  for (const std::string& a : args) line += " " + a;
-  return line;
-}
-
 // Engine and lock for one command; shut down in order.
 int RunWithEngine(const Command& command, const ParsedArgs& parsed, const std::string& data_dir, bool json,
                   const std::vector<std::string>& all_args) {
@@ -82,11 +78,13 @@ int RunWithEngine(const Command& command, const ParsedArgs& parsed, const std::s
   if (engine->PrepareDataDirectory(&dir).failed()) {
     std::fprintf(stderr, "%s: %s\n", kProgramName, engine->start_problem().c_str());
     status = kExitFailed;
-  } else if (Result r = lock.Acquire(dir, kProgramName, kLockWait); r.failed()) {
+  } else if (Result r = lock.Acquire(dir, kProgramName, kLockWait); r == kLockHeld) {
     std::string holder = lock.holder_pid() > 0 ? "process " + std::to_string(lock.holder_pid()) : "another process";
     if (!lock.holder_name().empty()) holder += " (" + lock.holder_name() + ")";
     status = Fail(ctx, "the data directory " + dir.string() + " is in use by " + holder, r);
-  } else if (engine->Start(JoinedCommandLine(all_args)).failed()) {
+  } else if (r.failed()) {
+    status = Fail(ctx, "cannot lock the data directory " + dir.string() + " with " + lock.lock_path().string(), r);
+  } else if (engine->Start(LoggedCommandLine(all_args)).failed()) {
     std::fprintf(stderr, "%s: %s\n", kProgramName, engine->start_problem().c_str());
     status = kExitFailed;
   } else {
@@ -178,6 +176,24 @@ int RunCli(const std::vector<std::string>& args) {
   return RunWithEngine(*command, parsed, data_dir, json, args);
 }
 
+std::string LoggedCommandLine(const std::vector<std::string>& args) {
+  std::string line = kProgramName;
+  bool mask_next = false;
+  for (const std::string& a : args) {
+    const bool option = a.rfind("--", 0) == 0;
+    const bool secret = option && a.find("password") != std::string::npos;
+    if (mask_next && !option) {
+      line += " ********";
+    } else if (secret && a.find('=') != std::string::npos) {
+      line += " " + a.substr(0, a.find('=') + 1) + "********";
+    } else {
+      line += " " + a;
+    }
+    mask_next = secret && a.find('=') == std::string::npos;
+  }
+  return line;
+}
+
 int Fail(CliContext& ctx, const std::string& what, Result r) {
   std::fprintf(ctx.err, "%s: %s: %s %s\n", kProgramName, what.c_str(), ResultHex(r).c_str(), ResultText(r).c_str());
   return kExitFailed;
@@ -208,6 +224,11 @@ FolderFile* FolderFileOrFail(CliContext& ctx, MailFolder& folder, int* status) {
     return nullptr;
   }
   return folder.file();
+}
+
+FolderFile* FolderFileOrFail(CliContext& ctx, const std::string& path, MailFolder** folder, int* status) {
+  *folder = FindFolderOrFail(ctx, path, status);
+  return *folder == nullptr ? nullptr : FolderFileOrFail(ctx, **folder, status);
 }
 
 std::string KeyText(uint32_t key) {
@@ -246,9 +267,7 @@ bool ParseKeys(const std::vector<std::string>& texts, std::vector<uint32_t>* key
 }
 
 bool SelectMessages(CliContext& ctx, const ParsedArgs& args, size_t first, size_t end, Selection* sel, int* status) {
-  sel->folder = FindFolderOrFail(ctx, args.positional[0], status);
-  if (sel->folder == nullptr) return false;
-  sel->file = FolderFileOrFail(ctx, *sel->folder, status);
+  sel->file = FolderFileOrFail(ctx, args.positional[0], &sel->folder, status);
   if (sel->file == nullptr) return false;
   const std::string path = FolderPathText(*sel->folder);
   if (Result r = sel->file->LoadIndex(); r.failed()) {

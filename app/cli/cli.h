@@ -41,6 +41,10 @@ struct CliContext {
 // Runs one command line (argv without the program name); the exit status.
 int RunCli(const std::vector<std::string>& args);
 
+// The command line as the start-up line of the activity log shows it: the
+// values of options whose name holds "password" are masked ("********").
+std::string LoggedCommandLine(const std::vector<std::string>& args);
+
 // Error output, each line starting "trvmail-cli: ". These return the exit
 // status to pass on.
 //   "<what>: 0x80070057 The parameter is incorrect."
@@ -56,6 +60,8 @@ MailFolder* FindFolderOrFail(CliContext& ctx, const std::string& path, int* stat
 // The folder's open file; null (with the message) when the folder is the
 // root of a storage or its file is unavailable.
 FolderFile* FolderFileOrFail(CliContext& ctx, MailFolder& folder, int* status);
+// Both: the folder of `path` in `*folder` and its open file.
+FolderFile* FolderFileOrFail(CliContext& ctx, const std::string& path, MailFolder** folder, int* status);
 
 // "%.8X" of a key, and its reading: one to eight hexadecimal digits, not 0.
 std::string KeyText(uint32_t key);

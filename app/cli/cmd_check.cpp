@@ -63,9 +63,8 @@ size_t CountMissing(const std::set<uint32_t>& of, const std::set<uint32_t>& in) 
 
 int RunCheck(CliContext& ctx, const ParsedArgs& args) {
   int status = kExitOk;
-  MailFolder* folder = FindFolderOrFail(ctx, args.positional[0], &status);
-  if (folder == nullptr) return status;
-  FolderFile* file = FolderFileOrFail(ctx, *folder, &status);
+  MailFolder* folder = nullptr;
+  FolderFile* file = FolderFileOrFail(ctx, args.positional[0], &folder, &status);
   if (file == nullptr) return status;
   const std::string what = FolderPathText(*folder);
   const std::filesystem::path path = file->path();

@@ -74,10 +74,10 @@ struct FileImport {
   size_t messages = 0;
 };
 
-void SayNoHeader(FileImport& f, const std::string& where, HeaderState state) {
-  Warn(f.ctx, where + ": the message has no header; " +
-                  (state == HeaderState::kNoHeader ? "stored with an empty header before its text (no subject)"
-                                                   : "stored as it is (no subject)"));
+// A warning, on a line of its own below the progress line.
+void Say(FileImport& f, const std::string& text) {
+  f.progress.Finish();
+  Warn(f.ctx, text);
 }
 
 Result ImportMbox(FileImport& f, LineSource& source) {
@@ -89,14 +89,18 @@ Result ImportMbox(FileImport& f, LineSource& source) {
     if (!got) return rc::kOk;
     const std::string where = f.name + ":" + std::to_string(m.line);
     if (m.broken_envelope) {
-      Warn(f.ctx, where + ": \"From \" line without sender and date (\"" + m.envelope +
-                      "\"); it starts a new message all the same");
+      Say(f, where + ": \"From \" line without sender and date (\"" + m.envelope +
+                 "\"); it starts a new message all the same");
     }
     if (m.text.empty()) {
-      Warn(f.ctx, where + ": the entry holds no message text; skipped");
+      Say(f, where + ": the entry holds no message text; skipped");
       continue;
     }
-    if (const HeaderState state = HeaderStateOf(m.text); state != HeaderState::kHeader) SayNoHeader(f, where, state);
+    if (const HeaderState state = HeaderStateOf(m.text); state != HeaderState::kHeader) {
+      Say(f, where + ": the message has no header; " +
+                 (state == HeaderState::kNoHeader ? "stored with an empty header before its text (no subject)"
+                                                  : "stored as it is (no subject)"));
+    }
     if (Result r = f.importer.Add(ToStoredForm(m.text)); r.failed()) return r;
     ++f.messages;
     f.progress.Update("importing " + f.name + ": " + std::to_string(f.messages) + " messages");
@@ -150,9 +154,8 @@ int ImportFile(CliContext& ctx, Importer& importer, const std::string& folder_pa
 
 int RunImport(CliContext& ctx, const ParsedArgs& args) {
   int status = kExitOk;
-  MailFolder* folder = FindFolderOrFail(ctx, args.positional[0], &status);
-  if (folder == nullptr) return status;
-  FolderFile* file = FolderFileOrFail(ctx, *folder, &status);
+  MailFolder* folder = nullptr;
+  FolderFile* file = FolderFileOrFail(ctx, args.positional[0], &folder, &status);
   if (file == nullptr) return status;
   const std::string path = FolderPathText(*folder);
   Importer importer(*file);

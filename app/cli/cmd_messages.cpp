@@ -36,8 +36,11 @@ int RunList(CliContext& ctx, const ParsedArgs& args) {
   int status = kExitOk;
   Selection sel;
   if (!SelectMessages(ctx, args, 1, 1, &sel, &status)) return status;
-  const std::vector<MessageRecord> records = sel.file->Messages();
-  WriteOut(ctx, ctx.json ? ListingJson(records) : ListingText(records));
+  if (ctx.json) {
+    WriteListingJson(*sel.file, [&ctx](std::string_view piece) { WriteOut(ctx, piece); });
+  } else {
+    WriteOut(ctx, ListingText(sel.file->Messages()));
+  }
   return kExitOk;
 }
 
@@ -89,8 +92,8 @@ int RunMove(CliContext& ctx, const ParsedArgs& args) {
   int status = kExitOk;
   Selection sel;
   if (!SelectMessages(ctx, args, 1, args.positional.size() - 1, &sel, &status)) return status;
-  MailFolder* dest = FindFolderOrFail(ctx, args.positional.back(), &status);
-  if (dest == nullptr || FolderFileOrFail(ctx, *dest, &status) == nullptr) return status;
+  MailFolder* dest = nullptr;
+  if (FolderFileOrFail(ctx, args.positional.back(), &dest, &status) == nullptr) return status;
   if (dest == sel.folder) return Fail(ctx, "source and destination are the same folder", rc::kInvalidArg);
   std::vector<uint32_t> new_keys;
   if (Result r = MoveMessages(*sel.folder, sel.keys, *dest, &new_keys); r.failed()) {

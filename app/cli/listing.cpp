@@ -38,33 +38,59 @@ std::string IsoDateUtc(double date) {
   return buf;
 }
 
-std::string ListingJson(const std::vector<MessageRecord>& records) {
+namespace {
+
+void AppendRecordJson(const MessageRecord& r, std::string* out) {
   JsonWriter json;
-  json.BeginArray();
-  for (const MessageRecord& r : records) {
-    json.BeginObject();
-    json.Key("key");
-    json.String(KeyText(r.key));
-    json.Key("date");
-    if (r.sent_date == kNoDate) {
-      json.Null();
-    } else {
-      json.String(IsoDateUtc(r.sent_date));
-    }
-    json.Key("from");
-    json.String(Utf8(r.from));
-    json.Key("subject");
-    json.String(Utf8(r.subject));
-    json.Key("size");
-    json.Int(r.size);
-    json.Key("read");
-    json.Bool(r.is_read());
-    json.Key("partial");
-    json.Bool(r.flags & msgflag::kPartial);
-    json.EndObject();
+  json.BeginObject();
+  json.Key("key");
+  json.String(KeyText(r.key));
+  json.Key("date");
+  if (r.sent_date == kNoDate) {
+    json.Null();
+  } else {
+    json.String(IsoDateUtc(r.sent_date));
   }
-  json.EndArray();
-  return json.text() + "\n";
+  json.Key("from");
+  json.String(Utf8(r.from));
+  json.Key("subject");
+  json.String(Utf8(r.subject));
+  json.Key("size");
+  json.Int(r.size);
+  json.Key("read");
+  json.Bool(r.is_read());
+  json.Key("partial");
+  json.Bool(r.flags & msgflag::kPartial);
+  json.EndObject();
+  *out += json.text();
+}
+
+}  // namespace
+
+std::string ListingJson(const std::vector<MessageRecord>& records) {
+  std::string out = "[";
+  for (size_t i = 0; i < records.size(); ++i) {
+    if (i > 0) out += ',';
+    AppendRecordJson(records[i], &out);
+  }
+  return out + "]\n";
+}
+
+void WriteListingJson(const FolderFile& file, const std::function<void(std::string_view)>& write) {
+  std::string out = "[";
+  const size_t count = file.MessageCount();
+  for (size_t i = 0; i < count; ++i) {
+    const std::optional<MessageRecord> record = file.MessageAt(i);
+    if (!record) break;  // another thread deleted messages meanwhile
+    if (i > 0) out += ',';
+    AppendRecordJson(*record, &out);
+    if (out.size() >= 64 * 1024) {
+      write(out);
+      out.clear();
+    }
+  }
+  out += "]\n";
+  write(out);
 }
 
 std::string ListingText(const std::vector<MessageRecord>& records) {

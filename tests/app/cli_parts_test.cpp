@@ -12,6 +12,7 @@
 #include "app/cli/text_table.h"
 #include "core/date_value.h"
 #include "tests/app/json_value.h"
+#include "tests/support/temp_dir.h"
 
 namespace trv::cli {
 namespace {
@@ -55,6 +56,14 @@ TEST(ArgsTest, Table) {
   }
 }
 
+TEST(ArgsTest, LoggedCommandLineMasksPasswords) {
+  EXPECT_EQ(LoggedCommandLine({"--json", "list", "Local Folders/Inbox"}), "trvmail-cli --json list Local Folders/Inbox");
+  EXPECT_EQ(LoggedCommandLine({"account", "add", "--socks-password", "s3cret", "--socks-user", "u"}),
+            "trvmail-cli account add --socks-password ******** --socks-user u");
+  EXPECT_EQ(LoggedCommandLine({"--password=s3cret", "x"}), "trvmail-cli --password=******** x");
+  EXPECT_EQ(LoggedCommandLine({"--password-stdin", "--name", "n"}), "trvmail-cli --password-stdin --name n");
+}
+
 TEST(KeysTest, ParseAndFormat) {
   struct Row {
     const char* text;
@@ -71,7 +80,9 @@ TEST(KeysTest, ParseAndFormat) {
     SCOPED_TRACE(row.text);
     uint32_t key = 0;
     EXPECT_EQ(ParseKey(row.text, &key), row.ok);
-    if (row.ok) EXPECT_EQ(key, row.key);
+    if (row.ok) {
+      EXPECT_EQ(key, row.key);
+    }
   }
   EXPECT_EQ(KeyText(0x1A), "0000001A");
   EXPECT_EQ(KeyText(0xDEADBEEF), "DEADBEEF");
@@ -313,6 +324,43 @@ TEST(ListingTest, JsonFormAndDates) {
 
   EXPECT_EQ(ListingJson({}), "[]\n");
   EXPECT_EQ(IsoDateUtc(DateFromCivil({1999, 12, 31, 23, 59, 59})), "1999-12-31T23:59:59Z");
+}
+
+TEST(ListingTest, StreamedFromAFolderFileAsFromItsRecords) {
+  test::TempDir dir;
+  NullLogSink log;
+  FolderFileOptions options;
+  options.sync_commits = false;
+  FolderFile file(log, options);
+  ASSERT_TRUE(file.Create(dir / "f.fld").ok());
+  std::string streamed;
+  auto collect = [&streamed](std::string_view piece) { streamed.append(piece); };
+  WriteListingJson(file, collect);
+  EXPECT_EQ(streamed, "[]\n");
+
+  // Enough records to be handed out in several pieces.
+  std::vector<NewMessage> batch;
+  std::vector<std::string> texts(3000);
+  for (size_t i = 0; i < texts.size(); ++i) {
+    texts[i] = "Subject: message " + std::to_string(i) + "\r\n\r\n";
+    MessageRecord r;
+    r.subject = Utf8ToWide("message " + std::to_string(i) + " \"quoted\"");
+    r.flags = i % 2 ? msgflag::kRead : 0;
+    batch.push_back({r, texts[i]});
+  }
+  ASSERT_TRUE(file.AppendMany(batch, nullptr).ok());
+  streamed.clear();
+  size_t pieces = 0;
+  WriteListingJson(file, [&](std::string_view piece) {
+    ++pieces;
+    collect(piece);
+  });
+  EXPECT_GT(pieces, 1u);
+  EXPECT_EQ(streamed, ListingJson(file.Messages()));
+  test::JsonValue v;
+  std::string error;
+  ASSERT_TRUE(test::ParseJson(streamed, &v, &error)) << error;
+  EXPECT_EQ(v.size(), 3000u);
 }
 
 }  // namespace

@@ -50,9 +50,6 @@ class Reader {
     const size_t start = pos_;
     if (pos_ < s_.size() && s_[pos_] == '-') ++pos_;
     if (pos_ >= s_.size() || !std::isdigit(static_cast<unsigned char>(s_[pos_]))) return Error("a value");
-    if (s_[pos_] == '0' && pos_ + 1 < s_.size() && std::isdigit(static_cast<unsigned char>(s_[pos_ + 1]))) {
-      return Error("no leading zero");
-    }
     while (pos_ < s_.size() && (std::isdigit(static_cast<unsigned char>(s_[pos_])) || s_[pos_] == '.' ||
                                 s_[pos_] == 'e' || s_[pos_] == 'E' || s_[pos_] == '+' || s_[pos_] == '-')) {
       ++pos_;
@@ -61,30 +58,23 @@ class Reader {
     v->number = std::strtod(s_.substr(start, pos_ - start).c_str(), nullptr);
     return true;
   }
-  static void PutUtf8(uint32_t cp, std::string* out) {
+  // \uXXXX of the Basic Multilingual Plane (the writer escapes only control
+  // characters), as UTF-8.
+  bool Escaped(std::string* out) {
+    if (pos_ + 4 > s_.size()) return Error("four hexadecimal digits");
+    const std::string hex = s_.substr(pos_, 4);
+    if (hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return Error("hexadecimal digits");
+    pos_ += 4;
+    const unsigned cp = static_cast<unsigned>(std::stoul(hex, nullptr, 16));
     if (cp < 0x80) {
       *out += static_cast<char>(cp);
     } else if (cp < 0x800) {
       *out += static_cast<char>(0xC0 | cp >> 6);
       *out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
+    } else {
       *out += static_cast<char>(0xE0 | cp >> 12);
       *out += static_cast<char>(0x80 | (cp >> 6 & 0x3F));
       *out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-      *out += static_cast<char>(0xF0 | cp >> 18);
-      *out += static_cast<char>(0x80 | (cp >> 12 & 0x3F));
-      *out += static_cast<char>(0x80 | (cp >> 6 & 0x3F));
-      *out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
-  }
-  bool Hex4(uint32_t* cp) {
-    if (pos_ + 4 > s_.size()) return Error("four hexadecimal digits");
-    *cp = 0;
-    for (int i = 0; i < 4; ++i) {
-      const char c = s_[pos_++];
-      if (!std::isxdigit(static_cast<unsigned char>(c))) return Error("a hexadecimal digit");
-      *cp = *cp << 4 | static_cast<uint32_t>(std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : (c | 0x20) - 'a' + 10);
     }
     return true;
   }
@@ -108,18 +98,9 @@ class Reader {
         case 'n': *out += '\n'; break;
         case 'r': *out += '\r'; break;
         case 't': *out += '\t'; break;
-        case 'u': {
-          uint32_t cp = 0;
-          if (!Hex4(&cp)) return false;
-          if (cp >= 0xD800 && cp < 0xDC00 && s_.compare(pos_, 2, "\\u") == 0) {
-            pos_ += 2;
-            uint32_t low = 0;
-            if (!Hex4(&low)) return false;
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (low - 0xDC00);
-          }
-          PutUtf8(cp, out);
+        case 'u':
+          if (!Escaped(out)) return false;
           break;
-        }
         default: return Error("a known escape");
       }
     }
