@@ -115,7 +115,7 @@ const std::vector<Command>& Commands() {
       {"export", "PATH [KEY...] (--eml DIR | --mbox FILE)", "write messages out", 1, kMany,
        {{}, {"--eml", "--mbox"}}, ValidateExport, RunExport},
       {"rm", "PATH KEY... [--purge]", "delete messages (into \"Deleted\"; --purge for good)", 2, kMany,
-       {{"--purge"}, {}}, ValidateKeysFrom1, RunRemove},
+       {{"--purge"}, {}}, ValidateRemove, RunRemove},
       {"mv", "PATH KEY... DEST", "move messages to another folder", 3, kMany, {}, ValidateMove, RunMove},
       {"mark", "PATH KEY... read|unread", "mark messages read or unread", 3, kMany, {}, ValidateMark, RunMark},
       {"check", "PATH", "check and repair the folder file", 1, 1, {}, nullptr, RunCheck},

@@ -15,7 +15,7 @@ bool ValidateShow(const ParsedArgs& args, std::string* error) {
   return ValidateKeys(args, 1, 2, error);
 }
 
-bool ValidateKeysFrom1(const ParsedArgs& args, std::string* error) {
+bool ValidateRemove(const ParsedArgs& args, std::string* error) {
   return ValidateKeys(args, 1, args.positional.size(), error);
 }
 

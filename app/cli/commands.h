@@ -52,7 +52,7 @@ int RunCheck(CliContext& ctx, const ParsedArgs& args);
 
 // cmd_messages.cpp
 bool ValidateShow(const ParsedArgs& args, std::string* error);
-bool ValidateKeysFrom1(const ParsedArgs& args, std::string* error);  // rm
+bool ValidateRemove(const ParsedArgs& args, std::string* error);  // rm
 bool ValidateMove(const ParsedArgs& args, std::string* error);
 bool ValidateMark(const ParsedArgs& args, std::string* error);
 int RunList(CliContext& ctx, const ParsedArgs& args);

@@ -361,6 +361,14 @@ TEST(ListingTest, StreamedFromAFolderFileAsFromItsRecords) {
   std::string error;
   ASSERT_TRUE(test::ParseJson(streamed, &v, &error)) << error;
   EXPECT_EQ(v.size(), 3000u);
+
+  // Listing a folder opened afresh reads its index and no message.
+  file.Close();
+  ASSERT_TRUE(file.Open(dir / "f.fld").ok());
+  const ContainerCounters before = file.counters();
+  ASSERT_TRUE(file.LoadIndex().ok());
+  WriteListingJson(file, [](std::string_view) {});
+  EXPECT_EQ(file.counters().streams_opened - before.streams_opened, 1u);  // "/Index"
 }
 
 }  // namespace
