@@ -5,6 +5,7 @@
 #include <optional>
 #include <system_error>
 
+#include "core/message_import.h"
 #include "core/registry.h"
 
 namespace trv {
@@ -141,6 +142,20 @@ Result MailEngine::Start(std::string_view command_line) {
   Log(kLogMapi);
   loaded_ = true;
   return rc::kOk;
+}
+
+Result MailEngine::PrepareDataDirectory(std::filesystem::path* dir) {
+  if (started_) return rc::kFail;
+  start_problem_.clear();
+  if (ResolveDataDirectory(dir).failed()) return rc::kFail;
+  data_dir_override_ = *dir;
+  return rc::kOk;
+}
+
+FolderFileOptions MailEngine::FolderFileSettings() {
+  FolderFileOptions options;
+  options.rebuilder = RebuildRecordFromHead;
+  return options;
 }
 
 void MailEngine::OpenSettings() {

@@ -85,6 +85,11 @@ class MailEngine final : public StorageHost {
   // 0, or 0x80004005 when the data directory cannot be made (start_problem()
   // then says why). Once per engine.
   Result Start(std::string_view command_line);
+  // Resolves (and creates) the data directory as Start would, without
+  // starting, and makes Start use it: a program that must lock the
+  // directory before anything touches it calls this first. 0, or
+  // 0x80004005 with start_problem() saying why. Before Start only.
+  Result PrepareDataDirectory(std::filesystem::path* dir);
   // Why Start failed, naming the file or directory; empty after success.
   const std::string& start_problem() const { return start_problem_; }
   // Start-up found or created the storages.
@@ -141,6 +146,9 @@ class MailEngine final : public StorageHost {
   void FolderTreeChanged(Storage& storage, const FolderTreeChange& change) override;
   void IndexReadProgress(uint32_t position, uint32_t size) override;
   StorageFileOps& FileOps() override { return *file_ops_; }
+  // Folder files fill the records a repair rebuilds from the message heads
+  // (core/message_import.h).
+  FolderFileOptions FolderFileSettings() override;
 
  private:
   friend MailEngine* AcquireEngine();

@@ -112,6 +112,7 @@ Result Container::OpenStream(WStringView path, bool create, std::unique_ptr<Cont
   }
   if (r.failed()) return Fail(r);
   out->reset(new ContainerStream(db_, id, WString(path), size, writable));
+  ++db_->stats().streams_opened;
   return Fail(rc::kOk);
 }
 
@@ -177,6 +178,7 @@ ContainerCounters Container::counters() const {
     c.bytes_read = s.bytes_read;
     c.bytes_written = s.bytes_written;
     c.commits = s.commits;
+    c.streams_opened = s.streams_opened;
   }
   return c;
 }

@@ -46,6 +46,7 @@ struct ContainerCounters {
   uint64_t bytes_read = 0;     // stream bytes read
   uint64_t bytes_written = 0;  // stream bytes written
   uint64_t commits = 0;        // transactions committed
+  uint64_t streams_opened = 0; // successful OpenStream calls
 };
 
 // Name, size and creation time (Unix seconds) of one stream.

@@ -86,6 +86,7 @@ struct ContainerStats {
   uint64_t bytes_read = 0;
   uint64_t bytes_written = 0;  // stream bytes, not database pages
   uint64_t commits = 0;
+  uint64_t streams_opened = 0;
 };
 
 class ContainerDb {

@@ -1,0 +1,63 @@
+#include "app/cli/args.h"
+
+#include <algorithm>
+
+namespace trv::cli {
+
+namespace {
+bool Listed(const std::vector<std::string>& names, const std::string& name) {
+  return std::find(names.begin(), names.end(), name) != names.end();
+}
+}  // namespace
+
+const std::string& ParsedArgs::value(std::string_view name) const {
+  static const std::string kEmpty;
+  const auto it = options.find(std::string(name));
+  return it == options.end() ? kEmpty : it->second;
+}
+
+bool ParseArgs(const std::vector<std::string>& args, const ArgSpec& spec, ParsedArgs* out, std::string* error) {
+  *out = ParsedArgs();
+  bool options_end = false;
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& a = args[i];
+    if (options_end || a.size() < 2 || a[0] != '-') {
+      out->positional.push_back(a);
+      continue;
+    }
+    if (a == "--") {
+      options_end = true;
+      continue;
+    }
+    std::string name = a;
+    std::string value;
+    bool has_inline_value = false;
+    if (const size_t eq = a.find('='); a.rfind("--", 0) == 0 && eq != std::string::npos) {
+      name = a.substr(0, eq);
+      value = a.substr(eq + 1);
+      has_inline_value = true;
+    }
+    if (out->options.count(name)) {
+      *error = "option " + name + " given twice";
+      return false;
+    }
+    if (Listed(spec.flags, name) && !has_inline_value) {
+      out->options[name] = "";
+    } else if (Listed(spec.with_value, name)) {
+      if (!has_inline_value) {
+        if (i + 1 >= args.size()) {
+          *error = "option " + name + " needs a value";
+          return false;
+        }
+        value = args[++i];
+      }
+      out->options[name] = value;
+    } else {
+      *error = "unknown option " + a;
+      return false;
+    }
+  }
+  return true;
+}
+
+}  // namespace trv::cli

@@ -1,0 +1,322 @@
+#include "app/cli/cli.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+#include "app/cli/commands.h"
+#include "core/instance_lock.h"
+
+namespace trv::cli {
+
+namespace {
+
+constexpr size_t kMany = std::numeric_limits<size_t>::max();
+// InstanceLock::Acquire's answer when another process holds the lock.
+constexpr Result kLockHeld = FromWin32(32);
+
+std::string UsageText() {
+  std::string text = "usage: trvmail-cli [--data-dir DIR] [--json] COMMAND [ARGS...]\n\ncommands:\n";
+  for (const Command& c : Commands()) {
+    std::string line = std::string("  ") + c.name + (*c.usage ? " " : "") + c.usage;
+    if (line.size() < 48) line.resize(48, ' ');
+    else line += "\n" + std::string(48, ' ');
+    text += line + c.summary + "\n";
+  }
+  return text;
+}
+
+int UsageError(const std::string& problem, const Command* command) {
+  std::fprintf(stderr, "%s: %s\n", kProgramName, problem.c_str());
+  if (command != nullptr) {
+    std::fprintf(stderr, "usage: trvmail-cli [--data-dir DIR] [--json] %s %s\n", command->name, command->usage);
+  } else {
+    std::fputs(UsageText().c_str(), stderr);
+  }
+  return kExitUsage;
+}
+
+// The engine's progress callback: a run without a person to ask leaves a
+// folder whose file is missing unopened (it is found again when its medium
+// is back) and goes on after load errors, saying so.
+int AnswerStorageEvent(CliContext& ctx, const StorageEvent& event) {
+  const std::string where = Utf8(event.storage_name) + (event.folder_name.empty() ? "" : "/" + Utf8(event.folder_name));
+  switch (event.code) {
+    case kEventFolderFileNotFound:
+      Warn(ctx, "folder file " + event.path.string() + " of \"" + where +
+                    "\" not found; the folder is left unopened");
+      return kAnswerSkip;
+    case kEventStorageLoadingError:
+      Warn(ctx, "storage index " + event.path.string() + " could not be opened: " + ResultHex(event.error) + " " +
+                    ResultText(event.error) + (event.detail.empty() ? "" : " (" + event.detail + ")"));
+      return kAnswerDefault;
+    case kEventFolderLoadingError:
+      Warn(ctx, "folder \"" + where + "\" could not be loaded: " + ResultHex(event.error) + " " +
+                    ResultText(event.error));
+      return kAnswerDefault;
+    default:
+      return kAnswerDefault;
+  }
+}
+
+// Engine and lock for one command; shut down in order.
+int RunWithEngine(const Command& command, const ParsedArgs& parsed, const std::string& data_dir, bool json,
+                  const std::vector<std::string>& all_args) {
+  CliContext ctx;
+  ctx.json = json;
+  ctx.progress = ::isatty(STDERR_FILENO) == 1;
+  MailEngine* engine = AcquireEngine();
+  if (engine == nullptr) return Fail(ctx, "cannot start the mail engine", rc::kOutOfMemory);
+  if (!data_dir.empty()) engine->SetDataDirectoryOverride(data_dir);
+  engine->SetProgressCallback([&ctx](const StorageEvent& event) { return AnswerStorageEvent(ctx, event); });
+
+  InstanceLock lock;
+  std::filesystem::path dir;
+  int status = kExitOk;
+  if (engine->PrepareDataDirectory(&dir).failed()) {
+    std::fprintf(stderr, "%s: %s\n", kProgramName, engine->start_problem().c_str());
+    status = kExitFailed;
+  } else if (Result r = lock.Acquire(dir, kProgramName, kLockWait); r == kLockHeld) {
+    std::string holder = lock.holder_pid() > 0 ? "process " + std::to_string(lock.holder_pid()) : "another process";
+    if (!lock.holder_name().empty()) holder += " (" + lock.holder_name() + ")";
+    status = Fail(ctx, "the data directory " + dir.string() + " is in use by " + holder, r);
+  } else if (r.failed()) {
+    status = Fail(ctx, "cannot lock the data directory " + dir.string() + " with " + lock.lock_path().string(), r);
+  } else if (engine->Start(LoggedCommandLine(all_args)).failed()) {
+    std::fprintf(stderr, "%s: %s\n", kProgramName, engine->start_problem().c_str());
+    status = kExitFailed;
+  } else {
+    ctx.engine = engine;
+    status = command.run(ctx, parsed);
+    std::fflush(stdout);
+  }
+  ReleaseEngine();  // the last release shuts the engine down
+  lock.Release();
+  return status;
+}
+
+}  // namespace
+
+const std::vector<Command>& Commands() {
+  static const std::vector<Command> commands = {
+      {"storages", "", "every storage: name, identifier, index file, folders", 0, 0, {}, nullptr, RunStorages},
+      {"folders", "[STORAGE]", "the folder tree with kinds and message counts", 0, 1, {}, nullptr, RunFolders},
+      {"mkdir", "PATH", "create a folder", 1, 1, {}, nullptr, RunMkdir},
+      {"rename", "PATH NEWNAME", "rename a folder", 2, 2, {}, nullptr, RunRename},
+      {"rmdir", "PATH [--force]", "delete a folder (one holding messages only with --force)", 1, 1, {{"--force"}, {}},
+       nullptr, RunRmdir},
+      {"import", "PATH FILE...", "append messages from .eml or mbox files, \"-\" for standard input", 2, kMany, {},
+       nullptr, RunImport},
+      {"list", "PATH", "the folder's messages", 1, 1, {}, nullptr, RunList},
+      {"show", "PATH KEY [--raw|--html|--parts]", "a message", 2, 2, {{"--raw", "--html", "--parts"}, {}},
+       ValidateShow, RunShow},
+      {"export", "PATH [KEY...] (--eml DIR | --mbox FILE)", "write messages out", 1, kMany,
+       {{}, {"--eml", "--mbox"}}, ValidateExport, RunExport},
+      {"rm", "PATH KEY... [--purge]", "delete messages (into \"Deleted\"; --purge for good)", 2, kMany,
+       {{"--purge"}, {}}, ValidateRemove, RunRemove},
+      {"mv", "PATH KEY... DEST", "move messages to another folder", 3, kMany, {}, ValidateMove, RunMove},
+      {"mark", "PATH KEY... read|unread", "mark messages read or unread", 3, kMany, {}, ValidateMark, RunMark},
+      {"check", "PATH", "check and repair the folder file", 1, 1, {}, nullptr, RunCheck},
+  };
+  return commands;
+}
+
+int RunCli(const std::vector<std::string>& args) {
+  std::string data_dir;
+  bool json = false;
+  size_t i = 0;
+  for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
+    if (args[i] == "--json") {
+      json = true;
+    } else if (args[i] == "--data-dir" && i + 1 < args.size()) {
+      data_dir = args[++i];
+    } else if (args[i].rfind("--data-dir=", 0) == 0) {
+      data_dir = args[i].substr(11);
+    } else if (args[i] == "--help") {
+      std::fputs(UsageText().c_str(), stdout);
+      return kExitOk;
+    } else {
+      return UsageError(args[i] == "--data-dir" ? "option --data-dir needs a value" : "unknown option " + args[i],
+                        nullptr);
+    }
+  }
+  if (i == args.size()) return UsageError("no command given", nullptr);
+  if (args[i] == "help") {
+    std::fputs(UsageText().c_str(), stdout);
+    return kExitOk;
+  }
+  const Command* command = nullptr;
+  for (const Command& c : Commands()) {
+    if (args[i] == c.name) command = &c;
+  }
+  if (command == nullptr) return UsageError("unknown command " + args[i], nullptr);
+
+  // The global options are understood after the command too.
+  ArgSpec spec = command->spec;
+  spec.flags.push_back("--json");
+  spec.with_value.push_back("--data-dir");
+  ParsedArgs parsed;
+  std::string error;
+  if (!ParseArgs(std::vector<std::string>(args.begin() + static_cast<std::ptrdiff_t>(i) + 1, args.end()), spec,
+                 &parsed, &error)) {
+    return UsageError(error, command);
+  }
+  if (parsed.has("--json")) json = true;
+  if (parsed.has("--data-dir")) {
+    if (!data_dir.empty()) return UsageError("option --data-dir given twice", command);
+    data_dir = parsed.value("--data-dir");
+  }
+  if (parsed.has("--data-dir") && data_dir.empty()) return UsageError("option --data-dir needs a value", command);
+  const size_t n = parsed.positional.size();
+  if (n < command->min_args) return UsageError("too few arguments", command);
+  if (n > command->max_args) return UsageError("too many arguments", command);
+  if (command->validate != nullptr && !command->validate(parsed, &error)) return UsageError(error, command);
+  return RunWithEngine(*command, parsed, data_dir, json, args);
+}
+
+std::string LoggedCommandLine(const std::vector<std::string>& args) {
+  std::string line = kProgramName;
+  bool mask_next = false;
+  for (const std::string& a : args) {
+    const bool option = a.rfind("--", 0) == 0;
+    const bool secret = option && a.find("password") != std::string::npos;
+    if (mask_next && !option) {
+      line += " ********";
+    } else if (secret && a.find('=') != std::string::npos) {
+      line += " " + a.substr(0, a.find('=') + 1) + "********";
+    } else {
+      line += " " + a;
+    }
+    mask_next = secret && a.find('=') == std::string::npos;
+  }
+  return line;
+}
+
+int Fail(CliContext& ctx, const std::string& what, Result r) {
+  std::fprintf(ctx.err, "%s: %s: %s %s\n", kProgramName, what.c_str(), ResultHex(r).c_str(), ResultText(r).c_str());
+  return kExitFailed;
+}
+
+void Warn(CliContext& ctx, const std::string& text) {
+  std::fprintf(ctx.err, "%s: warning: %s\n", kProgramName, text.c_str());
+}
+
+void WriteOut(CliContext& ctx, std::string_view bytes) { std::fwrite(bytes.data(), 1, bytes.size(), ctx.out); }
+
+MailFolder* FindFolderOrFail(CliContext& ctx, const std::string& path, int* status) {
+  std::string_view p = path;
+  while (p.size() > 1 && p.back() == '/') p.remove_suffix(1);
+  MailFolder* folder = ctx.engine->FindFolder(Utf8ToWide(p));
+  if (folder == nullptr) *status = Fail(ctx, "no folder \"" + std::string(p) + "\"", FromWin32(3));
+  return folder;
+}
+
+FolderFile* FolderFileOrFail(CliContext& ctx, MailFolder& folder, int* status) {
+  if (folder.is_root()) {
+    *status = Fail(ctx, "\"" + FolderPathText(folder) + "\" is a storage, not a folder with messages", rc::kInvalidArg);
+    return nullptr;
+  }
+  if (!folder.available()) {
+    *status = Fail(ctx, "folder \"" + FolderPathText(folder) + "\" has no open folder file (" +
+                            Utf8(folder.file_name()) + ")", rc::kFileMissing);
+    return nullptr;
+  }
+  return folder.file();
+}
+
+FolderFile* FolderFileOrFail(CliContext& ctx, const std::string& path, MailFolder** folder, int* status) {
+  *folder = FindFolderOrFail(ctx, path, status);
+  return *folder == nullptr ? nullptr : FolderFileOrFail(ctx, **folder, status);
+}
+
+std::string KeyText(uint32_t key) {
+  char buf[12];
+  std::snprintf(buf, sizeof buf, "%.8X", key);
+  return buf;
+}
+
+bool ParseKey(std::string_view text, uint32_t* key) {
+  if (text.empty() || text.size() > 8) return false;
+  uint32_t v = 0;
+  for (char c : text) {
+    int d;
+    if (c >= '0' && c <= '9') d = c - '0';
+    else if (c >= 'a' && c <= 'f') d = c - 'a' + 10;
+    else if (c >= 'A' && c <= 'F') d = c - 'A' + 10;
+    else return false;
+    v = v << 4 | static_cast<uint32_t>(d);
+  }
+  if (v == 0) return false;
+  *key = v;
+  return true;
+}
+
+bool ParseKeys(const std::vector<std::string>& texts, std::vector<uint32_t>* keys, std::string* error) {
+  keys->clear();
+  for (const std::string& t : texts) {
+    uint32_t key = 0;
+    if (!ParseKey(t, &key)) {
+      *error = "not a message key: \"" + t + "\" (one to eight hexadecimal digits, not 0)";
+      return false;
+    }
+    if (std::find(keys->begin(), keys->end(), key) == keys->end()) keys->push_back(key);
+  }
+  return true;
+}
+
+bool SelectMessages(CliContext& ctx, const ParsedArgs& args, size_t first, size_t end, Selection* sel, int* status) {
+  sel->file = FolderFileOrFail(ctx, args.positional[0], &sel->folder, status);
+  if (sel->file == nullptr) return false;
+  const std::string path = FolderPathText(*sel->folder);
+  if (Result r = sel->file->LoadIndex(); r.failed()) {
+    *status = Fail(ctx, "cannot read the messages of \"" + path + "\" (" + sel->file->path().string() + ")", r);
+    return false;
+  }
+  std::string error;
+  const std::vector<std::string> texts(args.positional.begin() + static_cast<std::ptrdiff_t>(first),
+                                       args.positional.begin() + static_cast<std::ptrdiff_t>(end));
+  if (!ParseKeys(texts, &sel->keys, &error)) {  // checked before the engine started: not met here
+    *status = Fail(ctx, error, rc::kInvalidArg);
+    return false;
+  }
+  for (uint32_t key : sel->keys) {
+    if (!sel->file->FindMessage(key)) {
+      *status = Fail(ctx, "no message " + KeyText(key) + " in \"" + path + "\"", rc::kInvalidArg);
+      return false;
+    }
+  }
+  return true;
+}
+
+bool ValidateKeys(const ParsedArgs& args, size_t first, size_t end, std::string* error) {
+  std::vector<uint32_t> keys;
+  const std::vector<std::string> texts(args.positional.begin() + static_cast<std::ptrdiff_t>(first),
+                                       args.positional.begin() + static_cast<std::ptrdiff_t>(end));
+  return ParseKeys(texts, &keys, error);
+}
+
+std::string Utf8(WStringView text) { return WideToUtf8(text); }
+
+std::string FolderPathText(const MailFolder& folder) { return WideToUtf8(folder.PathText()); }
+
+void ProgressLine::Update(const std::string& text, bool force) {
+  if (!ctx_.progress) return;
+  const auto now = std::chrono::steady_clock::now();
+  if (!force && shown_ > 0 && now - last_ < std::chrono::milliseconds(100)) return;
+  last_ = now;
+  std::string line = "\r" + text;
+  if (text.size() < shown_) line += std::string(shown_ - text.size(), ' ');
+  std::fputs(line.c_str(), ctx_.err);
+  std::fflush(ctx_.err);
+  shown_ = std::max<size_t>(text.size(), 1);
+}
+
+void ProgressLine::Finish() {
+  if (shown_ == 0) return;
+  std::fputs("\n", ctx_.err);
+  shown_ = 0;
+}
+
+}  // namespace trv::cli

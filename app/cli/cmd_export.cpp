@@ -1,0 +1,157 @@
+// export PATH [KEY...] (--eml DIR | --mbox FILE): the folder's messages (all
+// of them when no key is given), in index order.
+// --eml: one file per message named by its key ("0000001A.eml"), the bytes
+//   exactly as stored. An existing file is never overwritten.
+// --mbox: one mboxrd file (mbox.h), written anew; an existing file is never
+//   overwritten, and a file left incomplete by a failure is removed.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "app/cli/commands.h"
+#include "app/cli/mbox.h"
+#include "core/date_value.h"
+#include "core/message_import.h"
+
+namespace trv::cli {
+
+namespace {
+
+// A file created for writing; never replaces an existing one.
+class NewFile {
+ public:
+  ~NewFile() {
+    if (fd_ >= 0) ::close(fd_);
+  }
+  Result Create(const std::filesystem::path& path) {
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    return fd_ < 0 ? ResultFromErrno(errno) : rc::kOk;
+  }
+  Result Write(std::string_view bytes) {
+    while (!bytes.empty()) {
+      const ssize_t n = ::write(fd_, bytes.data(), bytes.size());
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return ResultFromErrno(errno);
+      bytes.remove_prefix(static_cast<size_t>(n));
+    }
+    return rc::kOk;
+  }
+  // Flushes to the disk and closes.
+  Result Finish() {
+    const bool synced = ::fsync(fd_) == 0;
+    const int err = errno;
+    const bool closed = ::close(fd_) == 0;
+    fd_ = -1;
+    if (!synced) return ResultFromErrno(err);
+    return closed ? rc::kOk : ResultFromErrno(errno);
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+std::string SenderAddress(const std::string& text) {
+  CXmHeader header;
+  header.Parse(text, "us-ascii").Ignore();
+  const std::vector<MailAddress> from = header.Addresses(field::kFrom);
+  return from.empty() ? std::string() : Utf8(from.front().address);
+}
+
+double EnvelopeDate(const MessageRecord& record) {
+  return record.sent_date != kNoDate ? record.sent_date : record.received_date;
+}
+
+int ExportEml(CliContext& ctx, FolderFile& file, const std::string& what, const std::vector<uint32_t>& keys,
+              const std::filesystem::path& dir) {
+  std::error_code ec;
+  std::filesystem::create_directories(dir, ec);
+  if (ec) return Fail(ctx, "cannot create directory " + dir.string(), ResultFromErrno(ec.value()));
+  size_t written = 0;
+  for (uint32_t key : keys) {
+    const std::filesystem::path path = dir / (KeyText(key) + ".eml");
+    std::string text;
+    if (Result r = file.ReadMessage(key, &text); r.failed()) {
+      return Fail(ctx, "cannot read message " + what + "/" + KeyText(key) + " (" + std::to_string(written) +
+                           " written before it)", r);
+    }
+    NewFile out;
+    Result r = out.Create(path);
+    if (r.ok()) r = out.Write(text);
+    if (r.ok()) r = out.Finish();
+    if (r.failed()) {
+      if (r != ResultFromErrno(EEXIST)) std::filesystem::remove(path, ec);
+      return Fail(ctx, "cannot write " + path.string() +
+                           (r == ResultFromErrno(EEXIST) ? " (it exists and is not overwritten)" : "") + "; " +
+                           std::to_string(written) + " messages written before it",
+                  r);
+    }
+    ++written;
+  }
+  WriteOut(ctx, std::to_string(written) + " messages of " + what + " written to " + dir.string() + "\n");
+  return kExitOk;
+}
+
+int ExportMbox(CliContext& ctx, FolderFile& file, const std::string& what, const std::vector<uint32_t>& keys,
+               const std::filesystem::path& path) {
+  NewFile out;
+  if (Result r = out.Create(path); r.failed()) {
+    return Fail(ctx, "cannot create " + path.string() +
+                         (r == ResultFromErrno(EEXIST) ? " (it exists and is not overwritten)" : ""), r);
+  }
+  std::string buffer;
+  Result r;
+  for (size_t i = 0; i < keys.size() && r.ok(); ++i) {
+    std::string text;
+    r = file.ReadMessage(keys[i], &text);
+    if (r.failed()) {
+      Fail(ctx, "cannot read message " + what + "/" + KeyText(keys[i]), r);
+      break;
+    }
+    const std::optional<MessageRecord> record = file.FindMessage(keys[i]);
+    buffer += MboxEnvelope(SenderAddress(text), record ? EnvelopeDate(*record) : kNoDate);
+    AppendMboxEntry(text, &buffer);
+    if (buffer.size() >= (1u << 20)) {
+      r = out.Write(buffer);
+      buffer.clear();
+    }
+  }
+  if (r.ok()) r = out.Write(buffer);
+  if (r.ok()) r = out.Finish();
+  if (r.failed()) {
+    std::error_code ec;
+    std::filesystem::remove(path, ec);
+    return Fail(ctx, "cannot export " + what + " to " + path.string() + " (the incomplete file is removed)", r);
+  }
+  WriteOut(ctx, std::to_string(keys.size()) + " messages of " + what + " written to " + path.string() + "\n");
+  return kExitOk;
+}
+
+}  // namespace
+
+bool ValidateExport(const ParsedArgs& args, std::string* error) {
+  if (args.has("--eml") == args.has("--mbox")) {
+    *error = "give one of --eml DIR and --mbox FILE";
+    return false;
+  }
+  if (args.value(args.has("--eml") ? "--eml" : "--mbox").empty()) {
+    *error = "the file or directory to write to is empty";
+    return false;
+  }
+  return ValidateKeys(args, 1, args.positional.size(), error);
+}
+
+int RunExport(CliContext& ctx, const ParsedArgs& args) {
+  int status = kExitOk;
+  Selection sel;
+  if (!SelectMessages(ctx, args, 1, args.positional.size(), &sel, &status)) return status;
+  const std::string what = FolderPathText(*sel.folder);
+  if (sel.keys.empty()) {
+    for (const MessageRecord& r : sel.file->Messages()) sel.keys.push_back(r.key);
+  }
+  if (args.has("--eml")) return ExportEml(ctx, *sel.file, what, sel.keys, args.value("--eml"));
+  return ExportMbox(ctx, *sel.file, what, sel.keys, args.value("--mbox"));
+}
+
+}  // namespace trv::cli

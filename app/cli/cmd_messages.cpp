@@ -1,0 +1,136 @@
+// list, show, rm, mv, mark.
+#include "app/cli/commands.h"
+#include "app/cli/listing.h"
+#include "app/cli/show_modes.h"
+#include "store/storage_messages.h"
+
+namespace trv::cli {
+
+
+bool ValidateShow(const ParsedArgs& args, std::string* error) {
+  if (args.has("--raw") + args.has("--html") + args.has("--parts") > 1) {
+    *error = "--raw, --html and --parts exclude each other";
+    return false;
+  }
+  return ValidateKeys(args, 1, 2, error);
+}
+
+bool ValidateRemove(const ParsedArgs& args, std::string* error) {
+  return ValidateKeys(args, 1, args.positional.size(), error);
+}
+
+bool ValidateMove(const ParsedArgs& args, std::string* error) {
+  return ValidateKeys(args, 1, args.positional.size() - 1, error);
+}
+
+bool ValidateMark(const ParsedArgs& args, std::string* error) {
+  const std::string& state = args.positional.back();
+  if (state != "read" && state != "unread") {
+    *error = "the last argument must be \"read\" or \"unread\", not \"" + state + "\"";
+    return false;
+  }
+  return ValidateKeys(args, 1, args.positional.size() - 1, error);
+}
+
+int RunList(CliContext& ctx, const ParsedArgs& args) {
+  int status = kExitOk;
+  Selection sel;
+  if (!SelectMessages(ctx, args, 1, 1, &sel, &status)) return status;
+  if (ctx.json) {
+    WriteListingJson(*sel.file, [&ctx](std::string_view piece) { WriteOut(ctx, piece); });
+  } else {
+    WriteOut(ctx, ListingText(sel.file->Messages()));
+  }
+  return kExitOk;
+}
+
+int RunShow(CliContext& ctx, const ParsedArgs& args) {
+  int status = kExitOk;
+  Selection sel;
+  if (!SelectMessages(ctx, args, 1, 2, &sel, &status)) return status;
+  const uint32_t key = sel.keys.front();
+  const std::string what = FolderPathText(*sel.folder) + "/" + KeyText(key);
+  std::string text;
+  if (Result r = sel.file->ReadMessage(key, &text); r.failed()) return Fail(ctx, "cannot read message " + what, r);
+  if (args.has("--raw")) {
+    WriteOut(ctx, text);
+    return kExitOk;
+  }
+  if (args.has("--html")) return ShowHtml(ctx, what, text);
+  if (args.has("--parts")) return ShowParts(ctx, what, text);
+  return ShowDefault(ctx, what, text);
+}
+
+int RunRemove(CliContext& ctx, const ParsedArgs& args) {
+  int status = kExitOk;
+  Selection sel;
+  if (!SelectMessages(ctx, args, 1, args.positional.size(), &sel, &status)) return status;
+  const std::string path = FolderPathText(*sel.folder);
+  const size_t n = sel.keys.size();
+  if (args.has("--purge") || sel.folder->kind() == kFolderDeleted) {
+    if (Result r = sel.file->Delete(sel.keys); r.failed()) {
+      return Fail(ctx, "cannot delete " + std::to_string(n) + " messages from \"" + path + "\"", r);
+    }
+    WriteOut(ctx, "deleted " + std::to_string(n) + " messages from " + path + " for good\n");
+    return kExitOk;
+  }
+  MailFolder* deleted = sel.folder->storage().SpecialFolder(kFolderDeleted);
+  if (deleted == nullptr || !deleted->available()) {
+    return Fail(ctx, "storage \"" + Utf8(sel.folder->storage().name()) +
+                         "\" has no usable \"Deleted\" folder; nothing deleted (--purge deletes for good)",
+                rc::kFileMissing);
+  }
+  if (Result r = MoveMessages(*sel.folder, sel.keys, *deleted, nullptr); r.failed()) {
+    return Fail(ctx, "cannot move " + std::to_string(n) + " messages from \"" + path + "\" to \"" +
+                         FolderPathText(*deleted) + "\"", r);
+  }
+  WriteOut(ctx, "moved " + std::to_string(n) + " messages from " + path + " to " + FolderPathText(*deleted) + "\n");
+  return kExitOk;
+}
+
+int RunMove(CliContext& ctx, const ParsedArgs& args) {
+  int status = kExitOk;
+  Selection sel;
+  if (!SelectMessages(ctx, args, 1, args.positional.size() - 1, &sel, &status)) return status;
+  MailFolder* dest = nullptr;
+  if (FolderFileOrFail(ctx, args.positional.back(), &dest, &status) == nullptr) return status;
+  if (dest == sel.folder) return Fail(ctx, "source and destination are the same folder", rc::kInvalidArg);
+  std::vector<uint32_t> new_keys;
+  if (Result r = MoveMessages(*sel.folder, sel.keys, *dest, &new_keys); r.failed()) {
+    return Fail(ctx, "cannot move messages from \"" + FolderPathText(*sel.folder) + "\" to \"" +
+                         FolderPathText(*dest) + "\"", r);
+  }
+  // One line per message: its key here and its key in the destination.
+  std::string out;
+  for (size_t i = 0; i < sel.keys.size() && i < new_keys.size(); ++i) {
+    out += KeyText(sel.keys[i]) + " -> " + KeyText(new_keys[i]) + "\n";
+  }
+  WriteOut(ctx, out);
+  return kExitOk;
+}
+
+int RunMark(CliContext& ctx, const ParsedArgs& args) {
+  int status = kExitOk;
+  Selection sel;
+  if (!SelectMessages(ctx, args, 1, args.positional.size() - 1, &sel, &status)) return status;
+  const bool read = args.positional.back() == "read";
+  size_t changed = 0;
+  for (uint32_t key : sel.keys) {
+    const std::optional<MessageRecord> record = sel.file->FindMessage(key);
+    if (!record || record->is_read() == read) continue;
+    // The change is marked for the next upload to the server.
+    const Result r = read ? sel.file->SetFlags(key, msgflag::kRead | msgflag::kReadChanged, 0)
+                          : sel.file->SetFlags(key, msgflag::kReadChanged, msgflag::kRead);
+    if (r.failed()) {
+      return Fail(ctx, "cannot mark message " + FolderPathText(*sel.folder) + "/" + KeyText(key) + " " +
+                           args.positional.back() + " (" + std::to_string(changed) + " marked before it)",
+                  r);
+    }
+    ++changed;
+  }
+  WriteOut(ctx, "marked " + std::to_string(changed) + " of " + std::to_string(sel.keys.size()) + " messages " +
+                    args.positional.back() + "\n");
+  return kExitOk;
+}
+
+}  // namespace trv::cli

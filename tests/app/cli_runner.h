@@ -1,0 +1,51 @@
+// Runs the built trvmail-cli as a child process in a sandbox of its own:
+// HOME, XDG_CONFIG_HOME, XDG_DATA_HOME and XDG_RUNTIME_DIR point into a
+// temporary directory and TZ is UTC, so runs never touch the user's files
+// and print the same dates everywhere.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/support/temp_dir.h"
+
+namespace trv::test {
+
+struct CliRun {
+  int status = -1;  // exit status; -1 when killed by a signal or not started
+  std::string out;
+  std::string err;
+};
+
+class CliSandbox {
+ public:
+  CliSandbox();
+
+  const std::filesystem::path& root() const { return dir_.path(); }
+  // Where the program keeps its data without --data-dir.
+  std::filesystem::path data_dir() const { return root() / "data/TarvoMail"; }
+  std::filesystem::path runtime_dir() const { return root() / "run"; }
+
+  // Runs to the end with `input` on standard input.
+  CliRun Run(const std::vector<std::string>& args, const std::string& input = "") const;
+
+  // Starts a run whose standard input is a pipe; `*input` is its write end.
+  pid_t Start(const std::vector<std::string>& args, int* input) const;
+  // Waits for a started run.
+  CliRun Wait(pid_t pid) const;
+
+  // Sets this sandbox's environment in the test process too (for code that
+  // must find the same lock files).
+  void Enter() const;
+
+ private:
+  std::vector<std::string> Environment() const;
+  pid_t Spawn(const std::vector<std::string>& args, int input_fd) const;
+
+  TempDir dir_;
+};
+
+}  // namespace trv::test
