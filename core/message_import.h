@@ -24,17 +24,15 @@ namespace trv {
 //   sent_date      mime/message_dates.h
 //   received_date  mime/message_dates.h; with `keep_received` it is changed
 //                  only when a "Received" field exists
-//   flags          priority from the first digit of "X-Priority" (1 and 2
-//                  high, 4 and 5 low, 3 or none normal); unsent for
-//                  "X-Unsent: 1". Other flags are kept.
+//   flags          priority from "X-Priority" (its first character after
+//                  trimming: below 3 high, above 3 low, 3 or no digit
+//                  normal); unsent for "X-Unsent: 1"; has-attachments for a
+//                  "multipart/mixed" message. Other flags are kept.
+// These are mime/message_facts.h ReadHeaderFacts, mapped onto the record.
 // Key, size, read state and the server fields are left as they are. Never
 // fails: text without a header gives empty strings and, for both dates,
 // what mime/message_dates.h gives then (the current time).
 void FillRecordFromHead(std::string_view text, MessageRecord* record, bool keep_received = false);
-
-// The addresses of every field `name` of the header as "Name <addr>"
-// (mime/address_list.h FormatAddress), joined by ", ".
-WString AddressListText(const CXmHeader& header, WStringView name);
 
 // A record for a message about to be stored: FillRecordFromHead and the size.
 MessageRecord RecordFromMessage(std::string_view text);

@@ -11,17 +11,32 @@ uint16_t MessageFacts::flags() const {
   return f;
 }
 
+WString AddressListText(const CXmHeader& header, WStringView name) {
+  WString text;
+  for (const MailAddress& a : header.Addresses(name)) {
+    if (a.name.empty() && a.address.empty()) continue;
+    if (!text.empty()) text += u", ";
+    text += FormatAddress(a);
+  }
+  return text;
+}
+
 MessageFacts ReadHeaderFacts(const CXmHeader& header) {
   MessageFacts facts;
   facts.subject = header.DisplayText(field::kSubject);
-  facts.from = header.DisplayText(field::kFrom);
-  facts.to = header.DisplayText(field::kTo);
-  facts.cc = header.DisplayText(field::kCc);
+  facts.from = AddressListText(header, field::kFrom);
+  facts.to = AddressListText(header, field::kTo);
+  facts.cc = AddressListText(header, field::kCc);
   if (const CXmHeaderField* id = header.Find(field::kMessageId)) {
+    // The identifier between the first "<" and the ">" after it (comments
+    // and blanks around it go); the trimmed text when there are no brackets.
     const WString unfolded = header.UnfoldedText(*id);
-    WStringView text = TrimView(WStringView(unfolded));
-    if (text.starts_with(u'<')) text.remove_prefix(1);
-    if (text.ends_with(u'>')) text.remove_suffix(1);
+    WStringView text(unfolded);
+    const size_t open = text.find(u'<');
+    if (open != WStringView::npos) {
+      text.remove_prefix(open + 1);
+      text = text.substr(0, text.find(u'>'));
+    }
     facts.message_id = WString(TrimView(text));
   }
   const MessageDates dates = GetMessageDates(header);

@@ -16,7 +16,7 @@ namespace trv {
 
 struct MessageFacts {
   WString subject;     // encoded words decoded
-  WString from;        // the address lists as the header has them, decoded
+  WString from;        // the address lists as "Name <addr>", decoded (AddressListText)
   WString to;
   WString cc;
   WString message_id;  // without angle brackets
@@ -29,6 +29,10 @@ struct MessageFacts {
   // kFlagPriorityLow / kFlagPriorityHigh / kFlagUnsent as they apply.
   uint16_t flags() const;
 };
+
+// The addresses of every field `name` of the header as "Name <addr>"
+// (mime/address_list.h FormatAddress), joined by ", ".
+WString AddressListText(const CXmHeader& header, WStringView name);
 
 // From the header alone (a message of which only the head was fetched):
 // has_attachments is a guess, true for a "multipart/mixed" message.

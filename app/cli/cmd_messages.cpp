@@ -50,15 +50,15 @@ int RunShow(CliContext& ctx, const ParsedArgs& args) {
   if (!SelectMessages(ctx, args, 1, 2, &sel, &status)) return status;
   const uint32_t key = sel.keys.front();
   const std::string what = FolderPathText(*sel.folder) + "/" + KeyText(key);
-  std::string text;
-  if (Result r = sel.file->ReadMessage(key, &text); r.failed()) return Fail(ctx, "cannot read message " + what, r);
   if (args.has("--raw")) {
+    std::string text;
+    if (Result r = sel.file->ReadMessage(key, &text); r.failed()) return Fail(ctx, "cannot read message " + what, r);
     WriteOut(ctx, text);
     return kExitOk;
   }
-  if (args.has("--html")) return ShowHtml(ctx, what, text);
-  if (args.has("--parts")) return ShowParts(ctx, what, text);
-  return ShowDefault(ctx, what, text);
+  if (args.has("--html")) return ShowMessage(ctx, what, *sel.file, key, ShowMode::kHtml);
+  if (args.has("--parts")) return ShowMessage(ctx, what, *sel.file, key, ShowMode::kParts);
+  return ShowMessage(ctx, what, *sel.file, key, ShowMode::kText);
 }
 
 int RunRemove(CliContext& ctx, const ParsedArgs& args) {

@@ -1,44 +1,65 @@
 #include "app/cli/show_modes.h"
 
-#include "core/message_import.h"
-#include "mime/header.h"
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <optional>
+
+#include "mime/mime_message.h"
+#include "mime/part_parser.h"
+#include "ui/message_show.h"
 
 namespace trv::cli {
 
 namespace {
 
-int NotAvailable(CliContext& ctx, const std::string& mode, const std::string& what) {
-  return Fail(ctx, "cannot show " + what + " with " + mode + ": message rendering is not available yet",
-              rc::kNotImplemented);
-}
+// A stored message read in ranges from its folder file.
+class FolderMessageSource final : public CXmMessageSource {
+ public:
+  FolderMessageSource(FolderFile& file, uint32_t key, uint32_t size) : file_(file), key_(key), size_(size) {}
+
+  uint64_t Size() const override { return size_; }
+
+  Result ReadAt(uint64_t offset, void* buf, size_t size, size_t* got) override {
+    *got = 0;
+    if (offset >= size_ || size == 0) return rc::kOk;
+    const uint32_t count = static_cast<uint32_t>(std::min<uint64_t>(size, size_ - offset));
+    std::string bytes;
+    if (Result r = file_.ReadMessageRange(key_, static_cast<uint32_t>(offset), count, &bytes); r.failed()) return r;
+    std::memcpy(buf, bytes.data(), bytes.size());
+    *got = bytes.size();
+    return rc::kOk;
+  }
+
+ private:
+  FolderFile& file_;
+  const uint32_t key_;
+  const uint32_t size_;
+};
 
 }  // namespace
 
-int ShowDefault(CliContext& ctx, const std::string& what, const std::string& text) {
-  CXmHeader header;
-  header.Parse(text, "us-ascii").Ignore();  // what could be read is shown
-  std::string out;
-  const std::pair<const char*, std::string> lines[] = {
-      {"From", Utf8(AddressListText(header, field::kFrom))},
-      {"To", Utf8(AddressListText(header, field::kTo))},
-      {"CC", Utf8(AddressListText(header, field::kCc))},
-      {"Subject", Utf8(header.DisplayText(field::kSubject))},
-      {"Date", Utf8(header.DisplayText(field::kDate))},
-  };
-  for (const auto& [name, value] : lines) {
-    if (!value.empty()) out += std::string(name) + ": " + value + "\n";
+int ShowMessage(CliContext& ctx, const std::string& what, FolderFile& file, uint32_t key, ShowMode mode) {
+  const std::optional<MessageRecord> record = file.FindMessage(key);
+  if (!record) return Fail(ctx, "no message " + what, rc::kInvalidArg);
+
+  CXmMimeMessage message;
+  const Result parsed = message.Parse(std::make_shared<FolderMessageSource>(file, key, record->size));
+  // Broken MIME is still shown; only a failed read of the folder file ends here.
+  if (parsed.failed() && parsed != rc::kMimeSyntax && parsed != rc::kMimeCharset) return Fail(ctx, "cannot read message " + what, parsed);
+
+  Result shown = rc::kOk;
+  switch (mode) {
+    case ShowMode::kText: WriteOut(ctx, RenderMessageText(message, {}, &shown)); break;
+    case ShowMode::kHtml: WriteOut(ctx, RenderMessageHtml(message, {}, &shown)); break;
+    case ShowMode::kParts: WriteOut(ctx, RenderPartTree(message)); break;
   }
-  WriteOut(ctx, out);
-  Warn(ctx, "body rendering is not available yet; \"show PATH KEY --raw\" prints the stored text of " + what);
+  if (message.problems() != 0) {
+    Warn(ctx, what + ": " + DescribeParseProblems(message.problems()) + "; what could be read is shown");
+  } else if (shown.failed()) {
+    Warn(ctx, what + ": " + ResultText(shown) + " what could be read is shown");
+  }
   return kExitOk;
-}
-
-int ShowHtml(CliContext& ctx, const std::string& what, const std::string&) {
-  return NotAvailable(ctx, "--html", what);
-}
-
-int ShowParts(CliContext& ctx, const std::string& what, const std::string&) {
-  return NotAvailable(ctx, "--parts", what);
 }
 
 }  // namespace trv::cli

@@ -269,14 +269,35 @@ TEST_F(CliTest, StandardInputAndShow) {
             "From: Zoë <zoe@example.org>\n"
             "To: a@example.org, b@example.org\n"
             "Subject: \u2603 snow\n"
-            "Date: Mon, 4 Mar 2024 10:00:00 +0000\n");
-  EXPECT_TRUE(Has(shown.err, "body rendering is not available yet")) << shown.err;
-  const CliRun html = Run({"show", kInbox, key, "--html"});
-  EXPECT_EQ(html.status, 1);
-  EXPECT_TRUE(Has(html.err, "0x80004001")) << html.err;
+            "Date: Mon, 4 Mar 2024 10:00:00 +0000\n"
+            "\n"
+            "line one\n"
+            "line two\n");
+  EXPECT_EQ(shown.err, "");
+  EXPECT_EQ(Ok({"show", kInbox, key, "--html"}).out,
+            "<HTML><HEAD></HEAD><BODY>\nline one<br>line two<br></BODY></HTML>");
+  EXPECT_EQ(Ok({"show", kInbox, key, "--parts"}).out, "text/plain  20 bytes  8bit  charset=us-ascii\n");
   const CliRun absent = Run({"show", kInbox, "ABCDEF"});
   EXPECT_EQ(absent.status, 1);
   EXPECT_TRUE(Has(absent.err, "no message 00ABCDEF in \"Local Folders/Inbox\": 0x80070057")) << absent.err;
+}
+
+// Broken MIME is shown as far as it can be read; the damage is named on
+// standard error and the command still succeeds.
+TEST_F(CliTest, ShowReadsBrokenMessagesAsFarAsItCan) {
+  const std::string message =
+      "From: a@example.org\r\nSubject: broken\r\n"
+      "Content-Type: multipart/mixed; boundary=b\r\n\r\n"
+      "--b\r\nContent-Type: text/plain\r\n\r\nstill readable\r\n"
+      "--b\r\nContent-Type: image/png\r\nContent-Transfer-Encoding: base64\r\n\r\n!!not*base64\r\n";
+  Ok({"import", kInbox, "-"}, message);
+  const CliRun shown = Ok({"show", kInbox, "1"});
+  EXPECT_TRUE(Has(shown.out, "still readable")) << shown.out;
+  EXPECT_TRUE(Has(shown.err, "Local Folders/Inbox/00000001: ")) << shown.err;
+  EXPECT_TRUE(Has(shown.err, "what could be read is shown")) << shown.err;
+  const CliRun parts = Ok({"show", kInbox, "1", "--parts"});
+  EXPECT_TRUE(Has(parts.out, "multipart/mixed")) << parts.out;
+  EXPECT_TRUE(Has(parts.out, "  image/png")) << parts.out;
 }
 
 TEST_F(CliTest, MarkRemoveAndPurge) {

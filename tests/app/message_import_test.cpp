@@ -66,7 +66,7 @@ TEST(RecordFromMessageTest, PriorityAndUnsent) {
       {"4", "X-Priority: 4\r\n\r\n", msgflag::kPriorityLow},
       {"5 (Lowest)", "X-Priority: 5 (Lowest)\r\n\r\n", msgflag::kPriorityLow},
       {"no digit", "X-Priority: urgent\r\n\r\n", 0},
-      {"digit after text", "X-Priority: level 2\r\n\r\n", msgflag::kPriorityHigh},
+      {"digit after text counts as none", "X-Priority: level 2\r\n\r\n", 0},
       {"unsent", "X-Unsent: 1\r\n\r\n", msgflag::kUnsent},
       {"unsent 0", "X-Unsent: 0\r\n\r\n", 0},
       {"both", "x-priority: 5\r\nx-unsent:  1 \r\n\r\n", msgflag::kPriorityLow | msgflag::kUnsent},
