@@ -4,10 +4,10 @@
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh build
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRV_BUILD_TESTS=OFF >/dev/null
-cmake --build build
-if [ -x build/app/trvmail-cli ]; then
+cmake -S . -B build-app -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRV_BUILD_TESTS=OFF -DTRV_BUILD_BENCH=OFF >/dev/null
+cmake --build build-app
+if [ -x build-app/app/trvmail-cli ]; then
   [ $# -eq 0 ] && set -- storages
-  exec build/app/trvmail-cli "$@"
+  exec build-app/app/trvmail-cli "$@"
 fi
-echo "built: $(find build -name '*.a' | tr '\n' ' ')"
+echo "built: $(find build-app -name '*.a' | tr '\n' ' ')"

@@ -7,7 +7,7 @@
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh build test servers fuzz bench
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRV_BUILD_TESTS=ON -DTRV_BUILD_BENCH=ON >/dev/null
 cmake --build build
 # shellcheck disable=SC2086
 ctest --test-dir build --output-on-failure -j2 --timeout 900 ${CTEST_ARGS:-}
