@@ -9,7 +9,7 @@ seconds="${1:-60}"
 cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
   -DTRV_BUILD_FUZZ=ON -DTRV_BUILD_TESTS=OFF -DTRV_BUILD_BENCH=OFF >/dev/null
-cmake --build build-fuzz
+cmake --build build-fuzz --target fuzzers
 mkdir -p build-fuzz/crashes
 for target in build-fuzz/fuzz/fuzz_*; do
   [ -x "$target" ] || continue
