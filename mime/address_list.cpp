@@ -136,7 +136,7 @@ bool NeedsQuotes(WStringView local) {
   return local.empty();
 }
 
-// An addr-spec from tokens, blanks and comments dropped.
+// The address itself (local part "@" domain) from tokens, blanks and comments dropped.
 WString AddrSpec(const std::vector<Token>& toks, size_t from, size_t to) {
   WString out;
   for (size_t i = from; i < to; ++i) {

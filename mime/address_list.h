@@ -10,7 +10,7 @@ namespace trv {
 
 struct MailAddress {
   WString name;     // display name, encoded words decoded; may be empty
-  WString address;  // addr-spec ("user@example.org"); may lack a domain or be empty
+  WString address;  // the address itself ("user@example.org"); may lack a domain or be empty
   WString group;    // the name of the group the address was listed in, if any
 };
 

@@ -16,7 +16,7 @@ const std::string& ParsedArgs::value(std::string_view name) const {
   return it == options.end() ? kEmpty : it->second;
 }
 
-bool ParseArgs(const std::vector<std::string>& args, const ArgSpec& spec, ParsedArgs* out, std::string* error) {
+bool ParseArgs(const std::vector<std::string>& args, const ArgOptions& accepted, ParsedArgs* out, std::string* error) {
   *out = ParsedArgs();
   bool options_end = false;
   for (size_t i = 0; i < args.size(); ++i) {
@@ -41,9 +41,9 @@ bool ParseArgs(const std::vector<std::string>& args, const ArgSpec& spec, Parsed
       *error = "option " + name + " given twice";
       return false;
     }
-    if (Listed(spec.flags, name) && !has_inline_value) {
+    if (Listed(accepted.flags, name) && !has_inline_value) {
       out->options[name] = "";
-    } else if (Listed(spec.with_value, name)) {
+    } else if (Listed(accepted.with_value, name)) {
       if (!has_inline_value) {
         if (i + 1 >= args.size()) {
           *error = "option " + name + " needs a value";

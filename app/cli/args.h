@@ -11,7 +11,7 @@
 
 namespace trv::cli {
 
-struct ArgSpec {
+struct ArgOptions {
   std::vector<std::string> flags;         // options without a value ("--purge")
   std::vector<std::string> with_value;    // options followed by a value ("--eml DIR")
 };
@@ -24,8 +24,8 @@ struct ParsedArgs {
   const std::string& value(std::string_view name) const;
 };
 
-// Parses `args` by `spec`. False with `*error` set (for the usage message)
+// Parses `args` by `accepted`. False with `*error` set (for the usage message)
 // on an unknown option, an option without its value, or one given twice.
-bool ParseArgs(const std::vector<std::string>& args, const ArgSpec& spec, ParsedArgs* out, std::string* error);
+bool ParseArgs(const std::vector<std::string>& args, const ArgOptions& accepted, ParsedArgs* out, std::string* error);
 
 }  // namespace trv::cli

@@ -154,12 +154,12 @@ int RunCli(const std::vector<std::string>& args) {
   if (command == nullptr) return UsageError("unknown command " + args[i], nullptr);
 
   // The global options are understood after the command too.
-  ArgSpec spec = command->spec;
-  spec.flags.push_back("--json");
-  spec.with_value.push_back("--data-dir");
+  ArgOptions accepted = command->accepted;
+  accepted.flags.push_back("--json");
+  accepted.with_value.push_back("--data-dir");
   ParsedArgs parsed;
   std::string error;
-  if (!ParseArgs(std::vector<std::string>(args.begin() + static_cast<std::ptrdiff_t>(i) + 1, args.end()), spec,
+  if (!ParseArgs(std::vector<std::string>(args.begin() + static_cast<std::ptrdiff_t>(i) + 1, args.end()), accepted,
                  &parsed, &error)) {
     return UsageError(error, command);
   }

@@ -19,7 +19,7 @@ struct Command {
   const char* summary;  // one line
   size_t min_args;      // positional arguments
   size_t max_args;
-  ArgSpec spec;         // the command's own options
+  ArgOptions accepted;         // the command's own options
   Validator validate;   // may be null
   Runner run;
 };

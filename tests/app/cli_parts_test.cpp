@@ -20,7 +20,7 @@ namespace {
 // ---- arguments and keys ----
 
 TEST(ArgsTest, Table) {
-  const ArgSpec spec{{"--purge", "--raw"}, {"--eml"}};
+  const ArgOptions accepted{{"--purge", "--raw"}, {"--eml"}};
   struct Row {
     const char* name;
     std::vector<std::string> args;
@@ -46,7 +46,7 @@ TEST(ArgsTest, Table) {
     SCOPED_TRACE(row.name);
     ParsedArgs parsed;
     std::string error;
-    EXPECT_EQ(ParseArgs(row.args, spec, &parsed, &error), row.ok) << error;
+    EXPECT_EQ(ParseArgs(row.args, accepted, &parsed, &error), row.ok) << error;
     if (!row.ok) {
       EXPECT_FALSE(error.empty());
       continue;
