@@ -137,7 +137,7 @@ bool NeedsQuotes(WStringView local) {
 }
 
 // The address itself (local part "@" domain) from tokens, blanks and comments dropped.
-WString AddrSpec(const std::vector<Token>& toks, size_t from, size_t to) {
+WString BareAddress(const std::vector<Token>& toks, size_t from, size_t to) {
   WString out;
   for (size_t i = from; i < to; ++i) {
     const Token& t = toks[i];
@@ -204,9 +204,9 @@ class Parser {
         while (k < end && !IsSpecialTok(t_[k], u':')) ++k;
         if (k < end) from = k + 1;
       }
-      a.address = AddrSpec(t_, from, end);
+      a.address = BareAddress(t_, from, end);
     } else if (at < j) {
-      a.address = AddrSpec(t_, i, j);
+      a.address = BareAddress(t_, i, j);
       for (size_t k = i; k < j; ++k) {
         if (!c_[k].empty()) a.name = DecodeHeaderText(TrimView(c_[k]));
       }
@@ -220,7 +220,7 @@ class Parser {
         quoted = quoted || t_[k].kind == Tok::kQuoted;
       }
       if (words == 1 && !quoted) {
-        a.address = AddrSpec(t_, i, j);
+        a.address = BareAddress(t_, i, j);
       } else if (words > 0) {
         a.name = Phrase(t_, i, j);
       }
