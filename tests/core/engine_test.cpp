@@ -1,12 +1,11 @@
 #include "core/engine.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
-#include <cctype>
-
+#include <regex>
 
 #include "core/registry.h"
+#include "tests/core/scoped_env.h"
 #include "tests/store/storage_test_util.h"
 #include "tests/support/temp_dir.h"
 
@@ -15,18 +14,10 @@ namespace {
 
 using test::FaultyFileOps;
 using test::ReadFile;
+using test::ScopedEnv;
 using test::TempDir;
 using test::WriteFile;
 using Lines = std::vector<std::string>;
-
-// `text` is `pattern` with any digit where the pattern has "0".
-bool MatchesDigits(std::string_view text, std::string_view pattern) {
-  if (text.size() != pattern.size()) return false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (pattern[i] == '0' ? !std::isdigit(static_cast<unsigned char>(text[i])) : text[i] != pattern[i]) return false;
-  }
-  return true;
-}
 
 // A service that records what the engine did with it.
 class FakeService : public EngineService {
@@ -53,25 +44,9 @@ class FakeService : public EngineService {
 // Runs each test in a home, configuration and data home of its own.
 class EngineTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME"}) {
-      const char* v = getenv(name);
-      saved_.emplace_back(name, v ? std::optional<std::string>(v) : std::nullopt);
-    }
-    std::filesystem::create_directories(home());
-    setenv("HOME", home().c_str(), 1);
-    setenv("XDG_CONFIG_HOME", (dir_ / "config").c_str(), 1);
-    setenv("XDG_DATA_HOME", (dir_ / "data").c_str(), 1);
-  }
+  EngineTest() { std::filesystem::create_directories(home()); }
   void TearDown() override {
     while (engine_ != nullptr) Release();
-    for (const auto& [name, value] : saved_) {
-      if (value) {
-        setenv(name.c_str(), value->c_str(), 1);
-      } else {
-        unsetenv(name.c_str());
-      }
-    }
   }
 
   MailEngine* Acquire() {
@@ -120,9 +95,11 @@ class EngineTest : public ::testing::Test {
   }
 
   TempDir dir_;
+  ScopedEnv home_env_{"HOME", home().c_str()};
+  ScopedEnv config_env_{"XDG_CONFIG_HOME", (dir_ / "config").c_str()};
+  ScopedEnv data_env_{"XDG_DATA_HOME", (dir_ / "data").c_str()};
   MailEngine* engine_ = nullptr;
   int held_ = 0;
-  std::vector<std::pair<std::string, std::optional<std::string>>> saved_;
 };
 
 TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndLogsItsSteps) {
@@ -142,7 +119,7 @@ TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndLogsItsSteps) {
   ASSERT_EQ(log.size(), 7u) << ::testing::PrintToString(log);
   EXPECT_EQ(log[0], "- ");
   EXPECT_EQ(log[1], "- Tarvo Mail Starting...");
-  EXPECT_TRUE(MatchesDigits(log[2], "- 0000-00-00 00:00:00 test run")) << log[2];
+  EXPECT_TRUE(std::regex_match(log[2], std::regex(R"(- \d{4}-\d\d-\d\d \d\d:\d\d:\d\d test run)"))) << log[2];
   EXPECT_EQ(Lines(log.begin() + 3, log.end()),
             (Lines{"- Data directory: " + default_data().string(),
                    "- Loading: " + (default_data() / "Settings.ini").string(), "- Creating 'Local Folders' storage",
@@ -154,12 +131,11 @@ TEST_F(EngineTest, ALaterStartFindsTheStorageByItsIndexFile) {
   MailEngine* e = Restart();
   const std::filesystem::path index = default_data() / "{00000000-0000-0000-0000-000000000000}.idx";
   const Lines log = LastStartLog();
-  ASSERT_GE(log.size(), 9u);
-  EXPECT_EQ(Lines(log.begin() + 5, log.begin() + 9),
-            (Lines{"- Found storage: " + index.string(), "- Loading storage: " + index.string(),
-                   "- Storage name: Local Folders", "- Loading folder"}));
-  EXPECT_EQ(log[log.size() - 2], "- Storage loaded");
+  ASSERT_GT(log.size(), 5u);
+  EXPECT_EQ(log[5], "- Found storage: " + index.string());
+  EXPECT_EQ(std::count(log.begin(), log.end(), "- Creating 'Local Folders' storage"), 0);
   ASSERT_EQ(e->storages().size(), 1u);
+  EXPECT_EQ(e->storages()[0]->index_path(), index);
   EXPECT_TRUE(e->storages()[0]->complete());
 }
 

@@ -47,12 +47,9 @@ TEST(ImageSizeTest, Formats) {
       {"not a picture", "hello world, this is text", false, 0, 0},
   };
   for (const Row& row : rows) {
-    int w = 0;
-    int h = 0;
+    int w = 0, h = 0;
     EXPECT_EQ(ReadImageSize(row.bytes, &w, &h), row.ok) << row.name;
-    if (row.ok) {
-      EXPECT_EQ(std::make_pair(w, h), std::make_pair(row.width, row.height)) << row.name;
-    }
+    if (row.ok) { EXPECT_EQ(std::make_pair(w, h), std::make_pair(row.width, row.height)) << row.name; }
   }
 }
 
@@ -148,7 +145,7 @@ const std::string kShown = Crlf(
     "Content-Disposition: attachment; filename=\"r.pdf\"\nContent-Transfer-Encoding: base64\nContent-ID: <r@x>\n\n"
     "cGRm\n--o--\n");
 
-TEST(MessageShowTest, HeadersTextAndHtml) {
+TEST(MessageShowTest, HeadersTextHtmlAndPartTree) {
   CXmMimeMessage m;
   ASSERT_TRUE(m.ParseText(kShown).ok());
   const std::string headers =
@@ -159,11 +156,6 @@ TEST(MessageShowTest, HeadersTextAndHtml) {
   html.prefer_html = true;
   EXPECT_EQ(RenderMessageText(m, html), headers + "\nx\n[attachment \"r.pdf\", application/pdf, 6 bytes]\n");
   EXPECT_EQ(RenderMessageHtml(m, html), "<HTML><HEAD></HEAD><BODY>\n<p>x</p></BODY></HTML>");
-}
-
-TEST(MessageShowTest, PartTree) {
-  CXmMimeMessage m;
-  ASSERT_TRUE(m.ParseText(kShown).ok());
   EXPECT_EQ(RenderPartTree(m),
             "multipart/mixed  2 parts\n"
             "  multipart/alternative  2 parts\n"
