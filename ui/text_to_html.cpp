@@ -191,22 +191,6 @@ WString PictureSource(const HtmlPicture& picture) {
   return u"cid:" + WString(id);
 }
 
-bool ParseInlinePictureName(WStringView source, int* item, int* number) {
-  if (!source.starts_with(u"inl:")) return false;
-  const std::string ascii = WideToLatin1(source.substr(4));
-  const char* p = ascii.data();
-  const char* const end = p + ascii.size();
-  int a = 0;
-  int b = 0;
-  auto r = std::from_chars(p, end, a);
-  if (r.ec != std::errc() || r.ptr == end || *r.ptr != '.') return false;
-  r = std::from_chars(r.ptr + 1, end, b);
-  if (r.ec != std::errc() || r.ptr != end) return false;
-  *item = a;
-  *number = b;
-  return true;
-}
-
 WString BuildHtmlDocument(const std::vector<HtmlBlock>& blocks) {
   WString doc = u"<HTML><HEAD></HEAD><BODY>\n";
   bool had_text = false;

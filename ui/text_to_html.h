@@ -55,10 +55,8 @@ struct HtmlMarkup {
 using HtmlBlock = std::variant<WString, HtmlPicture, HtmlMarkup>;
 
 // "cid:" + the content identifier without its angle brackets, or
-// "inl:<item>.<number>".
+// "inl:<item>.<number>" (ui/message_view.h FindPictureSource resolves both).
 WString PictureSource(const HtmlPicture& picture);
-// The item and picture numbers of an "inl:" name; false for anything else.
-bool ParseInlinePictureName(WStringView source, int* item, int* number);
 
 // The whole document: "<HTML><HEAD></HEAD><BODY>\n", the blocks in order, and
 // "</BODY></HTML>". Every text or markup block but the first is preceded by the
