@@ -11,7 +11,6 @@
 #include "core/wide_string.h"
 #include "mime/base64.h"
 #include "tests/app/cli_runner.h"
-#include "tests/app/json_value.h"
 
 namespace trv::test {
 namespace {
@@ -124,19 +123,8 @@ std::string MakeMbox(const std::vector<Generated>& messages) {
   return mbox;
 }
 
-class CliEndToEndTest : public ::testing::Test {
+class CliEndToEndTest : public CliTestBase {
  protected:
-  CliRun Ok(const std::vector<std::string>& args) {
-    CliRun run = box_.Run(args);
-    EXPECT_EQ(run.status, 0) << run.err;
-    return run;
-  }
-  JsonValue List(const std::string& folder) {
-    JsonValue v;
-    std::string error;
-    EXPECT_TRUE(ParseJson(Ok({"--json", "list", folder}).out, &v, &error)) << error;
-    return v;
-  }
   // The folder's messages exported as .eml files, in index order.
   std::vector<std::string> StoredTexts(const std::string& folder, const std::string& dir_name) {
     const std::filesystem::path dir = box_.root() / dir_name;
@@ -146,8 +134,6 @@ class CliEndToEndTest : public ::testing::Test {
     for (size_t i = 0; i < list.size(); ++i) texts.push_back(ReadFile(dir / (list[i]["key"].text + ".eml")));
     return texts;
   }
-
-  CliSandbox box_;
 };
 
 TEST_F(CliEndToEndTest, ImportListMoveDeleteExportAndImportAgain) {

@@ -304,9 +304,7 @@ TEST(ListingTest, JsonFormAndDates) {
   MessageRecord b;
   b.key = 0xFFFFFFFF;
 
-  test::JsonValue v;
-  std::string error;
-  ASSERT_TRUE(test::ParseJson(ListingJson({a, b}), &v, &error)) << error;
+  const test::JsonValue v = test::Json(ListingJson({a, b}));
   ASSERT_EQ(v.type, test::JsonValue::kArray);
   ASSERT_EQ(v.size(), 2u);
   EXPECT_EQ(v[0].member_order,
@@ -357,10 +355,7 @@ TEST(ListingTest, StreamedFromAFolderFileAsFromItsRecords) {
   });
   EXPECT_GT(pieces, 1u);
   EXPECT_EQ(streamed, ListingJson(file.Messages()));
-  test::JsonValue v;
-  std::string error;
-  ASSERT_TRUE(test::ParseJson(streamed, &v, &error)) << error;
-  EXPECT_EQ(v.size(), 3000u);
+  EXPECT_EQ(test::Json(streamed).size(), 3000u);
 
   // Listing a folder opened afresh reads its index and no message.
   file.Close();

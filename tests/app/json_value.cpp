@@ -1,7 +1,12 @@
 #include "tests/app/json_value.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
+#include <regex>
 #include <stdexcept>
+
+#include "core/wide_string.h"
 
 namespace trv::test {
 
@@ -12,7 +17,6 @@ class Reader {
   explicit Reader(const std::string& s) : s_(s) {}
 
   bool Document(JsonValue* v) {
-    Blanks();
     if (!Value(v, 0)) return false;
     Blanks();
     return pos_ == s_.size() || Error("end of text");
@@ -27,122 +31,92 @@ class Reader {
   void Blanks() {
     while (pos_ < s_.size() && (s_[pos_] == ' ' || s_[pos_] == '\t' || s_[pos_] == '\n' || s_[pos_] == '\r')) ++pos_;
   }
-  bool Literal(const char* word) {
-    const std::string w = word;
-    if (s_.compare(pos_, w.size(), w) != 0) return Error(w);
-    pos_ += w.size();
+  // Consumes `c` after blanks.
+  bool Next(char c) {
+    Blanks();
+    if (pos_ >= s_.size() || s_[pos_] != c) return false;
+    ++pos_;
     return true;
   }
   bool Value(JsonValue* v, int depth) {
+    Blanks();
     if (depth > 64) return Error("less nesting");
     if (pos_ >= s_.size()) return Error("a value");
-    switch (s_[pos_]) {
-      case '{': return Object(v, depth);
-      case '[': return Array(v, depth);
-      case '"': v->type = JsonValue::kString; return String(&v->text);
-      case 't': v->type = JsonValue::kBool; v->boolean = true; return Literal("true");
-      case 'f': v->type = JsonValue::kBool; return Literal("false");
-      case 'n': v->type = JsonValue::kNull; return Literal("null");
-      default: return Number(v);
+    if (s_[pos_] == '{' || s_[pos_] == '[') return Container(v, depth);
+    if (s_[pos_] == '"') {
+      v->type = JsonValue::kString;
+      return String(&v->text);
     }
-  }
-  bool Number(JsonValue* v) {
-    const size_t start = pos_;
-    if (pos_ < s_.size() && s_[pos_] == '-') ++pos_;
-    if (pos_ >= s_.size() || !std::isdigit(static_cast<unsigned char>(s_[pos_]))) return Error("a value");
-    while (pos_ < s_.size() && (std::isdigit(static_cast<unsigned char>(s_[pos_])) || s_[pos_] == '.' ||
-                                s_[pos_] == 'e' || s_[pos_] == 'E' || s_[pos_] == '+' || s_[pos_] == '-')) {
-      ++pos_;
+    for (const std::string word : {"true", "false", "null"}) {
+      if (s_.compare(pos_, word.size(), word) != 0) continue;
+      pos_ += word.size();
+      v->type = word == "null" ? JsonValue::kNull : JsonValue::kBool;
+      v->boolean = word == "true";
+      return true;
+    }
+    static const std::regex kNumber(R"(-?(0|[1-9]\d*)(\.\d+)?([eE][+-]?\d+)?)");
+    std::smatch m;
+    if (!std::regex_search(s_.begin() + static_cast<std::ptrdiff_t>(pos_), s_.end(), m, kNumber,
+                           std::regex_constants::match_continuous)) {
+      return Error("a value");
     }
     v->type = JsonValue::kNumber;
-    v->number = std::strtod(s_.substr(start, pos_ - start).c_str(), nullptr);
-    return true;
-  }
-  // \uXXXX of the Basic Multilingual Plane (the writer escapes only control
-  // characters), as UTF-8.
-  bool Escaped(std::string* out) {
-    if (pos_ + 4 > s_.size()) return Error("four hexadecimal digits");
-    const std::string hex = s_.substr(pos_, 4);
-    if (hex.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) return Error("hexadecimal digits");
-    pos_ += 4;
-    const unsigned cp = static_cast<unsigned>(std::stoul(hex, nullptr, 16));
-    if (cp < 0x80) {
-      *out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-      *out += static_cast<char>(0xC0 | cp >> 6);
-      *out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-      *out += static_cast<char>(0xE0 | cp >> 12);
-      *out += static_cast<char>(0x80 | (cp >> 6 & 0x3F));
-      *out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
+    v->number = std::strtod(m.str().c_str(), nullptr);
+    pos_ += static_cast<size_t>(m.length());
     return true;
   }
   bool String(std::string* out) {
+    static const std::string kEscapes = "\"\\/bfnrt", kMeanings = "\"\\/\b\f\n\r\t";
     ++pos_;  // the opening quote
     out->clear();
     while (pos_ < s_.size()) {
-      const unsigned char c = static_cast<unsigned char>(s_[pos_++]);
+      const char c = s_[pos_++];
       if (c == '"') return true;
-      if (c < 0x20) return Error("no control character in a string");
+      if (static_cast<unsigned char>(c) < 0x20) return Error("no control character in a string");
       if (c != '\\') {
-        *out += static_cast<char>(c);
+        *out += c;
         continue;
       }
       if (pos_ >= s_.size()) break;
       const char e = s_[pos_++];
-      switch (e) {
-        case '"': case '\\': case '/': *out += e; break;
-        case 'b': *out += '\b'; break;
-        case 'f': *out += '\f'; break;
-        case 'n': *out += '\n'; break;
-        case 'r': *out += '\r'; break;
-        case 't': *out += '\t'; break;
-        case 'u':
-          if (!Escaped(out)) return false;
-          break;
-        default: return Error("a known escape");
+      if (const size_t k = kEscapes.find(e); k != std::string::npos) {
+        *out += kMeanings[k];
+      } else if (e == 'u' && pos_ + 4 <= s_.size() &&
+                 s_.find_first_not_of("0123456789abcdefABCDEF", pos_) >= pos_ + 4) {
+        // The writer escapes control characters only: no surrogate pairs.
+        *out += WideToUtf8(WString(1, static_cast<char16_t>(std::stoul(s_.substr(pos_, 4), nullptr, 16))));
+        pos_ += 4;
+      } else {
+        return Error("a known escape");
       }
     }
     return Error("the end of the string");
   }
-  bool Array(JsonValue* v, int depth) {
-    v->type = JsonValue::kArray;
-    ++pos_;
-    Blanks();
-    if (pos_ < s_.size() && s_[pos_] == ']') return ++pos_, true;
-    for (;;) {
-      v->items.emplace_back();
-      Blanks();
-      if (!Value(&v->items.back(), depth + 1)) return false;
-      Blanks();
-      if (pos_ < s_.size() && s_[pos_] == ',') { ++pos_; continue; }
-      if (pos_ < s_.size() && s_[pos_] == ']') return ++pos_, true;
-      return Error("',' or ']'");
-    }
-  }
-  bool Object(JsonValue* v, int depth) {
-    v->type = JsonValue::kObject;
-    ++pos_;
-    Blanks();
-    if (pos_ < s_.size() && s_[pos_] == '}') return ++pos_, true;
-    for (;;) {
-      Blanks();
+  // An array, or an object whose members keep their order and do not repeat.
+  bool Container(JsonValue* v, int depth) {
+    const bool object = s_[pos_++] == '{';
+    const char close = object ? '}' : ']';
+    v->type = object ? JsonValue::kObject : JsonValue::kArray;
+    if (Next(close)) return true;
+    do {
       std::string key;
-      if (pos_ >= s_.size() || s_[pos_] != '"' || !String(&key)) return Error("a member name");
-      Blanks();
-      if (pos_ >= s_.size() || s_[pos_++] != ':') return Error("':'");
-      Blanks();
-      JsonValue member;
-      if (!Value(&member, depth + 1)) return false;
-      if (v->members.count(key)) return Error("no repeated member \"" + key + "\"");
-      v->member_order.push_back(key);
-      v->members[key] = std::move(member);
-      Blanks();
-      if (pos_ < s_.size() && s_[pos_] == ',') { ++pos_; continue; }
-      if (pos_ < s_.size() && s_[pos_] == '}') return ++pos_, true;
-      return Error("',' or '}'");
-    }
+      if (object) {
+        if (!Next('"')) return Error("a member name");
+        --pos_;
+        if (!String(&key)) return false;
+        if (!Next(':')) return Error("':'");
+        if (v->members.count(key)) return Error("no repeated member \"" + key + "\"");
+      }
+      JsonValue item;
+      if (!Value(&item, depth + 1)) return false;
+      if (object) {
+        v->member_order.push_back(key);
+        v->members[key] = std::move(item);
+      } else {
+        v->items.push_back(std::move(item));
+      }
+    } while (Next(','));
+    return Next(close) || Error(std::string("',' or '") + close + "'");
   }
 
   const std::string& s_;
@@ -164,6 +138,13 @@ bool ParseJson(const std::string& text, JsonValue* value, std::string* error) {
   if (reader.Document(value)) return true;
   *error = reader.error();
   return false;
+}
+
+JsonValue Json(const std::string& text) {
+  JsonValue v;
+  std::string error;
+  EXPECT_TRUE(ParseJson(text, &v, &error)) << error << "\n" << text;
+  return v;
 }
 
 }  // namespace trv::test

@@ -28,4 +28,7 @@ struct JsonValue {
 // one valid JSON document.
 bool ParseJson(const std::string& text, JsonValue* value, std::string* error);
 
+// `text` parsed; text that does not parse fails the test.
+JsonValue Json(const std::string& text);
+
 }  // namespace trv::test

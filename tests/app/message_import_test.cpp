@@ -16,6 +16,8 @@ double Civil(int y, int mo, int d, int h, int mi, int s) { return DateFromCivil(
 
 bool Near(double a, double b) { return std::fabs(a - b) < 1.0 / 86400.0; }
 
+// The header parsing itself is the mime layer's; here what the record takes
+// from it, and how undeclared 8-bit text and a missing header are read.
 TEST(RecordFromMessageTest, ListingFields) {
   struct Row {
     const char* name;
@@ -23,19 +25,14 @@ TEST(RecordFromMessageTest, ListingFields) {
     std::u16string subject, from, to, cc, message_id;
   };
   const Row rows[] = {
-      {"plain", "Subject: Hello\r\nFrom: a@b.org\r\nTo: c@d.org\r\n\r\nbody\r\n", u"Hello", u"a@b.org", u"c@d.org", u"",
-       u""},
       {"encoded words", "Subject: =?UTF-8?B?R3LDvMOfZQ==?= =?ISO-8859-1?Q?caf=E9?=\r\n\r\n", u"Grüßecafé", u"", u"",
        u"", u""},
-      {"folded subject", "Subject: one\r\n two\r\n\r\n", u"one two", u"", u"", u"", u""},
       {"raw UTF-8 and Latin-1 in the header", "Subject: Gr\xC3\xBC\xC3\x9F" "e \xE9t\xE9\r\n\r\n", u"Grüße été", u"",
        u"", u"", u""},
       {"names and several fields", "From: \"Doe, Jane\" <jane@x.org>\r\nTo: a@x, =?UTF-8?Q?J=C3=B6rg?= <j@x>\r\n"
-       "To: c@x\r\nCC: Team: d@x, e@x;\r\n\r\n",
-       u"", u"\"Doe, Jane\" <jane@x.org>", u"a@x, Jörg <j@x>, c@x", u"d@x, e@x", u""},
-      {"message id", "Message-ID:  <abc.123@host>  \r\n\r\n", u"", u"", u"", u"", u"abc.123@host"},
+       "To: c@x\r\nCC: Team: d@x, e@x;\r\nMessage-ID: (note) <abc.1@host>\r\n\r\n",
+       u"", u"\"Doe, Jane\" <jane@x.org>", u"a@x, Jörg <j@x>, c@x", u"d@x, e@x", u"abc.1@host"},
       {"message id without brackets", "Message-ID: abc@host\r\n\r\n", u"", u"", u"", u"", u"abc@host"},
-      {"message id with a comment", "Message-ID: (note) <x@y>\r\n\r\n", u"", u"", u"", u"", u"x@y"},
       {"fields after the header are body", "Subject: a\r\n\r\nFrom: not@header\r\n", u"a", u"", u"", u"", u""},
       {"no header", "\r\nSubject: body\r\n", u"", u"", u"", u"", u""},
   };
@@ -52,51 +49,28 @@ TEST(RecordFromMessageTest, ListingFields) {
   }
 }
 
-TEST(RecordFromMessageTest, PriorityAndUnsent) {
-  struct Row {
-    const char* name;
-    std::string head;
-    uint32_t flags;
+TEST(RecordFromMessageTest, PriorityAndUnsentFlags) {
+  const std::pair<const char*, uint32_t> rows[] = {
+      {"Subject: a\r\n\r\n", 0},
+      {"X-Priority: 2\r\n\r\n", msgflag::kPriorityHigh},
+      {"x-priority: 5\r\nx-unsent:  1 \r\n\r\n", msgflag::kPriorityLow | msgflag::kUnsent},
+      {"Content-Type: multipart/mixed; boundary=b\r\n\r\n", msgflag::kHasAttachments},
   };
-  const Row rows[] = {
-      {"none", "Subject: a\r\n\r\n", 0},
-      {"1 (Highest)", "X-Priority: 1 (Highest)\r\n\r\n", msgflag::kPriorityHigh},
-      {"2", "X-Priority: 2\r\n\r\n", msgflag::kPriorityHigh},
-      {"3 normal", "X-Priority: 3 (Normal)\r\n\r\n", 0},
-      {"4", "X-Priority: 4\r\n\r\n", msgflag::kPriorityLow},
-      {"5 (Lowest)", "X-Priority: 5 (Lowest)\r\n\r\n", msgflag::kPriorityLow},
-      {"no digit", "X-Priority: urgent\r\n\r\n", 0},
-      {"digit after text counts as none", "X-Priority: level 2\r\n\r\n", 0},
-      {"unsent", "X-Unsent: 1\r\n\r\n", msgflag::kUnsent},
-      {"unsent 0", "X-Unsent: 0\r\n\r\n", 0},
-      {"both", "x-priority: 5\r\nx-unsent:  1 \r\n\r\n", msgflag::kPriorityLow | msgflag::kUnsent},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(RecordFromMessage(row.head).flags, row.flags);
-  }
-  // Flags other than priority and unsent stay; those two follow the header.
+  for (const auto& [head, flags] : rows) EXPECT_EQ(RecordFromMessage(head).flags, flags) << head;
+  // Flags other than these stay; these follow the header.
   MessageRecord r;
-  r.flags = msgflag::kRead | msgflag::kPriorityHigh | msgflag::kUnsent;
+  r.flags = msgflag::kRead | msgflag::kPriorityHigh | msgflag::kUnsent | msgflag::kHasAttachments;
   FillRecordFromHead("X-Priority: 3\r\n\r\n", &r);
   EXPECT_EQ(r.flags, msgflag::kRead);
 }
 
 TEST(RecordFromMessageTest, Dates) {
-  const std::string head =
+  const MessageRecord r = RecordFromMessage(
       "Received: from b by c; Tue, 5 Mar 2024 08:00:00 +0000\r\n"
       "Received: from a by b; Tue, 5 Mar 2024 07:00:00 +0000\r\n"
-      "Date: Mon, 4 Mar 2024 10:00:00 +0100\r\n\r\n";
-  MessageRecord r = RecordFromMessage(head);
+      "Date: Mon, 4 Mar 2024 10:00:00 +0100\r\n\r\n");
   EXPECT_TRUE(Near(r.sent_date, Civil(2024, 3, 4, 9, 0, 0)));
   EXPECT_TRUE(Near(r.received_date, Civil(2024, 3, 5, 8, 0, 0)));  // the topmost Received
-
-  // No date anywhere: both are the time of storing.
-  const double before = CurrentDate();
-  r = RecordFromMessage("Subject: x\r\n\r\n");
-  EXPECT_GE(r.sent_date, before - 1.0 / 86400);
-  EXPECT_LE(r.sent_date, CurrentDate() + 1.0 / 86400);
-  EXPECT_GE(r.received_date, before - 1.0 / 86400);
 }
 
 TEST(RebuildRecordTest, FillsFromTheHeadAndKeepsTheStreamTime) {
