@@ -102,7 +102,7 @@ class EngineTest : public ::testing::Test {
   int held_ = 0;
 };
 
-TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndLogsItsSteps) {
+TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndALaterOneFindsThem) {
   MailEngine* e = Restart();
   EXPECT_TRUE(e->loaded());
   EXPECT_EQ(e->data_directory(), default_data());
@@ -124,16 +124,14 @@ TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndLogsItsSteps) {
             (Lines{"- Data directory: " + default_data().string(),
                    "- Loading: " + (default_data() / "Settings.ini").string(), "- Creating 'Local Folders' storage",
                    "- Loading MAPI objects"}));
-}
 
-TEST_F(EngineTest, ALaterStartFindsTheStorageByItsIndexFile) {
-  Restart();
-  MailEngine* e = Restart();
+  // A later start finds the storage by its index file.
+  e = Restart();
   const std::filesystem::path index = default_data() / "{00000000-0000-0000-0000-000000000000}.idx";
-  const Lines log = LastStartLog();
-  ASSERT_GT(log.size(), 5u);
-  EXPECT_EQ(log[5], "- Found storage: " + index.string());
-  EXPECT_EQ(std::count(log.begin(), log.end(), "- Creating 'Local Folders' storage"), 0);
+  const Lines later = LastStartLog();
+  ASSERT_GT(later.size(), 5u);
+  EXPECT_EQ(later[5], "- Found storage: " + index.string());
+  EXPECT_EQ(std::count(later.begin(), later.end(), "- Creating 'Local Folders' storage"), 0);
   ASSERT_EQ(e->storages().size(), 1u);
   EXPECT_EQ(e->storages()[0]->index_path(), index);
   EXPECT_TRUE(e->storages()[0]->complete());
