@@ -4,24 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include "core/file_io.h"
 
 namespace trv {
-
-namespace {
-// One write, retried on interruption; failures are ignored on purpose.
-void WriteAll(int fd, const char* p, size_t n) {
-  while (n > 0) {
-    ssize_t w = ::write(fd, p, n);
-    if (w < 0) {
-      if (errno == EINTR) continue;
-      return;
-    }
-    p += w;
-    n -= static_cast<size_t>(w);
-  }
-}
-}  // namespace
 
 ActivityLog::~ActivityLog() { Close(); }
 
@@ -66,14 +51,15 @@ void ActivityLog::SetEnabled(bool on) {
 void ActivityLog::Log(std::string_view text, int level) {
   MutexLock lock(mu_);
   if (!enabled_ || fd_ < 0) return;
+  // A failed write is ignored: logging never stops what is being logged.
   switch (level) {
-    case kLogEvent: WriteAll(fd_, "- ", 2); break;
-    case kLogSent: WriteAll(fd_, "S ", 2); break;
-    case kLogReceived: WriteAll(fd_, "R ", 2); break;
+    case kLogEvent: WriteAllBytes(fd_, "- ").Ignore(); break;
+    case kLogSent: WriteAllBytes(fd_, "S ").Ignore(); break;
+    case kLogReceived: WriteAllBytes(fd_, "R ").Ignore(); break;
     default: break;
   }
-  if (!text.empty()) WriteAll(fd_, text.data(), text.size());
-  WriteAll(fd_, "\r\n", 2);
+  if (!text.empty()) WriteAllBytes(fd_, text).Ignore();
+  WriteAllBytes(fd_, "\r\n").Ignore();
 }
 
 }  // namespace trv

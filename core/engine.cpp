@@ -5,6 +5,7 @@
 #include <optional>
 #include <system_error>
 
+#include "core/file_io.h"
 #include "core/message_import.h"
 #include "core/registry.h"
 
@@ -184,13 +185,8 @@ namespace {
 // The regular files of a directory whose extension is `ext` (any letter case).
 std::vector<std::filesystem::path> FilesWithExtension(const std::filesystem::path& dir, std::string_view ext) {
   std::vector<std::filesystem::path> files;
-  std::error_code ec;
-  for (auto it = std::filesystem::directory_iterator(dir, ec); !ec && it != std::filesystem::directory_iterator();
-       it.increment(ec)) {
-    std::error_code type_ec;
-    if (EqualsNoCase(it->path().extension().string(), ext) && it->is_regular_file(type_ec)) {
-      files.push_back(it->path());
-    }
+  for (const std::string& name : ListRegularFiles(dir)) {
+    if (EqualsNoCase(std::filesystem::path(name).extension().string(), ext)) files.push_back(dir / name);
   }
   return files;
 }

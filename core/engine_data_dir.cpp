@@ -4,6 +4,7 @@
 #include <system_error>
 
 #include "core/engine.h"
+#include "core/file_io.h"
 #include "core/registry.h"
 
 namespace trv {
@@ -17,20 +18,6 @@ std::filesystem::path XdgDataHome(const std::filesystem::path& home) {
   const char* xdg = std::getenv("XDG_DATA_HOME");
   if (xdg != nullptr && xdg[0] == '/') return xdg;
   return home.empty() ? std::filesystem::path() : home / ".local/share";
-}
-
-// The regular files directly in `dir`, by name.
-std::vector<std::string> ListFiles(const std::filesystem::path& dir, Result* r) {
-  std::vector<std::string> files;
-  std::error_code ec;
-  for (auto it = std::filesystem::directory_iterator(dir, ec); !ec && it != std::filesystem::directory_iterator();
-       it.increment(ec)) {
-    std::error_code type_ec;
-    if (it->is_regular_file(type_ec)) files.push_back(it->path().filename().string());
-  }
-  *r = ec ? ResultFromErrno(ec.value()) : rc::kOk;
-  std::sort(files.begin(), files.end());
-  return files;
 }
 
 }  // namespace
@@ -124,7 +111,7 @@ Result MailEngine::MoveDataDirectory(const std::filesystem::path& new_dir, const
 Result MailEngine::MoveFiles(const std::filesystem::path& from, const std::filesystem::path& to,
                              const DataMoveCallback& callback) {
   Result kept;
-  const std::vector<std::string> files = ListFiles(from, &kept);
+  const std::vector<std::string> files = ListRegularFiles(from, &kept);
   if (kept.failed()) return kept;
   const size_t count = files.size();
   auto ask = [&](int phase, size_t i, bool overwrite) {

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <system_error>
 
 namespace trv {
 
@@ -50,6 +52,19 @@ Result ReadWholeFile(const std::filesystem::path& path, std::string* bytes) {
   ::close(fd);
   if (r.ok()) *bytes = std::move(data);
   return r;
+}
+
+std::vector<std::string> ListRegularFiles(const std::filesystem::path& dir, Result* r) {
+  std::vector<std::string> files;
+  std::error_code ec;
+  for (auto it = std::filesystem::directory_iterator(dir, ec); !ec && it != std::filesystem::directory_iterator();
+       it.increment(ec)) {
+    std::error_code type_ec;
+    if (it->is_regular_file(type_ec)) files.push_back(it->path().filename().string());
+  }
+  if (r != nullptr) *r = ec ? ResultFromErrno(ec.value()) : rc::kOk;
+  std::sort(files.begin(), files.end());
+  return files;
 }
 
 void SyncDirectory(const std::filesystem::path& dir) {

@@ -49,13 +49,6 @@ std::string Format(const Guid& g, bool upper) {
   return buf;
 }
 
-int HexValue(char32_t c) {
-  if (c >= '0' && c <= '9') return int(c - '0');
-  if (c >= 'a' && c <= 'f') return int(c - 'a' + 10);
-  if (c >= 'A' && c <= 'F') return int(c - 'A' + 10);
-  return -1;
-}
-
 template <typename View>
 std::optional<Guid> ParseImpl(View t) {
   if (t.size() != 38 || t[0] != '{' || t[9] != '-' || t[14] != '-' || t[19] != '-' || t[24] != '-' ||
@@ -67,7 +60,7 @@ std::optional<Guid> ParseImpl(View t) {
   int k = 0;
   for (size_t i = 1; i < 37; ++i) {
     if (i == 9 || i == 14 || i == 19 || i == 24) continue;
-    int v = HexValue(static_cast<char32_t>(t[i]));
+    const int v = HexDigitValue(static_cast<char32_t>(t[i]));
     if (v < 0) return std::nullopt;
     digits[k++] = static_cast<uint8_t>(v);
   }

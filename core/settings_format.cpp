@@ -55,18 +55,9 @@ std::optional<size_t> ParseIndex(std::string_view s, size_t limit) {
   if (s.empty()) return std::nullopt;
   size_t v = 0;
   for (const char c : s) {
-    unsigned d;
-    if (c >= '0' && c <= '9') {
-      d = static_cast<unsigned>(c - '0');
-    } else if (c >= 'a' && c <= 'f') {
-      d = static_cast<unsigned>(c - 'a' + 10);
-    } else if (c >= 'A' && c <= 'F') {
-      d = static_cast<unsigned>(c - 'A' + 10);
-    } else {
-      return std::nullopt;
-    }
-    if (d >= base) return std::nullopt;
-    v = std::min(v * base + d, limit);
+    const int d = HexDigitValue(static_cast<unsigned char>(c));
+    if (d < 0 || static_cast<unsigned>(d) >= base) return std::nullopt;
+    v = std::min(v * base + static_cast<unsigned>(d), limit);
   }
   return v;
 }

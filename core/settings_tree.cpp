@@ -400,6 +400,18 @@ void PutElement(std::vector<T>& array, size_t index, T element) {
   array[index] = std::move(element);
 }
 
+// The array value `name` of the section, made when missing; a value of the
+// name that is no array is replaced by `empty`.
+Value& ArrayValue(Section& section, std::string_view name, SettingsData empty) {
+  Value* v = section.FindValue(name);
+  if (v == nullptr) {
+    section.values().push_back(Value{std::string(name), std::move(empty)});
+    return section.values().back();
+  }
+  if (!IsArray(v->data)) v->data = std::move(empty);
+  return *v;
+}
+
 }  // namespace
 
 Result Settings::WriteStringElement(std::string_view path, std::string_view name, size_t index,
@@ -408,18 +420,11 @@ Result Settings::WriteStringElement(std::string_view path, std::string_view name
   MutexLock lock(mu_);
   Section* s = nullptr;
   if (const Result r = FindOrCreateSection(path, &s); r.failed()) return r;
-  Value* v = s->FindValue(name);
-  if (v == nullptr) {
-    s->values().push_back(Value{std::string(name), std::vector<std::string>()});
-    v = &s->values().back();
-  } else if (!IsArray(v->data)) {
-    v->data = std::vector<std::string>();
-  } else if (TypeOf(v->data) == SettingsType::kWideStringArray) {
-    // An 8-bit element makes the whole array 8-bit; the wide elements become
-    // the texts they are written as.
-    v->data = ReloadedForm(v->data, options_);
-  }
-  PutElement(std::get<std::vector<std::string>>(v->data), index, std::string(value));
+  Value& v = ArrayValue(*s, name, std::vector<std::string>());
+  // An 8-bit element makes the whole array 8-bit; the wide elements become
+  // the texts they are written as.
+  if (TypeOf(v.data) == SettingsType::kWideStringArray) v.data = ReloadedForm(v.data, options_);
+  PutElement(std::get<std::vector<std::string>>(v.data), index, std::string(value));
   ++changes_;
   return rc::kOk;
 }
@@ -430,17 +435,11 @@ Result Settings::WriteWideStringElement(std::string_view path, std::string_view 
   MutexLock lock(mu_);
   Section* s = nullptr;
   if (const Result r = FindOrCreateSection(path, &s); r.failed()) return r;
-  Value* v = s->FindValue(name);
-  if (v == nullptr) {
-    s->values().push_back(Value{std::string(name), std::vector<WString>()});
-    v = &s->values().back();
-  } else if (!IsArray(v->data)) {
-    v->data = std::vector<WString>();
-  }
-  if (auto* a = std::get_if<std::vector<std::string>>(&v->data)) {
+  Value& v = ArrayValue(*s, name, std::vector<WString>());
+  if (auto* a = std::get_if<std::vector<std::string>>(&v.data)) {
     PutElement(*a, index, EncodeSettingsWide(value));
   } else {
-    PutElement(std::get<std::vector<WString>>(v->data), index, WString(value));
+    PutElement(std::get<std::vector<WString>>(v.data), index, WString(value));
   }
   ++changes_;
   return rc::kOk;

@@ -9,13 +9,6 @@ namespace {
 
 constexpr char kHexDigits[] = "0123456789ABCDEF";
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
-
 bool IsContinuation(std::string_view s, size_t i) {
   return i < s.size() && (static_cast<uint8_t>(s[i]) & 0xC0) == 0x80;
 }
@@ -96,8 +89,8 @@ std::optional<std::vector<uint8_t>> DecodeSettingsBinary(std::string_view text) 
   std::vector<uint8_t> out;
   out.reserve(hex.size() / 2);
   for (size_t i = 0; i < hex.size(); i += 2) {
-    const int hi = HexValue(hex[i]);
-    const int lo = HexValue(hex[i + 1]);
+    const int hi = HexDigitValue(static_cast<unsigned char>(hex[i]));
+    const int lo = HexDigitValue(static_cast<unsigned char>(hex[i + 1]));
     if (hi < 0 || lo < 0) return std::nullopt;
     out.push_back(static_cast<uint8_t>(hi << 4 | lo));
   }

@@ -41,6 +41,9 @@ bool EqualsNoCase(WStringView a, WStringView b);
 bool StartsWithNoCase(std::string_view s, std::string_view prefix);
 bool StartsWithNoCase(WStringView s, WStringView prefix);
 
+// The value of a hexadecimal digit (either case); -1 for any other character.
+int HexDigitValue(char32_t c);
+
 // Removes blanks (space, TAB, CR, LF) at both ends.
 std::string_view TrimView(std::string_view s);
 WStringView TrimView(WStringView s);

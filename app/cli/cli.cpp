@@ -241,11 +241,8 @@ bool ParseKey(std::string_view text, uint32_t* key) {
   if (text.empty() || text.size() > 8) return false;
   uint32_t v = 0;
   for (char c : text) {
-    int d;
-    if (c >= '0' && c <= '9') d = c - '0';
-    else if (c >= 'a' && c <= 'f') d = c - 'a' + 10;
-    else if (c >= 'A' && c <= 'F') d = c - 'A' + 10;
-    else return false;
+    const int d = HexDigitValue(static_cast<unsigned char>(c));
+    if (d < 0) return false;
     v = v << 4 | static_cast<uint32_t>(d);
   }
   if (v == 0) return false;
@@ -266,6 +263,17 @@ bool ParseKeys(const std::vector<std::string>& texts, std::vector<uint32_t>* key
   return true;
 }
 
+namespace {
+
+// ParseKeys of positional arguments `first` up to `end`.
+bool KeysOf(const ParsedArgs& args, size_t first, size_t end, std::vector<uint32_t>* keys, std::string* error) {
+  return ParseKeys(std::vector<std::string>(args.positional.begin() + static_cast<std::ptrdiff_t>(first),
+                                            args.positional.begin() + static_cast<std::ptrdiff_t>(end)),
+                   keys, error);
+}
+
+}  // namespace
+
 bool SelectMessages(CliContext& ctx, const ParsedArgs& args, size_t first, size_t end, Selection* sel, int* status) {
   sel->file = FolderFileOrFail(ctx, args.positional[0], &sel->folder, status);
   if (sel->file == nullptr) return false;
@@ -275,9 +283,7 @@ bool SelectMessages(CliContext& ctx, const ParsedArgs& args, size_t first, size_
     return false;
   }
   std::string error;
-  const std::vector<std::string> texts(args.positional.begin() + static_cast<std::ptrdiff_t>(first),
-                                       args.positional.begin() + static_cast<std::ptrdiff_t>(end));
-  if (!ParseKeys(texts, &sel->keys, &error)) {  // checked before the engine started: not met here
+  if (!KeysOf(args, first, end, &sel->keys, &error)) {  // checked before the engine started: not met here
     *status = Fail(ctx, error, rc::kInvalidArg);
     return false;
   }
@@ -292,9 +298,7 @@ bool SelectMessages(CliContext& ctx, const ParsedArgs& args, size_t first, size_
 
 bool ValidateKeys(const ParsedArgs& args, size_t first, size_t end, std::string* error) {
   std::vector<uint32_t> keys;
-  const std::vector<std::string> texts(args.positional.begin() + static_cast<std::ptrdiff_t>(first),
-                                       args.positional.begin() + static_cast<std::ptrdiff_t>(end));
-  return ParseKeys(texts, &keys, error);
+  return KeysOf(args, first, end, &keys, error);
 }
 
 std::string Utf8(WStringView text) { return WideToUtf8(text); }

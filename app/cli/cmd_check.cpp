@@ -11,6 +11,7 @@
 #include <set>
 
 #include "app/cli/commands.h"
+#include "core/file_io.h"
 
 namespace trv::cli {
 
@@ -40,11 +41,9 @@ class WatchedLog final : public LogSink {
 // The copies of damaged files kept beside the folder file.
 std::set<std::filesystem::path> DamagedCopies(const std::filesystem::path& file) {
   std::set<std::filesystem::path> found;
-  std::error_code ec;
   const std::string prefix = file.filename().string() + ".damaged";
-  for (auto it = std::filesystem::directory_iterator(file.parent_path(), ec);
-       !ec && it != std::filesystem::directory_iterator(); it.increment(ec)) {
-    if (it->path().filename().string().rfind(prefix, 0) == 0) found.insert(it->path());
+  for (const std::string& name : ListRegularFiles(file.parent_path())) {
+    if (name.starts_with(prefix)) found.insert(file.parent_path() / name);
   }
   return found;
 }

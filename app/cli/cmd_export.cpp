@@ -13,6 +13,7 @@
 #include "app/cli/commands.h"
 #include "app/cli/mbox.h"
 #include "core/date_value.h"
+#include "core/file_io.h"
 #include "core/message_import.h"
 
 namespace trv::cli {
@@ -29,15 +30,7 @@ class NewFile {
     fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     return fd_ < 0 ? ResultFromErrno(errno) : rc::kOk;
   }
-  Result Write(std::string_view bytes) {
-    while (!bytes.empty()) {
-      const ssize_t n = ::write(fd_, bytes.data(), bytes.size());
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) return ResultFromErrno(errno);
-      bytes.remove_prefix(static_cast<size_t>(n));
-    }
-    return rc::kOk;
-  }
+  Result Write(std::string_view bytes) { return WriteAllBytes(fd_, bytes); }
   // Flushes to the disk and closes.
   Result Finish() {
     const bool synced = ::fsync(fd_) == 0;
