@@ -42,15 +42,27 @@ class CliTest : public CliTestBase {
     ADD_FAILURE() << "no folder " << folder;
     return {};
   }
-};
-
-TEST_F(CliTest, CommandLineErrorsExitWithTwoAndTouchNothing) {
-  struct Row {
+  // Runs that fail with `status`, standard error saying `says`.
+  struct Failure {
     const char* name;
     std::vector<std::string> args;
     const char* says;
   };
-  const Row rows[] = {
+  void ExpectFailures(const std::vector<Failure>& rows, int status) {
+    for (const Failure& row : rows) {
+      const CliRun run = Run(row.args);
+      EXPECT_EQ(run.status, status) << row.name;
+      EXPECT_TRUE(Has(run.err, row.says)) << row.name << ": " << run.err;
+      if (status == 2) {  // a usage error: the usage, and nothing else
+        EXPECT_TRUE(Has(run.err, "usage: trvmail-cli")) << row.name << ": " << run.err;
+        EXPECT_EQ(run.out, "") << row.name;
+      }
+    }
+  }
+};
+
+TEST_F(CliTest, CommandLineErrorsExitWithTwoAndTouchNothing) {
+  ExpectFailures({
       {"no command", {}, "no command given"},
       {"unknown command", {"frobnicate"}, "unknown command frobnicate"},
       {"unknown global option", {"--verbose", "storages"}, "unknown option --verbose"},
@@ -63,15 +75,7 @@ TEST_F(CliTest, CommandLineErrorsExitWithTwoAndTouchNothing) {
       {"mark without state", {"mark", kInbox, "1", "2"}, "\"read\" or \"unread\""},
       {"export without target", {"export", kInbox}, "one of --eml DIR and --mbox FILE"},
       {"data dir twice", {"--data-dir", "a", "storages", "--data-dir", "b"}, "--data-dir given twice"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    const CliRun run = Run(row.args);
-    EXPECT_EQ(run.status, 2);
-    EXPECT_TRUE(Has(run.err, row.says)) << run.err;
-    EXPECT_TRUE(Has(run.err, "usage: trvmail-cli")) << run.err;
-    EXPECT_EQ(run.out, "");
-  }
+  }, 2);
   EXPECT_FALSE(std::filesystem::exists(box_.data_dir()));
   EXPECT_FALSE(std::filesystem::exists(box_.root() / "config/Tarvo/Mail2.ini"));
 
@@ -119,12 +123,7 @@ TEST_F(CliTest, StoragesAndFoldersInBothForms) {
 TEST_F(CliTest, FolderTreeChanges) {
   Ok({"mkdir", "Local Folders/Projects"});
   Ok({"mkdir", "Local Folders/Projects/2024/"});
-  struct Row {
-    const char* name;
-    std::vector<std::string> args;
-    const char* says;
-  };
-  const Row failures[] = {
+  ExpectFailures({
       {"exists, any case", {"mkdir", "local folders/projects"}, "exists already: 0x80070050"},
       {"parent missing", {"mkdir", "Local Folders/Nope/Sub"}, "no folder \"Local Folders/Nope\": 0x80070003"},
       {"storage itself", {"mkdir", "Local Folders"}, "names no folder below a storage"},
@@ -133,13 +132,7 @@ TEST_F(CliTest, FolderTreeChanges) {
       {"rename to a sibling's name", {"rename", "Local Folders/Projects", "inbox"}, "0x80070050"},
       {"rename with a slash", {"rename", "Local Folders/Projects", "a/b"}, "0x80070057"},
       {"rename missing", {"rename", "Local Folders/Nope", "x"}, "no folder"},
-  };
-  for (const Row& row : failures) {
-    SCOPED_TRACE(row.name);
-    const CliRun run = Run(row.args);
-    EXPECT_EQ(run.status, 1);
-    EXPECT_TRUE(Has(run.err, row.says)) << run.err;
-  }
+  }, 1);
   EXPECT_EQ(Ok({"rename", "Local Folders/Projects", "Archive"}).out,
             "renamed Local Folders/Projects to Local Folders/Archive\n");
   Ok({"import", "Local Folders/Archive/2024", File("m.eml", "Subject: keep me\n\nx\n")});
