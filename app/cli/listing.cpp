@@ -67,15 +67,6 @@ void AppendRecordJson(const MessageRecord& r, std::string* out) {
 
 }  // namespace
 
-std::string ListingJson(const std::vector<MessageRecord>& records) {
-  std::string out = "[";
-  for (size_t i = 0; i < records.size(); ++i) {
-    if (i > 0) out += ',';
-    AppendRecordJson(records[i], &out);
-  }
-  return out + "]\n";
-}
-
 void WriteListingJson(const FolderFile& file, const std::function<void(std::string_view)>& write) {
   std::string out = "[";
   const size_t count = file.MessageCount();

@@ -12,13 +12,11 @@
 
 namespace trv::cli {
 
-// [{"key","date","from","subject","size","read","partial"}], one line.
-// "key" is "%.8X", "date" the sent date in ISO 8601 UTC
-// ("2024-03-04T10:00:00Z") or null when the message has none.
-std::string ListingJson(const std::vector<MessageRecord>& records);
-// The same for a folder file whose index is loaded, handed to `write` a
-// piece at a time and taking the records one by one, so that a folder of
-// 100,000 messages is not held twice.
+// [{"key","date","from","subject","size","read","partial"}] of a folder file
+// whose index is loaded, on one line. "key" is "%.8X", "date" the sent date
+// in ISO 8601 UTC ("2024-03-04T10:00:00Z") or null when the message has none.
+// Handed to `write` a piece at a time, taking the records one by one, so
+// that a folder of 100,000 messages is not held twice.
 void WriteListingJson(const FolderFile& file, const std::function<void(std::string_view)>& write);
 
 // An aligned table: KEY, DATE (local time), FROM, SUBJECT, SIZE, MARKS.
