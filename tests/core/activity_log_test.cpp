@@ -14,31 +14,25 @@ using test::ReadFile;
 using test::TempDir;
 using test::WriteFile;
 
-TEST(ActivityLogTest, WritesTwoBytePrefixesAndCrLf) {
+// Two-byte prefixes and CR LF; nothing while disabled, before opening or
+// after closing.
+TEST(ActivityLogTest, LineFormAndWhenNothingIsWritten) {
   TempDir dir;
   ActivityLog log;
+  log.Log("before open");
   ASSERT_TRUE(log.Open(dir.path()));
   log.Log("event", kLogEvent);
   log.Log("USER ********", kLogSent);
   log.Log("+OK", kLogReceived);
   log.Log("plain", 7);
   log.Log("", kLogEvent);
-  log.Close();
-  EXPECT_EQ(ReadFile(dir / "TarvoMail.log"), "- event\r\nS USER ********\r\nR +OK\r\nplain\r\n- \r\n");
-}
-
-TEST(ActivityLogTest, NothingIsWrittenWhileDisabledOrClosed) {
-  TempDir dir;
-  ActivityLog log;
-  log.Log("before open");
-  ASSERT_TRUE(log.Open(dir.path()));
   log.SetEnabled(false);
   log.Log("muted");
   log.SetEnabled(true);
   log.Log("heard");
   log.Close();
   log.Log("after close");
-  EXPECT_EQ(ReadFile(dir / "TarvoMail.log"), "- heard\r\n");
+  EXPECT_EQ(ReadFile(dir / "TarvoMail.log"), "- event\r\nS USER ********\r\nR +OK\r\nplain\r\n- \r\n- heard\r\n");
 }
 
 // The rotation boundary: a log of exactly 204,799 bytes is appended to; one

@@ -283,14 +283,8 @@ TEST_F(EngineServicesTest, WithoutAFactoryEveryServiceFailsAndNoStorageIsMade) {
 }
 
 TEST_F(EngineTest, StoragesAreOpenedFromTheLastIndexPathToTheFirst) {
-  // Three storages on disk: the local one and two named by their files.
-  struct Host : StorageHost {
-    explicit Host(std::filesystem::path dir) : dir(std::move(dir)) {}
-    LogSink& StorageLog() override { return log; }
-    std::filesystem::path DataDirectory() override { return dir; }
-    std::filesystem::path dir;
-    NullLogSink log;
-  } host(default_data());
+  // Two storages on disk, neither of them the local one.
+  test::TestHost host;
   for (const char* name : {"b", "a"}) {
     Storage s(host);
     ASSERT_EQ(s.Create(W(name), {}, false), rc::kOk);
@@ -301,6 +295,7 @@ TEST_F(EngineTest, StoragesAreOpenedFromTheLastIndexPathToTheFirst) {
     Lines opening, opened;
   } recorder;
   MailEngine* e = Restart([&](MailEngine& m) {
+    m.SetDataDirectoryOverride(host.data_dir());
     m.storage_opening_listeners().Add(&recorder);
     m.storage_opened_listeners().Add(&recorder);
   });
@@ -381,7 +376,10 @@ TEST_F(MoveDataDirectoryTest, EveryFileMovesAndTheEngineFollows) {
   EXPECT_NE(e->FindFolder(u"Local Folders/After"), nullptr);
 }
 
-TEST_F(MoveDataDirectoryTest, ARefusedOverwriteMovesNothing) {
+TEST_F(MoveDataDirectoryTest, ARefusedMoveMovesNothing) {
+  EXPECT_EQ(engine_->MoveDataDirectory(default_data(), {}), rc::kInvalidArg);  // the same directory
+  EXPECT_EQ(Listing(default_data()), files_);
+
   std::filesystem::create_directories(target_);
   WriteFile(target_ / "Settings.ini", "theirs");
   EXPECT_EQ(Move(false), rc::kFileExists);
@@ -418,10 +416,6 @@ TEST_F(MoveDataDirectoryTest, AFailedRollbackSaysSoAndNamesWhatIsLeft) {
   EXPECT_NE(log.find("Left in " + (target_ / "").string() + ": " + files_[1]), std::string::npos);
 }
 
-TEST_F(MoveDataDirectoryTest, TheSameDirectoryIsRefused) {
-  EXPECT_EQ(engine_->MoveDataDirectory(default_data(), {}), rc::kInvalidArg);
-  EXPECT_EQ(Listing(default_data()), files_);
-}
 
 }  // namespace
 }  // namespace trv
