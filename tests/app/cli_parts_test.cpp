@@ -206,7 +206,6 @@ TEST(MboxReaderTest, SplitsAtFromLinesAfterEmptyLines) {
     std::vector<Split> messages;
   };
   const Row rows[] = {
-      {"one message", env + "S: 1\n\nbody\n", {{"S: 1\n\nbody\n", 1, false}}},
       {"two messages; the separating empty line is dropped",
        env + "S: 1\n\nb1\n\n" + env + "S: 2\n\nb2\n\n",
        {{"S: 1\n\nb1\n", 1, false}, {"S: 2\n\nb2\n", 6, false}}},
