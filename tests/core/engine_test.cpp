@@ -4,6 +4,7 @@
 
 #include <regex>
 
+#include "core/file_io.h"
 #include "core/registry.h"
 #include "tests/core/scoped_env.h"
 #include "tests/store/storage_test_util.h"
@@ -337,13 +338,8 @@ class MoveDataDirectoryTest : public EngineTest {
   // The files of a directory, without the side files that open folder
   // files have beside them.
   static Lines Listing(const std::filesystem::path& dir) {
-    Lines names;
-    std::error_code ec;
-    for (const auto& entry : std::filesystem::directory_iterator(dir, ec)) {
-      const std::string name = entry.path().filename().string();
-      if (!name.ends_with("-wal") && !name.ends_with("-shm")) names.push_back(name);
-    }
-    std::sort(names.begin(), names.end());
+    Lines names = ListRegularFiles(dir);
+    std::erase_if(names, [](const std::string& n) { return n.ends_with("-wal") || n.ends_with("-shm"); });
     return names;
   }
   Result Move(bool allow_overwrite = false) {
@@ -415,7 +411,6 @@ TEST_F(MoveDataDirectoryTest, AFailedRollbackSaysSoAndNamesWhatIsLeft) {
   const std::string log = ReadFile(default_data() / "TarvoMail.log") + ReadFile(target_ / "TarvoMail.log");
   EXPECT_NE(log.find("Left in " + (target_ / "").string() + ": " + files_[1]), std::string::npos);
 }
-
 
 }  // namespace
 }  // namespace trv
