@@ -57,29 +57,26 @@ Result RandomChange(FolderFile& folder, std::mt19937& rng, int round, uint32_t s
                     const std::function<void(const Op&)>& report) {
   const uint32_t dice = rng() % 100;
   const size_t count = folder.MessageCount();
-  Result r;
-  if (dice < 60 || count == 0) {
-    report({kAppend, 0, 0, seq});
-    MessageRecord record;
-    record.subject = Utf8ToWide(Subject(round, seq));
-    uint32_t key = 0;
-    r = folder.Append(record, Body(round, seq), &key);
-    if (r.ok()) report({kAppend, 1, key, seq});
-  } else if (dice < 85) {
-    const uint32_t key = folder.MessageAt(rng() % count)->key;
-    report({kDelete, 0, key, seq});
-    r = folder.Delete({key});
-    if (r.ok()) report({kDelete, 1, key, seq});
-  } else if (dice < 99) {
-    const uint32_t key = folder.MessageAt(rng() % count)->key;
-    report({kMarkRead, 0, key, seq});
-    r = folder.SetFlags(key, msgflag::kRead, 0);
-    if (r.ok()) report({kMarkRead, 1, key, seq});
-  } else {
-    report({kCompact, 0, 0, seq});
-    r = folder.Compact();
-    if (r.ok()) report({kCompact, 1, 0, seq});
+  Op op{kAppend, 0, 0, seq};
+  if (dice >= 60 && count > 0) {
+    op.kind = dice < 85 ? kDelete : dice < 99 ? kMarkRead : kCompact;
+    op.key = folder.MessageAt(rng() % count)->key;
   }
+  report(op);
+  Result r;
+  switch (op.kind) {
+    case kAppend: {
+      MessageRecord record;
+      record.subject = Utf8ToWide(Subject(round, seq));
+      r = folder.Append(record, Body(round, seq), &op.key);
+      break;
+    }
+    case kDelete: r = folder.Delete({op.key}); break;
+    case kMarkRead: r = folder.SetFlags(op.key, msgflag::kRead, 0); break;
+    default: r = folder.Compact(); break;
+  }
+  op.done = 1;
+  if (r.ok()) report(op);
   return r;
 }
 
