@@ -188,27 +188,31 @@ TEST_F(StorageOpenTest, FolderFilesAreLookedForInTheHomeDirectoryAndOnMountedMed
   EXPECT_EQ(s.SpecialFolder(kFolderDrafts)->found_dir(), card);
 }
 
-TEST_F(StorageOpenTest, AnEarlierVersionIndexOpensAndIsSavedAsTheCurrentOne) {
+TEST_F(StorageOpenTest, BothIndexVersionsOpenSideBySideAndSavingWritesTheCurrentOne) {
+  Storage service(host_);
+  ASSERT_EQ(service.Create(u"alice", {}, false), rc::kOk);
+  const std::filesystem::path earlier = service.index_path();
+  service.Close();
   StorageIndex parsed;
   std::optional<IndexDamage> damage;
-  ASSERT_EQ(ParseStorageIndex(ReadFile(index_), &parsed, &damage), rc::kOk);
+  ASSERT_EQ(ParseStorageIndex(ReadFile(earlier), &parsed, &damage), rc::kOk);
   // The earlier version has no root view values after the root's path.
-  std::string earlier = ReadFile(index_);
-  earlier.erase(4 + 1 + 16 + WStrEncodedSize(parsed.name) + WStrEncodedSize(parsed.root_path), 7);
-  PutU32(reinterpret_cast<uint8_t*>(earlier.data()), kIndexMagicEarlier);
-  WriteFile(index_, earlier);
+  std::string bytes = "PZML" + ReadFile(earlier).substr(4);
+  bytes.erase(4 + 1 + 16 + WStrEncodedSize(parsed.name) + WStrEncodedSize(parsed.root_path), 7);
+  WriteFile(earlier, bytes);
 
-  Storage s(host_);
-  ASSERT_EQ(s.Open(index_), rc::kOk);
-  EXPECT_EQ(TreeNames(s), kMadeTree);
-  EXPECT_EQ(s.root()->view(), RootViewValues{});
-  EXPECT_EQ(ReadFile(index_).substr(0, 4), "PZML");
-  ASSERT_EQ(s.RenameFolder(s.SpecialFolder(kFolderSent), u"Sent Items"), rc::kOk);
-  EXPECT_EQ(ReadFile(index_).substr(0, 4), "QZML");
+  Storage a(host_), b(host_);
+  ASSERT_EQ(a.Open(index_), rc::kOk);
+  ASSERT_EQ(b.Open(earlier), rc::kOk);
+  EXPECT_EQ(TreeNames(a), kMadeTree);
+  EXPECT_EQ(TreeNames(b), (Lines{"Inbox", "Outbox", "Sent", "Deleted", "Drafts"}));
+  EXPECT_EQ(ReadFile(earlier).substr(0, 4), "PZML");
+  ASSERT_EQ(b.RenameFolder(b.SpecialFolder(kFolderSent), u"Sent Items"), rc::kOk);
+  EXPECT_EQ(ReadFile(earlier).substr(0, 4), "QZML");
   Storage again(host_);
-  ASSERT_EQ(again.Open(index_), rc::kOk);
+  ASSERT_EQ(again.Open(earlier), rc::kOk);
   EXPECT_EQ(again.SpecialFolder(kFolderSent)->name(), u"Sent Items");
-  EXPECT_EQ(Messages(again, u"Inbox/Work"), 2u);
+  EXPECT_EQ(again.id(), parsed.id);
 }
 
 // A crash between the two renames of a save leaves the old index only under
