@@ -143,16 +143,6 @@ TEST_F(ContainerTest, WritesAcrossChunksAndSmallAppendsPersist) {
   EXPECT_EQ(ReadAll(*s), expect);
 }
 
-TEST_F(ContainerTest, SmallAppendCostsTheRecordNotTheStream) {
-  auto s = Stream(u"/Index");
-  ASSERT_EQ(s->WriteAll(std::string(3'000'000, 'r')), rc::kOk);
-  const uint64_t read_before = c_.counters().bytes_read;
-  s->Seek(0, kSeekEnd);
-  ASSERT_EQ(s->WriteAll(std::string(300, 'n')), rc::kOk);
-  // At most the tail row is read back to be regrown.
-  EXPECT_LE(c_.counters().bytes_read - read_before, 32768u);
-}
-
 TEST_F(ContainerTest, TransactionsRollBackAndNest) {
   auto s = Stream(u"s");
   ASSERT_EQ(s->WriteAll("base"), rc::kOk);
