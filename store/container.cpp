@@ -79,8 +79,12 @@ Result Container::StoredName(WStringView path, std::string* name) const {
 }
 
 bool Container::StreamExists(WStringView path) {
-  StreamInfo info;
-  return GetStreamInfo(path, &info).ok();
+  if (!is_open()) return Fail(rc::kContainerClosed).ok();
+  std::string name;
+  int64_t id = 0;
+  Result r = StoredName(path, &name);
+  if (r.ok()) r = db_->FindStream(name, &id, nullptr);
+  return Fail(r).ok();
 }
 
 Result Container::GetStreamInfo(WStringView path, StreamInfo* info) {
@@ -165,23 +169,13 @@ Result Container::ReleaseFreeSpace(double min_share) {
   Result r = container_internal::QueryInt(db_->db(), "PRAGMA freelist_count", &free_pages);
   if (r.ok()) r = container_internal::QueryInt(db_->db(), "PRAGMA page_count", &pages);
   if (r.ok() && free_pages > 0 && static_cast<double>(free_pages) > min_share * static_cast<double>(pages)) {
-    r = db_->Exec("PRAGMA incremental_vacuum");
+    r = container_internal::Exec(db_->db(), "PRAGMA incremental_vacuum");
     db_->Changed();
   }
   return Fail(r);
 }
 
-ContainerCounters Container::counters() const {
-  ContainerCounters c;
-  if (db_) {
-    const auto& s = db_->stats();
-    c.bytes_read = s.bytes_read;
-    c.bytes_written = s.bytes_written;
-    c.commits = s.commits;
-    c.streams_opened = s.streams_opened;
-  }
-  return c;
-}
+ContainerCounters Container::counters() const { return db_ ? db_->stats() : ContainerCounters{}; }
 
 RootSearch::RootSearch(std::shared_ptr<ContainerDb> db, WString pattern, int32_t limit)
     : db_(std::move(db)), pattern_(std::move(pattern)), left_(limit) {

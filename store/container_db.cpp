@@ -108,11 +108,6 @@ void ContainerDb::Close() {
   Changed();
 }
 
-Result ContainerDb::Exec(const char* sql) {
-  const int code = sqlite3_exec(db_, sql, nullptr, nullptr, nullptr);
-  return SqliteResult(code, db_);
-}
-
 Result ContainerDb::Step(StatementUse& use, int want) {
   const int code = use.Step();
   if (code == want) return rc::kOk;

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "core/result.h"
+#include "store/container.h"
 
 namespace trv::container_internal {
 
@@ -81,14 +82,6 @@ class StatementUse {
   sqlite3_stmt* stmt_;
 };
 
-// Counters for tests and the benchmark: what the container actually moved.
-struct ContainerStats {
-  uint64_t bytes_read = 0;
-  uint64_t bytes_written = 0;  // stream bytes, not database pages
-  uint64_t commits = 0;
-  uint64_t streams_opened = 0;
-};
-
 class ContainerDb {
  public:
   ContainerDb() = default;
@@ -102,8 +95,6 @@ class ContainerDb {
   void Close();
   bool is_open() const { return db_ != nullptr; }
   sqlite3* db() const { return db_; }
-
-  Result Exec(const char* sql);
 
   // Transactions: depth 0 -> BEGIN IMMEDIATE, deeper -> savepoints.
   Result Begin();
@@ -142,7 +133,7 @@ class ContainerDb {
   // in byte order.
   Result NamesAfter(std::string_view after, bool inclusive, int limit, std::vector<std::string>* out);
 
-  ContainerStats& stats() { return stats_; }
+  ContainerCounters& stats() { return stats_; }
 
  private:
   Result Step(StatementUse& use, int want = SQLITE_DONE);
@@ -150,7 +141,7 @@ class ContainerDb {
   sqlite3* db_ = nullptr;
   int depth_ = 0;
   uint64_t generation_ = 1;
-  ContainerStats stats_;
+  ContainerCounters stats_;
   Statement begin_, commit_, rollback_, savepoint_, release_, rollback_to_;
   Statement find_stream_, insert_stream_, stream_size_, stream_created_, set_size_, remove_stream_;
   Statement put_chunk_, delete_chunks_, names_after_, names_from_;

@@ -17,10 +17,6 @@ namespace {
 
 constexpr char kSqliteMagic[16] = {'S', 'Q', 'L', 'i', 't', 'e', ' ', 'f', 'o', 'r', 'm', 'a', 't', ' ', '3', '\0'};
 
-Result Exec(sqlite3* db, const std::string& sql) {
-  return SqliteResult(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), db);
-}
-
 // The database engine's page size for a requested container page size.
 uint32_t DatabasePageSize(uint32_t requested) {
   uint32_t size = 4096;
@@ -64,6 +60,10 @@ Result CreateSchema(sqlite3* db, const NewFileSettings& settings) {
 }
 
 }  // namespace
+
+Result Exec(sqlite3* db, const std::string& sql) {
+  return SqliteResult(sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr), db);
+}
 
 Result ProbeContainerFile(const std::filesystem::path& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <string>
 
 #include "core/result.h"
 #include "core/wide_string.h"
@@ -33,6 +34,9 @@ struct NewFileSettings {
 Result PrepareSchema(sqlite3* db, bool read_only, bool sync_commits, const NewFileSettings& settings);
 
 Result ReadSettings(sqlite3* db, WString* label, uint32_t* page_size);
+
+// Runs statements that return no rows.
+Result Exec(sqlite3* db, const std::string& sql);
 
 // One integer from a one-row query.
 Result QueryInt(sqlite3* db, const char* sql, int64_t* value);

@@ -19,12 +19,9 @@ namespace trv {
 
 namespace {
 
+using container_internal::Exec;
 using container_internal::kChunkBits;
 using container_internal::kChunkSize;
-
-Result Exec(sqlite3* db, const char* sql) {
-  return SqliteResult(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), db);
-}
 
 class Db {
  public:

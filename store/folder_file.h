@@ -174,6 +174,8 @@ class FolderFile {
   // UpdateRecord without `text`, ReplaceMessage with it.
   Result RewriteMessage(const MessageRecord& record, const std::string_view* text) EXCLUDES(mu_);
   Result MarkRecordDeleted(const IndexEntry& entry) REQUIRES(mu_);
+  // A message's stream, read-only; rc::kInvalidArg for a key the loaded index lacks.
+  Result OpenMessageStream(uint32_t key, std::unique_ptr<ContainerStream>* stream) REQUIRES(mu_);
   Result CompactLocked() REQUIRES(mu_);
   void MaybeCompact() REQUIRES(mu_);
   void CloseLocked() REQUIRES(mu_);

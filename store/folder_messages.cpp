@@ -246,13 +246,17 @@ Result FolderFile::RewriteMessage(const MessageRecord& given, const std::string_
   return rc::kOk;
 }
 
+Result FolderFile::OpenMessageStream(uint32_t key, std::unique_ptr<ContainerStream>* stream) {
+  if (!container_.is_open()) return rc::kContainerClosed;
+  if (loaded_ && !index_.Find(key)) return rc::kInvalidArg;
+  return container_.OpenStream(MessageStreamName(key), false, stream, false);
+}
+
 Result FolderFile::ReadMessageRange(uint32_t key, uint32_t offset, uint32_t count, std::string* bytes) {
   bytes->clear();
   MutexLock lock(mu_);
-  if (!container_.is_open()) return rc::kContainerClosed;
-  if (loaded_ && !index_.Find(key)) return rc::kInvalidArg;
   std::unique_ptr<ContainerStream> stream;
-  Result r = container_.OpenStream(MessageStreamName(key), false, &stream, false);
+  const Result r = OpenMessageStream(key, &stream);
   if (r.failed()) return r;
   const uint32_t size = stream->Size();
   if (offset >= size) return stream->last_error();
@@ -264,10 +268,8 @@ Result FolderFile::ReadMessageRange(uint32_t key, uint32_t offset, uint32_t coun
 Result FolderFile::ReadMessage(uint32_t key, std::string* text, uint32_t max_bytes) {
   text->clear();
   MutexLock lock(mu_);
-  if (!container_.is_open()) return rc::kContainerClosed;
-  if (loaded_ && !index_.Find(key)) return rc::kInvalidArg;
   std::unique_ptr<ContainerStream> stream;
-  const Result r = container_.OpenStream(MessageStreamName(key), false, &stream, false);
+  const Result r = OpenMessageStream(key, &stream);
   return r.failed() ? r : stream->ReadRest(text, max_bytes);
 }
 

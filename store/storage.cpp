@@ -59,12 +59,16 @@ Result Storage::MakeFolderFile(MailFolder& folder) {
     r = file->Create(dir / file_name);
     if (r.ok()) {
       folder.file_name_ = W(file_name);
-      folder.found_dir_ = dir;
-      folder.file_path_ = dir / file_name;
-      folder.file_ = std::move(file);
+      SetFolderFile(folder, dir / file_name, std::move(file));
     }
   }
   return r;
+}
+
+void Storage::SetFolderFile(MailFolder& folder, const std::filesystem::path& path, std::unique_ptr<FolderFile> file) {
+  folder.found_dir_ = WithTrailingSlash(path.parent_path());
+  folder.file_path_ = path;
+  folder.file_ = std::move(file);
 }
 
 void Storage::RemoveFolderFile(MailFolder& folder) {

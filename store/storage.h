@@ -154,6 +154,8 @@ class Storage {
   // storage.cpp
   std::unique_ptr<FolderFile> NewFolderFileObject();
   Result MakeFolderFile(MailFolder& folder);
+  // Gives `folder` its open folder file, found at `path`.
+  static void SetFolderFile(MailFolder& folder, const std::filesystem::path& path, std::unique_ptr<FolderFile> file);
   void RemoveFolderFile(MailFolder& folder);
   Result CheckOwnFolder(const MailFolder* folder) const;
   Result ChangeTree(const std::function<void()>& undo);

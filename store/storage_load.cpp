@@ -204,9 +204,7 @@ Result Storage::OpenFolderFile(MailFolder& folder) {
   std::unique_ptr<FolderFile> file = NewFolderFileObject();
   r = file->Open(path);
   if (r.failed()) return r;
-  folder.found_dir_ = WithTrailingSlash(path.parent_path());
-  folder.file_path_ = path;
-  folder.file_ = std::move(file);
+  SetFolderFile(folder, path, std::move(file));
   return rc::kOk;
 }
 
@@ -225,9 +223,7 @@ Result Storage::RecreateFolderFile(MailFolder& folder) {
     // Found under the last part of its name only: the index will say so at
     // its next save.
     if (target == data_dir / last_part && target != data_dir / name) folder.file_name_ = PathToWide(last_part);
-    folder.found_dir_ = WithTrailingSlash(target.parent_path());
-    folder.file_path_ = target;
-    folder.file_ = std::move(file);
+    SetFolderFile(folder, target, std::move(file));
     return rc::kOk;
   }
   return r;

@@ -101,9 +101,7 @@ Result Storage::AttachFolderFile(MailFolder* parent, const std::filesystem::path
                                      : RelativeBelow(path, host_.HomeDirectory());
   if (stored.empty()) stored = path;
   auto folder = std::make_unique<MailFolder>(*this, parent, kFolderUser, WString(name), PathToWide(stored));
-  folder->found_dir_ = WithTrailingSlash(path.parent_path());
-  folder->file_path_ = path;
-  folder->file_ = std::move(opened);
+  SetFolderFile(*folder, path, std::move(opened));
   MailFolder* added = folder.get();
   parent->children_.push_back(std::move(folder));
   r = ChangeTree([&] { parent->children_.pop_back(); });  // the file was not ours: it stays

@@ -17,7 +17,7 @@ using test::WriteFile;
 
 class ContainerTest : public ::testing::Test {
  protected:
-  void SetUp() override { ASSERT_TRUE(Reopen().ok()); }
+  void SetUp() override { ASSERT_EQ(Reopen(), rc::kOk); }
 
   Result Reopen() { return c_.Open(path_, 512, false, u"Mail Storage", u'/', false, false); }
 
@@ -39,64 +39,55 @@ class ContainerTest : public ::testing::Test {
   Container c_;
 };
 
-TEST_F(ContainerTest, SeekOriginsAndBounds) {
+TEST_F(ContainerTest, SeeksAndReadsStayInBounds) {
   auto s = Stream(u"/s");
   ASSERT_EQ(s->WriteAll("0123456789"), rc::kOk);
   struct Row {
     const char* name;
-    uint32_t from;
     int64_t offset;
     int origin;
-    uint32_t want;
+    uint32_t want;  // 4 (unchanged) when refused
     bool ok;
   } rows[] = {
-      {"start", 7, 3, kSeekStart, 3, true},
-      {"end backwards", 0, -4, kSeekEnd, 6, true},
-      {"end forwards past size", 0, 5, kSeekEnd, 15, true},
-      {"current", 4, 3, kSeekCurrent, 7, true},
-      {"current backwards", 4, -4, kSeekCurrent, 0, true},
-      {"before start", 4, -5, kSeekCurrent, 4, false},
-      {"before start from end", 4, -11, kSeekEnd, 4, false},
-      {"past 4 GB", 4, int64_t{1} << 32, kSeekStart, 4, false},
-      {"unknown origin", 4, 0, 3, 4, false},
+      {"end forwards past size", 5, kSeekEnd, 15, true},   {"current backwards to 0", -4, kSeekCurrent, 0, true},
+      {"before start", -11, kSeekEnd, 4, false},           {"past 4 GB", int64_t{1} << 32, kSeekStart, 4, false},
+      {"unknown origin", 0, 3, 4, false},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    s->Seek(row.from, kSeekStart);
+    s->Seek(4, kSeekStart);
     EXPECT_EQ(s->Seek(row.offset, row.origin), row.want);
     EXPECT_EQ(s->Position(), row.want);
     EXPECT_EQ(s->last_error().ok(), row.ok);
   }
-}
 
-TEST_F(ContainerTest, ReadsStopAtTheEnd) {
-  auto s = Stream(u"s");
-  ASSERT_EQ(s->WriteAll("abcdef"), rc::kOk);
   char buf[16] = {};
-  s->Seek(4, kSeekStart);
+  s->Seek(8, kSeekStart);
   EXPECT_EQ(s->Read(buf, sizeof buf), 2u);
-  EXPECT_EQ(std::string(buf, 2), "ef");
+  EXPECT_EQ(std::string(buf, 2), "89");
   EXPECT_EQ(s->Read(buf, sizeof buf), 0u);
   s->Seek(100, kSeekStart);
   EXPECT_EQ(s->Read(buf, sizeof buf), 0u);
   EXPECT_EQ(s->last_error(), rc::kOk);
-  s->Seek(3, kSeekStart);
+  s->Seek(7, kSeekStart);
   EXPECT_EQ(s->ReadExact(buf, 4), rc::kReadFault);
   s->Seek(0, kSeekStart);
   std::string rest;
   EXPECT_EQ(s->ReadRest(&rest, 5), rc::kInvalidData);  // bound below the size: refused, not cut
 }
 
+// Two objects on one stream see each other's changes of the size.
 TEST_F(ContainerTest, CutShortensAndWritePastEndFillsZeros) {
   auto s = Stream(u"s");
+  auto other = Stream(u"s");
   std::string data(100000, 'x');
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>('a' + i % 26);
   ASSERT_EQ(s->WriteAll(data), rc::kOk);
+  EXPECT_EQ(other->Size(), 100000u);
 
-  s->Seek(40000, kSeekStart);
-  ASSERT_EQ(s->Cut(), rc::kOk);
+  other->Seek(40000, kSeekStart);
+  ASSERT_EQ(other->Cut(), rc::kOk);
   EXPECT_EQ(s->Size(), 40000u);
-  EXPECT_EQ(s->Position(), 40000u);
   // The bytes cut away must not come back when the stream grows again.
   s->Seek(70000, kSeekStart);
   ASSERT_EQ(s->WriteAll("tail"), rc::kOk);
@@ -112,10 +103,12 @@ TEST_F(ContainerTest, CutShortensAndWritePastEndFillsZeros) {
   EXPECT_EQ(ReadAll(*s).substr(70004), std::string(6, '\0'));
   s->Seek(0, kSeekStart);
   ASSERT_EQ(s->Cut(), rc::kOk);
-  EXPECT_EQ(s->Size(), 0u);
-  s->Seek(5, kSeekStart);
-  ASSERT_EQ(s->WriteAll("z"), rc::kOk);
-  EXPECT_EQ(ReadAll(*s), std::string(5, '\0') + "z");
+  EXPECT_EQ(other->Size(), 0u);
+
+  ASSERT_EQ(c_.DeleteStream(u"s"), rc::kOk);
+  char buf[4];
+  EXPECT_EQ(other->Read(buf, 4), 0u);
+  EXPECT_EQ(other->last_error(), rc::kStreamMissing);
 }
 
 TEST_F(ContainerTest, WritesAcrossChunksAndSmallAppendsPersist) {
@@ -136,7 +129,6 @@ TEST_F(ContainerTest, WritesAcrossChunksAndSmallAppendsPersist) {
       ASSERT_EQ(s->WriteAll(std::string(20, '#')), rc::kOk);
       expect.replace(at, 20, std::string(20, '#'));
     }
-    EXPECT_EQ(ReadAll(*s), expect);
     // Odd-sized reads give the same bytes.
     s->Seek(0, kSeekStart);
     std::string pieces;
@@ -149,30 +141,6 @@ TEST_F(ContainerTest, WritesAcrossChunksAndSmallAppendsPersist) {
   auto s = Stream(u"Index", false);
   ASSERT_TRUE(s);
   EXPECT_EQ(ReadAll(*s), expect);
-}
-
-TEST_F(ContainerTest, SmallAppendCostsTheRecordNotTheStream) {
-  auto s = Stream(u"/Index");
-  ASSERT_EQ(s->WriteAll(std::string(3'000'000, 'r')), rc::kOk);
-  const uint64_t read_before = c_.counters().bytes_read;
-  s->Seek(0, kSeekEnd);
-  ASSERT_EQ(s->WriteAll(std::string(300, 'n')), rc::kOk);
-  // At most the tail row is read back to be regrown.
-  EXPECT_LE(c_.counters().bytes_read - read_before, 32768u);
-}
-
-TEST_F(ContainerTest, TwoObjectsOnOneStreamSeeEachOthersSizes) {
-  auto a = Stream(u"s");
-  auto b = Stream(u"s");
-  ASSERT_EQ(a->WriteAll("12345"), rc::kOk);
-  EXPECT_EQ(b->Size(), 5u);
-  b->Seek(2, kSeekStart);
-  ASSERT_EQ(b->Cut(), rc::kOk);
-  EXPECT_EQ(a->Size(), 2u);
-  ASSERT_EQ(c_.DeleteStream(u"s"), rc::kOk);
-  char buf[4];
-  EXPECT_EQ(a->Read(buf, 4), 0u);
-  EXPECT_EQ(a->last_error(), rc::kStreamMissing);
 }
 
 TEST_F(ContainerTest, TransactionsRollBackAndNest) {
@@ -230,7 +198,8 @@ TEST_F(ContainerTest, RootListingFollowsPatternOrderAndLimit) {
   EXPECT_EQ(list(u"????????", -1), (V{"00000002", "0000001A"}));
   EXPECT_EQ(list(u"0x", -1), V{});  // "0x" exists only as a directory of a nested stream
 
-  // Deleting entries while the search runs neither skips nor repeats names.
+  // Deleting entries while the search runs (past one batch of names)
+  // neither skips nor repeats names.
   for (int i = 0; i < 600; ++i) {
     char name[16];
     std::snprintf(name, sizeof name, "1%07X", i);
@@ -261,18 +230,10 @@ TEST_F(ContainerTest, StreamNamesAndErrors) {
   EXPECT_EQ(s->Write("x", 1), 0u);
   EXPECT_EQ(s->last_error(), rc::kStreamReadOnly);
 
-  StreamInfo info;
-  auto w = Stream(u"/info");
-  ASSERT_EQ(w->WriteAll("1234"), rc::kOk);
-  ASSERT_EQ(c_.GetStreamInfo(u"info", &info), rc::kOk);
-  EXPECT_EQ(info.size, 4u);
-  EXPECT_GT(info.created, 0);
-  EXPECT_EQ(c_.label(), u"Mail Storage");
-
   c_.Close();
-  EXPECT_EQ(w->Write("x", 1), 0u);
-  EXPECT_EQ(w->last_error(), rc::kContainerClosed);
-  EXPECT_FALSE(c_.StreamExists(u"info"));
+  EXPECT_EQ(s->Write("x", 1), 0u);
+  EXPECT_EQ(s->last_error(), rc::kContainerClosed);
+  EXPECT_FALSE(c_.StreamExists(u"ro"));
   EXPECT_EQ(c_.last_error(), rc::kContainerClosed);
 }
 
@@ -281,9 +242,10 @@ TEST_F(ContainerTest, ForeignFilesAreRefusedUntouched) {
   const std::string text = "From: someone\r\n\r\nnot a container\r\n";
   WriteFile(path_, text);
   EXPECT_EQ(Reopen(), rc::kNotContainer);
-  EXPECT_EQ(c_.last_error(), rc::kNotContainer);
   EXPECT_EQ(ReadFile(path_), text);
   EXPECT_FALSE(std::filesystem::exists(dir_ / "f.fld-wal"));
+  EXPECT_EQ(CheckAndRepair(path_, 512, true, u""), rc::kNotContainer);
+  EXPECT_EQ(ReadFile(path_), text);
 
   // An SQLite database of some other program is not ours either.
   const auto other = dir_ / "other.db";
@@ -295,9 +257,10 @@ TEST_F(ContainerTest, ForeignFilesAreRefusedUntouched) {
   EXPECT_EQ(c_.Open(other, 512, false, u"L", u'/', false, false), rc::kNotContainer);
   EXPECT_EQ(ReadFile(other), before);
 
-  // An empty file becomes an empty container.
+  // An empty file becomes an empty container; a missing one cannot be checked.
   WriteFile(dir_ / "empty.fld", "");
   EXPECT_EQ(c_.Open(dir_ / "empty.fld", 512, false, u"L", u'/', false, false), rc::kOk);
+  EXPECT_EQ(CheckAndRepair(dir_ / "nothing.fld", 512, true, u""), Result(0x80070002));
 }
 
 // Damages the headers of `count` table leaf pages (first byte 0x0D) found
@@ -315,46 +278,17 @@ void DamageLeafPages(const std::filesystem::path& p, int count) {
   WriteFile(p, bytes);
 }
 
-class ContainerRepairTest : public ContainerTest {
- protected:
-  // Fills the container with `count` streams of 6000 bytes and closes it.
-  void Fill(int count) {
-    for (int i = 0; i < count; ++i) {
-      auto s = Stream(W("m" + std::to_string(i)));
-      ASSERT_EQ(s->WriteAll(Body(i)), rc::kOk);
-    }
-    c_.Close();
-  }
-  static std::string Body(int i) { return std::string(6000, static_cast<char>('a' + i % 26)); }
-};
-
-TEST_F(ContainerRepairTest, SoundFileChecksClean) {
-  Fill(5);
-  const std::string before = ReadFile(path_);
-  EXPECT_EQ(CheckAndRepair(path_, 512, true, u""), rc::kOk);
-  EXPECT_FALSE(std::filesystem::exists(dir_ / "f.fld.damaged"));
-  ASSERT_EQ(Reopen(), rc::kOk);
-  EXPECT_EQ(ReadAll(*Stream(u"m3", false)), Body(3));
-}
-
-TEST_F(ContainerRepairTest, MissingAndForeignFiles) {
+TEST_F(ContainerTest, DamagedPagesAreSalvagedAndTheOriginalKept) {
+  auto body = [](int i) { return std::string(6000, static_cast<char>('a' + i % 26)); };
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(Stream(W("m" + std::to_string(i)))->WriteAll(body(i)), rc::kOk);
   c_.Close();
-  EXPECT_EQ(CheckAndRepair(dir_ / "nothing.fld", 512, true, u""), Result(0x80070002));
-  WriteFile(path_, "garbage, not a database at all");
-  EXPECT_EQ(CheckAndRepair(path_, 512, true, u""), rc::kNotContainer);
-  EXPECT_EQ(ReadFile(path_), "garbage, not a database at all");
-  EXPECT_EQ(std::distance(std::filesystem::directory_iterator(dir_.path()), {}), 1);
-}
-
-TEST_F(ContainerRepairTest, DamagedPagesAreSalvagedAndTheOriginalKept) {
-  Fill(200);
   DamageLeafPages(path_, 2);
   const std::string damaged = ReadFile(path_);
 
   EXPECT_EQ(CheckAndRepair(path_, 512, false, u""), rc::kContainerDamaged);
   EXPECT_EQ(ReadFile(path_), damaged);
-  ASSERT_EQ(CheckAndRepair(path_, 512, true, u""), rc::kOk);
-  EXPECT_TRUE(ReadFile(dir_ / "f.fld.damaged") == damaged);
+  ASSERT_EQ(CheckAndRepair(path_, 512, true, (dir_ / "kept").u16string()), rc::kOk);
+  EXPECT_TRUE(ReadFile(dir_ / "kept") == damaged);
 
   ASSERT_EQ(Reopen(), rc::kOk);
   int intact = 0;
@@ -363,25 +297,15 @@ TEST_F(ContainerRepairTest, DamagedPagesAreSalvagedAndTheOriginalKept) {
     if (c_.OpenStream(W("m" + std::to_string(i)), false, &s).failed()) continue;
     const std::string got = ReadAll(*s);
     // A stream keeps only bytes that could be read: a prefix of the original.
-    EXPECT_TRUE(got == Body(i).substr(0, got.size())) << "stream m" << i;
-    intact += got == Body(i);
+    EXPECT_TRUE(got == body(i).substr(0, got.size())) << "stream m" << i;
+    intact += got == body(i);
   }
   EXPECT_GT(intact, 100);
   EXPECT_LT(intact, 200);
   c_.Close();
-  EXPECT_EQ(CheckAndRepair(path_, 512, true, u""), rc::kOk);  // the result is sound
-  EXPECT_FALSE(std::filesystem::exists(dir_ / "f.fld.damaged.1"));
-}
-
-TEST_F(ContainerRepairTest, TruncatedFileIsSalvaged) {
-  Fill(100);
-  std::filesystem::resize_file(path_, std::filesystem::file_size(path_) / 2);
-  ASSERT_EQ(CheckAndRepair(path_, 512, true, (dir_ / "kept").u16string()), rc::kOk);
-  EXPECT_TRUE(std::filesystem::exists(dir_ / "kept"));
-  ASSERT_EQ(Reopen(), rc::kOk);
-  auto s = Stream(u"m0", false);
-  ASSERT_TRUE(s);
-  EXPECT_EQ(ReadAll(*s), Body(0));
+  // The result is sound: checked clean, nothing more kept aside.
+  EXPECT_EQ(CheckAndRepair(path_, 512, true, u""), rc::kOk);
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "f.fld.damaged"));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 
 #include "store/container.h"
@@ -40,30 +41,33 @@ struct FaultVfs::File {
   static File& Of(sqlite3_file* f) { return *reinterpret_cast<File*>(f); }
   static sqlite3_file* Real(sqlite3_file* f) { return Of(f).real(); }
 
-  static int Close(sqlite3_file* f) { return Real(f)->pMethods->xClose(Real(f)); }
-  static int Read(sqlite3_file* f, void* out, int n, sqlite3_int64 offset) {
-    return Real(f)->pMethods->xRead(Real(f), out, n, offset);
+  // The methods that only pass the call on to the default VFS's file.
+  template <auto Method>
+  struct Forward;
+  template <typename R, typename... A, R (*sqlite3_io_methods::*Method)(sqlite3_file*, A...)>
+  struct Forward<Method> {
+    static R Call(sqlite3_file* f, A... args) { return (Real(f)->pMethods->*Method)(Real(f), args...); }
+  };
+
+  // Records a change to be applied to the synced content at the next sync.
+  static int Track(sqlite3_file* f, int refused, Change change, const std::function<int()>& apply) {
+    File& file = Of(f);
+    if (!file.owner->WriteAllowed()) return refused;
+    const int code = apply();
+    if (code == SQLITE_OK && !file.path.empty()) {
+      std::lock_guard lock(file.owner->mu_);
+      file.owner->files_[file.path].pending.push_back(std::move(change));
+    }
+    return code;
   }
   static int Write(sqlite3_file* f, const void* data, int n, sqlite3_int64 offset) {
-    File& file = Of(f);
-    if (!file.owner->WriteAllowed()) return SQLITE_IOERR_WRITE;
-    const int code = Real(f)->pMethods->xWrite(Real(f), data, n, offset);
-    if (code == SQLITE_OK && !file.path.empty()) {
-      std::lock_guard lock(file.owner->mu_);
-      file.owner->files_[file.path].pending.push_back(
-          {false, offset, std::string(static_cast<const char*>(data), static_cast<size_t>(n))});
-    }
-    return code;
+    return Track(f, SQLITE_IOERR_WRITE,
+                 {false, offset, std::string(static_cast<const char*>(data), static_cast<size_t>(n))},
+                 [&] { return Real(f)->pMethods->xWrite(Real(f), data, n, offset); });
   }
   static int Truncate(sqlite3_file* f, sqlite3_int64 size) {
-    File& file = Of(f);
-    if (!file.owner->WriteAllowed()) return SQLITE_IOERR_TRUNCATE;
-    const int code = Real(f)->pMethods->xTruncate(Real(f), size);
-    if (code == SQLITE_OK && !file.path.empty()) {
-      std::lock_guard lock(file.owner->mu_);
-      file.owner->files_[file.path].pending.push_back({true, size, {}});
-    }
-    return code;
+    return Track(f, SQLITE_IOERR_TRUNCATE, {true, size, {}},
+                 [&] { return Real(f)->pMethods->xTruncate(Real(f), size); });
   }
   static int Sync(sqlite3_file* f, int flags) {
     File& file = Of(f);
@@ -81,44 +85,27 @@ struct FaultVfs::File {
     }
     return code;
   }
-  static int FileSize(sqlite3_file* f, sqlite3_int64* size) { return Real(f)->pMethods->xFileSize(Real(f), size); }
-  static int Lock(sqlite3_file* f, int level) { return Real(f)->pMethods->xLock(Real(f), level); }
-  static int Unlock(sqlite3_file* f, int level) { return Real(f)->pMethods->xUnlock(Real(f), level); }
-  static int CheckReservedLock(sqlite3_file* f, int* out) {
-    return Real(f)->pMethods->xCheckReservedLock(Real(f), out);
-  }
-  static int FileControl(sqlite3_file* f, int op, void* arg) { return Real(f)->pMethods->xFileControl(Real(f), op, arg); }
-  static int SectorSize(sqlite3_file* f) { return Real(f)->pMethods->xSectorSize(Real(f)); }
-  static int DeviceCharacteristics(sqlite3_file* f) { return Real(f)->pMethods->xDeviceCharacteristics(Real(f)); }
-  static int ShmMap(sqlite3_file* f, int page, int size, int extend, void volatile** out) {
-    return Real(f)->pMethods->xShmMap(Real(f), page, size, extend, out);
-  }
-  static int ShmLock(sqlite3_file* f, int offset, int n, int flags) {
-    return Real(f)->pMethods->xShmLock(Real(f), offset, n, flags);
-  }
-  static void ShmBarrier(sqlite3_file* f) { Real(f)->pMethods->xShmBarrier(Real(f)); }
-  static int ShmUnmap(sqlite3_file* f, int delete_flag) { return Real(f)->pMethods->xShmUnmap(Real(f), delete_flag); }
 };
 
 // Version 2: shared memory for the write-ahead log, no memory mapping.
 const sqlite3_io_methods FaultVfs::kMethods = {
     2,
-    &File::Close,
-    &File::Read,
+    &File::Forward<&sqlite3_io_methods::xClose>::Call,
+    &File::Forward<&sqlite3_io_methods::xRead>::Call,
     &File::Write,
     &File::Truncate,
     &File::Sync,
-    &File::FileSize,
-    &File::Lock,
-    &File::Unlock,
-    &File::CheckReservedLock,
-    &File::FileControl,
-    &File::SectorSize,
-    &File::DeviceCharacteristics,
-    &File::ShmMap,
-    &File::ShmLock,
-    &File::ShmBarrier,
-    &File::ShmUnmap,
+    &File::Forward<&sqlite3_io_methods::xFileSize>::Call,
+    &File::Forward<&sqlite3_io_methods::xLock>::Call,
+    &File::Forward<&sqlite3_io_methods::xUnlock>::Call,
+    &File::Forward<&sqlite3_io_methods::xCheckReservedLock>::Call,
+    &File::Forward<&sqlite3_io_methods::xFileControl>::Call,
+    &File::Forward<&sqlite3_io_methods::xSectorSize>::Call,
+    &File::Forward<&sqlite3_io_methods::xDeviceCharacteristics>::Call,
+    &File::Forward<&sqlite3_io_methods::xShmMap>::Call,
+    &File::Forward<&sqlite3_io_methods::xShmLock>::Call,
+    &File::Forward<&sqlite3_io_methods::xShmBarrier>::Call,
+    &File::Forward<&sqlite3_io_methods::xShmUnmap>::Call,
     nullptr,
     nullptr,
 };

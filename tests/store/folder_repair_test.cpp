@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "core/byte_io.h"
 #include "store/folder_file.h"
 #include "tests/store/folder_test_util.h"
@@ -11,10 +13,12 @@ namespace {
 using test::RawFolder;
 using test::Record;
 using test::RecordingLog;
+using test::Subjects;
 using test::TempDir;
 using test::Text;
 using Lines = std::vector<std::string>;
 
+const Lines kCleanLoad = {"Loading messages count", "Loading messages index", "Loading messages"};
 const Lines kRepairedLoad = {"Loading messages count",
                              "Loading messages index",
                              "Folder loading error: The data is invalid. Trying to repair",
@@ -22,6 +26,7 @@ const Lines kRepairedLoad = {"Loading messages count",
                              "Loading messages index",
                              "Loading messages"};
 
+// A closed folder file with five unread messages "m0".."m4", keys 1..5.
 class FolderRepairTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -43,12 +48,12 @@ class FolderRepairTest : public ::testing::Test {
     return at;
   }
 
-  // Opens and loads with a rebuild hook that takes the subject from the text.
   Result OpenAndLoad(FolderFile& f) {
     Result r = f.Open(path_);
     return r.failed() ? r : f.LoadIndex();
   }
 
+  // A rebuild hook that takes the subject from the text.
   FolderFileOptions WithRebuilder() {
     FolderFileOptions o;
     o.rebuilder = [this](std::string_view head, MessageRecord* r) {
@@ -58,12 +63,6 @@ class FolderRepairTest : public ::testing::Test {
       r->flags &= ~msgflag::kNeedsHeaderRefresh;
     };
     return o;
-  }
-
-  std::vector<std::string> Subjects(FolderFile& f) {
-    std::vector<std::string> out;
-    for (const MessageRecord& r : f.Messages()) out.push_back(WideToUtf8(r.subject));
-    return out;
   }
 
   // Every message of the folder reads back as the text it was given.
@@ -82,65 +81,58 @@ class FolderRepairTest : public ::testing::Test {
   int rebuilt_ = 0;
 };
 
-TEST_F(FolderRepairTest, GarbageInARecordIsRepairedWithoutLosingMessages) {
-  std::string damaged = index_;
-  const uint32_t at = RecordOffset(2);
-  PutU32(reinterpret_cast<uint8_t*>(damaged.data()) + at, 0x7FFFFFF0);  // a length beyond the stream
-  for (uint32_t i = at + 80; i < at + 100; ++i) damaged[i] = '\xEE';
-  RawFolder(path_).Write(u"/Index", damaged);
+TEST_F(FolderRepairTest, DamagedIndexIsRepairedWithoutLosingMessages) {
+  auto put_u32 = [](std::string s, uint32_t at, uint32_t v) {
+    PutU32(reinterpret_cast<uint8_t*>(s.data()) + at, v);
+    return s;
+  };
+  struct Row {
+    const char* name;
+    std::string index;
+    bool hook;
+    Lines subjects;
+    uint32_t lost_key;  // a message whose record had to be rebuilt
+    int rebuilt;
+  };
+  std::string garbage = put_u32(index_, RecordOffset(2), 0x7FFFFFF0);  // a length beyond the stream
+  for (uint32_t i = RecordOffset(2) + 80; i < RecordOffset(2) + 100; ++i) garbage[i] = '\xEE';
+  const Row rows[] = {
+      // m2's record was lost; its stream got a new record at the end.
+      {"garbage in a record", garbage, true, {"m0", "m1", "m3", "m4", "m2"}, 3, 1},
+      // A zero length ends the index; the records behind it are found again.
+      {"zero length", put_u32(index_, RecordOffset(1), 0), false, {"m0", "m2", "m3", "m4", ""}, 2, 0},
+      // Nothing in the index looks wrong, but "/Counts" says 5 and the sweep
+      // would otherwise delete three messages.
+      {"cut at a record boundary", index_.substr(0, RecordOffset(2)), true, {"m0", "m1", "m2", "m3", "m4"}, 5, 3},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    RawFolder(path_).Write(u"/Index", row.index);
+    log_.lines.clear();
+    rebuilt_ = 0;
+    FolderFile f(log_, row.hook ? WithRebuilder() : FolderFileOptions{});
+    ASSERT_EQ(OpenAndLoad(f), rc::kOk);
+    EXPECT_EQ(log_.lines, kRepairedLoad);
+    EXPECT_EQ(Subjects(f), row.subjects);
+    EXPECT_EQ(rebuilt_, row.rebuilt);
+    const MessageRecord lost = *f.FindMessage(row.lost_key);
+    EXPECT_EQ(lost.size, Text("m0").size());
+    EXPECT_GT(lost.received_date, 40000.0);
+    EXPECT_EQ(lost.flags, row.hook ? 0u : msgflag::kNeedsHeaderRefresh);  // the hook clears it
+    EXPECT_EQ(f.counts(), (FolderCounts{5, 5}));
+    ExpectAllReadable(f);
 
-  FolderFile f(log_, WithRebuilder());
-  ASSERT_EQ(OpenAndLoad(f), rc::kOk);
-  EXPECT_EQ(log_.lines, kRepairedLoad);
-  // m2's record was lost; its stream got a new record at the end, filled by the hook.
-  EXPECT_EQ(Subjects(f), (std::vector<std::string>{"m0", "m1", "m3", "m4", "m2"}));
-  EXPECT_EQ(rebuilt_, 1);
-  const MessageRecord m2 = *f.FindMessage(3);
-  EXPECT_EQ(m2.size, Text("m2").size());
-  EXPECT_GT(m2.received_date, 40000.0);
-  EXPECT_EQ(f.counts(), (FolderCounts{5, 5}));
-  ExpectAllReadable(f);
-
-  // The repaired file loads cleanly.
-  f.Close();
-  log_.lines.clear();
-  ASSERT_EQ(OpenAndLoad(f), rc::kOk);
-  EXPECT_EQ(log_.lines, (Lines{"Loading messages count", "Loading messages index", "Loading messages"}));
-  EXPECT_EQ(f.MessageCount(), 5u);
-}
-
-TEST_F(FolderRepairTest, RecordsAfterAZeroLengthRecordAreRecovered) {
-  // A zero length ends the index; the records behind it are found again.
-  std::string damaged = index_;
-  PutU32(reinterpret_cast<uint8_t*>(damaged.data()) + RecordOffset(1), 0);
-  RawFolder(path_).Write(u"/Index", damaged);
-
-  FolderFile f(log_);  // no hook: lost records stay minimal
-  ASSERT_EQ(OpenAndLoad(f), rc::kOk);
-  EXPECT_EQ(log_.lines, kRepairedLoad);
-  EXPECT_EQ(Subjects(f), (std::vector<std::string>{"m0", "m2", "m3", "m4", ""}));
-  const MessageRecord m1 = *f.FindMessage(2);
-  EXPECT_EQ(m1.flags, msgflag::kNeedsHeaderRefresh);
-  EXPECT_EQ(m1.size, Text("m1").size());
-  ExpectAllReadable(f);
-}
-
-TEST_F(FolderRepairTest, IndexCutShortKeepsMessagesTheCountsPromised) {
-  // Cut at a record boundary: nothing in the index itself looks wrong, but
-  // "/Counts" says 5 and the sweep would otherwise delete three messages.
-  RawFolder(path_).Write(u"/Index", index_.substr(0, RecordOffset(2)));
-  FolderFile f(log_, WithRebuilder());
-  ASSERT_EQ(OpenAndLoad(f), rc::kOk);
-  EXPECT_EQ(log_.lines, kRepairedLoad);
-  EXPECT_EQ(Subjects(f), (std::vector<std::string>{"m0", "m1", "m2", "m3", "m4"}));
-  ExpectAllReadable(f);
+    // The repaired file loads cleanly.
+    f.Close();
+    log_.lines.clear();
+    ASSERT_EQ(OpenAndLoad(f), rc::kOk);
+    EXPECT_EQ(log_.lines, kCleanLoad);
+    EXPECT_EQ(f.MessageCount(), 5u);
+  }
 }
 
 TEST_F(FolderRepairTest, MissingOrHeaderlessIndex) {
-  {
-    RawFolder raw(path_);
-    ASSERT_EQ(raw.container().DeleteStream(u"/Index"), rc::kOk);
-  }
+  ASSERT_EQ(RawFolder(path_).container().DeleteStream(u"/Index"), rc::kOk);
   FolderFile f(log_);
   ASSERT_EQ(OpenAndLoad(f), rc::kOk);
   EXPECT_EQ(log_.lines[2], "Folder loading error: The system cannot find the file specified. Trying to repair");
@@ -149,15 +141,14 @@ TEST_F(FolderRepairTest, MissingOrHeaderlessIndex) {
 
   // An index stream shorter than its header, with no messages: a 0 header is
   // written, no repair needed.
-  TempDir other;
-  const auto empty = other / "e.fld";
+  const auto empty = dir_ / "e.fld";
   ASSERT_EQ(f.Create(empty), rc::kOk);
   f.Close();
   RawFolder(empty).Write(u"/Index", "\x07\x07");
   RawFolder(empty).Write(u"/Counts", "");
   log_.lines.clear();
   ASSERT_EQ(f.Open(empty), rc::kOk);
-  EXPECT_EQ(log_.lines, (Lines{"Loading messages count", "Loading messages index", "Loading messages"}));
+  EXPECT_EQ(log_.lines, kCleanLoad);
   f.Close();
   EXPECT_EQ(RawFolder(empty).Read(u"/Index"), std::string(4, '\0'));
 }
@@ -204,7 +195,7 @@ TEST_F(FolderRepairTest, DamagedContainerIsRepairedAndReadAgain) {
 }
 
 TEST_F(FolderRepairTest, CheckOnRequestLeavesASoundFileAlone) {
-  FolderFile f(log_);
+  FolderFile f(log_, WithRebuilder());
   ASSERT_EQ(f.Open(path_), rc::kOk);
   ASSERT_EQ(f.CheckAndRepairFile(), rc::kOk);
   EXPECT_EQ(f.MessageCount(), 5u);

@@ -8,19 +8,12 @@
 #include <string>
 #include <vector>
 
-#include "core/activity_log.h"
 #include "store/container.h"
 #include "store/container_stream.h"
 #include "store/folder_file.h"
+#include "tests/core/recording_log.h"
 
 namespace trv::test {
-
-// Keeps every log line.
-class RecordingLog final : public LogSink {
- public:
-  void Log(std::string_view text, int level) override { lines.emplace_back(text); }
-  std::vector<std::string> lines;
-};
 
 inline MessageRecord Record(std::string subject, bool read = false) {
   MessageRecord r;
@@ -36,6 +29,13 @@ inline MessageRecord Record(std::string subject, bool read = false) {
 
 inline std::string Text(const std::string& subject, size_t body = 200) {
   return "Subject: " + subject + "\r\nFrom: ann@example.org\r\n\r\n" + std::string(body, 'b') + "\r\n";
+}
+
+// The messages' subjects in index order.
+inline std::vector<std::string> Subjects(const FolderFile& f) {
+  std::vector<std::string> out;
+  for (const MessageRecord& r : f.Messages()) out.push_back(WideToUtf8(r.subject));
+  return out;
 }
 
 // Opens a closed folder file's container directly, to look at or damage

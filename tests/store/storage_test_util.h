@@ -2,7 +2,6 @@
 // or stop on demand, and a storage host over temporary directories.
 #pragma once
 
-#include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <string>
@@ -25,35 +24,27 @@ class FaultyFileOps : public PosixStorageFileOps {
   int fail_at = -1;
   bool crash = false;
   int changes = 0;
-  std::vector<std::string> log;  // "rename a -> b", ... (file names only)
 
   Result WriteNewFile(const std::filesystem::path& p, std::string_view bytes) override {
-    if (Fails("write " + Name(p))) return kFault;
-    return PosixStorageFileOps::WriteNewFile(p, bytes);
+    return Fails() ? kFault : PosixStorageFileOps::WriteNewFile(p, bytes);
   }
   Result RemoveFile(const std::filesystem::path& p) override {
-    if (Fails("remove " + Name(p))) return kFault;
-    return PosixStorageFileOps::RemoveFile(p);
+    return Fails() ? kFault : PosixStorageFileOps::RemoveFile(p);
   }
   Result Rename(const std::filesystem::path& a, const std::filesystem::path& b) override {
-    if (Fails("rename " + Name(a) + " -> " + Name(b))) return kFault;
-    return PosixStorageFileOps::Rename(a, b);
+    return Fails() ? kFault : PosixStorageFileOps::Rename(a, b);
   }
   Result CopyFile(const std::filesystem::path& a, const std::filesystem::path& b) override {
-    if (Fails("copy " + Name(a) + " -> " + Name(b))) return kFault;
-    return PosixStorageFileOps::CopyFile(a, b);
+    return Fails() ? kFault : PosixStorageFileOps::CopyFile(a, b);
   }
   Result MoveFile(const std::filesystem::path& a, const std::filesystem::path& b) override {
-    if (Fails("move " + Name(a) + " -> " + Name(b))) return kFault;
-    return PosixStorageFileOps::MoveFile(a, b);
+    return Fails() ? kFault : PosixStorageFileOps::MoveFile(a, b);
   }
 
   static constexpr Result kFault{0x8007045D};  // the I/O error of EIO
 
  private:
-  static std::string Name(const std::filesystem::path& p) { return p.filename().string(); }
-  bool Fails(std::string what) {
-    log.push_back(std::move(what));
+  bool Fails() {
     const int n = changes++;
     return n == fail_at || (crash && fail_at >= 0 && n > fail_at);
   }
