@@ -107,10 +107,9 @@ TEST(ComposeTest, StructureChoiceRoundTrips) {
     EXPECT_EQ(Shape(x.m.root()), row.shape);
     ASSERT_TRUE(x.Reparse().ok()) << DescribeParseProblems(x.back.problems());
     const std::string text = x.Text();
-    const size_t preambles = text.find("This is a multi-part") == std::string::npos ? 0 : 1;
-    EXPECT_EQ(preambles, x.m.root().IsMultipart() ? 1u : 0u);
-    EXPECT_EQ(text.find("This is a multi-part", text.find("This is a multi-part") + 1), std::string::npos)
-        << "only the root carries the preamble";
+    const size_t preamble = text.find("This is a multi-part");
+    EXPECT_EQ(preamble != std::string::npos, x.m.root().IsMultipart());
+    EXPECT_EQ(text.find("This is a multi-part", preamble + 1), std::string::npos) << "only the root has one";
     EXPECT_EQ(Shape(x.back.root()), row.shape);
     EXPECT_EQ(x.back.header().DisplayText(field::kSubject), u"Grüße");
     const auto sent = Leaves(x.m);
@@ -369,21 +368,20 @@ TEST(PriorityTest, SettingThePriority) {
 }
 
 TEST(PriorityTest, ReadingPriorityAndUnsent) {
-  const std::pair<const char*, Priority> priorities[] = {
-      {"", Priority::kNormal},             {"X-Priority: 1 (highest)", Priority::kHigh},
-      {"X-Priority:  2", Priority::kHigh}, {"X-Priority: 3", Priority::kNormal},
-      {"X-Priority: 5 (lowest)", Priority::kLow}, {"X-Priority: urgent", Priority::kNormal},
+  struct Row { const char* lines; Priority priority; bool unsent; };
+  const Row rows[] = {
+      {"", Priority::kNormal, false},
+      {"X-Priority: 1 (highest)", Priority::kHigh, false},
+      {"X-Priority:  2\r\nX-Unsent:  1 ", Priority::kHigh, true},
+      {"X-Priority: 3\r\nX-Unsent: 0", Priority::kNormal, false},
+      {"X-Priority: 5 (lowest)", Priority::kLow, false},
+      {"X-Priority: urgent", Priority::kNormal, false},
   };
-  for (const auto& [line, expected] : priorities) {
+  for (const Row& r : rows) {
     CXmHeader h;
-    ASSERT_TRUE(h.Parse(std::string(line) + "\r\n\r\n", "us-ascii").ok());
-    EXPECT_EQ(ReadPriority(h), expected) << line;
-  }
-  const std::pair<const char*, bool> unsent[] = {{"X-Unsent:  1 ", true}, {"X-Unsent: 0", false}, {"", false}};
-  for (const auto& [line, expected] : unsent) {
-    CXmHeader h;
-    ASSERT_TRUE(h.Parse(std::string(line) + "\r\n\r\n", "us-ascii").ok());
-    EXPECT_EQ(ReadUnsent(h), expected) << line;
+    ASSERT_TRUE(h.Parse(std::string(r.lines) + "\r\n\r\n", "us-ascii").ok());
+    EXPECT_EQ(ReadPriority(h), r.priority) << r.lines;
+    EXPECT_EQ(ReadUnsent(h), r.unsent) << r.lines;
   }
 }
 
@@ -391,9 +389,6 @@ TEST(FactsTest, FromAParsedMessageAndFromItsHeader) {
   ComposedMessage c = WithBody(u"x");
   c.from = u"Jörg <j@example.org>";
   c.sender = u"assistant@example.org";
-  c.to = u"a@example.org, b@example.org";
-  c.cc = u"c@example.org";
-  c.subject = u"Report";
   c.priority = Priority::kHigh;
   c.parts.attachments.push_back({{}, "pdf", u"r.pdf", {}, {}});
   Composed x(c);
@@ -401,14 +396,10 @@ TEST(FactsTest, FromAParsedMessageAndFromItsHeader) {
   ASSERT_TRUE(x.Reparse().ok());
 
   const MessageFacts facts = ReadMessageFacts(x.back);
-  EXPECT_EQ(facts.subject, u"Report");
   EXPECT_EQ(facts.from, u"Jörg <j@example.org>");
-  EXPECT_EQ(facts.to, u"a@example.org, b@example.org");
-  EXPECT_EQ(facts.cc, u"c@example.org");
   const WString id = x.m.GetMessageId();
-  EXPECT_EQ(facts.message_id, id.substr(1, id.size() - 2));
+  EXPECT_EQ(facts.message_id, id.substr(1, id.size() - 2)) << "without its angle brackets";
   EXPECT_EQ(facts.priority, Priority::kHigh);
-  EXPECT_TRUE(facts.unsent);
   EXPECT_TRUE(facts.has_attachments);
   EXPECT_EQ(facts.flags(), x.flags);
   EXPECT_EQ(SenderAddress(x.back.header()), u"assistant@example.org");
