@@ -3,41 +3,17 @@
 #include <cstdint>
 
 #include "mime/base64_table.h"
+#include "mime/codec_streams.h"
 
 namespace trv {
 
-using b64::kAlphabet;
-
 std::string Base64Encode(std::string_view bytes, int line_width) {
-  std::string out;
-  out.reserve((bytes.size() + 2) / 3 * 4 + (line_width > 0 ? bytes.size() / 38 + 2 : 0));
-  int col = 0;
-  auto put = [&](char c) {
-    if (line_width > 0 && col == line_width) {
-      out += "\r\n";
-      col = 0;
-    }
-    out.push_back(c);
-    ++col;
-  };
-  const auto* p = reinterpret_cast<const uint8_t*>(bytes.data());
-  size_t i = 0;
-  for (; i + 3 <= bytes.size(); i += 3) {
-    const uint32_t v = uint32_t(p[i]) << 16 | uint32_t(p[i + 1]) << 8 | p[i + 2];
-    put(kAlphabet[v >> 18]);
-    put(kAlphabet[(v >> 12) & 63]);
-    put(kAlphabet[(v >> 6) & 63]);
-    put(kAlphabet[v & 63]);
-  }
-  if (i < bytes.size()) {
-    uint32_t v = uint32_t(p[i]) << 16;
-    if (i + 1 < bytes.size()) v |= uint32_t(p[i + 1]) << 8;
-    put(kAlphabet[v >> 18]);
-    put(kAlphabet[(v >> 12) & 63]);
-    put(i + 1 < bytes.size() ? kAlphabet[(v >> 6) & 63] : '=');
-    put('=');
-  }
-  return out;
+  // The encoder filter, with a work buffer that holds the whole result.
+  CXmMemoryStream out;
+  CXmBase64Encoder encoder(out, line_width, (bytes.size() + 2) / 3 * 4 + bytes.size() / 38 + 8);
+  encoder.Write(bytes).Ignore();  // a memory stream does not fail
+  encoder.Finish().Ignore();
+  return out.Take();
 }
 
 bool Base64Decode(std::string_view text, std::string& out) {

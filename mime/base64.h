@@ -1,5 +1,6 @@
 // Base64 of RFC 2045 ("A"-"Z", "a"-"z", "0"-"9", "+", "/", "=" padding) over
-// whole buffers. The stream filters of the transfer encodings build on these.
+// whole buffers. Encoding is the encoder filter's (mime/codec_streams.h); the
+// decoder here stops at the first padding, unlike the decoder filter.
 #pragma once
 
 #include <string>
