@@ -96,6 +96,11 @@ TEST(Base64Test, KnownValuesAndLineBreaks) {
     EXPECT_TRUE(Base64Decode(encoded, decoded));
     EXPECT_EQ(decoded, plain);
   }
+  std::string decoded;
+  EXPECT_TRUE(Base64Decode("YQ==Yg==", decoded));
+  EXPECT_EQ(decoded, "a") << "the whole-buffer decoder stops at the first padding";
+  EXPECT_FALSE(Base64Decode("YW*Jj", decoded));
+  EXPECT_EQ(decoded, "abc");
   const std::string whole = Base64Encode(RandomBytes(200, 1), 76);
   EXPECT_EQ(whole.substr(76, 2), "\r\n");
   EXPECT_EQ(whole.substr(0, 76).find('\r'), std::string::npos);
