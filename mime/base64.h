@@ -1,6 +1,5 @@
 // Base64 of RFC 2045 ("A"-"Z", "a"-"z", "0"-"9", "+", "/", "=" padding) over
-// whole buffers. Encoding is the encoder filter's (mime/codec_streams.h); the
-// decoder here stops at the first padding, unlike the decoder filter.
+// whole buffers, made by the stream filters of mime/codec_streams.h.
 #pragma once
 
 #include <string>
