@@ -1,5 +1,5 @@
 // Base64 of RFC 2045 ("A"-"Z", "a"-"z", "0"-"9", "+", "/", "=" padding) over
-// whole buffers. The stream filters of the transfer encodings build on these.
+// whole buffers, made by the stream filters of mime/codec_streams.h.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-// The base64 alphabet and its decoding table, shared by the whole-buffer
-// functions and the stream filters (internal to trv_mime).
+// The base64 alphabet and its decoding table for the stream filters
+// (internal to trv_mime).
 #pragma once
 
 #include <cstdint>

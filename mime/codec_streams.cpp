@@ -1,6 +1,7 @@
 #include "mime/codec_streams.h"
 
 #include "mime/base64_table.h"
+#include "mime/hex_digits.h"
 #include "mime/quoted_printable.h"
 
 namespace trv {
@@ -8,13 +9,6 @@ namespace trv {
 namespace {
 using b64::kAlphabet;
 constexpr const b64::DecodeTable& kB64Table = b64::kDecode;
-
-int HexValue(unsigned char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  return -1;
-}
 
 // Bytes with a meaning of their own to the quoted-printable decoder.
 struct QpSpecial {
@@ -222,7 +216,6 @@ void CXmQpEncoder::PutToken(const char* token, int length) {
 }
 
 void CXmQpEncoder::Filter(const unsigned char* p, size_t n) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
   for (size_t i = 0; i < n; ++i) {
     if (space_held_) {
       PutToken(" ", 1);
@@ -235,7 +228,7 @@ void CXmQpEncoder::Filter(const unsigned char* p, size_t n) {
       const char c = static_cast<char>(b);
       PutToken(&c, 1);
     } else {
-      const char esc[3] = {'=', kHex[b >> 4], kHex[b & 15]};
+      const char esc[3] = {'=', kUpperHexDigits[b >> 4], kUpperHexDigits[b & 15]};
       PutToken(esc, 3);
     }
   }

@@ -4,19 +4,13 @@
 
 #include "mime/base64.h"
 #include "mime/charset/converter.h"
+#include "mime/hex_digits.h"
 
 namespace trv {
 
 namespace {
 
 bool IsBlank(char16_t c) { return c == u' ' || c == u'\t' || c == u'\r' || c == u'\n'; }
-
-int HexValue(char16_t c) {
-  if (c >= u'0' && c <= u'9') return c - u'0';
-  if (c >= u'A' && c <= u'F') return c - u'A' + 10;
-  if (c >= u'a' && c <= u'f') return c - u'a' + 10;
-  return -1;
-}
 
 enum class Scan { kWord, kNotWord, kNoMoreWords };
 

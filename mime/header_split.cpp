@@ -111,6 +111,12 @@ class Splitter {
 
 }  // namespace
 
+void SplitMediaType(WStringView value, WString* type, WString* subtype) {
+  const size_t slash = value.find(u'/');
+  *type = ToLowerAscii(TrimView(value.substr(0, slash)));
+  *subtype = slash == WStringView::npos ? WString() : ToLowerAscii(TrimView(value.substr(slash + 1)));
+}
+
 Result SplitField(WStringView text, CXmHeaderField* field) {
   const size_t colon = text.find(u':');
   if (colon == WStringView::npos) {

@@ -31,4 +31,8 @@ inline constexpr size_t kMaxParameterCount = 128;
 // alone and gives 0xA0003000; so does dropping parameters past the limit.
 Result SplitField(WStringView text, CXmHeaderField* field);
 
+// A media type value "type/subtype", each side trimmed and in lower case;
+// without "/" the subtype is empty.
+void SplitMediaType(WStringView value, WString* type, WString* subtype);
+
 }  // namespace trv

@@ -4,6 +4,7 @@
 #include <climits>
 
 #include "mime/charset/converter.h"
+#include "mime/hex_digits.h"
 #include "mime/quoted_printable.h"
 
 namespace trv {
@@ -150,16 +151,13 @@ class FieldWriter {
   void ExtendedParam(WStringView name, WStringView value) {
     Text(name);
     std::string text = "*=" + charset_name_ + "''";
-    static constexpr char kHex[] = "0123456789ABCDEF";
     for (unsigned char b : Convert(value)) {
       const bool plain = (b >= 'A' && b <= 'Z') || (b >= 'a' && b <= 'z') || (b >= '0' && b <= '9') ||
                          (b && std::string_view("!#$&+-.^_`|~").find(static_cast<char>(b)) != std::string_view::npos);
       if (plain) {
         text.push_back(static_cast<char>(b));
       } else {
-        text.push_back('%');
-        text.push_back(kHex[b >> 4]);
-        text.push_back(kHex[b & 15]);
+        AppendHexEscape('%', b, &text);
       }
     }
     for (char c : text) folder_.Char(c);

@@ -4,6 +4,7 @@
 
 #include "mime/charset/converter.h"
 #include "mime/encoded_word.h"
+#include "mime/header_split.h"
 #include "mime/message_flags.h"
 #include "mime/mime_message.h"
 #include "mime/part_parser.h"
@@ -100,9 +101,7 @@ void CXmMessagePart::SplitType(WString* type, WString* subtype) const {
   const CXmHeaderField* f = header_.Find(field::kContentType);
   WStringView value = f ? TrimView(f->value()) : WStringView();
   if (value.empty()) value = default_type_;
-  const size_t slash = value.find(u'/');
-  *type = ToLowerAscii(TrimView(value.substr(0, slash)));
-  *subtype = slash == WStringView::npos ? WString() : ToLowerAscii(TrimView(value.substr(slash + 1)));
+  SplitMediaType(value, type, subtype);
 }
 
 WString CXmMessagePart::GetType() const {
@@ -119,7 +118,12 @@ WString CXmMessagePart::GetSubtype() const {
   return subtype;
 }
 
-WString CXmMessagePart::GetContentType() const { return GetType() + u"/" + GetSubtype(); }
+WString CXmMessagePart::GetContentType() const {
+  WString type;
+  WString subtype;
+  SplitType(&type, &subtype);
+  return type + u"/" + subtype;
+}
 
 void CXmMessagePart::Reset() {
   header_.Clear();
@@ -200,7 +204,12 @@ void CXmMessagePart::SetBodyRange(uint64_t offset, uint64_t length, TransferEnco
 }
 
 bool CXmMessagePart::IsText() const { return GetType() == u"text"; }
-bool CXmMessagePart::IsPlainText() const { return IsText() && GetSubtype() == u"plain"; }
+bool CXmMessagePart::IsPlainText() const {
+  WString type;
+  WString subtype;
+  SplitType(&type, &subtype);
+  return type == u"text" && subtype == u"plain";
+}
 bool CXmMessagePart::IsMessage() const { return GetType() == u"message"; }
 bool CXmMessagePart::IsImage() const { return GetType() == u"image"; }
 bool CXmMessagePart::IsAudio() const { return GetType() == u"audio"; }

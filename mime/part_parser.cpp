@@ -27,12 +27,6 @@ bool StartsField(std::string_view line) {
   return i < line.size() && line[i] == ':';
 }
 
-void SplitMediaType(WStringView value, WString* type, WString* subtype) {
-  const size_t slash = value.find(u'/');
-  *type = ToLowerAscii(TrimView(value.substr(0, slash)));
-  *subtype = slash == WStringView::npos ? WString() : ToLowerAscii(TrimView(value.substr(slash + 1)));
-}
-
 constexpr struct {
   uint32_t bit;
   const char* text;

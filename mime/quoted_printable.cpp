@@ -1,23 +1,15 @@
 #include "mime/quoted_printable.h"
 
+#include "mime/hex_digits.h"
+
 namespace trv {
-
-namespace {
-constexpr char kHex[] = "0123456789ABCDEF";
-
-void PutEscape(unsigned char b, std::string* out) {
-  out->push_back('=');
-  out->push_back(kHex[b >> 4]);
-  out->push_back(kHex[b & 15]);
-}
-}  // namespace
 
 void QpEncodeBytes(std::string_view bytes, std::string* out) {
   for (unsigned char b : bytes) {
     if (QpEncodedLength(b) == 1) {
       out->push_back(static_cast<char>(b));
     } else {
-      PutEscape(b, out);
+      AppendHexEscape('=', b, out);
     }
   }
 }
@@ -43,7 +35,7 @@ void EncodeHeaderWord(std::string_view text, size_t* index, int budget, std::str
     if (cost == 1) {
       out->push_back(static_cast<char>(b));
     } else {
-      PutEscape(b, out);
+      AppendHexEscape('=', b, out);
     }
     count += cost;
     ++*index;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "mime/charset/converter.h"
+#include "mime/hex_digits.h"
 
 namespace trv {
 
@@ -51,13 +52,6 @@ NamePart SplitName(const WString& name) {
   p.base = name.substr(0, star);
   p.section = n;
   return p;
-}
-
-int HexValue(char16_t c) {
-  if (c >= u'0' && c <= u'9') return c - u'0';
-  if (c >= u'A' && c <= u'F') return c - u'A' + 10;
-  if (c >= u'a' && c <= u'f') return c - u'a' + 10;
-  return -1;
 }
 
 void PercentDecode(WStringView s, std::string* out) {

@@ -5,6 +5,7 @@
 
 #include "core/wide_string.h"
 #include "mime/base64.h"
+#include "mime/hex_digits.h"
 
 namespace trv {
 
@@ -114,13 +115,7 @@ Result SaslClient::Step(std::string_view challenge, std::string* answer) {
                  &length)) {
     return rc::kSaslUnavailable;
   }
-  static const char kHex[] = "0123456789abcdef";
-  std::string response = user_ + " ";
-  for (size_t i = 0; i < length; ++i) {
-    response += kHex[digest[i] >> 4];
-    response += kHex[digest[i] & 15];
-  }
-  *answer = Encode(response);
+  *answer = Encode(user_ + " " + LowerHex(std::string_view(reinterpret_cast<const char*>(digest), length)));
   complete_ = true;
   return rc::kOk;
 }

@@ -11,6 +11,7 @@
 #include <cstdio>
 
 #include "core/thread_annotations.h"
+#include "mime/hex_digits.h"
 #include "net/certificate_check.h"
 #include "net/socket_errors.h"
 #include "net/transport.h"
@@ -155,14 +156,21 @@ std::vector<std::string> TlsCertificate::DnsNames() const {
 }
 
 namespace {
-std::string NameText(const X509_NAME* name) {
+// What `print` writes into a memory BIO, as text.
+template <typename Print>
+std::string PrintedText(Print print) {
   BIO* b = BIO_new(BIO_s_mem());
-  X509_NAME_print_ex(b, name, 0, XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB);
+  if (!b) return {};
+  print(b);
   char* data = nullptr;
   const long n = BIO_get_mem_data(b, &data);
   std::string text(data, n > 0 ? static_cast<size_t>(n) : 0);
   BIO_free(b);
   return text;
+}
+
+std::string NameText(const X509_NAME* name) {
+  return PrintedText([&](BIO* b) { X509_NAME_print_ex(b, name, 0, XN_FLAG_ONELINE & ~ASN1_STRFLGS_ESC_MSB); });
 }
 }  // namespace
 
@@ -170,26 +178,14 @@ std::string TlsCertificate::Subject() const { return NameText(X509_get_subject_n
 std::string TlsCertificate::Issuer() const { return NameText(X509_get_issuer_name(x509_)); }
 
 std::string TlsCertificate::NotAfter() const {
-  BIO* b = BIO_new(BIO_s_mem());
-  ASN1_TIME_print(b, X509_get0_notAfter(x509_));
-  char* data = nullptr;
-  const long n = BIO_get_mem_data(b, &data);
-  std::string text(data, n > 0 ? static_cast<size_t>(n) : 0);
-  BIO_free(b);
-  return text;
+  return PrintedText([&](BIO* b) { ASN1_TIME_print(b, X509_get0_notAfter(x509_)); });
 }
 
 std::string TlsCertificate::Sha256() const {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
   if (!X509_digest(x509_, EVP_sha256(), md, &len)) return {};
-  static const char kHex[] = "0123456789abcdef";
-  std::string hex;
-  for (unsigned i = 0; i < len; ++i) {
-    hex += kHex[md[i] >> 4];
-    hex += kHex[md[i] & 15];
-  }
-  return hex;
+  return LowerHex(std::string_view(reinterpret_cast<const char*>(md), len));
 }
 
 std::string TlsCertificate::Der() const {
@@ -293,18 +289,25 @@ Result TlsEngine::Setup(const Options& options) {
   return rc::kOk;
 }
 
+namespace {
+// The engine whose handshake a chain check belongs to.
+TlsEngine* EngineOf(X509_STORE_CTX* store_ctx) {
+  auto* ssl = static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store_ctx, SSL_get_ex_data_X509_STORE_CTX_idx()));
+  return ssl ? static_cast<TlsEngine*>(SSL_get_ex_data(ssl, g_engine_index)) : nullptr;
+}
+}  // namespace
+
 int TlsEngine::CollectCallback(int ok, X509_STORE_CTX* store_ctx) {
   if (!ok) {
-    auto* ssl = static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store_ctx, SSL_get_ex_data_X509_STORE_CTX_idx()));
-    auto* self = ssl ? static_cast<TlsEngine*>(SSL_get_ex_data(ssl, g_engine_index)) : nullptr;
-    if (self) self->chain_flags_ |= ChainFlagForVerifyError(X509_STORE_CTX_get_error(store_ctx));
+    if (TlsEngine* self = EngineOf(store_ctx)) {
+      self->chain_flags_ |= ChainFlagForVerifyError(X509_STORE_CTX_get_error(store_ctx));
+    }
   }
   return 1;  // go on, so that every problem of the chain is counted
 }
 
 int TlsEngine::VerifyCallback(X509_STORE_CTX* store_ctx, void*) {
-  auto* ssl = static_cast<SSL*>(X509_STORE_CTX_get_ex_data(store_ctx, SSL_get_ex_data_X509_STORE_CTX_idx()));
-  auto* self = ssl ? static_cast<TlsEngine*>(SSL_get_ex_data(ssl, g_engine_index)) : nullptr;
+  TlsEngine* self = EngineOf(store_ctx);
   X509* leaf = X509_STORE_CTX_get0_cert(store_ctx);
   if (!self || !self->channel_ || !leaf) return 0;
   self->chain_flags_ = 0;

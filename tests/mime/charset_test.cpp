@@ -1,3 +1,5 @@
+// Character sets by name, and the converter between them and UTF-16: whole
+// buffers, byte buffers and streams cut at every buffer size.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -10,47 +12,27 @@
 namespace trv {
 namespace {
 
-TEST(CharsetTest, CreateCharsetKnowsTheSystemsNamesAndIconvs) {
-  struct Row { const char* name; const char* canonical; };
-  const Row rows[] = {
-      {"us-ascii", "us-ascii"},     {"UTF-8", "utf-8"},       {"utf8", "utf-8"},
-      {"utf-16", "utf-16"},         {"UTF16", "utf-16"},      {"iso-8859-1", "iso-8859-1"},
-      {"Latin1", "iso-8859-1"},     {"imap4-utf-7", "imap4-utf-7"},
-      {"windows-1252", "windows-1252"}, {"ibm850", "ibm850"},  // known to iconv only
-  };
-  for (const Row& r : rows) {
-    auto cs = CreateCharset(r.name);
-    ASSERT_NE(cs, nullptr) << r.name;
-    EXPECT_EQ(cs->Name(), r.canonical) << r.name;
-    EXPECT_FALSE(cs->DisplayName().empty()) << r.name;
+TEST(CharsetTest, NamesAliasesAndTheList) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"utf8", "utf-8"}, {"Latin1", "iso-8859-1"}, {"ibm850", "ibm850"}};  // the last known to iconv only
+  for (const auto& [name, canonical] : rows) {
+    auto cs = CreateCharset(name);
+    ASSERT_NE(cs, nullptr) << name;
+    EXPECT_EQ(cs->Name(), canonical) << name;
   }
   EXPECT_EQ(CreateCharset("x-no-such-charset"), nullptr);
   EXPECT_EQ(CreateCharset(""), nullptr);
-  EXPECT_FALSE(IsKnownCharset("x-no-such-charset"));
-  EXPECT_EQ(CreateCharset("iso-8859-1")->DisplayName(), u"Western European (ISO)");
-}
 
-TEST(CharsetTest, EnumCharsetsListsTheTableAndStopsOnRequest) {
-  struct Seen { std::vector<std::string> names; int stop_after = -1; };
-  auto proc = [](const WString& display, const WString& mime16, const std::string& mime8,
-                 const std::string& system, void* user, bool* stop) {
-    auto* seen = static_cast<Seen*>(user);
-    EXPECT_FALSE(display.empty());
-    EXPECT_EQ(mime16, Latin1ToWide(mime8));
-    EXPECT_FALSE(system.empty());
-    seen->names.push_back(mime8);
-    if (static_cast<int>(seen->names.size()) == seen->stop_after) *stop = true;
-  };
-  Seen all;
-  EnumCharsets(proc, &all);
-  ASSERT_GE(all.names.size(), 20u);
-  EXPECT_EQ(all.names[0], "us-ascii");
-  for (const std::string& n : all.names) EXPECT_TRUE(IsKnownCharset(n)) << n;
-  Seen some;
-  some.stop_after = 3;
-  EnumCharsets(proc, &some);
-  EXPECT_EQ(some.names.size(), 3u);
-  EnumCharsets(nullptr, nullptr);  // no callback: nothing happens
+  std::vector<std::string> names;
+  EnumCharsets(
+      [](const WString&, const WString&, const std::string& mime8, const std::string&, void* user, bool* stop) {
+        auto* seen = static_cast<std::vector<std::string>*>(user);
+        seen->push_back(mime8);
+        if (seen->size() == 3) *stop = true;
+      },
+      &names);
+  EXPECT_EQ(names.size(), 3u) << "a stop request ends the list";
+  for (const std::string& n : names) EXPECT_TRUE(IsKnownCharset(n)) << n;
   DeInitCharsets();
   EXPECT_NE(CreateCharset("utf-8"), nullptr) << "tables come back after DeInitCharsets";
 }
@@ -60,9 +42,6 @@ TEST(ConverterTest, DecodesToUtf16) {
   const Row rows[] = {
       {"latin-1", "iso-8859-1", "Gr\xFC\xDF" "e", u"Gr\u00fc\u00dfe", true},
       {"utf-8 with a pair", "utf-8", "a\xE2\x82\xAC\xF0\x9F\x98\x80", u"a\u20ac\U0001F600", true},
-      {"windows-1252 euro", "windows-1252", "\x80", u"\u20ac", true},
-      {"koi8-r", "koi8-r", "\xF0\xD2\xC9", u"\u041f\u0440\u0438", true},
-      {"shift_jis", "shift_jis", "\x93\xfa\x96\x7b", u"\u65e5\u672c", true},
       {"iso-2022-jp", "iso-2022-jp", "\x1b$BF|K\\\x1b(B", u"\u65e5\u672c", true},
       {"utf-16 little-endian", "utf-16", std::string("a\0\xAC\x20", 4), u"a\u20ac", true},
       {"utf-16 with big-endian mark", "utf16", std::string("\xFE\xFF\0a", 4), u"a", true},
@@ -104,20 +83,17 @@ TEST(ConverterTest, EncodesFromUtf16) {
 }
 
 TEST(ConverterTest, StrictFlagStopsAtTheFirstFailure) {
-  CXmConverter c("utf-16", "iso-8859-1");
   std::string out;
-  EXPECT_FALSE(c.Convert(WStringView(u"ab\u20accd"), &out, kConvertStrict));
+  EXPECT_FALSE(CXmConverter("utf-16", "iso-8859-1").Convert(WStringView(u"ab\u20accd"), &out, kConvertStrict));
   EXPECT_EQ(out, "ab");
-  CXmConverter d("utf-8", "utf-16");
   WString wide;
-  EXPECT_FALSE(d.Convert(std::string_view("ab\xFF" "cd"), &wide, kConvertStrict));
+  EXPECT_FALSE(CXmConverter("utf-8", "utf-16").Convert(std::string_view("ab\xFF" "cd"), &wide, kConvertStrict));
   EXPECT_EQ(wide, u"ab");
 }
 
 TEST(ConverterTest, ImapUtf7RoundTrip) {
-  const WString names[] = {u"INBOX", u"&&", u"\u65e5\u672c\u8a9e", u"a\U0001F600b", u"~/-+,", u"\u00e9",
-                           u"Gel\u00f6schte Objekte", u"\u00e9\u00e9\u00e9\u00e9\u00e9"};
-  for (const WString& name : names) {
+  for (const WString& name : {WString(u"&&"), WString(u"\u65e5\u672c\u8a9e"), WString(u"a\U0001F600b"),
+                              WString(u"~/-+,"), WString(u"\u00e9\u00e9\u00e9\u00e9\u00e9")}) {
     std::string bytes;
     ASSERT_TRUE(CXmConverter("utf-16", "imap4-utf-7").Convert(WStringView(name), &bytes));
     for (unsigned char b : bytes) ASSERT_TRUE(b >= 0x20 && b < 0x7F);
@@ -127,16 +103,11 @@ TEST(ConverterTest, ImapUtf7RoundTrip) {
   }
 }
 
-TEST(ConverterTest, ByteBufferFormConvertsBetweenTwo8BitSets) {
-  CXmConverter c("iso-8859-1", "utf-8");
+TEST(ConverterTest, ByteBufferForm) {
   std::string out;
-  ASSERT_TRUE(c.Convert("caf\xE9", 4, &out));
-  EXPECT_EQ(out, "caf\xC3\xA9");
-  CXmConverter to16("utf-8", "utf-16");
-  ASSERT_TRUE(to16.Convert("\xE2\x82\xAC", 3, &out));
+  ASSERT_TRUE(CXmConverter("utf-8", "utf-16").Convert("\xE2\x82\xAC", 3, &out));
   EXPECT_EQ(out, std::string("\xAC\x20", 2)) << "utf-16 as bytes is little-endian without mark";
-  CXmConverter bad("utf-8", "iso-8859-1");
-  EXPECT_FALSE(bad.Convert("\xE2\x82\xAC!", 4, &out));
+  EXPECT_FALSE(CXmConverter("utf-8", "iso-8859-1").Convert("\xE2\x82\xAC!", 4, &out));
   EXPECT_EQ(out, "?!");
 }
 
@@ -147,8 +118,7 @@ TEST(ConverterTest, StreamFormGivesTheSameResultForEveryBufferSize) {
   for (size_t size = 1; size <= 40; ++size) {
     CXmViewStream in(utf8);
     CXmMemoryStream out;
-    CXmConverter c("utf-8", "iso-8859-15");
-    EXPECT_FALSE(c.Convert(in, out, size, 0)) << "the pair and the CJK characters do not fit";
+    EXPECT_FALSE(CXmConverter("utf-8", "iso-8859-15").Convert(in, out, size, 0)) << "the pair and CJK do not fit";
     EXPECT_EQ(out.data(), "Gr\xFC\xDF" "e \xA4 ? ?? end") << size;
 
     CXmViewStream in2(jis);
@@ -158,21 +128,19 @@ TEST(ConverterTest, StreamFormGivesTheSameResultForEveryBufferSize) {
   }
 }
 
-TEST(ConverterTest, StreamModeOneStopsAtTheFirstFailure) {
+TEST(ConverterTest, StreamErrorPaths) {
   CXmViewStream in("ok \xE2\x82\xAC rest");
   CXmMemoryStream out;
   CXmConverter c("utf-8", "iso-8859-1");
-  EXPECT_FALSE(c.Convert(in, out, 64, 1));
+  EXPECT_FALSE(c.Convert(in, out, 64, 1)) << "mode 1 stops at the first failure";
   EXPECT_EQ(c.last_error(), rc::kMimeCharset);
   EXPECT_EQ(out.data(), "ok ");
-}
 
-TEST(ConverterTest, StreamErrorsAreReportedAsTheStreamsCode) {
-  CXmViewStream in("abc");
+  CXmViewStream abc("abc");
   CXmViewStream read_only("");  // refuses writes
-  CXmConverter c("utf-8", "utf-8");
-  EXPECT_FALSE(c.Convert(in, read_only, 64, 0));
-  EXPECT_EQ(c.last_error(), rc::kNotImplemented);
+  CXmConverter copy("utf-8", "utf-8");
+  EXPECT_FALSE(copy.Convert(abc, read_only, 64, 0));
+  EXPECT_EQ(copy.last_error(), rc::kNotImplemented) << "the stream's own code";
 }
 
 }  // namespace

@@ -1,3 +1,6 @@
+// Transfer encodings: the byte rules, the base64 and quoted-printable stream
+// filters fed in two pieces cut at every point, damaged input, and the
+// automatic choice of an encoding.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -11,13 +14,13 @@
 namespace trv {
 namespace {
 
-// Feeds `in` to a filter made by `make` in pieces cut at `cut` and returns the
-// output after Finish().
+// Feeds `in` to a Filter in two pieces cut at `cut` and returns the output
+// after Finish().
 template <typename Filter>
 std::string RunFilter(std::string_view in, size_t cut = std::string::npos, bool* clean = nullptr) {
   CXmMemoryStream out;
   Filter f(out);
-  if (cut > in.size()) cut = in.size();
+  cut = std::min(cut, in.size());
   EXPECT_TRUE(f.Write(in.substr(0, cut)).ok());
   EXPECT_TRUE(f.Write(in.substr(cut)).ok());
   EXPECT_TRUE(f.Finish().ok());
@@ -32,102 +35,96 @@ std::string RandomBytes(size_t n, uint32_t seed) {
   return s;
 }
 
-TEST(QuotedPrintableTest, ByteRule) {
-  struct Row { const char* name; std::string in; std::string out; };
+TEST(ByteRuleTest, QuotedPrintableAndHeaderWords) {
+  struct Row { const char* name; bool word; std::string in; std::string out; };
   const Row rows[] = {
-      {"equals sign", "a=b", "a=3Db"},
-      {"tab", "\t", "=09"},
-      {"space stays", "a b", "a b"},
-      {"byte E9", "\xE9", "=E9"},
-      {"tilde stays", "~", "~"},
-      {"DEL", "\x7F", "=7F"},
-      {"line end gets no special treatment", "a\r\nb", "a=0D=0Ab"},
-      {"NUL", std::string(1, '\0'), "=00"},
-      {"exclamation mark", "!", "!"},
+      {"equals sign", false, "a=b", "a=3Db"},
+      {"tab", false, "\t", "=09"},
+      {"space stays", false, "a b", "a b"},
+      {"byte E9", false, "\xE9", "=E9"},
+      {"tilde stays", false, "~", "~"},
+      {"DEL", false, "\x7F", "=7F"},
+      {"line end gets no special treatment", false, "a\r\nb", "a=0D=0Ab"},
+      {"word: question mark", true, "?", "=3F"},
+      {"word: underscore", true, "_", "=5F"},
+      {"word: space", true, " ", "=20"},
+      {"word: angle brackets stay", true, "<>", "<>"},
+      {"word: equals sign", true, "=", "=3D"},
+      {"word: high bytes", true, "\xC3\xA9", "=C3=A9"},
   };
   for (const Row& r : rows) {
     std::string out;
-    QpEncodeBytes(r.in, &out);
+    if (r.word) {
+      size_t index = 0;
+      EncodeHeaderWord(r.in, &index, 1000, &out);
+      EXPECT_EQ(index, r.in.size()) << r.name;
+    } else {
+      QpEncodeBytes(r.in, &out);
+    }
     EXPECT_EQ(out, r.out) << r.name;
   }
   CXmMemoryStream s;
-  EXPECT_TRUE(QpEncodeRun("abc", 0, s).ok());
   EXPECT_TRUE(QpEncodeRun("abc", -5, s).ok());
   EXPECT_TRUE(QpEncodeRun("a=", 2, s).ok());
-  EXPECT_EQ(s.data(), "a=3D");
+  EXPECT_EQ(s.data(), "a=3D") << "a length of zero or less writes nothing";
 }
 
-TEST(HeaderWordTest, ByteRule) {
-  struct Row { const char* name; std::string in; std::string out; };
-  const Row rows[] = {
-      {"question mark", "?", "=3F"},
-      {"underscore", "_", "=5F"},
-      {"space", " ", "=20"},
-      {"angle brackets stay", "<>", "<>"},
-      {"equals sign", "=", "=3D"},
-      {"letters", "Abc~", "Abc~"},
-      {"high byte", "\xC3\xA9", "=C3=A9"},
-      {"control byte", "\x01", "=01"},
-      {"DEL", "\x7F", "=7F"},
-  };
-  for (const Row& r : rows) {
-    std::string out;
-    size_t index = 0;
-    EncodeHeaderWord(r.in, &index, 1000, &out);
-    EXPECT_EQ(out, r.out) << r.name;
-    EXPECT_EQ(index, r.in.size()) << r.name;
-  }
-}
-
-TEST(HeaderWordTest, BudgetStopsAfterTheCrossingByte) {
-  // The count starts at 3; each of "abcdef" counts 1. With budget 5 the third
-  // byte makes the count 6 > 5 and has been written when the loop stops.
+TEST(ByteRuleTest, HeaderWordBudgetStopsAfterTheCrossingByte) {
+  // The count starts at 3; with budget 5 the third byte makes it 6 and has
+  // been written when the loop stops. The next call continues at the index.
   std::string out;
   size_t index = 0;
   EncodeHeaderWord("abcdef", &index, 5, &out);
   EXPECT_EQ(out, "abc");
   EXPECT_EQ(index, 3u);
-  // The next call continues at the index.
   EncodeHeaderWord("abcdef", &index, 5, &out);
   EXPECT_EQ(out, "abcdef");
-  // An escape crossing the budget is written whole.
   out.clear();
   index = 0;
   EncodeHeaderWord("a?b", &index, 5, &out);
-  EXPECT_EQ(out, "a=3F");
-  // At or past the end nothing happens.
-  out.clear();
-  index = 9;
-  EncodeHeaderWord("abc", &index, 100, &out);
-  EXPECT_EQ(out, "");
-  EXPECT_EQ(index, 9u);
+  EXPECT_EQ(out, "a=3F") << "an escape crossing the budget is written whole";
 }
 
-TEST(Base64StreamTest, EncoderMatchesWholeBufferAtEveryCut) {
+TEST(Base64Test, KnownValuesAndLineBreaks) {
+  // RFC 4648 section 10.
+  const std::pair<const char*, const char*> rows[] = {
+      {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"foobar", "Zm9vYmFy"}};
+  for (const auto& [plain, encoded] : rows) {
+    EXPECT_EQ(Base64Encode(plain, 76), encoded) << plain;
+    EXPECT_EQ(RunFilter<CXmBase64Encoder>(plain), encoded) << plain;
+    std::string decoded;
+    EXPECT_TRUE(Base64Decode(encoded, decoded));
+    EXPECT_EQ(decoded, plain);
+  }
+  std::string decoded;
+  EXPECT_TRUE(Base64Decode("YQ==Yg==", decoded));
+  EXPECT_EQ(decoded, "a") << "the whole-buffer decoder stops at the first padding";
+  EXPECT_FALSE(Base64Decode("YW*Jj", decoded));
+  EXPECT_EQ(decoded, "abc");
+  const std::string whole = Base64Encode(RandomBytes(200, 1), 76);
+  EXPECT_EQ(whole.substr(76, 2), "\r\n");
+  EXPECT_EQ(whole.substr(0, 76).find('\r'), std::string::npos);
+  EXPECT_EQ(Base64Encode(RandomBytes(200, 1), 0).find('\r'), std::string::npos) << "width 0: one line";
+}
+
+TEST(Base64Test, StreamsAtEveryCut) {
   const std::string data = RandomBytes(200, 1);
-  const std::string whole = Base64Encode(data, 76);
+  const std::string whole = RunFilter<CXmBase64Encoder>(data);
   for (size_t cut = 0; cut <= data.size(); ++cut) {
     ASSERT_EQ(RunFilter<CXmBase64Encoder>(data, cut), whole) << "cut at " << cut;
   }
-  for (const std::string& line : {whole.substr(0, 76), whole.substr(78, 76)}) {
-    EXPECT_EQ(line.find('\r'), std::string::npos);
-  }
-  EXPECT_EQ(whole.substr(76, 2), "\r\n");
-}
-
-TEST(Base64StreamTest, RoundTripOfEveryLengthAndCut) {
   for (size_t n = 0; n < 40; ++n) {
-    const std::string data = RandomBytes(n, static_cast<uint32_t>(n));
-    const std::string enc = RunFilter<CXmBase64Encoder>(data);
+    const std::string some = RandomBytes(n, static_cast<uint32_t>(n));
+    const std::string enc = RunFilter<CXmBase64Encoder>(some);
     for (size_t cut = 0; cut <= enc.size(); ++cut) {
       bool clean = false;
-      ASSERT_EQ(RunFilter<CXmBase64Decoder>(enc, cut, &clean), data) << "length " << n << " cut " << cut;
+      ASSERT_EQ(RunFilter<CXmBase64Decoder>(enc, cut, &clean), some) << "length " << n << " cut " << cut;
       ASSERT_TRUE(clean);
     }
   }
 }
 
-TEST(Base64StreamTest, BadInputKeepsWhatCanBeDecoded) {
+TEST(Base64Test, BadInputKeepsWhatCanBeDecoded) {
   struct Row { const char* name; std::string in; std::string out; bool clean; };
   const Row rows[] = {
       {"missing padding", "YWJjZA", "abcd", true},
@@ -136,7 +133,6 @@ TEST(Base64StreamTest, BadInputKeepsWhatCanBeDecoded) {
       {"lone symbol at the end", "YWJjZ", "abc", false},
       {"concatenated padded parts", "YQ==Yg==", "ab", true},
       {"only padding", "====", "", true},
-      {"empty", "", "", true},
       {"8-bit bytes", "YW\xFF\xFEJj", "abc", false},
   };
   for (const Row& r : rows) {
@@ -147,12 +143,9 @@ TEST(Base64StreamTest, BadInputKeepsWhatCanBeDecoded) {
 }
 
 TEST(QpStreamTest, LinesStayWithinTheWidthAndEscapesAreNotSplit) {
-  const std::string data = RandomBytes(3000, 7) + std::string(200, 'x') + std::string(100, ' ');
-  const std::string enc = RunFilter<CXmQpEncoder>(data);
-  size_t start = 0;
-  while (start < enc.size()) {
-    size_t end = enc.find("\r\n", start);
-    if (end == std::string::npos) end = enc.size();
+  const std::string enc = RunFilter<CXmQpEncoder>(RandomBytes(3000, 7) + std::string(200, 'x') + "   ");
+  for (size_t start = 0; start < enc.size();) {
+    size_t end = std::min(enc.find("\r\n", start), enc.size());
     const std::string line = enc.substr(start, end - start);
     ASSERT_LE(line.size(), 76u) << line;
     if (end < enc.size()) {
@@ -160,11 +153,11 @@ TEST(QpStreamTest, LinesStayWithinTheWidthAndEscapesAreNotSplit) {
     }
     // An "=" is always followed by two hexadecimal digits or ends the line.
     for (size_t i = 0; i < line.size(); ++i) {
-      if (line[i] == '=' && i + 1 < line.size()) {
-        ASSERT_LE(i + 3, line.size()) << line;
-        ASSERT_TRUE(isxdigit(static_cast<unsigned char>(line[i + 1])) && isxdigit(static_cast<unsigned char>(line[i + 2])));
-        i += 2;
-      }
+      if (line[i] != '=' || i + 1 == line.size()) continue;
+      ASSERT_LE(i + 3, line.size()) << line;
+      ASSERT_TRUE(isxdigit(static_cast<unsigned char>(line[i + 1])) &&
+                  isxdigit(static_cast<unsigned char>(line[i + 2])));
+      i += 2;
     }
     start = end + 2;
   }
@@ -184,7 +177,7 @@ TEST(QpStreamTest, RoundTripAtEveryCut) {
   }
 }
 
-TEST(QpStreamTest, DecoderToleratesMalformedInput) {
+TEST(QpStreamTest, DecoderToleratesMalformedInputAtEveryCut) {
   struct Row { const char* name; std::string in; std::string out; bool clean; };
   const Row rows[] = {
       {"lone = at the end", "abc=", "abc=", false},
@@ -192,7 +185,6 @@ TEST(QpStreamTest, DecoderToleratesMalformedInput) {
       {"= before a non-hex", "a=XYb", "a=XYb", false},
       {"= then digit then non-hex", "a=4Zb", "a=4Zb", false},
       {"lower-case hex", "=e9=3d", "\xE9=", true},
-      {"soft break", "ab=\r\ncd", "abcd", true},
       {"soft break with bare LF", "ab=\ncd", "abcd", true},
       {"soft break with blanks after =", "ab= \t\r\ncd", "abcd", true},
       {"= then blank then text", "a= b", "a= b", false},
@@ -211,17 +203,10 @@ TEST(QpStreamTest, DecoderToleratesMalformedInput) {
 }
 
 TEST(LineEndFilterTest, MakesEveryLineEndCrLfAtEveryCut) {
-  struct Row { const char* name; std::string in; std::string out; };
-  const Row rows[] = {
-      {"bare LF", "a\nb\n", "a\r\nb\r\n"},
-      {"CR LF stays", "a\r\nb", "a\r\nb"},
-      {"bare CR", "a\rb\r", "a\r\nb\r\n"},
-      {"blank lines", "\n\n\r\n\r\r", "\r\n\r\n\r\n\r\n\r\n"},
-  };
-  for (const Row& r : rows) {
-    for (size_t cut = 0; cut <= r.in.size(); ++cut) {
-      EXPECT_EQ(RunFilter<CXmLineEndFilter>(r.in, cut), r.out) << r.name << " cut " << cut;
-    }
+  const std::pair<std::string, std::string> rows[] = {
+      {"a\nb\n", "a\r\nb\r\n"}, {"a\r\nb", "a\r\nb"}, {"a\rb\r", "a\r\nb\r\n"}, {"\n\n\r\n\r\r", "\r\n\r\n\r\n\r\n\r\n"}};
+  for (const auto& [in, out] : rows) {
+    for (size_t cut = 0; cut <= in.size(); ++cut) EXPECT_EQ(RunFilter<CXmLineEndFilter>(in, cut), out) << cut;
   }
 }
 
@@ -229,7 +214,6 @@ TEST(FilterStreamTest, WritesAfterFinishFailAndReadingIsRefused) {
   CXmMemoryStream out;
   CXmBase64Encoder enc(out);
   EXPECT_TRUE(enc.Write("ab").ok());
-  EXPECT_EQ(enc.Position(), 2u);
   EXPECT_TRUE(enc.Finish().ok());
   EXPECT_TRUE(enc.Finish().ok()) << "a second Finish writes nothing more";
   EXPECT_EQ(out.data(), "YWI=");
@@ -242,13 +226,12 @@ TEST(FilterStreamTest, WritesAfterFinishFailAndReadingIsRefused) {
 }
 
 TEST(TransferEncodingTest, NamesAndCodes) {
+  for (int code = 0; code <= 4; ++code) {
+    const auto e = static_cast<TransferEncoding>(code);
+    EXPECT_EQ(TransferEncodingFromName(std::string_view(TransferEncodingName(e))), e);
+  }
   struct Row { const char* name; TransferEncoding code; bool known; };
-  const Row rows[] = {
-      {"Binary", kEncodingBinary, true},   {"7bit", kEncoding7bit, true},
-      {"8BIT", kEncoding8bit, true},       {" Base64 ", kEncodingBase64, true},
-      {"Quoted-Printable", kEncodingQuotedPrintable, true},
-      {"", kEncoding8bit, false},          {"x-uuencode", kEncoding8bit, false},
-  };
+  const Row rows[] = {{" Base64 ", kEncodingBase64, true}, {"", kEncoding8bit, false}, {"x-uu", kEncoding8bit, false}};
   for (const Row& r : rows) {
     bool known = !r.known;
     EXPECT_EQ(TransferEncodingFromName(std::string_view(r.name), &known), r.code) << r.name;
@@ -256,23 +239,17 @@ TEST(TransferEncodingTest, NamesAndCodes) {
     EXPECT_EQ(TransferEncodingFromName(W(r.name)), r.code) << r.name;
   }
   EXPECT_EQ(TransferEncodingFromName(u"base64\u00e9"), kEncoding8bit);
-  for (int code = 0; code <= 4; ++code) {
-    const auto e = static_cast<TransferEncoding>(code);
-    EXPECT_EQ(TransferEncodingFromName(std::string_view(TransferEncodingName(e))), e);
-  }
-  EXPECT_STREQ(TransferEncodingName(static_cast<TransferEncoding>(9)), "8bit");
-  EXPECT_EQ(TransferEncodingNameW(kEncodingQuotedPrintable), u"quoted-printable");
 }
 
 TEST(TransferEncodingTest, AutomaticChoice) {
   struct Row { const char* name; std::string body; int64_t limit; TransferEncoding expected; };
   const std::string mostly_ascii = std::string(300, 'a') + "\xE9";
-  const std::string binary = RandomBytes(600, 11);
   const Row rows[] = {
       {"ascii text is 7bit", "hello\r\nworld\r\n", 0, kEncoding7bit},
       {"empty body is 7bit", "", 0, kEncoding7bit},
       {"mostly ascii is quoted-printable", mostly_ascii, 0, kEncodingQuotedPrintable},
-      {"binary is base64", binary, 0, kEncodingBase64},
+      {"binary is base64", RandomBytes(600, 11), 0, kEncodingBase64},
+      {"a tie goes to base64 (=E9a and 6WE=)", "\xE9" "a", 0, kEncodingBase64},
       {"8-bit byte beyond the limit is not seen", mostly_ascii, 300, kEncoding7bit},
       {"8-bit byte within the limit", mostly_ascii, 301, kEncodingQuotedPrintable},
   };
@@ -284,20 +261,11 @@ TEST(TransferEncodingTest, AutomaticChoice) {
   }
 }
 
-TEST(TransferEncodingTest, TieGoesToBase64) {
-  // Quoted-printable "=E9a" and base64 "6WE=" are both 4 characters long.
-  CXmMemoryStream body(std::string("\xE9" "a"));
-  TransferEncoding chosen = kEncodingBinary;
-  ASSERT_TRUE(ChooseTransferEncoding(body, 0, &chosen).ok());
-  EXPECT_EQ(chosen, kEncodingBase64);
-}
-
 TEST(TransferEncodingTest, WriteEncodedBodyUsesTheNamedOrChosenEncoding) {
   struct Row { const char* name; const char* encoding; std::string body; TransferEncoding used; std::string out; };
   const Row rows[] = {
       {"named base64", "BASE64", "ab", kEncodingBase64, "YWI="},
       {"named 8bit copies", "8bit", "a\xE9", kEncoding8bit, "a\xE9"},
-      {"named 7bit copies", "7bit", "a\xE9", kEncoding7bit, "a\xE9"},
       {"unknown name chooses", "x-foo", "abc", kEncoding7bit, "abc"},
       {"no name chooses qp", "", std::string(30, 'a') + "\xE9", kEncodingQuotedPrintable,
        std::string(30, 'a') + "=E9"},
@@ -310,22 +278,6 @@ TEST(TransferEncodingTest, WriteEncodedBodyUsesTheNamedOrChosenEncoding) {
     ASSERT_TRUE(WriteEncodedBody(body, r.encoding, 0, out, &used).ok()) << r.name;
     EXPECT_EQ(used, r.used) << r.name;
     EXPECT_EQ(out.data(), r.out) << r.name;
-  }
-}
-
-TEST(TransferEncodingTest, DecoderByCodeInvertsEncoderByCode) {
-  const std::string data = RandomBytes(500, 5);
-  for (int code = 0; code <= 4; ++code) {
-    const auto e = static_cast<TransferEncoding>(code);
-    CXmMemoryStream encoded;
-    auto enc = MakeTransferEncoder(e, encoded);
-    ASSERT_TRUE(enc->Write(data).ok());
-    ASSERT_TRUE(enc->Finish().ok());
-    CXmMemoryStream decoded;
-    auto dec = MakeTransferDecoder(e, decoded);
-    ASSERT_TRUE(dec->Write(encoded.data()).ok());
-    ASSERT_TRUE(dec->Finish().ok());
-    EXPECT_EQ(decoded.data(), data) << TransferEncodingName(e);
   }
 }
 

@@ -58,17 +58,14 @@ class ChunkedSource final : public CXmMessageSource {
   Result ReadAt(uint64_t offset, void* buf, size_t size, size_t* got) override {
     *got = offset < text_.size() ? std::min({size, piece_, static_cast<size_t>(text_.size() - offset)}) : 0;
     if (*got) std::memcpy(buf, text_.data() + offset, *got);
-    reads_ += 1;
     largest_ = std::max(largest_, size);
     return rc::kOk;
   }
-  size_t reads() const { return reads_; }
   size_t largest_request() const { return largest_; }
 
  private:
   std::string text_;
   size_t piece_;
-  size_t reads_ = 0;
   size_t largest_ = 0;
 };
 

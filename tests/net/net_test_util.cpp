@@ -1,5 +1,10 @@
 #include "tests/net/net_test_util.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <mutex>
@@ -12,6 +17,26 @@ namespace trv::test {
 int StateRecorder::Count(int state) const {
   return static_cast<int>(std::count(states.begin(), states.end(), state));
 }
+
+bool Decider::Decide(void* self, CMailSocket*, uint32_t flags, const TlsCertificate& cert) {
+  auto* d = static_cast<Decider*>(self);
+  d->flags.push_back(flags);
+  d->subject = cert.Subject();
+  return d->answer;
+}
+
+ClosedPort::ClosedPort() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), len) == 0 &&
+      ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) == 0) {
+    port_ = ntohs(a.sin_port);
+  }
+}
+
+ClosedPort::~ClosedPort() { ::close(fd_); }
 
 Result NetworkWithout::Resolve(std::string_view host, ResolveMode mode, IpAddress* out) {
   if (names_.count(host)) return rc::kSockHostNotFound;

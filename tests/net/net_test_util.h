@@ -1,6 +1,7 @@
 // Helpers shared by the net tests.
 #pragma once
 
+#include <cstdint>
 #include <ostream>
 #include <set>
 #include <string>
@@ -25,6 +26,14 @@ struct StateRecorder {
   int Count(int state) const;
 };
 
+// Records the certificate questions and answers them with `answer`.
+struct Decider {
+  bool answer = false;
+  std::vector<uint32_t> flags;
+  std::string subject;
+  static bool Decide(void* self, CMailSocket*, uint32_t flags, const TlsCertificate& cert);
+};
+
 // The system network, except that some names do not resolve: makes the
 // "cannot resolve locally" paths of SOCKS deterministic on real sockets.
 class NetworkWithout final : public Network {
@@ -40,6 +49,21 @@ class NetworkWithout final : public Network {
 
  private:
   std::set<std::string, std::less<>> names_;
+};
+
+// A port on 127.0.0.1 that is bound but not listening, so it refuses
+// connections for as long as the object lives.
+class ClosedPort {
+ public:
+  ClosedPort();
+  ~ClosedPort();
+  ClosedPort(const ClosedPort&) = delete;
+  ClosedPort& operator=(const ClosedPort&) = delete;
+  uint16_t port() const { return port_; }
+
+ private:
+  int fd_ = -1;
+  uint16_t port_ = 0;
 };
 
 // Adds the test CA of tests/support/certificates.h to the trust store, once.

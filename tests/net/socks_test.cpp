@@ -10,203 +10,134 @@ namespace trv {
 namespace {
 
 using test::Hex;
-using test::NetworkWithout;
 using test::ScriptServer;
 
-constexpr uint16_t kTargetPort = 110;  // 00 6e
+// What the client must send in a script: its Client steps in order.
+std::string ClientBytes(const Script& script) {
+  std::string bytes;
+  for (const Script::Step& step : script.steps()) {
+    if (step.kind == Script::Step::kClient) bytes += step.bytes;
+  }
+  return bytes;
+}
 
-// Connects through the scripted proxy to host:110 and reads one line after
-// the handshake; the proxy's own checks are in the returned mismatch.
-struct Outcome {
-  Result connect;
-  std::string line;
-  std::string mismatch;
-  std::string received;
-  bool connected_after = false;
+struct Case {
+  std::string name;
+  uint32_t version;
+  const char* host;  // "mail.internal" does not resolve here
+  bool auth;         // offer user "user" and password "pass"
+  Script script;     // a granted connection ends with the line "+OK"
+  Result want;
 };
 
-Outcome ThroughProxy(const Script& script, uint32_t version, const std::string& host, bool auth = false,
-            Network* network = nullptr) {
-  ScriptServer proxy(script);
+// Connects through the scripted proxy to host:110 and reads one line; the
+// proxy must have seen exactly the client's bytes of the script.
+void Check(const Case& c, const std::string& user = "user") {
+  test::NetworkWithout network({"mail.internal"});
+  ScriptServer proxy(c.script);
   CMailSocket s;
-  if (network) s.SetNetwork(network);
+  s.SetNetwork(&network);
   s.SetTimeout(2);
-  s.SetSocks(version, "127.0.0.1", proxy.port());
-  s.SetSocksCredentials(auth, "user", "pass");
-  Outcome o;
-  o.connect = s.Connect(host, kTargetPort);
-  o.connected_after = s.connected();
-  if (o.connect.ok()) s.ReadLine(&o.line).Ignore();
+  s.SetSocks(c.version, "127.0.0.1", proxy.port());
+  s.SetSocksCredentials(c.auth, user, "pass");
+  EXPECT_EQ(s.Connect(c.host, 110), c.want) << c.name;
+  EXPECT_EQ(s.connected(), c.want.ok()) << c.name << ": a failed handshake closes the socket";
+  std::string line;
+  if (c.want.ok()) {
+    EXPECT_EQ(s.ReadLine(&line), rc::kOk) << c.name;
+    EXPECT_EQ(line, "+OK") << c.name;
+  }
   s.Close().Ignore();
-  o.mismatch = proxy.Finish();
-  o.received = proxy.Received();
-  return o;
+  EXPECT_EQ(proxy.Finish(), "") << c.name;
+  EXPECT_EQ(proxy.Received(), ClientBytes(c.script)) << c.name;
 }
-
-// ---------------------------------------------------------------------------
-// SOCKS 4 and 4A
 
 const std::string kSocks4Request = Hex("04 01 00 6e 7f 00 00 01") + "user" + Hex("00");
+const std::string kGranted4 = Hex("00 5a 00 00 00 00 00 00");
 
-TEST(Socks4Test, RequestAndGrantedReply) {
-  for (const char* first : {"00", "04"}) {  // a first reply byte of 4 is accepted too
-    const Outcome o = ThroughProxy(Script().Client(kSocks4Request).Server(Hex(std::string(first) + " 5a 00 00 00 00 00 00"))
-                              .ServerLine("+OK through the proxy"),
-                          kSocks4, "127.0.0.1");
-    EXPECT_EQ(o.connect, rc::kOk) << first;
-    EXPECT_EQ(o.line, "+OK through the proxy") << first;
-    EXPECT_EQ(o.mismatch, "") << first;
-  }
-}
-
-TEST(Socks4Test, ReplyCodes) {
-  struct Row {
-    const char* reply;
-    Result want;
+TEST(SocksTest, Socks4And4A) {
+  const Script to_reply = Script().Client(kSocks4Request);
+  std::vector<Case> cases = {
+      {"granted", kSocks4, "127.0.0.1", false, Script(to_reply).Server(kGranted4).ServerLine("+OK"), rc::kOk},
+      {"a first reply byte of 4 is accepted", kSocks4, "127.0.0.1", false,
+       Script(to_reply).Server(Hex("04 5a 00 00 00 00 00 00")).ServerLine("+OK"), rc::kOk},
+      {"4A sends the address when the name resolves", kSocks4A, "localhost", false,
+       Script(to_reply).Server(kGranted4).ServerLine("+OK"), rc::kOk},
+      {"4A sends an unresolvable name behind 00 01 00 00", kSocks4A, "mail.internal", false,
+       Script()
+           .Client(Hex("04 01 00 6e 00 01 00 00") + "user" + Hex("00") + "mail.internal" + Hex("00"))
+           .Server(kGranted4)
+           .ServerLine("+OK"),
+       rc::kOk},
+      {"4 cannot carry a name: the resolution error, nothing sent", kSocks4, "mail.internal", false,
+       Script().Silence(), rc::kSockHostNotFound},
+      {"closed in the reply", kSocks4, "127.0.0.1", false, Script(to_reply).Server(Hex("00 5a 00")).Close(),
+       rc::kSockClosed},
   };
-  const Row rows[] = {
-      {"00 5b", rc::kSocksGeneralFailure},  {"00 5c", rc::kSocksHostUnreachable},
-      {"00 5d", rc::kSocksAuthRefused},     {"00 20", rc::kSocksRefused},
-      {"05 5a", rc::kSocksBadVersion},      {"5a 00", rc::kSocksBadVersion},
+  const std::pair<const char*, Result> replies[] = {
+      {"00 5b", rc::kSocksGeneralFailure}, {"00 5c", rc::kSocksHostUnreachable}, {"00 5d", rc::kSocksAuthRefused},
+      {"00 20", rc::kSocksRefused},        {"05 5a", rc::kSocksBadVersion},      {"5a 00", rc::kSocksBadVersion},
   };
-  for (const Row& row : rows) {
-    const Outcome o =
-        ThroughProxy(Script().Client(kSocks4Request).Server(Hex(row.reply) + Hex("00 00 00 00 00 00")).Silence(), kSocks4,
-            "127.0.0.1");
-    EXPECT_EQ(o.connect, row.want) << "reply " << row.reply;
-    EXPECT_FALSE(o.connected_after) << "a failed handshake closes the socket; reply " << row.reply;
+  for (const auto& [reply, want] : replies) {
+    cases.push_back({std::string("reply ") + reply, kSocks4, "127.0.0.1", false,
+                     Script(to_reply).Server(Hex(reply) + Hex("00 00 00 00 00 00")).Silence(), want});
   }
+  for (const Case& c : cases) Check(c);
 }
-
-TEST(Socks4Test, ProxyClosingInTheReply) {
-  const Outcome o = ThroughProxy(Script().Client(kSocks4Request).Server(Hex("00 5a 00")).Close(), kSocks4, "127.0.0.1");
-  EXPECT_EQ(o.connect, rc::kSockClosed);
-}
-
-TEST(Socks4Test, NameThatDoesNotResolveHere) {
-  NetworkWithout net({"mail.internal"});
-  // SOCKS 4 cannot carry a name: the resolution error, nothing sent.
-  Outcome o = ThroughProxy(Script().Silence(), kSocks4, "mail.internal", false, &net);
-  EXPECT_EQ(o.connect, rc::kSockHostNotFound);
-  EXPECT_EQ(o.received, "");
-  // SOCKS 4A sends it behind the address bytes 00 01 00 00.
-  o = ThroughProxy(Script()
-              .Client(Hex("04 01 00 6e 00 01 00 00") + "user" + Hex("00") + "mail.internal" + Hex("00"))
-              .Server(Hex("00 5a 00 00 00 00 00 00"))
-              .ServerLine("+OK"),
-          kSocks4A, "mail.internal", false, &net);
-  EXPECT_EQ(o.connect, rc::kOk);
-  EXPECT_EQ(o.mismatch, "");
-}
-
-TEST(Socks4Test, FourASendsTheAddressWhenTheNameResolves) {
-  const Outcome o = ThroughProxy(Script().Client(kSocks4Request).Server(Hex("00 5a 00 00 00 00 00 00")).ServerLine("+OK"),
-                        kSocks4A, "localhost");
-  EXPECT_EQ(o.connect, rc::kOk);
-  EXPECT_EQ(o.mismatch, "");
-}
-
-// ---------------------------------------------------------------------------
-// SOCKS 5
 
 const std::string kGreeting = Hex("05 01 00");
 const std::string kGreetingAuth = Hex("05 02 00 02");
 const std::string kAuth = Hex("01 04") + "user" + Hex("04") + "pass";
 const std::string kRequest = Hex("05 01 00 01 7f 00 00 01 00 6e");
-const std::string kGranted = Hex("05 00 00 01 7f 00 00 01 c3 50");
+const std::string kGranted5 = Hex("05 00 00 01 7f 00 00 01 c3 50");
 
-TEST(Socks5Test, WithoutAuthentication) {
-  const Outcome o =
-      ThroughProxy(Script().Client(kGreeting).Server(Hex("05 00")).Client(kRequest).Server(kGranted).ServerLine("+OK"),
-          kSocks5, "127.0.0.1");
-  EXPECT_EQ(o.connect, rc::kOk);
-  EXPECT_EQ(o.line, "+OK");
-  EXPECT_EQ(o.mismatch, "");
-}
-
-TEST(Socks5Test, UserAndPasswordThenBoundName) {
-  // The bound address comes as a name (type 3): skipped by its length.
-  const Outcome o = ThroughProxy(Script()
-                            .Client(kGreetingAuth)
-                            .Server(Hex("05 02"))
-                            .Client(kAuth)
-                            .Server(Hex("01 00"))
-                            .Client(kRequest)
-                            .Server(Hex("05 00 00 03 09") + "proxy.lan" + Hex("04 38"))
-                            .ServerLine("+OK"),
-                        kSocks5, "127.0.0.1", true);
-  EXPECT_EQ(o.connect, rc::kOk);
-  EXPECT_EQ(o.line, "+OK");
-  EXPECT_EQ(o.mismatch, "");
-}
-
-TEST(Socks5Test, ProxyMayChooseNoAuthenticationWhenBothAreOffered) {
-  const Outcome o =
-      ThroughProxy(Script().Client(kGreetingAuth).Server(Hex("05 00")).Client(kRequest).Server(kGranted).ServerLine("+OK"),
-          kSocks5, "127.0.0.1", true);
-  EXPECT_EQ(o.connect, rc::kOk);
-  EXPECT_EQ(o.mismatch, "");
-}
-
-TEST(Socks5Test, NameOnlyWhenItDoesNotResolveHere) {
-  NetworkWithout net({"mail.internal"});
-  // An IPv6 bound address: 16 bytes and the port, skipped.
-  const Outcome o = ThroughProxy(Script()
-                            .Client(kGreeting)
-                            .Server(Hex("05 00"))
-                            .Client(Hex("05 01 00 03 0d") + "mail.internal" + Hex("00 6e"))
-                            .Server(Hex("05 00 00 04") + std::string(16, '\x01') + Hex("00 19"))
-                            .ServerLine("+OK"),
-                        kSocks5, "mail.internal", false, &net);
-  EXPECT_EQ(o.connect, rc::kOk);
-  EXPECT_EQ(o.line, "+OK");
-  EXPECT_EQ(o.mismatch, "");
-}
-
-TEST(Socks5Test, Refusals) {
-  struct Row {
-    std::string name;
-    Script script;
-    bool auth;
-    Result want;
-  };
+TEST(SocksTest, Socks5) {
   const Script to_request = Script().Client(kGreeting).Server(Hex("05 00")).Client(kRequest);
-  std::vector<Row> rows = {
-      {"greeting version", Script().Client(kGreeting).Server(Hex("04 00")), false, rc::kSocksBadVersion},
-      {"no acceptable method", Script().Client(kGreeting).Server(Hex("05 ff")), false, rc::kSocksNoMethod},
-      {"method not offered", Script().Client(kGreeting).Server(Hex("05 02")), false, rc::kSocksNoMethod},
-      {"auth reply version",
-       Script().Client(kGreetingAuth).Server(Hex("05 02")).Client(kAuth).Server(Hex("05 00")), true,
+  const Script authed = Script().Client(kGreetingAuth).Server(Hex("05 02")).Client(kAuth);
+  std::vector<Case> cases = {
+      {"without authentication", kSocks5, "127.0.0.1", false, Script(to_request).Server(kGranted5).ServerLine("+OK"),
+       rc::kOk},
+      {"user and password, then a bound name (type 3) skipped by its length", kSocks5, "127.0.0.1", true,
+       Script(authed).Server(Hex("01 00")).Client(kRequest).Server(Hex("05 00 00 03 09") + "proxy.lan" + Hex("04 38"))
+           .ServerLine("+OK"),
+       rc::kOk},
+      {"the proxy may choose no authentication when both are offered", kSocks5, "127.0.0.1", true,
+       Script().Client(kGreetingAuth).Server(Hex("05 00")).Client(kRequest).Server(kGranted5).ServerLine("+OK"),
+       rc::kOk},
+      {"a name only when it does not resolve here; an IPv6 bound address", kSocks5, "mail.internal", false,
+       Script()
+           .Client(kGreeting)
+           .Server(Hex("05 00"))
+           .Client(Hex("05 01 00 03 0d") + "mail.internal" + Hex("00 6e"))
+           .Server(Hex("05 00 00 04") + std::string(16, '\x01') + Hex("00 19"))
+           .ServerLine("+OK"),
+       rc::kOk},
+      {"greeting version", kSocks5, "127.0.0.1", false, Script().Client(kGreeting).Server(Hex("04 00")).Silence(),
        rc::kSocksBadVersion},
-      {"user and password refused",
-       Script().Client(kGreetingAuth).Server(Hex("05 02")).Client(kAuth).Server(Hex("01 01")), true,
+      {"no acceptable method", kSocks5, "127.0.0.1", false, Script().Client(kGreeting).Server(Hex("05 ff")).Silence(),
+       rc::kSocksNoMethod},
+      {"method not offered", kSocks5, "127.0.0.1", false, Script().Client(kGreeting).Server(Hex("05 02")).Silence(),
+       rc::kSocksNoMethod},
+      {"auth reply version", kSocks5, "127.0.0.1", true, Script(authed).Server(Hex("05 00")).Silence(),
+       rc::kSocksBadVersion},
+      {"user and password refused", kSocks5, "127.0.0.1", true, Script(authed).Server(Hex("01 01")).Silence(),
        rc::kSocksAuthRefused},
-      {"reply version", Script(to_request).Server(Hex("04 00 00 01")), false, rc::kSocksBadVersion},
-      {"unknown reply code", Script(to_request).Server(Hex("05 09 00 01")), false, rc::kSocksRefused},
-      {"closed in the greeting", Script().Client(kGreeting).Server(Hex("05")).Close(), false, rc::kSockClosed},
+      {"reply version", kSocks5, "127.0.0.1", false, Script(to_request).Server(Hex("04 00 00 01")).Silence(),
+       rc::kSocksBadVersion},
+      {"unknown reply code", kSocks5, "127.0.0.1", false, Script(to_request).Server(Hex("05 09 00 01")).Silence(),
+       rc::kSocksRefused},
+      {"closed in the greeting", kSocks5, "127.0.0.1", false, Script().Client(kGreeting).Server(Hex("05")).Close(),
+       rc::kSockClosed},
   };
   for (int code = 1; code <= 8; ++code) {
-    rows.push_back({"reply code " + std::to_string(code),
-                    Script(to_request).Server(std::string("\x05", 1) + static_cast<char>(code) + Hex("00 01")),
-                    false, Result(0x80C10000u + code)});
+    cases.push_back({"reply code " + std::to_string(code), kSocks5, "127.0.0.1", false,
+                     Script(to_request).Server(std::string("\x05", 1) + static_cast<char>(code) + Hex("00 01")).Silence(),
+                     Result(0x80C10000u + code)});
   }
-  for (Row& row : rows) {
-    const Outcome o = ThroughProxy(row.script.Silence(), kSocks5, "127.0.0.1", row.auth);
-    EXPECT_EQ(o.connect, row.want) << row.name;
-    EXPECT_FALSE(o.connected_after) << row.name;
-    EXPECT_EQ(o.mismatch, "") << row.name;
-  }
-}
-
-TEST(Socks5Test, OverlongCredentialsAreRefusedBeforeSending) {
-  ScriptServer proxy(Script().Client(kGreetingAuth).Server(Hex("05 02")).Silence());
-  CMailSocket s;
-  s.SetTimeout(2);
-  s.SetSocks(kSocks5, "127.0.0.1", proxy.port());
-  s.SetSocksCredentials(true, std::string(256, 'u'), "pass");
-  EXPECT_EQ(s.Connect("127.0.0.1", kTargetPort), rc::kSockInvalidArg);
-  proxy.Finish();
-  EXPECT_EQ(proxy.Received(), kGreetingAuth);
+  for (const Case& c : cases) Check(c);
+  Check({"overlong credentials are refused before sending", kSocks5, "127.0.0.1", true,
+         Script().Client(kGreetingAuth).Server(Hex("05 02")).Silence(), rc::kSockInvalidArg},
+        std::string(256, 'u'));
 }
 
 }  // namespace

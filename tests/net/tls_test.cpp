@@ -11,6 +11,7 @@
 namespace trv {
 namespace {
 
+using test::Decider;
 using test::ScriptServer;
 using test::StateRecorder;
 
@@ -25,22 +26,14 @@ class TlsTest : public ::testing::Test {
   void SetUp() override {
     if (!certs_) GTEST_SKIP() << "no test certificates";
   }
+  // A socket for implicit TLS with a time-out of `seconds`.
+  static void Implicit(CMailSocket& s, uint16_t seconds = 2) {
+    s.SetTimeout(seconds);
+    s.SetPlainMode(false).Ignore();
+  }
   static const test::TestCertificates* certs_;
 };
 const test::TestCertificates* TlsTest::certs_ = nullptr;
-
-// Records the certificate questions and answers them.
-struct Decider {
-  bool answer = false;
-  std::vector<uint32_t> flags;
-  std::string subject;
-  static bool Decide(void* self, CMailSocket*, uint32_t flags, const TlsCertificate& cert) {
-    auto* d = static_cast<Decider*>(self);
-    d->flags.push_back(flags);
-    d->subject = cert.Subject();
-    return d->answer;
-  }
-};
 
 TEST_F(TlsTest, ImplicitTlsCarriesLinesBothWays) {
   ScriptServer server(
@@ -52,8 +45,7 @@ TEST_F(TlsTest, ImplicitTlsCarriesLinesBothWays) {
   rec.Attach(s);
   s.SetCertificateCallback(&decider, &Decider::Decide);
   s.SetGracefulClose(true);
-  s.SetTimeout(2);
-  ASSERT_EQ(s.SetPlainMode(false), rc::kOk);
+  Implicit(s);
   ASSERT_EQ(s.Connect("localhost", server.port()), rc::kOk) << s.tls_error_detail();
   EXPECT_TRUE(decider.flags.empty()) << "a valid certificate is accepted without asking";
   EXPECT_EQ(s.TlsProtocol(), "TLSv1.3");
@@ -96,16 +88,22 @@ TEST_F(TlsTest, UpgradeDropsWhatArrivedInTheClear) {
   EXPECT_EQ(server.Finish(), "");
 }
 
-TEST_F(TlsTest, ServerThatDoesNotSpeakTls) {
-  ScriptServer server(Script().ServerLine("+OK plain text greeting").Silence());
+TEST_F(TlsTest, HandshakeFailures) {
+  ScriptServer plain(Script().ServerLine("+OK plain text greeting").Silence());
   CMailSocket s;
-  s.SetTimeout(2);
-  s.SetPlainMode(false).Ignore();
-  EXPECT_EQ(s.Connect("127.0.0.1", server.port()), SecureTransportError(kTlsEngineNotTls));
+  Implicit(s);
+  EXPECT_EQ(s.Connect("127.0.0.1", plain.port()), SecureTransportError(kTlsEngineNotTls));
   EXPECT_FALSE(s.connected());
   EXPECT_TRUE(s.tls_failed());
   EXPECT_EQ(s.last_tls_error(), kTlsEngineNotTls);
   EXPECT_FALSE(s.tls_error_detail().empty());
+
+  ScriptServer server(Script().StartTls(), certs_->server);
+  CMailSocket t;
+  Implicit(t);
+  t.SetTlsVersions(0);
+  EXPECT_EQ(t.Connect("localhost", server.port()), SecureTransportError(kTlsEngineSetup)) << "no version enabled";
+  EXPECT_FALSE(t.connected());
 }
 
 TEST_F(TlsTest, FlaggedCertificateNeedsTheDecision) {
@@ -125,9 +123,8 @@ TEST_F(TlsTest, FlaggedCertificateNeedsTheDecision) {
     Decider decider;
     decider.answer = row.answer;
     CMailSocket s;
-    s.SetTimeout(2);
+    Implicit(s);
     if (row.callback) s.SetCertificateCallback(&decider, &Decider::Decide);
-    s.SetPlainMode(false).Ignore();
     EXPECT_EQ(s.Connect("localhost", server.port()), row.want) << row.name;
     if (row.callback) {
       EXPECT_EQ(decider.flags, std::vector<uint32_t>{kCertUntrustedRoot}) << row.name;
@@ -143,26 +140,18 @@ TEST_F(TlsTest, FlaggedCertificateNeedsTheDecision) {
 TEST_F(TlsTest, FailuresInsideTls) {
   struct Row {
     const char* name;
-    Script after_handshake;
+    Script script;
     Result want;
   };
   const Row rows[] = {
-      {"silence", Script().Silence(), rc::kSockTimedOut},
-      {"close mid-line", Script().Server("partial li").Close(), rc::kSockClosed},
-      {"reset mid-line", Script().Server("partial li").Fail(rc::kFail), rc::kSockClosed},
+      {"silence", Script().StartTls().Silence(), rc::kSockTimedOut},
+      {"close mid-line", Script().StartTls().Server("partial li").Close(), rc::kSockClosed},
+      {"reset mid-line", Script().StartTls().Server("partial li").Fail(rc::kFail), rc::kSockClosed},
   };
   for (const Row& row : rows) {
-    Script script = Script().StartTls();
-    for (const Script::Step& step : row.after_handshake.steps()) {
-      if (step.kind == Script::Step::kServer) script.Server(step.bytes);
-      if (step.kind == Script::Step::kSilence) script.Silence();
-      if (step.kind == Script::Step::kClose) script.Close();
-      if (step.kind == Script::Step::kFail) script.Fail(step.code);
-    }
-    ScriptServer server(script, certs_->server);
+    ScriptServer server(row.script, certs_->server);
     CMailSocket s;
-    s.SetTimeout(1);
-    s.SetPlainMode(false).Ignore();
+    Implicit(s, 1);
     ASSERT_EQ(s.Connect("localhost", server.port()), rc::kOk) << row.name;
     std::string line;
     EXPECT_EQ(s.ReadLine(&line), row.want) << row.name;
@@ -176,8 +165,7 @@ TEST_F(TlsTest, BulkBytesArriveIntact) {
   for (int i = 0; i < 200000; ++i) up.push_back(static_cast<char>(i * 13));
   ScriptServer server(Script().StartTls().Server(down).Client(up), certs_->server);
   CMailSocket s;
-  s.SetTimeout(5);
-  s.SetPlainMode(false).Ignore();
+  Implicit(s, 5);
   ASSERT_EQ(s.Connect("localhost", server.port()), rc::kOk);
   std::string got(down.size(), '\0');
   ASSERT_EQ(s.ReceiveExact(got.data(), got.size()), rc::kOk);
@@ -185,16 +173,6 @@ TEST_F(TlsTest, BulkBytesArriveIntact) {
   ASSERT_EQ(s.SendAll(up.data(), up.size()), rc::kOk);
   s.Close().Ignore();
   EXPECT_EQ(server.Finish(), "");
-}
-
-TEST_F(TlsTest, NoVersionEnabled) {
-  ScriptServer server(Script().StartTls(), certs_->server);
-  CMailSocket s;
-  s.SetTimeout(2);
-  s.SetTlsVersions(0);
-  s.SetPlainMode(false).Ignore();
-  EXPECT_EQ(s.Connect("localhost", server.port()), SecureTransportError(kTlsEngineSetup));
-  EXPECT_FALSE(s.connected());
 }
 
 }  // namespace

@@ -61,23 +61,6 @@ bool InCi() {
   return ci && std::string(ci) == "true";
 }
 
-const MailUser& MailServers::Alice() {
-  static const MailUser u{"alice", "alice-secret"};
-  return u;
-}
-const MailUser& MailServers::Bob() {
-  static const MailUser u{"bob", "bob pass"};
-  return u;
-}
-const MailUser& MailServers::DanteUser() {
-  static const MailUser u{"trvsocks", "trv-Socks-9"};
-  return u;
-}
-const MailUser& MailServers::MicrosocksUser() {
-  static const MailUser u{"msuser", "ms-pass"};
-  return u;
-}
-
 MailServers& MailServers::Instance() {
   static MailServers servers;
   return servers;
@@ -109,6 +92,11 @@ ServerStatus MailServers::Prepare() {
   certs_ = Certificates(&error);
   if (!certs_) *prepared_ = Missing(error);
   return *prepared_;
+}
+
+ServerStatus MailServers::Started(std::unique_ptr<ServerStatus>& status, ServerStatus (MailServers::*start)()) {
+  if (!status) status = std::make_unique<ServerStatus>((this->*start)());
+  return *status;
 }
 
 ServerStatus MailServers::Launch(const std::string& name, const std::vector<std::string>& argv,
@@ -175,11 +163,6 @@ std::vector<fs::path> MailServers::Messages(const std::string& user) {
 
 // ---------------------------------------------------------------------------
 // Dovecot
-
-ServerStatus MailServers::Dovecot() {
-  if (!dovecot_) dovecot_ = std::make_unique<ServerStatus>(StartDovecot());
-  return *dovecot_;
-}
 
 ServerStatus MailServers::StartDovecot() {
   if (ServerStatus s = NeedPrograms({kDovecot, "/usr/lib/dovecot/imap", "/usr/lib/dovecot/pop3",
@@ -265,11 +248,6 @@ ServerStatus MailServers::StartDovecot() {
 // ---------------------------------------------------------------------------
 // Postfix
 
-ServerStatus MailServers::Postfix() {
-  if (!postfix_) postfix_ = std::make_unique<ServerStatus>(StartPostfix());
-  return *postfix_;
-}
-
 ServerStatus MailServers::StartPostfix() {
   if (ServerStatus s = NeedPrograms({kPostfix, kPostfixMaster}); !s.ok) return s;
   if (ServerStatus s = Dovecot(); !s.ok) return s;
@@ -344,11 +322,6 @@ ServerStatus MailServers::StartPostfix() {
 // ---------------------------------------------------------------------------
 // SOCKS proxies
 
-ServerStatus MailServers::Dante() {
-  if (!dante_) dante_ = std::make_unique<ServerStatus>(StartDante());
-  return *dante_;
-}
-
 ServerStatus MailServers::StartDante() {
   if (ServerStatus s = NeedPrograms({kDanted, "/usr/sbin/useradd", "/usr/sbin/chpasswd"}); !s.ok) return s;
   if (ServerStatus s = Prepare(); !s.ok) return s;
@@ -387,11 +360,6 @@ ServerStatus MailServers::StartDante() {
   return {};
 }
 
-ServerStatus MailServers::Microsocks() {
-  if (!microsocks_) microsocks_ = std::make_unique<ServerStatus>(StartMicrosocks());
-  return *microsocks_;
-}
-
 ServerStatus MailServers::StartMicrosocks() {
   if (ServerStatus s = NeedPrograms({kMicrosocks}); !s.ok) return s;
   if (ServerStatus s = Prepare(); !s.ok) return s;
@@ -411,11 +379,6 @@ ServerStatus MailServers::StartMicrosocks() {
     if (s.ok || attempt + 1 == kStartAttempts) return s;
   }
   return {};
-}
-
-ServerStatus MailServers::SshSocks() {
-  if (!ssh_) ssh_ = std::make_unique<ServerStatus>(StartSsh());
-  return *ssh_;
 }
 
 ServerStatus MailServers::StartSsh() {

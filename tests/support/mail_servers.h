@@ -71,24 +71,21 @@ class MailServers {
   static MailServers& Instance();
   ~MailServers();
 
-  ServerStatus Dovecot();
-  ServerStatus Postfix();     // starts Dovecot too
-  ServerStatus Dante();
-  ServerStatus Microsocks();
-  ServerStatus SshSocks();
+  ServerStatus Dovecot() { return Started(dovecot_, &MailServers::StartDovecot); }
+  ServerStatus Postfix() { return Started(postfix_, &MailServers::StartPostfix); }  // starts Dovecot too
+  ServerStatus Dante() { return Started(dante_, &MailServers::StartDante); }
+  ServerStatus Microsocks() { return Started(microsocks_, &MailServers::StartMicrosocks); }
+  ServerStatus SshSocks() { return Started(ssh_, &MailServers::StartSsh); }
 
   const ServerPorts& ports() const { return ports_; }
-  const TestCertificates& certificates() const { return *certs_; }
 
-  // Mail users of Dovecot and Postfix.
-  static const MailUser& Alice();  // alice / alice-secret
-  static const MailUser& Bob();    // bob / "bob pass"
-  // The system user for Dante's user/password method, the microsocks user.
-  static const MailUser& DanteUser();
-  static const MailUser& MicrosocksUser();
+  // Mail users of Dovecot and Postfix (Bob's password has a blank); the
+  // system user for Dante's user/password method; the microsocks user.
+  static const MailUser& Alice() { return kAlice; }
+  static const MailUser& Bob() { return kBob; }
+  static const MailUser& DanteUser() { return kDanteUser; }
+  static const MailUser& MicrosocksUser() { return kMicrosocksUser; }
 
-  // The user's Maildir (cur, new, tmp), made on first use.
-  std::filesystem::path Maildir(const std::string& user);
   // Drops a message file straight into the user's Maildir/new, where
   // Dovecot finds it on the next IMAP or POP3 session. Fast mailbox filling
   // for tests and benchmarks. Returns the file's path, "" on failure.
@@ -96,11 +93,18 @@ class MailServers {
   // The message files in Maildir/new and cur.
   std::vector<std::filesystem::path> Messages(const std::string& user);
 
-  const std::filesystem::path& dir() const { return dir_.path(); }
-
  private:
+  static inline const MailUser kAlice{"alice", "alice-secret"};
+  static inline const MailUser kBob{"bob", "bob pass"};
+  static inline const MailUser kDanteUser{"trvsocks", "trv-Socks-9"};
+  static inline const MailUser kMicrosocksUser{"msuser", "ms-pass"};
+
   MailServers();
+  // The user's Maildir (cur, new, tmp), made on first use.
+  std::filesystem::path Maildir(const std::string& user);
   ServerStatus Prepare();
+  // The status of the first start, which runs on the first call only.
+  ServerStatus Started(std::unique_ptr<ServerStatus>& status, ServerStatus (MailServers::*start)());
   ServerStatus StartDovecot();
   ServerStatus StartPostfix();
   ServerStatus StartDante();

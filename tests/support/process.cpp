@@ -17,6 +17,16 @@
 
 namespace trv::test {
 
+namespace {
+sockaddr_in Ipv4(const std::string& address, uint16_t port) {
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_port = htons(port);
+  ::inet_pton(AF_INET, address.c_str(), &a.sin_addr);
+  return a;
+}
+}  // namespace
+
 pid_t StartProcess(const std::vector<std::string>& argv, const std::filesystem::path& log, std::string* error) {
   std::vector<char*> args;
   for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
@@ -95,11 +105,8 @@ uint16_t PickFreePort() {
   for (int attempt = 0; attempt < 200; ++attempt) {
     const uint16_t port = static_cast<uint16_t>(dist(rng));
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const bool free = ::bind(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    const sockaddr_in a = Ipv4("127.0.0.1", port);
+    const bool free = ::bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
     ::close(fd);
     if (free) return port;
   }
@@ -110,11 +117,8 @@ bool WaitForPort(const std::string& address, uint16_t port, pid_t pid, std::chro
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (std::chrono::steady_clock::now() < deadline) {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_port = htons(port);
-    ::inet_pton(AF_INET, address.c_str(), &a.sin_addr);
-    const bool up = ::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    const sockaddr_in a = Ipv4(address, port);
+    const bool up = ::connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
     ::close(fd);
     if (up) return true;
     if (pid > 0 && !ProcessAlive(pid)) return false;

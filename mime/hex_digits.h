@@ -1,0 +1,40 @@
+// Hexadecimal digits: the escapes of quoted-printable, encoded words and
+// RFC 2231 values, and digests written as text (internal to trv_mime and
+// trv_net).
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace trv {
+
+inline constexpr char kUpperHexDigits[] = "0123456789ABCDEF";
+
+// The value of one hexadecimal digit of either case; -1 for anything else.
+constexpr int HexValue(char32_t c) {
+  if (c >= U'0' && c <= U'9') return static_cast<int>(c - U'0');
+  if (c >= U'A' && c <= U'F') return static_cast<int>(c - U'A' + 10);
+  if (c >= U'a' && c <= U'f') return static_cast<int>(c - U'a' + 10);
+  return -1;
+}
+
+// Appends `mark` and the byte as two upper-case digits: "=3D", "%20".
+inline void AppendHexEscape(char mark, unsigned char b, std::string* out) {
+  out->push_back(mark);
+  out->push_back(kUpperHexDigits[b >> 4]);
+  out->push_back(kUpperHexDigits[b & 15]);
+}
+
+// The bytes in lower-case hexadecimal, two digits a byte.
+inline std::string LowerHex(std::string_view bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string hex;
+  hex.reserve(bytes.size() * 2);
+  for (unsigned char b : bytes) {
+    hex.push_back(kDigits[b >> 4]);
+    hex.push_back(kDigits[b & 15]);
+  }
+  return hex;
+}
+
+}  // namespace trv
