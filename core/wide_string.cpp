@@ -175,11 +175,4 @@ View Trim(View s) {
 std::string_view TrimView(std::string_view s) { return Trim(s); }
 WStringView TrimView(WStringView s) { return Trim(s); }
 
-int HexDigitValue(char32_t c) {
-  if (c >= '0' && c <= '9') return static_cast<int>(c - '0');
-  if (c >= 'a' && c <= 'f') return static_cast<int>(c - 'a' + 10);
-  if (c >= 'A' && c <= 'F') return static_cast<int>(c - 'A' + 10);
-  return -1;
-}
-
 }  // namespace trv

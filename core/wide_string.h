@@ -42,7 +42,12 @@ bool StartsWithNoCase(std::string_view s, std::string_view prefix);
 bool StartsWithNoCase(WStringView s, WStringView prefix);
 
 // The value of a hexadecimal digit (either case); -1 for any other character.
-int HexDigitValue(char32_t c);
+constexpr int HexDigitValue(char32_t c) {
+  if (c >= U'0' && c <= U'9') return static_cast<int>(c - U'0');
+  if (c >= U'a' && c <= U'f') return static_cast<int>(c - U'a' + 10);
+  if (c >= U'A' && c <= U'F') return static_cast<int>(c - U'A' + 10);
+  return -1;
+}
 
 // Removes blanks (space, TAB, CR, LF) at both ends.
 std::string_view TrimView(std::string_view s);

@@ -273,7 +273,7 @@ void CXmQpDecoder::Step(unsigned char c) {
       }
       return;
     case kEquals:
-      if (HexValue(c) >= 0) {
+      if (HexDigitValue(c) >= 0) {
         first_hex_ = c;
         state_ = kHex;
       } else if (c == '\r') {
@@ -292,8 +292,8 @@ void CXmQpDecoder::Step(unsigned char c) {
       return;
     case kHex:
       state_ = kText;
-      if (HexValue(c) >= 0) {
-        Put(static_cast<char>(HexValue(first_hex_) << 4 | HexValue(c)));
+      if (HexDigitValue(c) >= 0) {
+        Put(static_cast<char>(HexDigitValue(first_hex_) << 4 | HexDigitValue(c)));
       } else {
         clean_ = false;
         Put('=');
@@ -339,8 +339,8 @@ void CXmQpDecoder::Filter(const unsigned char* p, size_t n) {
         *o++ = static_cast<char>(c);
         ++i;
       } else if (c == '=' && i + 2 < n) {
-        const int hi = HexValue(p[i + 1]);
-        const int lo = HexValue(p[i + 2]);
+        const int hi = HexDigitValue(p[i + 1]);
+        const int lo = HexDigitValue(p[i + 2]);
         if (hi >= 0 && lo >= 0) {
           *o++ = static_cast<char>(hi << 4 | lo);
         } else if (p[i + 1] != '\r' || p[i + 2] != '\n') {

@@ -55,9 +55,9 @@ Scan ReadWord(WStringView text, size_t i, Word* w) {
       const char16_t c = body[m];
       if (c == u'_') {
         w->bytes.push_back(' ');
-      } else if (c == u'=' && m + 2 < body.size() && HexValue(body[m + 1]) >= 0 &&
-                 HexValue(body[m + 2]) >= 0) {
-        w->bytes.push_back(static_cast<char>(HexValue(body[m + 1]) << 4 | HexValue(body[m + 2])));
+      } else if (c == u'=' && m + 2 < body.size() && HexDigitValue(body[m + 1]) >= 0 &&
+                 HexDigitValue(body[m + 2]) >= 0) {
+        w->bytes.push_back(static_cast<char>(HexDigitValue(body[m + 1]) << 4 | HexDigitValue(body[m + 2])));
         m += 2;
       } else {
         w->bytes.push_back(static_cast<char>(c));

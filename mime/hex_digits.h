@@ -6,17 +6,11 @@
 #include <string>
 #include <string_view>
 
+#include "core/wide_string.h"  // HexDigitValue
+
 namespace trv {
 
 inline constexpr char kUpperHexDigits[] = "0123456789ABCDEF";
-
-// The value of one hexadecimal digit of either case; -1 for anything else.
-constexpr int HexValue(char32_t c) {
-  if (c >= U'0' && c <= U'9') return static_cast<int>(c - U'0');
-  if (c >= U'A' && c <= U'F') return static_cast<int>(c - U'A' + 10);
-  if (c >= U'a' && c <= U'f') return static_cast<int>(c - U'a' + 10);
-  return -1;
-}
 
 // Appends `mark` and the byte as two upper-case digits: "=3D", "%20".
 inline void AppendHexEscape(char mark, unsigned char b, std::string* out) {

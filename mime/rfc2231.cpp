@@ -56,8 +56,8 @@ NamePart SplitName(const WString& name) {
 
 void PercentDecode(WStringView s, std::string* out) {
   for (size_t i = 0; i < s.size(); ++i) {
-    if (s[i] == u'%' && i + 2 < s.size() && HexValue(s[i + 1]) >= 0 && HexValue(s[i + 2]) >= 0) {
-      out->push_back(static_cast<char>(HexValue(s[i + 1]) << 4 | HexValue(s[i + 2])));
+    if (s[i] == u'%' && i + 2 < s.size() && HexDigitValue(s[i + 1]) >= 0 && HexDigitValue(s[i + 2]) >= 0) {
+      out->push_back(static_cast<char>(HexDigitValue(s[i + 1]) << 4 | HexDigitValue(s[i + 2])));
       i += 2;
     } else if (s[i] < 0x80) {
       out->push_back(static_cast<char>(s[i]));
