@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core/file_io.h"
+#include "base/file_io.h"
 
 namespace trv {
 

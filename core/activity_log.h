@@ -10,30 +10,10 @@
 #include <string>
 #include <string_view>
 
-#include "core/thread_annotations.h"
+#include "base/log_sink.h"
+#include "base/thread_annotations.h"
 
 namespace trv {
-
-// Log levels and their prefixes.
-enum LogLevel : int {
-  kLogEvent = 0,     // "- " engine, storage and folder events
-  kLogSent = 1,      // "S " a protocol line sent to a server
-  kLogReceived = 2,  // "R " a protocol line received from a server
-  kLogPlain = 3,     // no prefix
-};
-
-// Where lower layers write their log lines; the engine's log is one.
-class LogSink {
- public:
-  virtual ~LogSink() = default;
-  virtual void Log(std::string_view text, int level = kLogEvent) = 0;
-};
-
-// A sink that drops everything (tests, tools without a log).
-class NullLogSink final : public LogSink {
- public:
-  void Log(std::string_view, int) override {}
-};
 
 class ActivityLog final : public LogSink {
  public:

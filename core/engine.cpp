@@ -5,7 +5,7 @@
 #include <optional>
 #include <system_error>
 
-#include "core/file_io.h"
+#include "base/file_io.h"
 #include "core/message_import.h"
 #include "core/registry.h"
 
@@ -80,12 +80,12 @@ void ReleaseEngine() {
   }
 }
 
-MailEngine::MailEngine() : registry_path_(RegistryKey::DefaultPath()), file_ops_(&PosixStorageFileOps::Instance()) {}
+MailEngine::MailEngine() : registry_path_(RegistryKey::DefaultPath()), file_ops_(&PosixFileSystem::Instance()) {}
 
 MailEngine::~MailEngine() = default;
 
-void MailEngine::SetFileOps(StorageFileOps* ops) {
-  file_ops_ = ops != nullptr ? ops : &PosixStorageFileOps::Instance();
+void MailEngine::SetFileOps(FileSystem* ops) {
+  file_ops_ = ops != nullptr ? ops : &PosixFileSystem::Instance();
 }
 
 void MailEngine::Shutdown() {

@@ -36,13 +36,13 @@
 #include "core/activity_log.h"
 #include "core/engine_listeners.h"
 #include "core/engine_service.h"
-#include "core/guid.h"
-#include "core/result.h"
+#include "base/guid.h"
+#include "base/result.h"
 #include "core/settings_file.h"
 #include "core/settings_tree.h"
-#include "core/thread_annotations.h"
+#include "base/thread_annotations.h"
 #include "store/storage.h"
-#include "store/storage_files.h"
+#include "base/file_system.h"
 #include "store/storage_host.h"
 
 namespace trv {
@@ -77,7 +77,7 @@ class MailEngine final : public StorageHost {
   void SetProgressCallback(EngineProgress progress) { progress_ = std::move(progress); }
   // The file operations of storages and of MoveDataDirectory (tests put a
   // fault-injecting one here). Null restores the real file system.
-  void SetFileOps(StorageFileOps* ops);
+  void SetFileOps(FileSystem* ops);
 
   // The start-up sequence: data directory, log, settings, storages (found
   // by their "*.idx" files, or "Local Folders" created), services, opening
@@ -145,7 +145,7 @@ class MailEngine final : public StorageHost {
   void StorageAboutToOpen(Storage& storage) override;
   void FolderTreeChanged(Storage& storage, const FolderTreeChange& change) override;
   void IndexReadProgress(uint32_t position, uint32_t size) override;
-  StorageFileOps& FileOps() override { return *file_ops_; }
+  FileSystem& FileOps() override { return *file_ops_; }
   // Folder files fill the records a repair rebuilds from the message heads
   // (core/message_import.h).
   FolderFileOptions FolderFileSettings() override;
@@ -178,7 +178,7 @@ class MailEngine final : public StorageHost {
   std::filesystem::path data_dir_override_;
   ServiceFactory factory_;
   EngineProgress progress_;
-  StorageFileOps* file_ops_;
+  FileSystem* file_ops_;
 
   ListenerList<ServiceAddedListener> service_added_;
   ListenerList<ServiceLoadedListener> service_loaded_;

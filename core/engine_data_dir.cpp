@@ -4,7 +4,7 @@
 #include <system_error>
 
 #include "core/engine.h"
-#include "core/file_io.h"
+#include "base/file_io.h"
 #include "core/registry.h"
 
 namespace trv {

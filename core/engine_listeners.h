@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "core/thread_annotations.h"
+#include "base/thread_annotations.h"
 
 namespace trv {
 

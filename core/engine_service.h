@@ -7,10 +7,10 @@
 #include <functional>
 #include <memory>
 
-#include "core/guid.h"
-#include "core/result.h"
+#include "base/guid.h"
+#include "base/result.h"
 #include "core/settings_tree.h"
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 #include "store/storage_host.h"
 
 namespace trv {

@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <string>
 
-#include "core/result.h"
+#include "base/result.h"
 
 namespace trv {
 

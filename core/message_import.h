@@ -7,7 +7,7 @@
 
 #include <string_view>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 #include "mime/header.h"
 #include "store/message_record.h"
 

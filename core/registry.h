@@ -31,10 +31,10 @@
 #include <vector>
 
 #include "core/activity_log.h"
-#include "core/result.h"
+#include "base/result.h"
 #include "core/settings_file.h"
 #include "core/settings_tree.h"
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

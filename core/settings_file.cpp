@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
-#include "core/file_io.h"
+#include "base/file_io.h"
 
 namespace trv {
 

@@ -28,9 +28,9 @@
 #include <string_view>
 
 #include "core/activity_log.h"
-#include "core/result.h"
+#include "base/result.h"
 #include "core/settings_tree.h"
-#include "core/thread_annotations.h"
+#include "base/thread_annotations.h"
 
 namespace trv {
 

@@ -51,10 +51,10 @@
 #include <string_view>
 #include <vector>
 
-#include "core/result.h"
+#include "base/result.h"
 #include "core/settings_value.h"
-#include "core/thread_annotations.h"
-#include "core/wide_string.h"
+#include "base/thread_annotations.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <string>
 
-#include "core/date_value.h"
-#include "core/wide_string.h"
+#include "base/date_value.h"
+#include "base/wide_string.h"
 #include "mime/rfc822_date.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 #include "mime/address_list.h"
 #include "mime/encoded_word.h"
 #include "mime/header_split.h"

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

@@ -1,7 +1,7 @@
 #include "mime/codec_streams.h"
 
 #include "mime/base64_table.h"
-#include "mime/hex_digits.h"
+#include "base/hex_digits.h"
 #include "mime/quoted_printable.h"
 
 namespace trv {

@@ -16,7 +16,7 @@
 #include <memory>
 #include <string>
 
-#include "core/result.h"
+#include "base/result.h"
 #include "mime/stream.h"
 
 namespace trv {

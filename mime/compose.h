@@ -25,9 +25,9 @@
 #include <string>
 #include <vector>
 
-#include "core/date_value.h"
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/date_value.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 #include "mime/message_flags.h"
 #include "mime/message_stamp.h"
 #include "mime/mime_message.h"

@@ -4,7 +4,7 @@
 
 #include "mime/base64.h"
 #include "mime/charset/converter.h"
-#include "mime/hex_digits.h"
+#include "base/hex_digits.h"
 
 namespace trv {
 

@@ -2,7 +2,7 @@
 // in header text that has already been turned into UTF-16.
 #pragma once
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

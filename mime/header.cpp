@@ -4,6 +4,7 @@
 #include "mime/encoded_word.h"
 #include "mime/header_split.h"
 #include "mime/rfc2231.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 

@@ -11,8 +11,8 @@
 #include <string_view>
 #include <vector>
 
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 #include "mime/address_list.h"
 #include "mime/header_field.h"
 #include "mime/header_names.h"

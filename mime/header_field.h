@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

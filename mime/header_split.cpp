@@ -1,4 +1,5 @@
 #include "mime/header_split.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 

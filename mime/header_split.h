@@ -4,8 +4,8 @@
 
 #include <cstddef>
 
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 #include "mime/header_field.h"
 
 namespace trv {

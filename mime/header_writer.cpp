@@ -4,8 +4,9 @@
 #include <climits>
 
 #include "mime/charset/converter.h"
-#include "mime/hex_digits.h"
+#include "base/hex_digits.h"
 #include "mime/quoted_printable.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 

@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 #include "mime/header_field.h"
 
 namespace trv {

@@ -1,13 +1,13 @@
 // The dates a message is shown and sorted by, from its header.
 #pragma once
 
-#include "core/date_value.h"
+#include "base/date_value.h"
 #include "mime/header.h"
 
 namespace trv {
 
 struct MessageDates {
-  double sent = kNoDate;      // UTC date values (core/date_value.h)
+  double sent = kNoDate;      // UTC date values (base/date_value.h)
   double received = kNoDate;
 };
 

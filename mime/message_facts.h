@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <vector>
 
-#include "core/date_value.h"
-#include "core/wide_string.h"
+#include "base/date_value.h"
+#include "base/wide_string.h"
 #include "mime/header.h"
 #include "mime/message_flags.h"
 #include "mime/mime_message.h"

@@ -8,6 +8,7 @@
 #include "mime/message_flags.h"
 #include "mime/mime_message.h"
 #include "mime/part_parser.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 

@@ -19,8 +19,8 @@
 #include <string>
 #include <vector>
 
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 #include "mime/header.h"
 #include "mime/message_source.h"
 #include "mime/stream.h"

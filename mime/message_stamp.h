@@ -3,8 +3,8 @@
 // from a StampSource, so that tests can fix them.
 #pragma once
 
-#include "core/date_value.h"
-#include "core/wide_string.h"
+#include "base/date_value.h"
+#include "base/wide_string.h"
 #include "mime/header.h"
 
 namespace trv {

@@ -1,4 +1,5 @@
 #include "mime/mime_message.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 

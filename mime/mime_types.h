@@ -6,7 +6,7 @@
 #include <string>
 #include <unordered_map>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

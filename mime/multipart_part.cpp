@@ -2,6 +2,7 @@
 #include "mime/message_part.h"
 #include "mime/message_stamp.h"
 #include "mime/part_parser.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 

@@ -4,6 +4,7 @@
 
 #include "mime/header_split.h"
 #include "mime/message_part.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 

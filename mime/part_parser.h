@@ -29,7 +29,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/result.h"
+#include "base/result.h"
 #include "mime/header.h"
 #include "mime/line_reader.h"
 #include "mime/stream.h"

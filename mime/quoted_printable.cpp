@@ -1,6 +1,6 @@
 #include "mime/quoted_printable.h"
 
-#include "mime/hex_digits.h"
+#include "base/hex_digits.h"
 
 namespace trv {
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "mime/charset/converter.h"
-#include "mime/hex_digits.h"
+#include "base/hex_digits.h"
 
 namespace trv {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "core/date_value.h"
-#include "core/wide_string.h"
+#include "base/date_value.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

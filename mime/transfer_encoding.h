@@ -6,8 +6,8 @@
 #include <memory>
 #include <string_view>
 
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 #include "mime/codec_streams.h"
 #include "mime/stream.h"
 

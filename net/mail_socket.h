@@ -20,8 +20,8 @@
 #include <utility>
 #include <vector>
 
-#include "core/result.h"
-#include "core/thread_annotations.h"
+#include "base/result.h"
+#include "base/thread_annotations.h"
 #include "net/certificate_check.h"
 #include "net/socket_errors.h"
 #include "net/tls_engine.h"

@@ -3,9 +3,9 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 #include "mime/base64.h"
-#include "mime/hex_digits.h"
+#include "base/hex_digits.h"
 
 namespace trv {
 

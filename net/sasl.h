@@ -6,11 +6,12 @@
 #pragma once
 
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
 
-#include "core/result.h"
+#include "base/result.h"
 
 namespace trv {
 
@@ -26,6 +27,13 @@ namespace rc {
 inline constexpr Result kSaslUnexpectedChallenge{0x80E10001};  // or one that does not decode
 inline constexpr Result kSaslUnavailable{0x80E10004};
 }  // namespace rc
+
+inline constexpr ResultTextEntry kSaslTexts[] = {
+    {0x80E10001, "The authentication exchange received an unexpected challenge."},
+    {0x80E10004, "The authentication mechanism is not available."},
+};
+inline constexpr ResultTextTable kSaslTextTable{kSaslTexts, std::size(kSaslTexts)};
+inline const bool kSaslTextsRegistered = RegisterResultTexts(kSaslTextTable);
 
 class SaslClient {
  public:

@@ -4,8 +4,9 @@
 #pragma once
 
 #include <cstdint>
+#include <iterator>
 
-#include "core/result.h"
+#include "base/result.h"
 
 namespace trv {
 namespace rc {
@@ -49,6 +50,67 @@ inline constexpr Result kSocksRefused{0x80C100FF};
 inline constexpr Result kTlsFailed{0x80C5012A};            // handshake or read
 inline constexpr Result kTlsWriteFailed{0x80C5012B};
 }  // namespace rc
+
+inline constexpr ResultTextEntry kTransportTexts[] = {
+    {0x80C00001, "The socket library is not started."},
+    {0x80C00002, "The socket call was interrupted or would block."},
+    {0x80C00003, "Permission denied for the socket operation."},
+    {0x80C00004, "Bad address."},
+    {0x80C00005, "Invalid argument."},
+    {0x80C00006, "Too many open sockets."},
+    {0x80C00007, "A socket operation is already in progress."},
+    {0x80C00008, "The handle is not a socket."},
+    {0x80C00009, "A destination address is required."},
+    {0x80C0000A, "The line or message is too long."},
+    {0x80C0000B, "Wrong protocol type for the socket."},
+    {0x80C0000C, "Bad protocol option."},
+    {0x80C0000D, "The protocol or address family is not supported."},
+    {0x80C0000E, "The address is already in use."},
+    {0x80C0000F, "The address is not available."},
+    {0x80C00010, "The network is down, unreachable or was reset."},
+    {0x80C00011, "The connection was aborted."},
+    {0x80C00012, "The connection was closed by the server."},
+    {0x80C00013, "The connection was refused."},
+    {0x80C00014, "The connection timed out."},
+    {0x80C00015, "The socket is not connected."},
+    {0x80C00016, "The host was not found."},
+    {0x80C00017, "The host is down or unreachable."},
+    {0x80C00018, "The socket is already connected."},
+    {0x80C00019, "The host name has no address."},
+    {0x80C0001A, "Temporary failure in name resolution."},
+    {0x80C10001, "The SOCKS proxy reported a general failure or refused the request."},
+    {0x80C10002, "The SOCKS proxy's rules do not allow the connection."},
+    {0x80C10003, "The SOCKS proxy reports the network unreachable."},
+    {0x80C10004, "The SOCKS proxy reports the host unreachable (or could not reach the identity server)."},
+    {0x80C10005, "The SOCKS proxy reports the connection refused."},
+    {0x80C10006, "The SOCKS proxy reports the time to live expired."},
+    {0x80C10007, "The SOCKS proxy does not support the command."},
+    {0x80C10008, "The SOCKS proxy does not support the address type."},
+    {0x80C100FC, "The SOCKS proxy accepts none of the offered authentication methods."},
+    {0x80C100FD, "The SOCKS proxy answered with a wrong version."},
+    {0x80C100FE, "The SOCKS proxy refused the user name or password."},
+    {0x80C100FF, "The SOCKS proxy refused the connection."},
+    {0x80C50001, "The secure connection could not be set up (no TLS version or cipher suite enabled)."},
+    {0x80C50002, "The server does not speak TLS."},
+    {0x80C50003, "The server supports none of the enabled TLS versions."},
+    {0x80C50004, "The server supports none of the enabled cipher suites."},
+    {0x80C50005, "The server certificate was not accepted."},
+    {0x80C50006, "The server ended the secure connection with an alert."},
+    {0x80C50007, "The secure connection ended in the middle of a record."},
+    {0x80C50008, "The secure connection failed with a protocol error."},
+    {0x80C50009, "The server closed the connection during the secure handshake."},
+    {0x80C5012A, "The secure connection could not be established or read."},
+    {0x80C5012B, "The secure connection could not be written."},
+};
+// Codes without a text of their own; the protocol clients add the texts of
+// their 0x80C2 (POP3), 0x80C3 (SMTP) and 0x80C4 (IMAP4) codes.
+inline constexpr ResultFamilyEntry kTransportFamilies[] = {
+    {0x80C0, "Socket error"},    {0x80C1, "SOCKS proxy error"}, {0x80C2, "POP3 error"},
+    {0x80C3, "SMTP error"},      {0x80C4, "IMAP4 error"},       {0x80C5, "Secure connection error"},
+};
+inline constexpr ResultTextTable kTransportTextTable{kTransportTexts, std::size(kTransportTexts),
+                                                      kTransportFamilies, std::size(kTransportFamilies)};
+inline const bool kTransportTextsRegistered = RegisterResultTexts(kTransportTextTable);
 
 // Maps an errno value of a socket call onto the 0x80C0 codes; values without
 // a socket meaning give rc::kFail.

@@ -14,7 +14,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "core/thread_annotations.h"
+#include "base/thread_annotations.h"
 #include "net/socket_errors.h"
 #include "net/transport.h"
 

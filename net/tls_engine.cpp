@@ -10,8 +10,8 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "core/thread_annotations.h"
-#include "mime/hex_digits.h"
+#include "base/thread_annotations.h"
+#include "base/hex_digits.h"
 #include "net/certificate_check.h"
 #include "net/socket_errors.h"
 #include "net/transport.h"

@@ -28,8 +28,8 @@
 #include <string>
 #include <vector>
 
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 #include "store/container_result.h"
 
 namespace trv {

@@ -19,7 +19,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/result.h"
+#include "base/result.h"
 #include "store/container.h"
 
 namespace trv::container_internal {

@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <string>
 
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 
 namespace trv::container_internal {
 

@@ -2,7 +2,9 @@
 // that turns an SQLite status into a result code.
 #pragma once
 
-#include "core/result.h"
+#include <iterator>
+
+#include "base/result.h"
 
 struct sqlite3;
 
@@ -20,6 +22,19 @@ inline constexpr Result kNothingSalvaged{0x80D00008};   // a damaged container h
 inline constexpr Result kStreamMissing{0x80070002};     // no stream of that name
 inline constexpr Result kContainerBusy{0x80070020};     // locked by another process
 }  // namespace rc
+
+inline constexpr ResultTextEntry kContainerTexts[] = {
+    {0x80D00001, "The file is not a container file."},
+    {0x80D00002, "The container file is damaged."},
+    {0x80D00003, "The container file was written by a newer version."},
+    {0x80D00004, "The container file is not open."},
+    {0x80D00005, "The stream would grow past 4 GB."},
+    {0x80D00006, "The stream was opened for reading only."},
+    {0x80D00007, "The container file could not be accessed."},
+    {0x80D00008, "Nothing could be saved from the damaged container file."},
+};
+inline constexpr ResultTextTable kContainerTextTable{kContainerTexts, std::size(kContainerTexts)};
+inline const bool kContainerTextsRegistered = RegisterResultTexts(kContainerTextTable);
 
 // Maps an SQLite result (primary or extended) to our code. `db` may be null;
 // when given, the system errno behind an I/O or open failure is used.

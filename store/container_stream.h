@@ -14,8 +14,8 @@
 #include <string>
 #include <string_view>
 
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <unordered_set>
 
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 #include "store/container_file.h"
 
 namespace trv {

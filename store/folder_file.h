@@ -33,9 +33,9 @@
 #include <string_view>
 #include <vector>
 
-#include "core/activity_log.h"
-#include "core/result.h"
-#include "core/thread_annotations.h"
+#include "base/log_sink.h"
+#include "base/result.h"
+#include "base/thread_annotations.h"
 #include "store/container.h"
 #include "store/container_stream.h"
 #include "store/folder_observer.h"

@@ -4,7 +4,7 @@
 // only after the commit, so a failed change leaves memory and file alike.
 #include <unordered_set>
 
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 #include "store/folder_file.h"
 
 namespace trv {

@@ -12,7 +12,7 @@
 #include <algorithm>
 #include <unordered_set>
 
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 #include "store/folder_file.h"
 #include "store/index_parser.h"
 

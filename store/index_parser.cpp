@@ -2,7 +2,7 @@
 
 #include <type_traits>
 
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 
 namespace trv {
 

@@ -20,7 +20,7 @@
 #include <memory>
 #include <vector>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 #include "store/folder_file.h"
 #include "store/storage_index_file.h"
 

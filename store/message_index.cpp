@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string>
 
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 #include "store/container_stream.h"
 #include "store/index_parser.h"
 

@@ -13,7 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "core/result.h"
+#include "base/result.h"
 #include "store/message_record.h"
 
 namespace trv {

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <type_traits>
 
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 
 namespace trv {
 

@@ -4,7 +4,7 @@
 // matches itself, case counts. "\0*" thus matches the names beginning with "0".
 #pragma once
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

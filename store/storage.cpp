@@ -4,7 +4,7 @@
 #include <system_error>
 
 #include "store/container_file.h"
-#include "store/storage_files.h"
+#include "base/file_system.h"
 
 namespace trv {
 
@@ -82,7 +82,7 @@ void Storage::RemoveFolderFile(MailFolder& folder) {
 
 Result Storage::Create(WStringView name, const std::filesystem::path& dir, bool local) {
   if (is_open()) return rc::kInvalidArg;
-  StorageFileOps& ops = host_.FileOps();
+  FileSystem& ops = host_.FileOps();
   const std::filesystem::path index_dir = WithTrailingSlash(dir.empty() ? host_.DataDirectory() : dir);
   std::error_code ec;
   std::filesystem::create_directories(index_dir, ec);

@@ -33,10 +33,10 @@
 #include <string_view>
 #include <vector>
 
-#include "core/guid.h"
-#include "core/result.h"
-#include "core/thread_annotations.h"
-#include "core/wide_string.h"
+#include "base/guid.h"
+#include "base/result.h"
+#include "base/thread_annotations.h"
+#include "base/wide_string.h"
 #include "store/mail_folder.h"
 #include "store/storage_host.h"
 #include "store/storage_index_file.h"

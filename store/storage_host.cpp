@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "store/storage_files.h"
+#include "base/file_system.h"
 
 namespace trv {
 
@@ -16,7 +16,7 @@ std::filesystem::path WithTrailingSlash(const std::filesystem::path& dir) {
   return s;
 }
 
-StorageFileOps& StorageHost::FileOps() { return PosixStorageFileOps::Instance(); }
+FileSystem& StorageHost::FileOps() { return PosixFileSystem::Instance(); }
 
 std::filesystem::path StorageHost::UserHomeDirectory() {
   const char* home = std::getenv("HOME");

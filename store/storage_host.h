@@ -13,16 +13,16 @@
 #include <string>
 #include <vector>
 
-#include "core/activity_log.h"
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/log_sink.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 #include "store/folder_file.h"
 
 namespace trv {
 
 class MailFolder;
 class Storage;
-class StorageFileOps;
+class FileSystem;
 
 // Events of the engine's progress callback that storages raise, and the
 // answers they understand.
@@ -93,7 +93,7 @@ class StorageHost {
   // Position and size of an index being read, after each record.
   virtual void IndexReadProgress(uint32_t position, uint32_t size) {}
 
-  virtual StorageFileOps& FileOps();
+  virtual FileSystem& FileOps();
   // Options of the folder files the storages open.
   virtual FolderFileOptions FolderFileSettings() { return {}; }
 

@@ -1,7 +1,7 @@
 #include "store/storage_index_file.h"
 
-#include "core/byte_io.h"
-#include "store/storage_files.h"
+#include "base/byte_io.h"
+#include "base/file_system.h"
 
 namespace trv {
 
@@ -115,7 +115,7 @@ std::filesystem::path IndexTempPath(const std::filesystem::path& p) { return Wit
 std::filesystem::path IndexBackupPath(const std::filesystem::path& p) { return WithExtension(p, ".bak"); }
 std::filesystem::path IndexDamagedPath(const std::filesystem::path& p) { return WithExtension(p, ".damaged"); }
 
-Result RestoreIndexFromBackup(const std::filesystem::path& index_path, StorageFileOps& ops, LogSink& log) {
+Result RestoreIndexFromBackup(const std::filesystem::path& index_path, FileSystem& ops, LogSink& log) {
   const std::filesystem::path backup = IndexBackupPath(index_path);
   if (ops.Exists(index_path) || !ops.Exists(backup)) return rc::kOk;
   const Result r = ops.CopyFile(backup, index_path);
@@ -129,7 +129,7 @@ Result RestoreIndexFromBackup(const std::filesystem::path& index_path, StorageFi
 }
 
 Result WriteStorageIndexFile(const std::filesystem::path& index_path, std::string_view bytes, bool keep_damaged,
-                             StorageFileOps& ops, LogSink& log) {
+                             FileSystem& ops, LogSink& log) {
   const std::filesystem::path temp = IndexTempPath(index_path);
   const std::filesystem::path backup = IndexBackupPath(index_path);
   Result r = ops.WriteNewFile(temp, bytes);

@@ -33,14 +33,14 @@
 #include <string_view>
 #include <vector>
 
-#include "core/activity_log.h"
-#include "core/guid.h"
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/log_sink.h"
+#include "base/guid.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 
 namespace trv {
 
-class StorageFileOps;
+class FileSystem;
 
 inline constexpr uint32_t kIndexMagicCurrent = 0x4C4D5A51;  // "QZML"
 inline constexpr uint32_t kIndexMagicEarlier = 0x4C4D5A50;  // "PZML"
@@ -112,11 +112,11 @@ std::filesystem::path IndexDamagedPath(const std::filesystem::path& index_path);
 //   its name when it was already moved, and in every case, when the index
 //   is missing at the end and the backup exists, the backup is copied back.
 Result WriteStorageIndexFile(const std::filesystem::path& index_path, std::string_view bytes, bool keep_damaged,
-                             StorageFileOps& ops, LogSink& log);
+                             FileSystem& ops, LogSink& log);
 
 // When the index file is missing and its backup exists, copies the backup
 // back to the index name and logs "Storage index restored from backup: "
 // with the backup's path. rc::kOk when there was nothing to do.
-Result RestoreIndexFromBackup(const std::filesystem::path& index_path, StorageFileOps& ops, LogSink& log);
+Result RestoreIndexFromBackup(const std::filesystem::path& index_path, FileSystem& ops, LogSink& log);
 
 }  // namespace trv

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "store/storage.h"
-#include "store/storage_files.h"
+#include "base/file_system.h"
 
 namespace trv {
 
@@ -72,7 +72,7 @@ Result Storage::FailOpen(Result r, const std::filesystem::path& path, const std:
 Result Storage::Open(const std::filesystem::path& index_path) {
   Close();
   LogSink& log = host_.StorageLog();
-  StorageFileOps& ops = host_.FileOps();
+  FileSystem& ops = host_.FileOps();
   log.Log(kLogLoadingStorage + index_path.string());
   index_problem_.clear();
   index_damaged_ = false;
@@ -167,7 +167,7 @@ void Storage::ReportFolderError(const WString& folder_name, Result r, LoadState&
 }
 
 Result Storage::FindFolderFile(MailFolder& folder, std::filesystem::path* found) {
-  StorageFileOps& ops = host_.FileOps();
+  FileSystem& ops = host_.FileOps();
   const std::filesystem::path name = StoredNamePath(folder.file_name_);
   for (;;) {
     std::vector<std::filesystem::path> dirs = {host_.HomeDirectory(), WithTrailingSlash(host_.DataDirectory())};

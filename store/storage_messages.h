@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "core/result.h"
+#include "base/result.h"
 #include "store/mail_folder.h"
 
 namespace trv {

@@ -4,7 +4,7 @@
 // white space collapsed the way a browser does (kept inside <pre>).
 #pragma once
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "core/result.h"
+#include "base/result.h"
 #include "mime/mime_message.h"
 #include "ui/message_view.h"
 

@@ -23,8 +23,8 @@
 #include <string>
 #include <vector>
 
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 #include "mime/mime_message.h"
 #include "ui/text_to_html.h"
 

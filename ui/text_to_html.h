@@ -24,7 +24,7 @@
 #include <variant>
 #include <vector>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

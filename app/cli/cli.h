@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "core/engine.h"
-#include "core/result.h"
+#include "base/result.h"
 #include "store/mail_folder.h"
 
 namespace trv::cli {

@@ -11,7 +11,7 @@
 #include <set>
 
 #include "app/cli/commands.h"
-#include "core/file_io.h"
+#include "base/file_io.h"
 
 namespace trv::cli {
 

@@ -12,8 +12,8 @@
 
 #include "app/cli/commands.h"
 #include "app/cli/mbox.h"
-#include "core/date_value.h"
-#include "core/file_io.h"
+#include "base/date_value.h"
+#include "base/file_io.h"
 #include "core/message_import.h"
 
 namespace trv::cli {

@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv::cli {
 

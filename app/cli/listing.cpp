@@ -5,7 +5,7 @@
 #include "app/cli/cli.h"
 #include "app/cli/json_writer.h"
 #include "app/cli/text_table.h"
-#include "core/date_value.h"
+#include "base/date_value.h"
 
 namespace trv::cli {
 

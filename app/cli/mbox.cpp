@@ -3,7 +3,7 @@
 #include <cctype>
 #include <cstdio>
 
-#include "core/date_value.h"
+#include "base/date_value.h"
 
 namespace trv::cli {
 

@@ -16,7 +16,7 @@
 #include <string_view>
 
 #include "app/cli/line_source.h"
-#include "core/result.h"
+#include "base/result.h"
 
 namespace trv::cli {
 

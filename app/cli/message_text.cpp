@@ -1,6 +1,6 @@
 #include "app/cli/message_text.h"
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 #include "mime/codec_streams.h"
 
 namespace trv::cli {

@@ -8,6 +8,7 @@
 #include "mime/mime_message.h"
 #include "mime/part_parser.h"
 #include "ui/message_show.h"
+#include "mime/mime_result.h"
 
 namespace trv::cli {
 

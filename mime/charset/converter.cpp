@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "mime/charset/text_codec.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 

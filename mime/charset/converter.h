@@ -14,10 +14,11 @@
 #include <string>
 #include <string_view>
 
-#include "core/result.h"
-#include "core/wide_string.h"
+#include "base/result.h"
+#include "base/wide_string.h"
 #include "mime/charset/charset.h"
 #include "mime/stream.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 

@@ -8,7 +8,7 @@
 #include <map>
 #include <random>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 #include "mime/base64.h"
 #include "tests/app/cli_runner.h"
 

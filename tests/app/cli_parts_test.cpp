@@ -10,7 +10,7 @@
 #include "app/cli/mbox.h"
 #include "app/cli/message_text.h"
 #include "app/cli/text_table.h"
-#include "core/date_value.h"
+#include "base/date_value.h"
 #include "tests/app/json_value.h"
 #include "tests/support/temp_dir.h"
 

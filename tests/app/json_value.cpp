@@ -6,7 +6,7 @@
 #include <regex>
 #include <stdexcept>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv::test {
 

@@ -6,7 +6,7 @@
 
 #include <cmath>
 
-#include "core/date_value.h"
+#include "base/date_value.h"
 #include "core/engine.h"
 
 namespace trv {

@@ -4,7 +4,7 @@
 
 #include <regex>
 
-#include "core/file_io.h"
+#include "base/file_io.h"
 #include "core/registry.h"
 #include "tests/core/scoped_env.h"
 #include "tests/store/storage_test_util.h"

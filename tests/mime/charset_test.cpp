@@ -8,6 +8,7 @@
 #include "mime/charset/charset.h"
 #include "mime/charset/converter.h"
 #include "mime/stream.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 namespace {

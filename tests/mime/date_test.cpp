@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "core/date_value.h"
+#include "base/date_value.h"
 #include "mime/header.h"
 #include "mime/message_dates.h"
 #include "mime/rfc822_date.h"

@@ -10,6 +10,7 @@
 #include "mime/header_split.h"
 #include "mime/header_writer.h"
 #include "mime/stream.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 namespace {

@@ -6,6 +6,7 @@
 #include "mime/mime_message.h"
 #include "tests/mime/part_tree_util.h"
 #include "tests/support/temp_dir.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 namespace {

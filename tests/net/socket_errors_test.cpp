@@ -24,5 +24,17 @@ TEST(SocketErrorsTest, ErrnoResolverAndSecureTransport) {
   EXPECT_TRUE(IsSecureTransportError(SecureTransportError(0x12345)));
 }
 
+TEST(SocketErrorsTest, EveryRegisteredCodeHasItsOwnText) {
+  const std::vector<Result> codes = RegisteredResultCodes();
+  EXPECT_GT(codes.size(), 60u);
+  for (Result code : codes) {
+    const std::string text = ResultText(code);
+    EXPECT_EQ(text.find(ResultHex(code)), std::string::npos) << ResultHex(code) << ": " << text;
+    EXPECT_EQ(text.rfind("System error", 0), std::string::npos) << ResultHex(code);
+  }
+  EXPECT_EQ(ResultText(Result(0x80C00014)), "The connection timed out.");
+  EXPECT_EQ(ResultText(Result(0x80C40077)), "IMAP4 error 0x80C40077.");
+}
+
 }  // namespace
 }  // namespace trv

@@ -4,7 +4,7 @@
 
 #include <thread>
 
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 #include "tests/store/folder_test_util.h"
 #include "tests/support/temp_dir.h"
 

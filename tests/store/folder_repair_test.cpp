@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 #include "store/folder_file.h"
 #include "tests/store/folder_test_util.h"
 #include "tests/support/temp_dir.h"

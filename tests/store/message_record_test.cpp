@@ -4,7 +4,7 @@
 
 #include <cstring>
 
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 #include "store/index_parser.h"
 
 namespace trv {

@@ -4,7 +4,7 @@
 
 #include <optional>
 
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 #include "store/storage.h"
 #include "tests/store/storage_test_util.h"
 

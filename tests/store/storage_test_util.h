@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "store/storage.h"
-#include "store/storage_files.h"
+#include "base/file_system.h"
 #include "store/storage_host.h"
 #include "tests/core/recording_log.h"
 #include "tests/support/temp_dir.h"
@@ -19,26 +19,26 @@ namespace trv::test {
 // rename, copy, move) are counted from 0 and the one numbered `fail_at`
 // fails with an I/O error. With `crash`, every change after it fails too
 // and does nothing, as if the process had died at that point.
-class FaultyFileOps : public PosixStorageFileOps {
+class FaultyFileOps : public PosixFileSystem {
  public:
   int fail_at = -1;
   bool crash = false;
   int changes = 0;
 
   Result WriteNewFile(const std::filesystem::path& p, std::string_view bytes) override {
-    return Fails() ? kFault : PosixStorageFileOps::WriteNewFile(p, bytes);
+    return Fails() ? kFault : PosixFileSystem::WriteNewFile(p, bytes);
   }
   Result RemoveFile(const std::filesystem::path& p) override {
-    return Fails() ? kFault : PosixStorageFileOps::RemoveFile(p);
+    return Fails() ? kFault : PosixFileSystem::RemoveFile(p);
   }
   Result Rename(const std::filesystem::path& a, const std::filesystem::path& b) override {
-    return Fails() ? kFault : PosixStorageFileOps::Rename(a, b);
+    return Fails() ? kFault : PosixFileSystem::Rename(a, b);
   }
   Result CopyFile(const std::filesystem::path& a, const std::filesystem::path& b) override {
-    return Fails() ? kFault : PosixStorageFileOps::CopyFile(a, b);
+    return Fails() ? kFault : PosixFileSystem::CopyFile(a, b);
   }
   Result MoveFile(const std::filesystem::path& a, const std::filesystem::path& b) override {
-    return Fails() ? kFault : PosixStorageFileOps::MoveFile(a, b);
+    return Fails() ? kFault : PosixFileSystem::MoveFile(a, b);
   }
 
   static constexpr Result kFault{0x8007045D};  // the I/O error of EIO
@@ -77,7 +77,7 @@ class TestHost : public StorageHost {
     return answer;
   }
   void FolderTreeChanged(Storage&, const FolderTreeChange& change) override { changes.push_back(change.kind); }
-  StorageFileOps& FileOps() override { return ops; }
+  FileSystem& FileOps() override { return ops; }
   FolderFileOptions FolderFileSettings() override {
     FolderFileOptions options;
     options.sync_commits = false;  // speed; durability is the folder file's own tests' business

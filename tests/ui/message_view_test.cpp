@@ -8,6 +8,7 @@
 #include "ui/message_show.h"
 #include "ui/message_view.h"
 #include "tests/mime/part_tree_util.h"
+#include "mime/mime_result.h"
 
 namespace trv {
 namespace {

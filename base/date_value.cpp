@@ -1,4 +1,4 @@
-#include "core/date_value.h"
+#include "base/date_value.h"
 
 #include <chrono>
 #include <cmath>

@@ -1,7 +1,7 @@
-// The file operations a storage makes on its index file and folder files,
-// behind an interface so that tests can fail any one of them or stop all of
-// them from a chosen point on, the way a crash would, and then check what a
-// fresh open makes of the files left behind.
+// The file-system seam: the whole-file operations the storages, the settings
+// file and the activity log make, behind an interface so that tests can fail
+// any one of them or stop all of them from a chosen point on, the way a crash
+// would, and then check what a fresh open makes of the files left behind.
 //
 // Every operation reports the system error of a failure (from errno).
 #pragma once
@@ -9,13 +9,13 @@
 #include <filesystem>
 #include <string_view>
 
-#include "core/result.h"
+#include "base/result.h"
 
 namespace trv {
 
-class StorageFileOps {
+class FileSystem {
  public:
-  virtual ~StorageFileOps() = default;
+  virtual ~FileSystem() = default;
 
   // Creates `path` anew (truncating), writes `bytes` and flushes them to the
   // disk before closing.
@@ -35,7 +35,7 @@ class StorageFileOps {
 };
 
 // The real file system.
-class PosixStorageFileOps : public StorageFileOps {
+class PosixFileSystem : public FileSystem {
  public:
   Result WriteNewFile(const std::filesystem::path& path, std::string_view bytes) override;
   Result ReadFile(const std::filesystem::path& path, std::string* bytes) override;
@@ -47,7 +47,7 @@ class PosixStorageFileOps : public StorageFileOps {
   void SyncDirectory(const std::filesystem::path& dir) override;
 
   // The process-wide instance.
-  static PosixStorageFileOps& Instance();
+  static PosixFileSystem& Instance();
 };
 
 }  // namespace trv

@@ -1,4 +1,4 @@
-#include "core/byte_io.h"
+#include "base/byte_io.h"
 
 namespace trv {
 

@@ -4,11 +4,14 @@
 // 0x80C1 SOCKS, 0x80C2 POP3, 0x80C3 SMTP, 0x80C4 IMAP4, 0x80C5 secure
 // transport, 0x80E1 SASL); the MIME layer has its own status values
 // (0xA0003000, 0xA0003003). A few plain system codes (2, 13, 29, 30, 80) are
-// returned as they are by the storage layer.
+// returned as they are by the storage layer. This header holds the general
+// and system codes; each layer declares its own family in its own header.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace trv {
 
@@ -46,11 +49,6 @@ inline constexpr Result kInvalidData{13};           // a folder record cannot be
 inline constexpr Result kWriteFault{29};            // index or header cannot be written
 inline constexpr Result kReadFault{30};             // a message record is short
 inline constexpr Result kFileExists{80};            // refused overwrite while moving files
-
-// Status values of the MIME layer.
-inline constexpr Result kMimeOutOfMemory{8};
-inline constexpr Result kMimeSyntax{0xA0003000};    // field without ":", multipart without boundary
-inline constexpr Result kMimeCharset{0xA0003003};   // unknown or failed character-set conversion
 }  // namespace rc
 
 // Family tests as the protocol layers use them: mask 0x1FFF0000.
@@ -70,8 +68,36 @@ Result ResultFromErrno(int err);
 
 // The text of a code for log lines and error messages, for example
 // "The system cannot find the file specified." or "Unknown error 0x80C4000B".
-// Never empty.
+// Never empty. A code without a text of its own gets its family's fallback
+// ("IMAP4 error 0x80C40077.") when the family has one.
 std::string ResultText(Result r);
+
+// Each layer owns its codes and their texts and registers them here, so this
+// layer lists none of them. A layer's result header does so through an inline
+// variable, so any program that can produce one of its codes has its texts:
+//
+//   inline const bool kStoreTextsRegistered = RegisterResultTexts(kStoreTexts);
+struct ResultTextEntry {
+  uint32_t code;
+  const char* text;
+};
+// A family's fallback: "<prefix> 0x80C40077." for its codes without a text.
+struct ResultFamilyEntry {
+  uint16_t family;
+  const char* prefix;
+};
+struct ResultTextTable {
+  const ResultTextEntry* entries;
+  size_t count;
+  const ResultFamilyEntry* families = nullptr;
+  size_t family_count = 0;
+};
+// Thread-safe; the table must live as long as the program (a constant). A
+// code registered twice keeps its first text. Returns true.
+bool RegisterResultTexts(const ResultTextTable& table);
+
+// Every registered code, in registration order (tests check each has a text).
+std::vector<Result> RegisteredResultCodes();
 
 // "0x%08X" of the code.
 std::string ResultHex(Result r);

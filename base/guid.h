@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 namespace trv {
 

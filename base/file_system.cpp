@@ -1,4 +1,4 @@
-#include "store/storage_files.h"
+#include "base/file_system.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <string>
 
-#include "core/file_io.h"
+#include "base/file_io.h"
 
 namespace trv {
 
@@ -17,12 +17,12 @@ Result LastError() { return ResultFromErrno(errno); }
 
 }  // namespace
 
-PosixStorageFileOps& PosixStorageFileOps::Instance() {
-  static PosixStorageFileOps ops;
+PosixFileSystem& PosixFileSystem::Instance() {
+  static PosixFileSystem ops;
   return ops;
 }
 
-Result PosixStorageFileOps::WriteNewFile(const std::filesystem::path& path, std::string_view bytes) {
+Result PosixFileSystem::WriteNewFile(const std::filesystem::path& path, std::string_view bytes) {
   const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd < 0) return LastError();
   Result r = WriteAllBytes(fd, bytes);
@@ -31,21 +31,21 @@ Result PosixStorageFileOps::WriteNewFile(const std::filesystem::path& path, std:
   return r;
 }
 
-Result PosixStorageFileOps::ReadFile(const std::filesystem::path& path, std::string* bytes) {
+Result PosixFileSystem::ReadFile(const std::filesystem::path& path, std::string* bytes) {
   return ReadWholeFile(path, bytes);
 }
 
-Result PosixStorageFileOps::RemoveFile(const std::filesystem::path& path) {
+Result PosixFileSystem::RemoveFile(const std::filesystem::path& path) {
   if (::unlink(path.c_str()) != 0 && errno != ENOENT) return LastError();
   return rc::kOk;
 }
 
-Result PosixStorageFileOps::Rename(const std::filesystem::path& from, const std::filesystem::path& to) {
+Result PosixFileSystem::Rename(const std::filesystem::path& from, const std::filesystem::path& to) {
   if (::rename(from.c_str(), to.c_str()) != 0) return LastError();
   return rc::kOk;
 }
 
-Result PosixStorageFileOps::CopyFile(const std::filesystem::path& from, const std::filesystem::path& to) {
+Result PosixFileSystem::CopyFile(const std::filesystem::path& from, const std::filesystem::path& to) {
   std::string bytes;
   Result r = ReadFile(from, &bytes);
   if (r.failed()) return r;
@@ -61,7 +61,7 @@ Result PosixStorageFileOps::CopyFile(const std::filesystem::path& from, const st
   return rc::kOk;
 }
 
-Result PosixStorageFileOps::MoveFile(const std::filesystem::path& from, const std::filesystem::path& to) {
+Result PosixFileSystem::MoveFile(const std::filesystem::path& from, const std::filesystem::path& to) {
   if (::rename(from.c_str(), to.c_str()) == 0) return rc::kOk;
   if (errno != EXDEV) return LastError();
   Result r = CopyFile(from, to);
@@ -69,11 +69,11 @@ Result PosixStorageFileOps::MoveFile(const std::filesystem::path& from, const st
   return r;
 }
 
-bool PosixStorageFileOps::Exists(const std::filesystem::path& path) {
+bool PosixFileSystem::Exists(const std::filesystem::path& path) {
   struct stat st;
   return ::lstat(path.c_str(), &st) == 0;
 }
 
-void PosixStorageFileOps::SyncDirectory(const std::filesystem::path& dir) { trv::SyncDirectory(dir); }
+void PosixFileSystem::SyncDirectory(const std::filesystem::path& dir) { trv::SyncDirectory(dir); }
 
 }  // namespace trv

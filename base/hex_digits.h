@@ -1,12 +1,11 @@
 // Hexadecimal digits: the escapes of quoted-printable, encoded words and
-// RFC 2231 values, and digests written as text (internal to trv_mime and
-// trv_net).
+// RFC 2231 values, message keys, and digests written as text.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-#include "core/wide_string.h"  // HexDigitValue
+#include "base/wide_string.h"  // HexDigitValue
 
 namespace trv {
 

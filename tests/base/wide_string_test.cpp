@@ -1,4 +1,4 @@
-#include "core/wide_string.h"
+#include "base/wide_string.h"
 
 #include <gtest/gtest.h>
 
