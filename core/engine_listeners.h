@@ -1,47 +1,18 @@
-// The engine's listener lists. Each list has a lock of its own, held while
-// the list is walked; listeners are told in the order they were added, on
-// the thread that made the change (the interface thread, except index
-// progress, which comes from whichever thread reads a folder's index).
-// A listener must not add or remove listeners of the list that is telling it.
+// The engine's listener interfaces, kept in ListenerLists (base/listener_list.h):
+// told in the order they were added, on the thread that made the change (the
+// interface thread, except index progress, which comes from whichever thread
+// reads a folder's index), with no lock of the list held.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
-#include <vector>
 
-#include "base/thread_annotations.h"
+#include "base/listener_list.h"
 
 namespace trv {
 
 class EngineService;
 class Storage;
 struct FolderTreeChange;
-
-template <typename Listener>
-class ListenerList {
- public:
-  void Add(Listener* listener) EXCLUDES(mu_) {
-    MutexLock lock(mu_);
-    if (std::find(list_.begin(), list_.end(), listener) == list_.end()) list_.push_back(listener);
-  }
-  void Remove(Listener* listener) EXCLUDES(mu_) {
-    MutexLock lock(mu_);
-    list_.erase(std::remove(list_.begin(), list_.end(), listener), list_.end());
-  }
-  template <typename Fn>
-  void ForEach(Fn&& fn) EXCLUDES(mu_) {
-    MutexLock lock(mu_);
-    for (Listener* listener : list_) fn(*listener);
-  }
-  size_t size() const EXCLUDES(mu_) {
-    MutexLock lock(mu_);
-    return list_.size();
-  }
-
- private:
-  mutable Mutex mu_;
-  std::vector<Listener*> list_ GUARDED_BY(mu_);
-};
 
 // A service was added to the engine while loading services.
 class ServiceAddedListener {
