@@ -1,14 +1,51 @@
-// Telling mail from other input, the stored form of a message, and mbox
-// reading and writing.
+// The one rule for header field lines as every reader applies it; telling
+// mail from other input, the stored form of a message, and mbox reading and
+// writing.
 #include <gtest/gtest.h>
 
 #include "base/date_value.h"
+#include "mime/field_line.h"
+#include "mime/header.h"
+#include "mime/mime_message.h"
 #include "mime/line_source.h"
 #include "mime/mbox.h"
 #include "mime/message_text.h"
 
 namespace trv {
 namespace {
+
+// The header parser, the part tree, the stored form and the input test all
+// take a line for a field, or none of them does.
+TEST(FieldLineTest, EveryReaderAgrees) {
+  struct Row {
+    const char* name;
+    std::string line;
+    WString subject;  // empty: the line is no field
+  };
+  const Row rows[] = {
+      {"plain", "Subject: hi", u"hi"},
+      {"blanks before the colon", "Subject \t : hi", u"hi"},
+      {"blank inside the name", "Sub ject: hi", u""},
+      {"no name", ": hi", u""},
+      {"8-bit name", "Subj\xE9ct: hi", u""},
+      {"no colon", "Subject hi", u""},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    const bool field = !row.subject.empty();
+    EXPECT_EQ(StartsHeaderField(row.line), field);
+    EXPECT_EQ(HeaderStateOf(row.line + "\r\n"), field ? HeaderState::kHeader : HeaderState::kNoHeader);
+    EXPECT_EQ(ClassifyInput(row.line + "\nFrom: a@b\n\n") == InputKind::kMessage, field);
+    CXmHeader header;
+    header.Parse(row.line + "\r\nX-A: 1\r\n\r\n", "iso-8859-1").Ignore();
+    EXPECT_EQ(header.size(), field ? 2u : 1u);
+    EXPECT_EQ(header.GetSubject(), row.subject);
+    CXmMimeMessage message;
+    message.ParseText(row.line + "\r\nX-A: 1\r\n\r\nbody\r\n").Ignore();
+    EXPECT_EQ(message.header().GetSubject(), row.subject);
+    EXPECT_EQ(message.header().empty(), !field) << "a message that starts with no field has no header";
+  }
+}
 
 TEST(ClassifyInputTest, Table) {
   struct Row {
