@@ -23,9 +23,9 @@
 #include <string>
 #include <vector>
 
-#include "app/cli/line_source.h"
+#include "mime/line_source.h"
 #include "app/cli/listing.h"
-#include "app/cli/mbox.h"
+#include "mime/mbox.h"
 #include "core/engine.h"
 #include "mime/base64.h"
 
@@ -186,9 +186,9 @@ size_t SplitIntoMaildir(const fs::path& mbox, const fs::path& maildir) {
   for (const char* sub : {"tmp", "new", "cur"}) fs::create_directories(maildir / sub);
   const int in = ::open(mbox.c_str(), O_RDONLY | O_CLOEXEC);
   if (in < 0) DieErrno("open", mbox);
-  trv::cli::LineSource source(trv::cli::LineSource::FromFd(in));
-  trv::cli::MboxReader reader(source);
-  trv::cli::MboxMessage m;
+  trv::LineSource source(trv::LineSource::FromFd(in));
+  trv::MboxReader reader(source);
+  trv::MboxMessage m;
   size_t delivered = 0;
   for (bool got = true;;) {
     if (reader.Next(&m, &got).failed()) Die("reading the mbox");

@@ -60,4 +60,79 @@ void RebuildRecordFromHead(std::string_view head, MessageRecord* record) {
   record->flags &= ~msgflag::kNeedsHeaderRefresh;
 }
 
+Result MessageImporter::Add(std::string_view text) {
+  std::string stored = ToStoredForm(text);
+  MessageRecord record = RecordFromMessage(stored);
+  if (RawHeaderValue(stored, "Status").find('R') != std::string_view::npos) record.flags |= msgflag::kRead;
+  bytes_ += stored.size();
+  records_.push_back(std::move(record));
+  texts_.push_back(std::move(stored));
+  return bytes_ >= kImportBatchBytes || texts_.size() >= kImportBatchMessages ? Flush() : rc::kOk;
+}
+
+Result MessageImporter::Flush() {
+  if (texts_.empty()) return rc::kOk;
+  std::vector<NewMessage> batch;
+  batch.reserve(texts_.size());
+  for (size_t i = 0; i < texts_.size(); ++i) batch.push_back({records_[i], texts_[i]});
+  const Result r = file_.AppendMany(batch, nullptr);
+  if (r.ok()) stored_ += texts_.size();
+  texts_.clear();
+  records_.clear();
+  bytes_ = 0;
+  return r;
+}
+
+namespace {
+
+void Tell(const ImportObserver& observer, ImportEvent event, const MboxMessage* entry) {
+  if (observer) observer(event, entry);
+}
+
+Result AddOne(MessageImporter& importer, std::string_view text, const MboxMessage* entry,
+              const ImportObserver& observer) {
+  switch (HeaderStateOf(text)) {
+    case HeaderState::kHeader:
+      break;
+    case HeaderState::kEmptyHeader:
+      Tell(observer, ImportEvent::kEmptyHeader, entry);
+      break;
+    case HeaderState::kNoHeader:
+      Tell(observer, ImportEvent::kNoHeader, entry);
+      break;
+  }
+  if (Result r = importer.Add(text); r.failed()) return r;
+  Tell(observer, ImportEvent::kStored, entry);
+  return rc::kOk;
+}
+
+}  // namespace
+
+Result ImportMailInput(LineSource& source, MessageImporter& importer, InputKind* kind,
+                       const ImportObserver& observer) {
+  *kind = InputKind::kNotMail;
+  std::string_view head;
+  if (Result r = source.Peek(kClassifyBytes, &head); r.failed()) return r;
+  *kind = ClassifyInput(head);
+  if (*kind == InputKind::kMessage) {
+    std::string text;
+    if (Result r = source.ReadRest(&text); r.failed()) return r;
+    return AddOne(importer, text, nullptr, observer);
+  }
+  if (*kind != InputKind::kMbox) return rc::kOk;
+  MboxReader reader(source);
+  MboxMessage m;
+  for (;;) {
+    bool got = false;
+    if (Result r = reader.Next(&m, &got); r.failed()) return r;
+    if (!got) return rc::kOk;
+    if (m.broken_envelope) Tell(observer, ImportEvent::kBrokenEnvelope, &m);
+    if (m.text.empty()) {
+      Tell(observer, ImportEvent::kEmptyEntry, &m);
+      continue;
+    }
+    if (Result r = AddOne(importer, m.text, &m, observer); r.failed()) return r;
+  }
+}
+
 }  // namespace trv

@@ -2,6 +2,7 @@
 
 #include "mime/charset/converter.h"
 #include "mime/encoded_word.h"
+#include "mime/field_line.h"
 #include "mime/header_split.h"
 #include "mime/rfc2231.h"
 #include "mime/mime_result.h"
@@ -86,7 +87,13 @@ Result CXmHeader::Parse(std::string_view block, std::string_view reading_charset
     if (!converter.Convert(text, &wide)) Keep(&status, rc::kMimeCharset);
     CXmHeaderField field;
     Keep(&status, SplitField(wide, &field));
-    if (field.name().empty() || field.name().find(u' ') != WString::npos) continue;
+    // Only a field line (mime/field_line.h) or a bare name without ":" is
+    // kept; the latter already gave 0xA0003000.
+    const bool bare_name = wide.find(u':') == WString::npos;
+    if (bare_name ? field.name().empty() || field.name().find(u' ') != WString::npos
+                  : !SplitFieldLine(WStringView(wide))) {
+      continue;
+    }
     if (!MergeRfc2231Parameters(&field.mutable_params())) Keep(&status, rc::kMimeCharset);
     std::string_view raw_text = raw;
     while (!raw_text.empty() && (raw_text.back() == '\n' || raw_text.back() == '\r')) raw_text.remove_suffix(1);

@@ -45,8 +45,9 @@ class CXmHeader {
   // dropped together with that one blank (so "a", fold, "b" reads "ab"); a CR
   // LF after a backslash is data; a line end that ends the text is not. Each
   // field is decoded with `reading_charset`, split (header_split.h) and its
-  // RFC 2231 parameters merged; a field whose name is empty or holds a space
-  // is dropped. Parsing goes on after an error; the first error is returned:
+  // RFC 2231 parameters merged. A field is kept when its line starts a field
+  // (mime/field_line.h: "Subject : hi" is "Subject") or, without any ":",
+  // when the text has no space (a bare name, 0xA0003000); others are dropped. Parsing goes on after an error; the first error is returned:
   // 0xA0003000 (a line without ":", a limit) or 0xA0003003 (a failed
   // conversion; the text is kept by the fallback). `*end` (optional) is the
   // offset after the block.

@@ -1,4 +1,6 @@
 #include "mime/header_split.h"
+
+#include "mime/field_line.h"
 #include "mime/mime_result.h"
 
 namespace trv {
@@ -119,6 +121,11 @@ void SplitMediaType(WStringView value, WString* type, WString* subtype) {
 }
 
 Result SplitField(WStringView text, CXmHeaderField* field) {
+  FieldLineSplit split;
+  if (SplitFieldLine(text, &split)) {
+    field->set_name(WString(text.substr(0, split.name_length)));
+    return Splitter(text, split.colon + 1).Run(field);
+  }
   const size_t colon = text.find(u':');
   if (colon == WStringView::npos) {
     field->set_name(WString(text));
@@ -127,6 +134,8 @@ Result SplitField(WStringView text, CXmHeaderField* field) {
     field->ClearParams();
     return rc::kMimeSyntax;
   }
+  // A ":" after something that is no field name: the name keeps that text,
+  // so the header parser drops the field.
   field->set_name(WString(text.substr(0, colon)));
   return Splitter(text, colon + 1).Run(field);
 }

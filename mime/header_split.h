@@ -13,8 +13,10 @@ namespace trv {
 // Parameters past this many in one field are dropped (status 0xA0003000).
 inline constexpr size_t kMaxParameterCount = 128;
 
-// The name is everything before the first ":" (not trimmed). After it the
-// text is read character by character:
+// The name is what mime/field_line.h takes as a field name (blanks before
+// the ":" dropped); a line that rule refuses keeps everything before its
+// first ":" as the name. After the ":" the text is read character by
+// character:
 //  - ";" starts a new parameter, "=" ends a parameter's name (later "=" are
 //    data);
 //  - "(" starts a comment up to its matching ")" (nesting, "\" escapes); its

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "mime/field_line.h"
 #include "mime/header_split.h"
 #include "mime/message_part.h"
 #include "mime/mime_result.h"
@@ -16,16 +17,6 @@ bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 size_t LineEndLength(std::string_view line) {
   if (line.ends_with("\r\n")) return 2;
   return line.ends_with('\n') ? 1 : 0;
-}
-
-// True when the line can begin a header field: a name of printable
-// characters, optional blanks, then ":".
-bool StartsField(std::string_view line) {
-  size_t i = 0;
-  while (i < line.size() && line[i] > 32 && line[i] < 127 && line[i] != ':') ++i;
-  if (i == 0) return false;
-  while (i < line.size() && IsBlank(line[i])) ++i;
-  return i < line.size() && line[i] == ':';
 }
 
 constexpr struct {
@@ -122,7 +113,7 @@ Result CXmPartParser::ReadHeader(CXmHeader* header) {
         break;
       }
       if (line == "\r\n" || line == "\n") break;
-      if (first && !StartsField(line)) {
+      if (first && !StartsHeaderField(line)) {
         // An mbox separator before the message header is passed over.
         if (start == 0 && line.starts_with("From ")) continue;
         pushed_back_ = true;

@@ -2,7 +2,7 @@
 // of them when no key is given), in index order.
 // --eml: one file per message named by its key ("0000001A.eml"), the bytes
 //   exactly as stored. An existing file is never overwritten.
-// --mbox: one mboxrd file (mbox.h), written anew; an existing file is never
+// --mbox: one mboxrd file (mime/mbox.h), written anew; an existing file is never
 //   overwritten, and a file left incomplete by a failure is removed.
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,7 +11,7 @@
 #include <filesystem>
 
 #include "app/cli/commands.h"
-#include "app/cli/mbox.h"
+#include "mime/mbox.h"
 #include "base/date_value.h"
 #include "base/file_io.h"
 #include "core/message_import.h"
@@ -44,13 +44,6 @@ class NewFile {
  private:
   int fd_ = -1;
 };
-
-std::string SenderAddress(const std::string& text) {
-  CXmHeader header;
-  header.Parse(text, "us-ascii").Ignore();
-  const std::vector<MailAddress> from = header.Addresses(field::kFrom);
-  return from.empty() ? std::string() : Utf8(from.front().address);
-}
 
 double EnvelopeDate(const MessageRecord& record) {
   return record.sent_date != kNoDate ? record.sent_date : record.received_date;
@@ -103,8 +96,7 @@ int ExportMbox(CliContext& ctx, FolderFile& file, const std::string& what, const
       break;
     }
     const std::optional<MessageRecord> record = file.FindMessage(keys[i]);
-    buffer += MboxEnvelope(SenderAddress(text), record ? EnvelopeDate(*record) : kNoDate);
-    AppendMboxEntry(text, &buffer);
+    AppendMboxMessage(text, record ? EnvelopeDate(*record) : kNoDate, &buffer);
     if (buffer.size() >= (1u << 20)) {
       r = out.Write(buffer);
       buffer.clear();

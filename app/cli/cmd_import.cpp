@@ -1,135 +1,59 @@
 // import PATH FILE...: .eml files (one message), mbox files, "-" for
-// standard input (either kind). What a file is comes from its first bytes,
-// not its name. Messages are stored in batches, each one transaction, so a
-// failure keeps every batch stored before it; what is decided about odd
-// input is said on standard error, naming the file and line:
-// - a file that is neither an mbox nor a message: nothing from it is stored;
-// - a "From " line without sender and date: it starts a new message anyway;
-// - an mbox entry with no text: skipped;
-// - a message with no header: stored, with an empty header put before text
-//   that would otherwise be read as header fields (it has no subject then).
-// An mbox "Status" field holding "R" imports the message as read.
+// standard input (either kind). Reading, telling the kinds apart and storing
+// in batches is core/message_import.h; this file opens the inputs and says
+// on standard error what the import decided about odd input, naming the file
+// and line.
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 
 #include "app/cli/commands.h"
-#include "app/cli/line_source.h"
-#include "app/cli/mbox.h"
-#include "app/cli/message_text.h"
 #include "core/message_import.h"
 
 namespace trv::cli {
 
 namespace {
 
-constexpr size_t kBatchBytes = 8u << 20;
-constexpr size_t kBatchMessages = 2000;
-
-// Collects messages and appends them to the folder file a batch at a time.
-class Importer {
- public:
-  explicit Importer(FolderFile& file) : file_(file) {}
-
-  // `text` in stored form.
-  Result Add(std::string text) {
-    MessageRecord record = RecordFromMessage(text);
-    if (RawHeaderValue(text, "Status").find('R') != std::string_view::npos) record.flags |= msgflag::kRead;
-    bytes_ += text.size();
-    records_.push_back(std::move(record));
-    texts_.push_back(std::move(text));
-    return bytes_ >= kBatchBytes || texts_.size() >= kBatchMessages ? Flush() : rc::kOk;
+// What is said about an event, or nothing.
+std::string EventText(ImportEvent event, const MboxMessage* entry) {
+  switch (event) {
+    case ImportEvent::kStored:
+      return {};
+    case ImportEvent::kBrokenEnvelope:
+      return "\"From \" line without sender and date (\"" + (entry ? entry->envelope : std::string()) +
+             "\"); it starts a new message all the same";
+    case ImportEvent::kEmptyEntry:
+      return "the entry holds no message text; skipped";
+    case ImportEvent::kNoHeader:
+      return "the message has no header; stored with an empty header before its text (no subject)";
+    case ImportEvent::kEmptyHeader:
+      return "the message has no header; stored as it is (no subject)";
   }
-
-  Result Flush() {
-    if (texts_.empty()) return rc::kOk;
-    std::vector<NewMessage> batch;
-    batch.reserve(texts_.size());
-    for (size_t i = 0; i < texts_.size(); ++i) batch.push_back({records_[i], texts_[i]});
-    const Result r = file_.AppendMany(batch, nullptr);
-    if (r.ok()) stored_ += texts_.size();
-    texts_.clear();
-    records_.clear();
-    bytes_ = 0;
-    return r;
-  }
-
-  // Messages stored so far (committed).
-  size_t stored() const { return stored_; }
-
- private:
-  FolderFile& file_;
-  std::vector<std::string> texts_;
-  std::vector<MessageRecord> records_;
-  size_t bytes_ = 0;
-  size_t stored_ = 0;
-};
-
-struct FileImport {
-  CliContext& ctx;
-  Importer& importer;
-  std::string name;  // for messages
-  ProgressLine& progress;
-  size_t messages = 0;
-};
-
-// A warning, on a line of its own below the progress line.
-void Say(FileImport& f, const std::string& text) {
-  f.progress.Finish();
-  Warn(f.ctx, text);
-}
-
-Result ImportMbox(FileImport& f, LineSource& source) {
-  MboxReader reader(source);
-  MboxMessage m;
-  for (;;) {
-    bool got = false;
-    if (Result r = reader.Next(&m, &got); r.failed()) return r;
-    if (!got) return rc::kOk;
-    const std::string where = f.name + ":" + std::to_string(m.line);
-    if (m.broken_envelope) {
-      Say(f, where + ": \"From \" line without sender and date (\"" + m.envelope +
-                 "\"); it starts a new message all the same");
-    }
-    if (m.text.empty()) {
-      Say(f, where + ": the entry holds no message text; skipped");
-      continue;
-    }
-    if (const HeaderState state = HeaderStateOf(m.text); state != HeaderState::kHeader) {
-      Say(f, where + ": the message has no header; " +
-                 (state == HeaderState::kNoHeader ? "stored with an empty header before its text (no subject)"
-                                                  : "stored as it is (no subject)"));
-    }
-    if (Result r = f.importer.Add(ToStoredForm(m.text)); r.failed()) return r;
-    ++f.messages;
-    f.progress.Update("importing " + f.name + ": " + std::to_string(f.messages) + " messages");
-  }
+  return {};
 }
 
 // Imports one file; the exit status for it.
-int ImportFile(CliContext& ctx, Importer& importer, const std::string& folder_path, const std::string& file_name,
-               ProgressLine& progress) {
+int ImportFile(CliContext& ctx, MessageImporter& importer, const std::string& folder_path,
+               const std::string& file_name, ProgressLine& progress) {
   const bool standard_input = file_name == "-";
   const std::string name = standard_input ? "standard input" : file_name;
   const int fd = standard_input ? STDIN_FILENO : ::open(file_name.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return Fail(ctx, "cannot open " + name, ResultFromErrno(errno));
   LineSource source(LineSource::FromFd(fd));
-  FileImport f{ctx, importer, name, progress};
   const size_t stored_before = importer.stored();
+  size_t messages = 0;
 
-  std::string_view head;
-  Result r = source.Peek(kClassifyBytes, &head);
   InputKind kind = InputKind::kNotMail;
-  if (r.ok()) kind = ClassifyInput(head);
-  if (r.ok() && kind == InputKind::kMbox) {
-    r = ImportMbox(f, source);
-  } else if (r.ok() && kind == InputKind::kMessage) {
-    std::string text;
-    r = source.ReadRest(&text);
-    if (r.ok()) r = importer.Add(ToStoredForm(text));
-    if (r.ok()) ++f.messages;
-  }
+  Result r = ImportMailInput(source, importer, &kind, [&](ImportEvent event, const MboxMessage* entry) {
+    if (event == ImportEvent::kStored) {
+      ++messages;
+      if (entry) progress.Update("importing " + name + ": " + std::to_string(messages) + " messages");
+      return;
+    }
+    progress.Finish();  // the warning goes on a line of its own below the progress line
+    Warn(ctx, (entry ? name + ":" + std::to_string(entry->line) : name) + ": " + EventText(event, entry));
+  });
   // Whatever was read before a failure is stored too.
   const Result flushed = importer.Flush();
   if (r.ok()) r = flushed;
@@ -158,7 +82,7 @@ int RunImport(CliContext& ctx, const ParsedArgs& args) {
   FolderFile* file = FolderFileOrFail(ctx, args.positional[0], &folder, &status);
   if (file == nullptr) return status;
   const std::string path = FolderPathText(*folder);
-  Importer importer(*file);
+  MessageImporter importer(*file);
   ProgressLine progress(ctx);
   size_t standard_input_uses = 0;
   for (size_t i = 1; i < args.positional.size(); ++i) {

@@ -39,14 +39,12 @@ bool IsKnownCharset(std::string_view name) {
   return cnv::Resolve(name).kind != cnv::CodecKind::kUnknown;
 }
 
-void EnumCharsets(CharsetEnumProc proc, void* user) {
-  if (!proc) return;
+void EnumCharsets(const std::function<bool(const CharsetListing&)>& visit) {
+  if (!visit) return;
   const cnv::TableEntry* e = cnv::TableBegin();
   for (size_t i = 0; i < cnv::TableSize(); ++i, ++e) {
     if (!e->listed) continue;
-    bool stop = false;
-    proc(Utf8ToWide(e->display), Latin1ToWide(e->mime_name), e->mime_name, e->system_name, user, &stop);
-    if (stop) return;
+    if (!visit({Utf8ToWide(e->display), Latin1ToWide(e->mime_name), e->mime_name, e->system_name})) return;
   }
 }
 

@@ -25,6 +25,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -60,13 +61,19 @@ std::unique_ptr<CXmCharset> CreateCharset(std::string_view name);
 // True when CreateCharset would succeed.
 bool IsKnownCharset(std::string_view name);
 
-// Called once per character set of the library's table, in table order, with
-// the display name, the MIME name (16-bit), the MIME name and iconv's name for
-// the set (8-bit), the caller's data and a flag to set to stop the listing.
-using CharsetEnumProc = void (*)(const WString& display_name, const WString& mime_name,
-                                 const std::string& mime_name8, const std::string& system_name,
-                                 void* user, bool* stop);
-void EnumCharsets(CharsetEnumProc proc, void* user);
+// One character set of the library's table: its display name, its MIME name
+// (16-bit and 8-bit) and iconv's name for it.
+struct CharsetListing {
+  WString display_name;
+  WString mime_name;
+  std::string mime_name8;
+  std::string system_name;
+};
+
+// Calls `visit` once per listed character set, in table order, on the
+// calling thread, until it returns false. The listing is valid during the
+// call only.
+void EnumCharsets(const std::function<bool(const CharsetListing&)>& visit);
 
 // Releases the library's cached tables. Later calls rebuild them.
 void DeInitCharsets();

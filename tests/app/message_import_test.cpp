@@ -1,5 +1,5 @@
-// The record a message gets when it is stored, and the repair hook the engine
-// gives its folder files.
+// The record a message gets when it is stored, the repair hook the engine
+// gives its folder files, and importing mbox input into a folder file.
 #include "core/message_import.h"
 
 #include <gtest/gtest.h>
@@ -8,6 +8,7 @@
 
 #include "base/date_value.h"
 #include "core/engine.h"
+#include "tests/support/temp_dir.h"
 
 namespace trv {
 namespace {
@@ -35,6 +36,7 @@ TEST(RecordFromMessageTest, ListingFields) {
       {"message id without brackets", "Message-ID: abc@host\r\n\r\n", u"", u"", u"", u"", u"abc@host"},
       {"fields after the header are body", "Subject: a\r\n\r\nFrom: not@header\r\n", u"a", u"", u"", u"", u""},
       {"no header", "\r\nSubject: body\r\n", u"", u"", u"", u"", u""},
+      {"blanks before the colon", "Subject : hi\r\n\r\n", u"hi", u"", u"", u"", u""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -118,6 +120,71 @@ TEST(RebuildRecordTest, TheEngineGivesItToFolderFiles) {
   r.flags = msgflag::kNeedsHeaderRefresh;
   options.rebuilder("Subject: via the engine\r\n\r\n", &r);
   EXPECT_EQ(r.subject, u"via the engine");
+}
+
+// An mbox with odd entries through the importer into a folder file: what is
+// said about each, and the records the listing shows.
+TEST(ImportMailInputTest, MboxWithOddEntriesIntoAFolderFile) {
+  const std::string mbox =
+      "From a@b Mon Mar  4 10:00:00 2024\n"  // 1
+      "Subject: first\nStatus: RO\n\nbody\n\n"
+      "From \n"                              // 7: broken, still a separator
+      "Subject : second\n\n"                 // blanks before the colon
+      "From c@d Tue Mar  5 10:00:00 2024\n"  // 10: no text
+      "\n"
+      "From e@f Wed Mar  6 10:00:00 2024\n"  // 12
+      "Just text without any header\n";
+  test::TempDir dir;
+  NullLogSink log;
+  FolderFileOptions options;
+  options.sync_commits = false;
+  FolderFile file(log, options);
+  ASSERT_TRUE(file.Create(dir / "f.fld").ok());
+  MessageImporter importer(file);
+  size_t pos = 0;
+  LineSource source([&](char* buf, size_t size, size_t* got) {
+    *got = std::min<size_t>({size, mbox.size() - pos, 5});  // in small blocks
+    std::copy_n(mbox.data() + pos, *got, buf);
+    pos += *got;
+    return rc::kOk;
+  });
+  std::vector<std::pair<ImportEvent, uint64_t>> events;
+  InputKind kind = InputKind::kNotMail;
+  ASSERT_TRUE(ImportMailInput(source, importer, &kind, [&](ImportEvent e, const MboxMessage* m) {
+                events.emplace_back(e, m ? m->line : 0);
+              }).ok());
+  ASSERT_TRUE(importer.Flush().ok());
+  EXPECT_EQ(kind, InputKind::kMbox);
+  using E = ImportEvent;
+  const std::vector<std::pair<ImportEvent, uint64_t>> said = {
+      {E::kStored, 1}, {E::kBrokenEnvelope, 7}, {E::kStored, 7}, {E::kEmptyEntry, 10}, {E::kNoHeader, 12},
+      {E::kStored, 12}};
+  EXPECT_EQ(events, said);
+  EXPECT_EQ(importer.stored(), 3u);
+
+  const std::vector<MessageRecord> records = file.Messages();
+  ASSERT_EQ(records.size(), 3u);
+  EXPECT_EQ(records[0].subject, u"first");
+  EXPECT_TRUE(records[0].flags & msgflag::kRead);  // "Status: RO"
+  EXPECT_EQ(records[1].subject, u"second");
+  EXPECT_FALSE(records[1].flags & msgflag::kRead);
+  std::string text;
+  ASSERT_TRUE(file.ReadMessage(records[2].key, &text).ok());
+  EXPECT_EQ(text, "\r\nJust text without any header\r\n");
+
+  // Text that is not mail is not read at all.
+  const std::string notes = "shopping: milk\nbread\n";
+  pos = 0;
+  LineSource other([&](char* buf, size_t size, size_t* got) {
+    *got = std::min(size, notes.size() - pos);
+    std::copy_n(notes.data() + pos, *got, buf);
+    pos += *got;
+    return rc::kOk;
+  });
+  ASSERT_TRUE(ImportMailInput(other, importer, &kind).ok());
+  EXPECT_EQ(kind, InputKind::kNotMail);
+  EXPECT_TRUE(importer.Flush().ok());
+  EXPECT_EQ(importer.stored(), 3u);
 }
 
 }  // namespace

@@ -25,13 +25,10 @@ TEST(CharsetTest, NamesAliasesAndTheList) {
   EXPECT_EQ(CreateCharset(""), nullptr);
 
   std::vector<std::string> names;
-  EnumCharsets(
-      [](const WString&, const WString&, const std::string& mime8, const std::string&, void* user, bool* stop) {
-        auto* seen = static_cast<std::vector<std::string>*>(user);
-        seen->push_back(mime8);
-        if (seen->size() == 3) *stop = true;
-      },
-      &names);
+  EnumCharsets([&](const CharsetListing& c) {
+    names.push_back(c.mime_name8);
+    return names.size() < 3;
+  });
   EXPECT_EQ(names.size(), 3u) << "a stop request ends the list";
   for (const std::string& n : names) EXPECT_TRUE(IsKnownCharset(n)) << n;
   DeInitCharsets();

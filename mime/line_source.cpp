@@ -1,11 +1,11 @@
-#include "app/cli/line_source.h"
+#include "mime/line_source.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
-namespace trv::cli {
+namespace trv {
 
 LineSource::LineSource(ReadFn read, size_t block) : read_(std::move(read)), block_(block) {}
 
@@ -89,4 +89,4 @@ Result LineSource::ReadRest(std::string* out) {
   return rc::kOk;
 }
 
-}  // namespace trv::cli
+}  // namespace trv

@@ -1,5 +1,9 @@
-// Input read in blocks and handed out line by line, for files and standard
-// input alike: nothing needs to fit in memory but the longest line.
+// LineSource: input read in blocks and handed out line by line, for mbox
+// files, message files and standard input alike: nothing needs to fit in
+// memory but the longest line. Unlike CXmLineReader (line_reader.h) lines
+// are never cut, and the views point into the buffer (no copy per line).
+//
+// Threads: one thread at a time per object.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +13,7 @@
 
 #include "base/result.h"
 
-namespace trv::cli {
+namespace trv {
 
 // Reads up to `size` bytes; `*got` 0 at the end of the input.
 using ReadFn = std::function<Result(char* buf, size_t size, size_t* got)>;
@@ -19,7 +23,8 @@ class LineSource {
   static constexpr size_t kBlock = 1 << 20;
 
   explicit LineSource(ReadFn read, size_t block = kBlock);
-  // Reads from an open file descriptor (not closed here).
+  // Reads from an open file descriptor (not closed here; it must outlive
+  // the source). Retries after EINTR; other errors come back as their code.
   static ReadFn FromFd(int fd);
 
   // Up to `n` bytes from the current position, without consuming them
@@ -46,4 +51,4 @@ class LineSource {
   uint64_t line_ = 0;
 };
 
-}  // namespace trv::cli
+}  // namespace trv

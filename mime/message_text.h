@@ -1,17 +1,18 @@
-// Telling mail from other files, and the stored form of a message.
+// Telling mail from other input, and the stored form of a message: what
+// every way in (file import, mbox, POP3 delivery) does to a message before
+// the folder file gets it. Whether a line is a header field is
+// mime/field_line.h's rule.
 //
 // Stored messages have CR LF line ends and end with one. Input may have bare
 // LF (Unix files, mbox) or CR LF; both become CR LF.
+//
+// Threads: pure functions; any thread.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-namespace trv::cli {
-
-// "Name: value": a name of printable ASCII characters other than ":" (at
-// least one, no blank), then ":". `line` may carry its line end.
-bool IsHeaderFieldLine(std::string_view line);
+namespace trv {
 
 enum class InputKind {
   kMbox,     // starts with "From "
@@ -41,7 +42,7 @@ HeaderState HeaderStateOf(std::string_view text);
 std::string ToStoredForm(std::string_view text);
 
 // The value of the first header field named `name` (any case), trimmed, its
-// first line only; empty when there is none.
+// first line only; empty when there is none. The view points into `text`.
 std::string_view RawHeaderValue(std::string_view text, std::string_view name);
 
-}  // namespace trv::cli
+}  // namespace trv

@@ -1,9 +1,10 @@
-#include "app/cli/message_text.h"
+#include "mime/message_text.h"
 
 #include "base/wide_string.h"
 #include "mime/codec_streams.h"
+#include "mime/field_line.h"
 
-namespace trv::cli {
+namespace trv {
 
 namespace {
 
@@ -14,21 +15,9 @@ constexpr std::string_view kKnownFields[] = {
     "Delivered-To", "In-Reply-To", "References", "X-Mailer",
 };
 
-std::string_view FieldName(std::string_view line) { return line.substr(0, line.find(':')); }
-
 bool IsBlankLine(std::string_view line) { return line == "\n" || line == "\r\n" || line == "\r"; }
 
 }  // namespace
-
-bool IsHeaderFieldLine(std::string_view line) {
-  const size_t colon = line.find(':');
-  if (colon == 0 || colon == std::string_view::npos) return false;
-  for (size_t i = 0; i < colon; ++i) {
-    const unsigned char c = static_cast<unsigned char>(line[i]);
-    if (c <= 32 || c >= 127) return false;
-  }
-  return true;
-}
 
 InputKind ClassifyInput(std::string_view head) {
   head = head.substr(0, kClassifyBytes);
@@ -43,10 +32,10 @@ InputKind ClassifyInput(std::string_view head) {
     pos = end;
     if (line.find('\0') != std::string_view::npos) return InputKind::kNotMail;
     if (IsBlankLine(line)) break;
-    if (IsHeaderFieldLine(line)) {
+    if (FieldLineSplit split; StartsHeaderField(line, &split)) {
       ++fields;
       for (std::string_view name : kKnownFields) {
-        if (EqualsNoCase(FieldName(line), name)) {
+        if (EqualsNoCase(line.substr(0, split.name_length), name)) {
           ++known;
           break;
         }
@@ -63,7 +52,7 @@ InputKind ClassifyInput(std::string_view head) {
 HeaderState HeaderStateOf(std::string_view text) {
   if (text.empty() || text[0] == '\n' || text[0] == '\r') return HeaderState::kEmptyHeader;
   const std::string_view first = text.substr(0, text.find('\n'));
-  return IsHeaderFieldLine(first) ? HeaderState::kHeader : HeaderState::kNoHeader;
+  return StartsHeaderField(first) ? HeaderState::kHeader : HeaderState::kNoHeader;
 }
 
 std::string ToStoredForm(std::string_view text) {
@@ -87,11 +76,12 @@ std::string_view RawHeaderValue(std::string_view text, std::string_view name) {
     const std::string_view line = text.substr(pos, end - pos);
     pos = end;
     if (IsBlankLine(line)) break;
-    if (IsHeaderFieldLine(line) && EqualsNoCase(FieldName(line), name)) {
-      return TrimView(line.substr(line.find(':') + 1));
+    FieldLineSplit split;
+    if (StartsHeaderField(line, &split) && EqualsNoCase(line.substr(0, split.name_length), name)) {
+      return TrimView(line.substr(split.colon + 1));
     }
   }
   return {};
 }
 
-}  // namespace trv::cli
+}  // namespace trv

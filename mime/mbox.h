@@ -9,16 +9,19 @@
 // new message; the reader marks it so the caller can say so. Nothing of the
 // input is dropped but the envelope lines, those separating empty lines and
 // one ">" of each quoted line.
+//
+// Threads: the functions are pure (any thread); a reader is used by one
+// thread at a time.
 #pragma once
 
 #include <cstdint>
 #include <string>
 #include <string_view>
 
-#include "app/cli/line_source.h"
+#include "mime/line_source.h"
 #include "base/result.h"
 
-namespace trv::cli {
+namespace trv {
 
 struct MboxMessage {
   std::string text;        // line ends as in the file, ">From " unquoted
@@ -60,4 +63,9 @@ std::string MboxEnvelope(std::string_view sender, double date);
 // message whose lines all end in CR LF.
 void AppendMboxEntry(std::string_view stored, std::string* out);
 
-}  // namespace trv::cli
+// A whole entry for a stored message: MboxEnvelope with the address of the
+// message's first "From" field and `date` (kNoDate: now), then
+// AppendMboxEntry.
+void AppendMboxMessage(std::string_view stored, double date, std::string* out);
+
+}  // namespace trv

@@ -1,11 +1,12 @@
-#include "app/cli/mbox.h"
+#include "mime/mbox.h"
 
 #include <cctype>
 #include <cstdio>
 
 #include "base/date_value.h"
+#include "mime/header.h"
 
-namespace trv::cli {
+namespace trv {
 
 namespace {
 
@@ -126,4 +127,12 @@ void AppendMboxEntry(std::string_view stored, std::string* out) {
   *out += '\n';
 }
 
-}  // namespace trv::cli
+void AppendMboxMessage(std::string_view stored, double date, std::string* out) {
+  CXmHeader header;
+  header.Parse(stored, "us-ascii").Ignore();  // a damaged header still gives what it can
+  const std::vector<MailAddress> from = header.Addresses(field::kFrom);
+  *out += MboxEnvelope(from.empty() ? std::string() : WideToUtf8(from.front().address), date);
+  AppendMboxEntry(stored, out);
+}
+
+}  // namespace trv
