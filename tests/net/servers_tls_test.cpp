@@ -38,7 +38,7 @@ TEST_F(DovecotTlsTest, ImapsAndPop3sFromTheFirstByte) {
     Decider decider;
     CMailSocket s;
     s.SetTimeout(5);
-    s.SetCertificateCallback(&decider, &Decider::Decide);
+    s.SetCertificateDecider(&decider);
     ASSERT_EQ(s.SetPlainMode(false), rc::kOk);
     ASSERT_EQ(s.Connect("localhost", row.port), rc::kOk) << row.name << ": " << s.tls_error_detail();
     EXPECT_TRUE(decider.flags.empty()) << row.name;
@@ -131,7 +131,7 @@ TEST_F(DovecotTlsTest, CertificateFlags) {
       decider.answer = mode == 2;
       CMailSocket s;
       s.SetTimeout(5);
-      if (mode > 0) s.SetCertificateCallback(&decider, &Decider::Decide);
+      if (mode > 0) s.SetCertificateDecider(&decider);
       s.SetPlainMode(false).Ignore();
       const Result r = s.Connect(row.host, ports().imaps);
       const bool accepted = row.flags == 0 || mode == 2;
