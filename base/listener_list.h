@@ -43,7 +43,8 @@ class ListenerList {
     std::unique_lock<std::mutex> lock(mu_.native());
     list_.erase(std::remove(list_.begin(), list_.end(), listener), list_.end());
     // Wait for the walks of other threads that may be telling it now.
-    done_.wait(lock, [&] { return !TellingElsewhere(listener); });
+    // A loop, not a predicate lambda, which the analysis would check apart.
+    while (TellingElsewhere(listener)) done_.wait(lock);
   }
 
   // Calls fn(listener) for each listener, in order, with no lock held. A

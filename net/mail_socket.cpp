@@ -8,7 +8,6 @@
 namespace trv {
 
 namespace {
-void NoIdleTimer() {}
 
 // Calls step(offset, &moved) until size bytes have moved or a step fails.
 template <typename Step>
@@ -20,10 +19,7 @@ Result MoveAll(size_t size, Step step) {
   }
   return rc::kOk;
 }
-void (*g_idle_timer_hook)() = NoIdleTimer;
 }  // namespace
-
-void SetIdleTimerHook(void (*hook)()) { g_idle_timer_hook = hook ? hook : NoIdleTimer; }
 
 CMailSocket::CMailSocket() : engine_(std::make_unique<TlsEngine>()), network_(&Network::System()) {}
 
@@ -45,27 +41,8 @@ void CMailSocket::SetSocksCredentials(bool auth, std::string_view user, std::str
   socks_password_ = password;
 }
 
-void CMailSocket::SetCertificateCallback(void* context, CertificateDecision decision) {
-  certificate_context_ = context;
-  certificate_decision_ = decision;
-}
-
-void CMailSocket::AddListener(void* context, Listener listener) {
-  RecursiveLock lock(listeners_mu_);
-  listeners_.emplace_back(context, listener);
-}
-
-void CMailSocket::RemoveListener(void* context, Listener listener) {
-  RecursiveLock lock(listeners_mu_);
-  auto it = std::find(listeners_.begin(), listeners_.end(), std::make_pair(context, listener));
-  if (it != listeners_.end()) listeners_.erase(it);
-}
-
 void CMailSocket::Notify(int state) {
-  g_idle_timer_hook();
-  RecursiveLock lock(listeners_mu_);
-  // By index: a listener may add another while the list is walked.
-  for (size_t i = 0; i < listeners_.size(); ++i) listeners_[i].second(listeners_[i].first, this, state);
+  listeners_.ForEach([&](SocketListener& listener) { listener.OnSocketState(*this, state); });
 }
 
 bool CMailSocket::KeepWaiting() { return false; }
@@ -86,18 +63,32 @@ void CMailSocket::DropBuffer() {
   need_more_ = false;
 }
 
+class CMailSocket::EngineCall {
+ public:
+  explicit EngineCall(CMailSocket& socket) : s_(socket), outer_(!socket.tls_in_io_) { s_.tls_in_io_ = true; }
+  ~EngineCall() {
+    if (!outer_) return;
+    s_.tls_in_io_ = false;
+    if (s_.tls_reset_pending_) {
+      s_.tls_reset_pending_ = false;
+      s_.engine_->Reset();
+    }
+  }
+  EngineCall(const EngineCall&) = delete;
+  EngineCall& operator=(const EngineCall&) = delete;
+
+ private:
+  CMailSocket& s_;
+  const bool outer_;  // only the outermost call clears the mark and resets
+};
+
 template <typename F>
 Result CMailSocket::InEngine(F&& call) {
-  tls_in_io_ = true;
+  EngineCall running(*this);
   const Result r = call();
-  tls_in_io_ = false;
   if (r.failed() && IsSecureTransportError(r)) {
     tls_failed_ = true;
     last_tls_error_ = engine_->last_error();
-  }
-  if (tls_reset_pending_) {
-    tls_reset_pending_ = false;
-    engine_->Reset();
   }
   return r;
 }
@@ -120,6 +111,7 @@ Result CMailSocket::Connect(std::string_view host, uint16_t port) {
     MutexLock lock(transport_mu_);
     transport_ = std::move(transport);
   }
+  phase_ = Phase::kPlain;
 
   Notify(kStateResolving);
   const bool via_socks = socks_version_ != kSocksNone;
@@ -159,28 +151,28 @@ Result CMailSocket::Connect(std::string_view host, uint16_t port) {
 }
 
 Result CMailSocket::Close() {
-  if (closing_) return rc::kOk;  // a read inside the drain below saw the end
+  if (closing()) return rc::kOk;  // a read inside the drain below saw the end
   if (transport_ && connected_) {
-    closing_ = true;
+    const bool tls = tls_active();
+    phase_ = tls ? Phase::kTlsClosing : Phase::kClosing;
     Notify(kStateClosing);
-    if (tls_active() && !tls_in_io_ && !tls_failed_) InEngine([&] {
+    if (tls && !tls_in_io_ && !tls_failed_) InEngine([&] {
       engine_->SendClose(*this);
       return rc::kOk;
     }).Ignore();
     if (transport_) {
       if (graceful_close_) {
-        transport_->Shutdown(true, false);
+        transport_->Shutdown(ShutdownHow::kSending);
         char piece[kDrainPiece];
         size_t got = 0;
         while (transport_ && Receive(piece, sizeof piece, &got).ok() && got > 0) {
         }
-        if (transport_) transport_->Shutdown(false, true);
+        if (transport_) transport_->Shutdown(ShutdownHow::kReceiving);
       } else {
-        transport_->Shutdown(true, true);
+        transport_->Shutdown(ShutdownHow::kBoth);
       }
     }
     Notify(kStateClosed);
-    closing_ = false;
   }
   {
     MutexLock lock(transport_mu_);
@@ -188,8 +180,7 @@ Result CMailSocket::Close() {
   }
   DropBuffer();
   connected_ = false;
-  tls_up_ = false;
-  tls_by_transport_ = false;
+  phase_ = Phase::kClosed;
   if (tls_in_io_) {
     tls_reset_pending_ = true;
   } else {
@@ -374,10 +365,10 @@ Result CMailSocket::StartTls() {
   DropBuffer();
   if (transport_->TakesTls()) {
     const Result r = transport_->StartTls(connected_host_);
-    tls_by_transport_ = r.ok();
+    if (r.ok()) phase_ = Phase::kTransportTls;
     return r;
   }
-  tls_up_ = false;
+  phase_ = Phase::kTlsHandshake;
   tls_failed_ = false;
   last_tls_error_ = 0;
   TlsEngine::Options options;
@@ -386,7 +377,8 @@ Result CMailSocket::StartTls() {
   options.host = connected_host_;
   // The handshake's records pass through the raw operations.
   const Result r = InEngine([&] { return engine_->Handshake(*this, options); });
-  tls_up_ = r.ok();
+  // A Close() inside the handshake (the server hung up) has left kClosed.
+  if (phase_ == Phase::kTlsHandshake) phase_ = r.ok() ? Phase::kTls : Phase::kPlain;
   if (r.failed() && !tls_failed_) {
     tls_failed_ = true;
     last_tls_error_ = engine_->last_error();
@@ -406,8 +398,7 @@ bool CMailSocket::CheckCertificate(uint32_t chain_flags, const TlsCertificate& c
   uint32_t flags = chain_flags;
   if (!CertificateMatchesHost(cert, connected_host_, *network_)) flags |= kCertNameMismatch;
   if (flags == 0) return true;
-  if (!certificate_decision_) return false;
-  return certificate_decision_(certificate_context_, this, flags, cert);
+  return certificate_decider_ && certificate_decider_->AcceptCertificate(*this, flags, cert);
 }
 
 // ---------------------------------------------------------------------------

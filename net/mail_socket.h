@@ -10,6 +10,7 @@
 //
 // Threads: a socket is used by one thread at a time (an account's worker).
 // AddListener/RemoveListener and Abort may be called from any thread.
+// Listeners are told with no lock held (base/listener_list.h).
 #pragma once
 
 #include <cstddef>
@@ -17,9 +18,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
+#include "base/listener_list.h"
 #include "base/result.h"
 #include "base/thread_annotations.h"
 #include "net/certificate_check.h"
@@ -47,18 +47,27 @@ inline constexpr uint32_t kSocks4 = 1;
 inline constexpr uint32_t kSocks4A = 2;
 inline constexpr uint32_t kSocks5 = 3;
 
-// Called by every Notify before the listeners; keeps a device awake during
-// transfers. A no-op unless the program installs one. Not thread-safe to set
-// while sockets are in use.
-void SetIdleTimerHook(void (*hook)());
+class CMailSocket;
+
+// Told every state change of a socket (SocketState codes), on the socket's
+// thread. A program that must keep a device awake during transfers resets
+// its idle timer from here.
+class SocketListener {
+ public:
+  virtual ~SocketListener() = default;
+  virtual void OnSocketState(CMailSocket& socket, int state) = 0;
+};
+
+// Asked when the server certificate carries flags (net/certificate_check.h);
+// true accepts it. Runs on the socket's thread during the handshake.
+class CertificateDecider {
+ public:
+  virtual ~CertificateDecider() = default;
+  virtual bool AcceptCertificate(CMailSocket& socket, uint32_t flags, const TlsCertificate& certificate) = 0;
+};
 
 class CMailSocket : private TlsEngine::Channel {
  public:
-  using Listener = void (*)(void* context, CMailSocket* socket, int state);
-  // Asked when the server certificate carries flags (net/certificate_check.h);
-  // true accepts it. Runs on the socket's thread during the handshake.
-  using CertificateDecision = bool (*)(void* context, CMailSocket* socket, uint32_t flags,
-                                       const TlsCertificate& certificate);
 
   static constexpr uint16_t kDefaultTimeout = 60;    // seconds
   static constexpr uint16_t kDefaultSocksPort = 1080;
@@ -96,7 +105,7 @@ class CMailSocket : private TlsEngine::Channel {
   virtual Result SendLine(std::string_view text);
   // Asked when a wait times out; true waits another period. False here.
   virtual bool KeepWaiting();
-  // Calls the idle-timer hook, then every listener in order.
+  // Tells every listener, in the order they were added.
   virtual void Notify(int state);
 
   // false while connected runs StartTls() at once and returns its failure
@@ -117,9 +126,10 @@ class CMailSocket : private TlsEngine::Channel {
   // until it is closed. Any thread.
   void Abort();
 
-  // Listeners, called in the order they were added. Any thread.
-  void AddListener(void* context, Listener listener);
-  void RemoveListener(void* context, Listener listener);
+  // Listeners, not owned; told in the order they were added. Any thread.
+  // After RemoveListener returns, the listener may be destroyed.
+  void AddListener(SocketListener* listener) { listeners_.Add(listener); }
+  void RemoveListener(SocketListener* listener) { listeners_.Remove(listener); }
 
   // Settings; take effect at the next Connect (the time-out at once).
   void SetTimeout(uint16_t seconds) { timeout_ = seconds; }
@@ -131,7 +141,9 @@ class CMailSocket : private TlsEngine::Channel {
   // ID alone is sent by SOCKS 4 and 4A.
   void SetSocksCredentials(bool auth, std::string_view user, std::string_view password);
   void SetTlsVersions(uint32_t bits) { tls_versions_ = bits; }
-  void SetCertificateCallback(void* context, CertificateDecision decision);
+  // Not owned; must outlive the socket or be replaced first. Null: every
+  // flagged certificate is refused.
+  void SetCertificateDecider(CertificateDecider* decider) { certificate_decider_ = decider; }
   // The network to open connections through; not owned, must outlive the
   // socket. Defaults to Network::System().
   void SetNetwork(Network* network) { network_ = network; }
@@ -162,15 +174,28 @@ class CMailSocket : private TlsEngine::Channel {
   Result PlainSend(const char* buffer, size_t size, size_t* sent);
   Result Socks4(std::string_view host, uint16_t port);
   Result Socks5(std::string_view host, uint16_t port);
+  // What the connection is doing now, beyond the named fields.
+  enum class Phase {
+    kClosed,        // no transport
+    kPlain,         // clear bytes (also while connecting and through SOCKS)
+    kTlsHandshake,  // StartTls is running the engine's handshake
+    kTls,           // the handshake succeeded; traffic goes through the engine
+    kTransportTls,  // the transport took the upgrade and carries clear bytes (scripted)
+    kClosing,       // Close() is running; a read inside it does not close again
+    kTlsClosing,    // the same, while TLS records are still read through the engine
+  };
+  // Marks an engine call as running for its scope (tls_in_io_), records a
+  // secure-transport failure, and on exit carries out an engine reset that
+  // Close() asked for meanwhile (tls_reset_pending_).
+  class EngineCall;
   template <typename F>
   Result InEngine(F&& call);
-  // Traffic goes through the engine once a handshake has succeeded.
-  bool tls_active() const { return tls_up_; }
+  bool tls_active() const { return phase_ == Phase::kTls || phase_ == Phase::kTlsClosing; }
+  bool closing() const { return phase_ == Phase::kClosing || phase_ == Phase::kTlsClosing; }
   void DropBuffer();
 
   // Fields in their fixed order.
-  RecursiveMutex listeners_mu_;  // held while the list is walked; listeners may add others
-  std::vector<std::pair<void*, Listener>> listeners_ GUARDED_BY(listeners_mu_);
+  ListenerList<SocketListener> listeners_;
   std::string buffer_;
   int32_t read_pos_ = 0;
   int32_t filled_ = 0;
@@ -179,7 +204,9 @@ class CMailSocket : private TlsEngine::Channel {
   bool graceful_close_ = false;
   std::string local_address_;
   Mutex transport_mu_;  // between Abort() and replacing the transport
-  std::unique_ptr<Transport> transport_;  // the socket handle; null when closed
+  // The socket handle; null when closed. Replaced only on the socket's
+  // thread, which may read it without the lock; Abort() reads it under it.
+  std::unique_ptr<Transport> transport_;
   std::string connected_host_;
   bool socks_auth_ = false;
   std::string socks_address_;
@@ -189,22 +216,19 @@ class CMailSocket : private TlsEngine::Channel {
   std::unique_ptr<TlsEngine> engine_;
   uint32_t tls_versions_ = kTlsDefaultVersions;
   bool tls_failed_ = false;
-  bool tls_in_io_ = false;         // an engine call is running
-  bool tls_reset_pending_ = false; // Close() ran inside an engine call; reset after it
+  bool tls_in_io_ = false;          // an engine call is running (EngineCall)
+  bool tls_reset_pending_ = false;  // Close() ran inside an engine call; EngineCall resets after it
   uint32_t last_tls_error_ = 0;
   uint32_t socks_version_ = kSocksNone;
   int32_t max_line_length_ = 0;
   uint16_t timeout_ = kDefaultTimeout;
   uint16_t socks_port_ = kDefaultSocksPort;
-  void* certificate_context_ = nullptr;
-  CertificateDecision certificate_decision_ = nullptr;
+  CertificateDecider* certificate_decider_ = nullptr;
 
   // Additions of this implementation.
   Network* network_;
   bool strong_encryption_ = false;
-  bool tls_up_ = false;            // the engine's handshake succeeded; cleared by Close
-  bool tls_by_transport_ = false;  // the transport took the upgrade (scripted)
-  bool closing_ = false;           // Close() is running; a read inside it does not close again
+  Phase phase_ = Phase::kClosed;
 };
 
 }  // namespace trv

@@ -172,7 +172,7 @@ class ScriptedTransport final : public Transport {
     return rc::kOk;
   }
 
-  void Shutdown(bool, bool) override {}
+  void Shutdown(ShutdownHow) override {}
   void Abort() override { aborted_ = true; }
 
   Result LocalAddress(IpAddress* out) const override {

@@ -75,7 +75,7 @@ Result SocketErrorFromResolver(int gai_error, int saved_errno) {
 
 Result SecureTransportError(uint32_t engine_code) {
   if (engine_code == 0) return rc::kTlsFailed;
-  return Result(0x80C50000u | (engine_code & 0xFFFFu));
+  return Result(0x80C50000u | engine_code);
 }
 
 }  // namespace trv

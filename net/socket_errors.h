@@ -120,8 +120,9 @@ Result SocketErrorFromErrno(int err);
 // the call.
 Result SocketErrorFromResolver(int gai_error, int saved_errno);
 
-// A secure transport code: the engine's code OR 0x80C50000, or kTlsFailed
-// when the engine recorded none.
+// A secure transport code: the engine's code OR-ed into 0x80C50000 as it is
+// (not masked), or kTlsFailed when the engine recorded none. Send turns
+// kTlsFailed into kTlsWriteFailed.
 Result SecureTransportError(uint32_t engine_code);
 
 }  // namespace trv

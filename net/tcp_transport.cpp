@@ -114,7 +114,8 @@ class TcpTransport final : public Transport {
     sockaddr_storage ss;
     const socklen_t len = ToSockaddr(address, port, &ss);
     if (::connect(fd_, reinterpret_cast<sockaddr*>(&ss), len) == 0) return rc::kOk;
-    if (errno == EINPROGRESS || errno == EINTR) return rc::kSockInProgress;
+    // An interrupted connect goes on in the background, like one in progress.
+    if (errno == EINTR) return rc::kSockInProgress;
     return Errno();
   }
 
@@ -172,9 +173,8 @@ class TcpTransport final : public Transport {
     }
   }
 
-  void Shutdown(bool sending, bool receiving) override {
-    if (!sending && !receiving) return;
-    ::shutdown(fd_, sending && receiving ? SHUT_RDWR : sending ? SHUT_WR : SHUT_RD);
+  void Shutdown(ShutdownHow how) override {
+    ::shutdown(fd_, how == ShutdownHow::kBoth ? SHUT_RDWR : how == ShutdownHow::kSending ? SHUT_WR : SHUT_RD);
   }
 
   void Abort() override {

@@ -43,6 +43,9 @@ enum class ResolveMode {
 
 enum class WaitFor { kRead, kWrite };
 
+// Which directions Transport::Shutdown ends.
+enum class ShutdownHow { kSending, kReceiving, kBoth };
+
 class Transport {
  public:
   virtual ~Transport() = default;
@@ -62,7 +65,7 @@ class Transport {
   // One write; *sent may be less than size. rc::kSockWouldBlock when full.
   virtual Result Write(const char* data, size_t size, size_t* sent) = 0;
 
-  virtual void Shutdown(bool sending, bool receiving) = 0;
+  virtual void Shutdown(ShutdownHow how) = 0;
   // Wakes any wait of another thread and makes further I/O fail. Thread-safe.
   virtual void Abort() = 0;
 

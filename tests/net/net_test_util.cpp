@@ -18,11 +18,10 @@ int StateRecorder::Count(int state) const {
   return static_cast<int>(std::count(states.begin(), states.end(), state));
 }
 
-bool Decider::Decide(void* self, CMailSocket*, uint32_t flags, const TlsCertificate& cert) {
-  auto* d = static_cast<Decider*>(self);
-  d->flags.push_back(flags);
-  d->subject = cert.Subject();
-  return d->answer;
+bool Decider::AcceptCertificate(CMailSocket&, uint32_t flags, const TlsCertificate& cert) {
+  this->flags.push_back(flags);
+  subject = cert.Subject();
+  return answer;
 }
 
 ClosedPort::ClosedPort() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

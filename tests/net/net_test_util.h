@@ -19,19 +19,19 @@ inline void PrintTo(Result r, std::ostream* os) { *os << ResultHex(r); }
 namespace trv::test {
 
 // Records the state codes a socket reports.
-struct StateRecorder {
+struct StateRecorder final : SocketListener {
   std::vector<int> states;
-  static void Record(void* self, CMailSocket*, int state) { static_cast<StateRecorder*>(self)->states.push_back(state); }
-  void Attach(CMailSocket& s) { s.AddListener(this, &Record); }
+  void OnSocketState(CMailSocket&, int state) override { states.push_back(state); }
+  void Attach(CMailSocket& s) { s.AddListener(this); }
   int Count(int state) const;
 };
 
 // Records the certificate questions and answers them with `answer`.
-struct Decider {
+struct Decider final : CertificateDecider {
   bool answer = false;
   std::vector<uint32_t> flags;
   std::string subject;
-  static bool Decide(void* self, CMailSocket*, uint32_t flags, const TlsCertificate& cert);
+  bool AcceptCertificate(CMailSocket&, uint32_t flags, const TlsCertificate& cert) override;
 };
 
 // The system network, except that some names do not resolve: makes the

@@ -1,6 +1,5 @@
-// The harness itself: Postfix delivers into the maildirs Dovecot serves, a
-// message dropped straight into a Maildir shows up over POP3, and Dovecot
-// tells a client bound to 127.0.0.2 from one on 127.0.0.1.
+// The harness itself: Postfix delivers into the maildirs Dovecot serves, and
+// Dovecot tells a client bound to 127.0.0.2 from one on 127.0.0.1.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -67,29 +66,6 @@ TEST(HarnessTest, PostfixDeliversIntoTheMaildirDovecotServes) {
   ASSERT_EQ(servers.Messages("alice").size(), before + 1);
   const std::string stat = Pop3Stat(MailServers::Alice());
   EXPECT_EQ(stat.rfind("+OK " + std::to_string(before + 1) + " ", 0), 0u) << stat;
-}
-
-TEST(HarnessTest, SmtpsFromTheFirstByte) {
-  MailServers& servers = MailServers::Instance();
-  TRV_REQUIRE_SERVER(servers.Postfix());
-  test::TrustTestCa();
-  CMailSocket s;
-  s.SetTimeout(5);
-  s.SetPlainMode(false).Ignore();
-  ASSERT_EQ(s.Connect("localhost", servers.ports().smtps), rc::kOk) << s.tls_error_detail();
-  EXPECT_EQ(Smtp(s, "").substr(0, 3), "220");
-  EXPECT_EQ(Smtp(s, "QUIT").substr(0, 3), "221");
-}
-
-TEST(HarnessTest, DeliveredFilesShowUpOverPop3) {
-  MailServers& servers = MailServers::Instance();
-  TRV_REQUIRE_SERVER(servers.Dovecot());
-  const std::string message = "From: a@localhost\r\nSubject: dropped\r\n\r\nStraight into the Maildir.\r\n";
-  const size_t before = servers.Messages("bob").size();
-  for (int i = 0; i < 3; ++i) ASSERT_FALSE(servers.Deliver("bob", message).empty());
-  const std::string stat = Pop3Stat(MailServers::Bob());
-  EXPECT_EQ(stat, "+OK " + std::to_string(before + 3) + " " + std::to_string((before + 3) * message.size()))
-      << "every message is " << message.size() << " bytes";
 }
 
 TEST(HarnessTest, ClientBoundTo127002IsNotSecure) {

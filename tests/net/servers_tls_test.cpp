@@ -1,5 +1,5 @@
-// TLS against the real Dovecot: implicit TLS and the STARTTLS/STLS upgrade,
-// also through SOCKS 5 proxies; the certificate flags of expired,
+// TLS against the real Dovecot and Postfix: implicit TLS and the
+// STARTTLS/STLS upgrade, also through SOCKS 5 proxies; the certificate flags of expired,
 // self-signed and misnamed certificates; the protocol versions.
 #include <gtest/gtest.h>
 
@@ -12,6 +12,7 @@ namespace {
 
 using test::Decider;
 using test::MailServers;
+using test::MailUser;
 using test::ReadUntil;
 
 class DovecotTlsTest : public ::testing::Test {
@@ -24,29 +25,40 @@ class DovecotTlsTest : public ::testing::Test {
   static const test::ServerPorts& ports() { return MailServers::Instance().ports(); }
 };
 
-TEST_F(DovecotTlsTest, ImapsAndPop3sFromTheFirstByte) {
+TEST_F(DovecotTlsTest, ImplicitTlsFromTheFirstByte) {
+  const MailUser& u = MailServers::MicrosocksUser();
   struct Row {
     const char* name;
+    test::ServerStatus status;
     uint16_t port;
+    uint16_t socks5;  // 0: direct
     const char* greeting;
     const char* quit;
     const char* end;
   };
-  const Row rows[] = {{"IMAPS", ports().imaps, "* OK", "a LOGOUT", "a OK"},
-                      {"POP3S", ports().pop3s, "+OK", "QUIT", "+OK"}};
+  const Row rows[] = {
+      {"IMAPS", {}, ports().imaps, 0, "* OK", "a LOGOUT", "a OK"},
+      {"POP3S", {}, ports().pop3s, 0, "+OK", "QUIT", "+OK"},
+      {"SMTPS", servers().Postfix(), ports().smtps, 0, "220 ", "QUIT", "221"},
+      {"IMAPS through SOCKS 5 with user and password", servers().Microsocks(), ports().imaps,
+       ports().microsocks_auth, "* OK", "a LOGOUT", "a OK"},
+  };
   for (const Row& row : rows) {
+    TRV_REQUIRE_SERVER(row.status);
     Decider decider;
     CMailSocket s;
     s.SetTimeout(5);
-    s.SetCertificateCallback(&decider, &Decider::Decide);
+    s.SetCertificateDecider(&decider);
+    if (row.socks5) {
+      s.SetSocks(kSocks5, "127.0.0.1", row.socks5);
+      s.SetSocksCredentials(true, u.name, u.password);
+    }
     ASSERT_EQ(s.SetPlainMode(false), rc::kOk);
     ASSERT_EQ(s.Connect("localhost", row.port), rc::kOk) << row.name << ": " << s.tls_error_detail();
     EXPECT_TRUE(decider.flags.empty()) << row.name;
-    std::string line;
-    ASSERT_EQ(s.ReadLine(&line), rc::kOk) << row.name;
-    EXPECT_EQ(line.rfind(row.greeting, 0), 0u) << row.name << ": " << line;
-    ASSERT_EQ(s.SendLine(row.quit), rc::kOk) << row.name;
     std::vector<std::string> lines;
+    ASSERT_EQ(ReadUntil(s, row.greeting, &lines), rc::kOk) << row.name;
+    ASSERT_EQ(s.SendLine(row.quit), rc::kOk) << row.name;
     EXPECT_EQ(ReadUntil(s, row.end, &lines), rc::kOk) << row.name;
   }
 }
@@ -98,19 +110,6 @@ TEST_F(DovecotTlsTest, Pop3StlsThroughSocks5) {
   }
 }
 
-TEST_F(DovecotTlsTest, ImapsThroughSocks5WithUserAndPassword) {
-  TRV_REQUIRE_SERVER(servers().Microsocks());
-  CMailSocket s;
-  s.SetTimeout(5);
-  s.SetSocks(kSocks5, "127.0.0.1", ports().microsocks_auth);
-  s.SetSocksCredentials(true, MailServers::MicrosocksUser().name, MailServers::MicrosocksUser().password);
-  ASSERT_EQ(s.SetPlainMode(false), rc::kOk);
-  ASSERT_EQ(s.Connect("localhost", ports().imaps), rc::kOk) << s.tls_error_detail();
-  std::string line;
-  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
-  EXPECT_EQ(line.rfind("* OK", 0), 0u) << line;
-}
-
 TEST_F(DovecotTlsTest, CertificateFlags) {
   // Dovecot serves a certificate by the local address it was reached at.
   struct Row {
@@ -131,7 +130,7 @@ TEST_F(DovecotTlsTest, CertificateFlags) {
       decider.answer = mode == 2;
       CMailSocket s;
       s.SetTimeout(5);
-      if (mode > 0) s.SetCertificateCallback(&decider, &Decider::Decide);
+      if (mode > 0) s.SetCertificateDecider(&decider);
       s.SetPlainMode(false).Ignore();
       const Result r = s.Connect(row.host, ports().imaps);
       const bool accepted = row.flags == 0 || mode == 2;

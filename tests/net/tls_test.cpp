@@ -43,7 +43,7 @@ TEST_F(TlsTest, ImplicitTlsCarriesLinesBothWays) {
   StateRecorder rec;
   CMailSocket s;
   rec.Attach(s);
-  s.SetCertificateCallback(&decider, &Decider::Decide);
+  s.SetCertificateDecider(&decider);
   s.SetGracefulClose(true);
   Implicit(s);
   ASSERT_EQ(s.Connect("localhost", server.port()), rc::kOk) << s.tls_error_detail();
@@ -124,7 +124,7 @@ TEST_F(TlsTest, FlaggedCertificateNeedsTheDecision) {
     decider.answer = row.answer;
     CMailSocket s;
     Implicit(s);
-    if (row.callback) s.SetCertificateCallback(&decider, &Decider::Decide);
+    if (row.callback) s.SetCertificateDecider(&decider);
     EXPECT_EQ(s.Connect("localhost", server.port()), row.want) << row.name;
     if (row.callback) {
       EXPECT_EQ(decider.flags, std::vector<uint32_t>{kCertUntrustedRoot}) << row.name;

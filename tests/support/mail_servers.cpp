@@ -21,7 +21,7 @@ namespace {
 
 constexpr auto kStartLimit = std::chrono::seconds(20);
 constexpr auto kStopGrace = std::chrono::seconds(10);
-constexpr int kStartAttempts = 3;  // a port taken between choosing and binding
+constexpr int kStartAttempts = 3;
 constexpr uid_t kMailUid = 8;      // Debian's mail user; Dovecot will not deliver as root
 constexpr gid_t kMailGid = 8;
 
@@ -46,6 +46,16 @@ ServerStatus NeedPrograms(const std::vector<const char*>& programs) {
     if (!Executable(p)) return Missing(p);
   }
   return {};
+}
+
+// Runs start (which picks fresh ports) until it succeeds, at most
+// kStartAttempts times: a port may be taken between choosing and binding.
+template <typename Start>
+ServerStatus Attempts(Start start) {
+  ServerStatus s;
+  for (int attempt = 0; attempt < kStartAttempts && !(s = start()).ok; ++attempt) {
+  }
+  return s;
 }
 
 void Chown(const fs::path& p, uid_t uid, gid_t gid) {
@@ -106,7 +116,7 @@ ServerStatus MailServers::Launch(const std::string& name, const std::vector<std:
   if (*pid < 0) return Failed(name + ": " + error);
   for (const auto& [address, port] : ports) {
     if (!WaitForPort(address, port, *pid, kStartLimit)) {
-      StopProcess(*pid, kStopGrace);
+      StopProcesses({*pid}, kStopGrace);
       *pid = -1;
       return Failed(name + " did not accept connections on " + address + ":" + std::to_string(port) +
                     LogTail(name));
@@ -193,7 +203,7 @@ ServerStatus MailServers::StartDovecot() {
     return std::string("local ") + address + " {\n  ssl_cert = <" + Str(f.cert) + "\n  ssl_key = <" +
            Str(f.key) + "\n}\n";
   };
-  for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
+  return Attempts([&] {
     ports_.imap = PickFreePort();
     ports_.imaps = PickFreePort();
     ports_.pop3 = PickFreePort();
@@ -240,9 +250,8 @@ ServerStatus MailServers::StartDovecot() {
                             {{"127.0.0.1", ports_.imap}, {"127.0.0.1", ports_.imaps}, {"127.0.0.1", ports_.pop3},
                              {"127.0.0.1", ports_.pop3s}},
                             &pid);
-    if (s.ok || attempt + 1 == kStartAttempts) return s;
-  }
-  return {};
+    return s;
+  });
 }
 
 // ---------------------------------------------------------------------------
@@ -264,7 +273,7 @@ ServerStatus MailServers::StartPostfix() {
   }
   const fs::path run = dir_ / "dovecot" / "run";
   const TestCertificates& c = *certs_;
-  for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
+  return Attempts([&] {
     ports_.smtp = PickFreePort();
     ports_.smtps = PickFreePort();
     std::ofstream main(conf_dir / "main.cf");
@@ -314,9 +323,8 @@ ServerStatus MailServers::StartPostfix() {
     pid_t pid = -1;
     ServerStatus s = Launch("postfix", {kPostfixMaster, "-c", Str(conf_dir), "-d"},
                             {{"127.0.0.1", ports_.smtp}, {"127.0.0.1", ports_.smtps}}, &pid);
-    if (s.ok || attempt + 1 == kStartAttempts) return s;
-  }
-  return {};
+    return s;
+  });
 }
 
 // ---------------------------------------------------------------------------
@@ -339,7 +347,7 @@ ServerStatus MailServers::StartDante() {
   if (RunProcess({"/bin/sh", "-c", "/usr/sbin/chpasswd < " + Str(input)}, dir_ / "useradd.log") != 0) {
     return Failed("chpasswd for " + u.name + " failed" + LogTail("useradd"));
   }
-  for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
+  return Attempts([&] {
     ports_.dante = PickFreePort();
     const fs::path conf = dir_ / "danted.conf";
     WriteFile(conf, "logoutput: " + Str(dir_ / "danted.log") + "\n" +
@@ -355,16 +363,15 @@ ServerStatus MailServers::StartDante() {
     pid_t pid = -1;
     ServerStatus s = Launch("danted", {kDanted, "-f", Str(conf), "-p", Str(dir_ / "danted.pid"), "-N", "1"},
                             {{"127.0.0.1", ports_.dante}}, &pid);
-    if (s.ok || attempt + 1 == kStartAttempts) return s;
-  }
-  return {};
+    return s;
+  });
 }
 
 ServerStatus MailServers::StartMicrosocks() {
   if (ServerStatus s = NeedPrograms({kMicrosocks}); !s.ok) return s;
   if (ServerStatus s = Prepare(); !s.ok) return s;
   const MailUser& u = MicrosocksUser();
-  for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
+  return Attempts([&] {
     ports_.microsocks = PickFreePort();
     ports_.microsocks_auth = PickFreePort();
     pid_t pid = -1;
@@ -376,9 +383,8 @@ ServerStatus MailServers::StartMicrosocks() {
                   u.password},
                  {{"127.0.0.1", ports_.microsocks_auth}}, &pid);
     }
-    if (s.ok || attempt + 1 == kStartAttempts) return s;
-  }
-  return {};
+    return s;
+  });
 }
 
 ServerStatus MailServers::StartSsh() {
@@ -397,7 +403,7 @@ ServerStatus MailServers::StartSsh() {
   // sshd refuses to start without its privilege separation directory.
   std::error_code ec;
   fs::create_directories("/run/sshd", ec);
-  for (int attempt = 0; attempt < kStartAttempts; ++attempt) {
+  return Attempts([&] {
     ports_.sshd = PickFreePort();
     ports_.ssh_socks = PickFreePort();
     const fs::path conf = ssh / "sshd_config";
@@ -421,9 +427,8 @@ ServerStatus MailServers::StartSsh() {
                   user + "@127.0.0.1"},
                  {{"127.0.0.1", ports_.ssh_socks}}, &pid);
     }
-    if (s.ok || attempt + 1 == kStartAttempts) return s;
-  }
-  return {};
+    return s;
+  });
 }
 
 }  // namespace trv::test

@@ -25,6 +25,12 @@ sockaddr_in Ipv4(const std::string& address, uint16_t port) {
   ::inet_pton(AF_INET, address.c_str(), &a.sin_addr);
   return a;
 }
+
+// Whether the child is still running (reaps it when it ended).
+bool ProcessAlive(pid_t pid) {
+  int status = 0;
+  return ::waitpid(pid, &status, WNOHANG) == 0;
+}
 }  // namespace
 
 pid_t StartProcess(const std::vector<std::string>& argv, const std::filesystem::path& log, std::string* error) {
@@ -69,11 +75,6 @@ int RunProcess(const std::vector<std::string>& argv, const std::filesystem::path
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-bool ProcessAlive(pid_t pid) {
-  int status = 0;
-  return ::waitpid(pid, &status, WNOHANG) == 0;
-}
-
 void StopProcesses(const std::vector<pid_t>& pids, std::chrono::milliseconds grace) {
   std::set<pid_t> running;
   for (pid_t pid : pids) {
@@ -96,8 +97,6 @@ void StopProcesses(const std::vector<pid_t>& pids, std::chrono::milliseconds gra
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
 }
-
-void StopProcess(pid_t pid, std::chrono::milliseconds grace) { StopProcesses({pid}, grace); }
 
 uint16_t PickFreePort() {
   static std::mt19937 rng(std::random_device{}());

@@ -21,14 +21,9 @@ pid_t StartProcess(const std::vector<std::string>& argv, const std::filesystem::
 // start or was killed). Output goes to log.
 int RunProcess(const std::vector<std::string>& argv, const std::filesystem::path& log);
 
-// SIGTERM, then SIGKILL after the grace period; reaps the child.
-void StopProcess(pid_t pid, std::chrono::milliseconds grace);
 // Sends SIGTERM to every pid first, then waits for all (servers stop in
-// parallel), killing what is left after the grace period.
+// parallel), killing what is left after the grace period; reaps them.
 void StopProcesses(const std::vector<pid_t>& pids, std::chrono::milliseconds grace);
-
-// Whether the child is still running (reaps it when it ended).
-bool ProcessAlive(pid_t pid);
 
 // A port on 127.0.0.1 that nothing listens on, below the range the system
 // hands out for outgoing connections.
