@@ -89,7 +89,7 @@ TEST(SettingsFileTest, SaveReplacesTheWholeFileAndLeavesNoTemporary) {
 
   EXPECT_EQ(ReadFile(path), s.SaveToBytes());
   EXPECT_FALSE(std::filesystem::exists(dir / "Settings.ini.tmp"));
-  EXPECT_EQ(ModeOf(path), 0640u);  // the permissions of the file replaced
+  EXPECT_EQ(ModeOf(path), 0600u);  // private whatever it was: it holds passwords
 
   // A symbolic link is written through: the file it names gets the content.
   std::filesystem::rename(path, dir / "real.ini");
