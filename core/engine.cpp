@@ -26,9 +26,9 @@ constexpr const char* kLogMapi = "Loading MAPI objects";
 
 // The singleton record.
 struct EngineSingleton {
-  std::mutex mu;
-  MailEngine* engine = nullptr;
-  int count = 0;
+  Mutex mu;
+  MailEngine* engine GUARDED_BY(mu) = nullptr;
+  int count GUARDED_BY(mu) = 0;
 };
 
 EngineSingleton& Singleton() {
@@ -60,7 +60,7 @@ WString ReadText(const Settings& settings, std::string_view section, std::string
 
 MailEngine* AcquireEngine() {
   EngineSingleton& s = Singleton();
-  std::lock_guard lock(s.mu);
+  MutexLock lock(s.mu);
   if (s.count == 0) {
     s.engine = new (std::nothrow) MailEngine();
     if (s.engine == nullptr) return nullptr;
@@ -71,7 +71,7 @@ MailEngine* AcquireEngine() {
 
 void ReleaseEngine() {
   EngineSingleton& s = Singleton();
-  std::lock_guard lock(s.mu);
+  MutexLock lock(s.mu);
   if (s.count == 0) return;
   if (--s.count == 0) {
     s.engine->Shutdown();

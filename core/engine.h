@@ -57,10 +57,15 @@ struct DataMoveStep {
   // it there, false to refuse (the move then fails with error 80).
   bool asks_overwrite = false;
 };
-// The answer counts only when step.asks_overwrite is set.
+// The answer counts only when step.asks_overwrite is set. A callback for
+// one MoveDataDirectory call only, so a std::function parameter rather than
+// a listener (base/listener_list.h); called on the calling thread.
 using DataMoveCallback = std::function<bool(const DataMoveStep& step)>;
 
 // The engine's progress callback (storage events, store/storage_host.h).
+// It answers the event, so there is exactly one: the interface that owns the
+// engine sets it (SetProgressCallback); the engine's listener lists are for
+// the many that are only told. Called on the thread that opens the storage.
 using EngineProgress = std::function<int(const StorageEvent& event)>;
 
 class MailEngine final : public StorageHost {

@@ -6,8 +6,8 @@
 #include <cerrno>
 #include <cstdint>
 #include <map>
-#include <mutex>
 
+#include "base/thread_annotations.h"
 #include "base/utf8.h"
 #include "mime/charset/charset_table.h"
 #include "mime/charset/imap_utf7.h"
@@ -359,8 +359,8 @@ class ImapUtf7Encoder final : public TextEncoder {
   WString held_;
 };
 
-std::mutex g_cache_mutex;
-std::map<std::string, CharsetId>* g_cache = nullptr;  // guarded by g_cache_mutex
+Mutex g_cache_mutex;
+std::map<std::string, CharsetId>* g_cache GUARDED_BY(g_cache_mutex) = nullptr;
 
 CharsetId ResolveUncached(const std::string& lower) {
   CharsetId id;
@@ -393,7 +393,7 @@ CharsetId ResolveUncached(const std::string& lower) {
 
 CharsetId Resolve(std::string_view name) {
   const std::string lower = ToLowerAscii(TrimView(name));
-  std::lock_guard<std::mutex> lock(g_cache_mutex);
+  MutexLock lock(g_cache_mutex);
   if (!g_cache) g_cache = new std::map<std::string, CharsetId>();
   auto it = g_cache->find(lower);
   if (it != g_cache->end()) return it->second;
@@ -405,7 +405,7 @@ CharsetId Resolve(std::string_view name) {
 }
 
 void ClearResolveCache() {
-  std::lock_guard<std::mutex> lock(g_cache_mutex);
+  MutexLock lock(g_cache_mutex);
   delete g_cache;
   g_cache = nullptr;
 }
