@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <string>
 
+#include "base/durable_write.h"
 #include "base/file_io.h"
 
 namespace trv {
@@ -14,6 +15,16 @@ namespace trv {
 namespace {
 
 Result LastError() { return ResultFromErrno(errno); }
+
+class PosixAppendFile final : public AppendFile {
+ public:
+  explicit PosixAppendFile(int fd) : fd_(fd) {}
+  ~PosixAppendFile() override { ::close(fd_); }
+  Result Append(std::string_view bytes) override { return WriteAllBytes(fd_, bytes); }
+
+ private:
+  const int fd_;
+};
 
 }  // namespace
 
@@ -45,20 +56,31 @@ Result PosixFileSystem::Rename(const std::filesystem::path& from, const std::fil
   return rc::kOk;
 }
 
+Result PosixFileSystem::FileSize(const std::filesystem::path& path, uint64_t* size) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) != 0) return LastError();
+  if (!S_ISREG(st.st_mode)) return ResultFromErrno(EISDIR);
+  *size = static_cast<uint64_t>(st.st_size);
+  return rc::kOk;
+}
+
+Result PosixFileSystem::OpenForAppend(const std::filesystem::path& path, AppendOpen how,
+                                      std::unique_ptr<AppendFile>* file) {
+  const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (how == AppendOpen::kTruncate ? O_TRUNC : 0);
+  const int fd = ::open(path.c_str(), flags, 0600);
+  if (fd < 0) return LastError();
+  *file = std::make_unique<PosixAppendFile>(fd);
+  return rc::kOk;
+}
+
 Result PosixFileSystem::CopyFile(const std::filesystem::path& from, const std::filesystem::path& to) {
   std::string bytes;
   Result r = ReadFile(from, &bytes);
   if (r.failed()) return r;
-  std::filesystem::path temp = to;
-  temp += ".copy";
-  r = WriteNewFile(temp, bytes);
-  if (r.ok()) r = Rename(temp, to);
-  if (r.failed()) {
-    ::unlink(temp.c_str());
-    return r;
-  }
-  SyncDirectory(to.parent_path());
-  return rc::kOk;
+  DurableWriteOptions options;
+  options.temp_path = to;
+  options.temp_path += ".copy";
+  return WriteFileDurably(*this, to, bytes, options);
 }
 
 Result PosixFileSystem::MoveFile(const std::filesystem::path& from, const std::filesystem::path& to) {
@@ -67,6 +89,19 @@ Result PosixFileSystem::MoveFile(const std::filesystem::path& from, const std::f
   Result r = CopyFile(from, to);
   if (r.ok()) r = RemoveFile(from);
   return r;
+}
+
+Result PosixFileSystem::CreateDirectories(const std::filesystem::path& dir) {
+  if (dir.empty()) return rc::kOk;
+  struct stat st;
+  if (::stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode) ? rc::kOk : ResultFromErrno(ENOTDIR);
+  if (errno != ENOENT) return LastError();
+  const std::filesystem::path parent = dir.parent_path();
+  if (parent != dir && !parent.empty()) {
+    if (Result r = CreateDirectories(parent); r.failed()) return r;
+  }
+  if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return LastError();
+  return rc::kOk;
 }
 
 bool PosixFileSystem::Exists(const std::filesystem::path& path) {

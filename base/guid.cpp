@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <random>
 
+#include "base/hex_digits.h"
+
 namespace trv {
 
 Guid Guid::NewRandom() {

@@ -5,11 +5,20 @@
 #include <string>
 #include <string_view>
 
-#include "base/wide_string.h"  // HexDigitValue
-
 namespace trv {
 
 inline constexpr char kUpperHexDigits[] = "0123456789ABCDEF";
+inline constexpr char kLowerHexDigits[] = "0123456789abcdef";
+
+// The value of a hexadecimal digit (either case); -1 for any other character.
+// Takes char32_t so that 8-bit callers pass the byte as unsigned char and
+// UTF-16 callers pass the unit as it is.
+constexpr int HexDigitValue(char32_t c) {
+  if (c >= U'0' && c <= U'9') return static_cast<int>(c - U'0');
+  if (c >= U'a' && c <= U'f') return static_cast<int>(c - U'a' + 10);
+  if (c >= U'A' && c <= U'F') return static_cast<int>(c - U'A' + 10);
+  return -1;
+}
 
 // Appends `mark` and the byte as two upper-case digits: "=3D", "%20".
 inline void AppendHexEscape(char mark, unsigned char b, std::string* out) {
@@ -20,12 +29,11 @@ inline void AppendHexEscape(char mark, unsigned char b, std::string* out) {
 
 // The bytes in lower-case hexadecimal, two digits a byte.
 inline std::string LowerHex(std::string_view bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
   std::string hex;
   hex.reserve(bytes.size() * 2);
   for (unsigned char b : bytes) {
-    hex.push_back(kDigits[b >> 4]);
-    hex.push_back(kDigits[b & 15]);
+    hex.push_back(kLowerHexDigits[b >> 4]);
+    hex.push_back(kLowerHexDigits[b & 15]);
   }
   return hex;
 }

@@ -13,9 +13,11 @@ namespace trv {
 using WString = std::u16string;
 using WStringView = std::u16string_view;
 
-// UTF-8 to UTF-16. Malformed sequences become U+FFFD; never fails.
+// UTF-8 to UTF-16 through base/utf8.h: each maximal ill-formed subpart
+// becomes one U+FFFD; never fails.
 WString Utf8ToWide(std::string_view s);
-// UTF-16 to UTF-8. Unpaired surrogates become U+FFFD; never fails.
+// UTF-16 to UTF-8 through base/utf8.h. Unpaired surrogates become U+FFFD;
+// never fails.
 std::string WideToUtf8(WStringView s);
 
 // Each byte taken as one character (ISO 8859-1).
@@ -40,14 +42,6 @@ bool EqualsNoCase(std::string_view a, std::string_view b);
 bool EqualsNoCase(WStringView a, WStringView b);
 bool StartsWithNoCase(std::string_view s, std::string_view prefix);
 bool StartsWithNoCase(WStringView s, WStringView prefix);
-
-// The value of a hexadecimal digit (either case); -1 for any other character.
-constexpr int HexDigitValue(char32_t c) {
-  if (c >= U'0' && c <= U'9') return static_cast<int>(c - U'0');
-  if (c >= U'a' && c <= U'f') return static_cast<int>(c - U'a' + 10);
-  if (c >= U'A' && c <= U'F') return static_cast<int>(c - U'A' + 10);
-  return -1;
-}
 
 // Removes blanks (space, TAB, CR, LF) at both ends.
 std::string_view TrimView(std::string_view s);

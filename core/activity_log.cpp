@@ -1,46 +1,38 @@
 #include "core/activity_log.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include "base/file_io.h"
-
 namespace trv {
 
 ActivityLog::~ActivityLog() { Close(); }
 
-bool ActivityLog::Open(const std::filesystem::path& data_dir) {
+bool ActivityLog::Open(const std::filesystem::path& data_dir, FileSystem& fs) {
   const std::filesystem::path log_path = data_dir / kFileName;
   const std::filesystem::path bak_path = data_dir / kBackupName;
 
-  bool fresh = true;
-  struct stat st;
-  if (::stat(log_path.c_str(), &st) == 0) {
-    fresh = false;
-    if (static_cast<unsigned long long>(st.st_size) > kRotateAbove) {
-      ::unlink(bak_path.c_str());
-      if (::rename(log_path.c_str(), bak_path.c_str()) == 0) fresh = true;
+  AppendOpen how = AppendOpen::kTruncate;
+  uint64_t size = 0;
+  if (fs.FileSize(log_path, &size).ok()) {
+    how = AppendOpen::kKeep;
+    if (size > kRotateAbove) {
+      fs.RemoveFile(bak_path).Ignore();  // the rename below replaces it anyway
+      if (fs.Rename(log_path, bak_path).ok()) how = AppendOpen::kTruncate;
     }
   }
-  const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (fresh ? O_TRUNC : 0);
-  const int fd = ::open(log_path.c_str(), flags, 0644);
+  std::unique_ptr<AppendFile> file;
+  fs.OpenForAppend(log_path, how, &file).Ignore();  // no file: the run goes on without a log
 
   MutexLock lock(mu_);
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = fd;
-  return fd_ >= 0;
+  file_ = std::move(file);
+  return file_ != nullptr;
 }
 
 void ActivityLog::Close() {
   MutexLock lock(mu_);
-  if (fd_ >= 0) ::close(fd_);
-  fd_ = -1;
+  file_.reset();
 }
 
 bool ActivityLog::is_open() const {
   MutexLock lock(mu_);
-  return fd_ >= 0;
+  return file_ != nullptr;
 }
 
 void ActivityLog::SetEnabled(bool on) {
@@ -50,16 +42,16 @@ void ActivityLog::SetEnabled(bool on) {
 
 void ActivityLog::Log(std::string_view text, int level) {
   MutexLock lock(mu_);
-  if (!enabled_ || fd_ < 0) return;
+  if (!enabled_ || file_ == nullptr) return;
   // A failed write is ignored: logging never stops what is being logged.
   switch (level) {
-    case kLogEvent: WriteAllBytes(fd_, "- ").Ignore(); break;
-    case kLogSent: WriteAllBytes(fd_, "S ").Ignore(); break;
-    case kLogReceived: WriteAllBytes(fd_, "R ").Ignore(); break;
+    case kLogEvent: file_->Append("- ").Ignore(); break;
+    case kLogSent: file_->Append("S ").Ignore(); break;
+    case kLogReceived: file_->Append("R ").Ignore(); break;
     default: break;
   }
-  if (!text.empty()) WriteAllBytes(fd_, text).Ignore();
-  WriteAllBytes(fd_, "\r\n").Ignore();
+  if (!text.empty()) file_->Append(text).Ignore();
+  file_->Append("\r\n").Ignore();
 }
 
 }  // namespace trv

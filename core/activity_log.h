@@ -6,10 +6,11 @@
 #pragma once
 
 #include <filesystem>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <string_view>
 
+#include "base/file_system.h"
 #include "base/log_sink.h"
 #include "base/thread_annotations.h"
 
@@ -30,7 +31,8 @@ class ActivityLog final : public LogSink {
   // Opens <data_dir>/TarvoMail.log for appending, first rotating it to
   // TarvoMail.bak when it exceeds kRotateAbove bytes. A log that cannot be
   // opened leaves the run without a log; returns whether a file is open.
-  bool Open(const std::filesystem::path& data_dir);
+  // The file operations go through `fs`, which must outlive the open file.
+  bool Open(const std::filesystem::path& data_dir, FileSystem& fs = PosixFileSystem::Instance());
   void Close();
   bool is_open() const;
 
@@ -41,7 +43,7 @@ class ActivityLog final : public LogSink {
 
  private:
   mutable Mutex mu_;
-  int fd_ GUARDED_BY(mu_) = -1;
+  std::unique_ptr<AppendFile> file_ GUARDED_BY(mu_);
   bool enabled_ GUARDED_BY(mu_) = true;
 };
 

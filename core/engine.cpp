@@ -26,9 +26,9 @@ constexpr const char* kLogMapi = "Loading MAPI objects";
 
 // The singleton record.
 struct EngineSingleton {
-  std::mutex mu;
-  MailEngine* engine = nullptr;
-  int count = 0;
+  Mutex mu;
+  MailEngine* engine GUARDED_BY(mu) = nullptr;
+  int count GUARDED_BY(mu) = 0;
 };
 
 EngineSingleton& Singleton() {
@@ -60,7 +60,7 @@ WString ReadText(const Settings& settings, std::string_view section, std::string
 
 MailEngine* AcquireEngine() {
   EngineSingleton& s = Singleton();
-  std::lock_guard lock(s.mu);
+  MutexLock lock(s.mu);
   if (s.count == 0) {
     s.engine = new (std::nothrow) MailEngine();
     if (s.engine == nullptr) return nullptr;
@@ -71,7 +71,7 @@ MailEngine* AcquireEngine() {
 
 void ReleaseEngine() {
   EngineSingleton& s = Singleton();
-  std::lock_guard lock(s.mu);
+  MutexLock lock(s.mu);
   if (s.count == 0) return;
   if (--s.count == 0) {
     s.engine->Shutdown();
@@ -112,10 +112,9 @@ Result MailEngine::Start(std::string_view command_line) {
   start_problem_.clear();
   // The data directory, then the log and its opening lines.
   std::filesystem::path dir;
-  const Result r = ResolveDataDirectory(&dir);
-  if (r.failed()) return rc::kFail;
+  if (const Result r = ResolveDataDirectory(&dir); r.failed()) return r;
   data_dir_ = dir;
-  log_.Open(data_dir_);
+  log_.Open(data_dir_, *file_ops_);
   Log("");
   Log(kLogStarting);
   Log(DateTimeLine(command_line));
@@ -148,7 +147,7 @@ Result MailEngine::Start(std::string_view command_line) {
 Result MailEngine::PrepareDataDirectory(std::filesystem::path* dir) {
   if (started_) return rc::kFail;
   start_problem_.clear();
-  if (ResolveDataDirectory(dir).failed()) return rc::kFail;
+  if (const Result r = ResolveDataDirectory(dir); r.failed()) return r;
   data_dir_override_ = *dir;
   return rc::kOk;
 }
@@ -161,8 +160,10 @@ FolderFileOptions MailEngine::FolderFileSettings() {
 
 void MailEngine::OpenSettings() {
   Result r;
-  settings_stream_ = OpenSettingsStream(settings_path_, kSettingsOpenRead);
-  if (settings_stream_ == nullptr) settings_stream_ = OpenSettingsStream(settings_path_, kSettingsOpenAlways, &r);
+  settings_stream_ = OpenSettingsStream(settings_path_, kSettingsOpenRead, nullptr, *file_ops_);
+  if (settings_stream_ == nullptr) {
+    settings_stream_ = OpenSettingsStream(settings_path_, kSettingsOpenAlways, &r, *file_ops_);
+  }
   if (settings_stream_ == nullptr) {
     Log("Cannot open settings file " + settings_path_.string() + ": " + ResultText(r));
     return;
@@ -216,20 +217,24 @@ void MailEngine::DiscoverStorages() {
   }
   if (found.empty()) {
     Log(kLogCreatingLocal);
-    CreateStorage(W(kLocalStorageName), true);
+    // Without it the engine runs with no storage.
+    if (const Result r = CreateStorage(W(kLocalStorageName), true, nullptr); r.failed()) {
+      Log("Storage loading error: " + ResultText(r));
+    }
   }
 }
 
-Storage* MailEngine::CreateStorage(WStringView name, bool local) {
+Result MailEngine::CreateStorage(WStringView name, bool local, Storage** out) {
   auto storage = std::make_unique<Storage>(*this);
-  if (storage->Create(name, {}, local).failed()) return nullptr;
+  if (const Result r = storage->Create(name, {}, local); r.failed()) return r;
   Storage* created = storage.get();
   {
     RecursiveLock lock(storages_mu_);
     storages_map_[created->index_path()] = std::move(storage);
   }
   NotifyOpened(*created);
-  return created;
+  if (out != nullptr) *out = created;
+  return rc::kOk;
 }
 
 void MailEngine::LoadServices() {
@@ -258,8 +263,8 @@ Result MailEngine::LoadService(const std::string& section) {
   const bool is_new = storage == nullptr;
   if (is_new) {
     Log(kLogStorageNotFound);
-    storage = CreateStorage(ReadText(settings_, section, "ServiceName"), false);
-    if (storage == nullptr) return rc::kFail;
+    const Result r = CreateStorage(ReadText(settings_, section, "ServiceName"), false, &storage);
+    if (r.failed()) return r;
   }
 
   std::unique_ptr<EngineService> service = factory_(service_class, *this, *storage);

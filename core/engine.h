@@ -57,10 +57,15 @@ struct DataMoveStep {
   // it there, false to refuse (the move then fails with error 80).
   bool asks_overwrite = false;
 };
-// The answer counts only when step.asks_overwrite is set.
+// The answer counts only when step.asks_overwrite is set. A callback for
+// one MoveDataDirectory call only, so a std::function parameter rather than
+// a listener (base/listener_list.h); called on the calling thread.
 using DataMoveCallback = std::function<bool(const DataMoveStep& step)>;
 
 // The engine's progress callback (storage events, store/storage_host.h).
+// It answers the event, so there is exactly one: the interface that owns the
+// engine sets it (SetProgressCallback); the engine's listener lists are for
+// the many that are only told. Called on the thread that opens the storage.
 using EngineProgress = std::function<int(const StorageEvent& event)>;
 
 class MailEngine final : public StorageHost {
@@ -82,13 +87,16 @@ class MailEngine final : public StorageHost {
   // The start-up sequence: data directory, log, settings, storages (found
   // by their "*.idx" files, or "Local Folders" created), services, opening
   // the storages. `command_line` goes into the start-up log line. Returns
-  // 0, or 0x80004005 when the data directory cannot be made (start_problem()
-  // then says why). Once per engine.
+  // 0, or the code of the step that failed: the registry file that cannot
+  // be opened, the data directory that cannot be made (ResultFromErrno's
+  // code, e.g. 0x80070003 for a file in the way); start_problem() then says
+  // why. A second call is rc::kFail. Once per engine.
   Result Start(std::string_view command_line);
   // Resolves (and creates) the data directory as Start would, without
   // starting, and makes Start use it: a program that must lock the
-  // directory before anything touches it calls this first. 0, or
-  // 0x80004005 with start_problem() saying why. Before Start only.
+  // directory before anything touches it calls this first. 0, or the code
+  // of the failing step as for Start, with start_problem() saying why. Before
+  // Start only (after it: rc::kFail).
   Result PrepareDataDirectory(std::filesystem::path* dir);
   // Why Start failed, naming the file or directory; empty after success.
   const std::string& start_problem() const { return start_problem_; }
@@ -170,7 +178,8 @@ class MailEngine final : public StorageHost {
   void DiscoverStorages();
   void LoadServices();
   Result LoadService(const std::string& section);
-  Storage* CreateStorage(WStringView name, bool local);
+  // A new storage, put into the map; *created (optional) gets it.
+  Result CreateStorage(WStringView name, bool local, Storage** created);
   void OpenStorages();
   void NotifyOpened(Storage& storage);
 

@@ -32,7 +32,7 @@ Result MailEngine::ResolveDataDirectory(std::filesystem::path* dir) {
     Result r = RegistryKey::Open(registry_path_, &key);
     if (r.failed()) {
       start_problem_ = "Cannot open registry file " + registry_path_.string() + ": " + ResultText(r);
-      return rc::kFail;
+      return r;
     }
     const std::filesystem::path home = HomeDirectory();
     const std::filesystem::path documents = home / "Documents/TarvoMail/";
@@ -57,13 +57,11 @@ Result MailEngine::ResolveDataDirectory(std::filesystem::path* dir) {
   resolved = WithTrailingSlash(resolved);
   if (resolved.empty()) {
     start_problem_ = "No data directory: no home directory is known";
-    return rc::kFail;
+    return ResultFromErrno(ENOENT);
   }
-  std::filesystem::create_directories(resolved, ec);
-  if (ec || !std::filesystem::is_directory(resolved, ec)) {
-    start_problem_ = "Cannot create data directory " + resolved.string() + ": " +
-                     ResultText(ec ? ResultFromErrno(ec.value()) : ResultFromErrno(ENOTDIR));
-    return rc::kFail;
+  if (const Result r = file_ops_->CreateDirectories(resolved); r.failed()) {
+    start_problem_ = "Cannot create data directory " + resolved.string() + ": " + ResultText(r);
+    return r;
   }
   *dir = resolved;
   return rc::kOk;
@@ -87,8 +85,7 @@ Result MailEngine::MoveDataDirectory(const std::filesystem::path& new_dir, const
   from = WithTrailingSlash(from);
   if (new_dir.empty()) return rc::kInvalidArg;
   const std::filesystem::path to = WithTrailingSlash(std::filesystem::absolute(new_dir, ec));
-  std::filesystem::create_directories(to, ec);
-  if (ec) return ResultFromErrno(ec.value());
+  if (const Result r = file_ops_->CreateDirectories(to); r.failed()) return r;
   if (std::filesystem::equivalent(from, to, ec)) return rc::kInvalidArg;
 
   // Folder files are closed so that every byte is in the files being moved;
@@ -153,10 +150,10 @@ void MailEngine::ReopenAt(const std::filesystem::path& dir) {
   const std::filesystem::path old_dir = data_dir_;
   if (dir != data_dir_) {
     data_dir_ = dir;
-    log_.Open(data_dir_);
+    log_.Open(data_dir_, *file_ops_);
     settings_path_ = data_dir_ / kSettingsFileName;
     if (settings_stream_ != nullptr) {
-      settings_stream_ = OpenSettingsStream(settings_path_, kSettingsOpenAlways);
+      settings_stream_ = OpenSettingsStream(settings_path_, kSettingsOpenAlways, nullptr, *file_ops_);
       // Read back what was just saved, so that the stream may write it again.
       if (settings_stream_ != nullptr) LoadSettings(settings_, *settings_stream_, &log_).Ignore();
       settings_saved_changes_ = settings_.change_count();

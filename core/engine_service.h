@@ -36,6 +36,9 @@ class EngineService : public StorageService {
 
 // Makes the service object of a class ("POP3" or "IMAP4") for `storage`;
 // null when it cannot (the service then fails to load with 0x80004005).
+// One owner (the engine) and one setter, so a std::function rather than a
+// listener list (base/listener_list.h); called on the interface thread
+// during Start.
 using ServiceFactory =
     std::function<std::unique_ptr<EngineService>(WStringView service_class, MailEngine& engine, Storage& storage)>;
 

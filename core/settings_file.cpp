@@ -1,13 +1,8 @@
 #include "core/settings_file.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <system_error>
 
-#include "base/file_io.h"
+#include "base/durable_write.h"
 
 namespace trv {
 
@@ -15,13 +10,6 @@ namespace {
 
 // Returned by a replace that would overwrite settings it never read.
 constexpr Result kNotRead = rc::kFail;
-
-Result LastError() { return ResultFromErrno(errno); }
-
-bool FileExists(const std::filesystem::path& p) {
-  struct stat st;
-  return ::lstat(p.c_str(), &st) == 0;
-}
 
 // A symbolic link is replaced through: the file it points to gets the new
 // content and the link stays.
@@ -34,52 +22,29 @@ std::filesystem::path ReplaceTarget(const std::filesystem::path& p) {
   return p;
 }
 
-Result CheckReadable(const std::filesystem::path& p) {
-  const int fd = ::open(p.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return LastError();
-  struct stat st;
-  Result r = rc::kOk;
-  if (::fstat(fd, &st) != 0) {
-    r = LastError();
-  } else if (!S_ISREG(st.st_mode)) {
-    r = ResultFromErrno(S_ISDIR(st.st_mode) ? EISDIR : EINVAL);
-  }
-  ::close(fd);
-  return r;
-}
-
 }  // namespace
 
-std::unique_ptr<SettingsStream> OpenSettingsStream(const std::filesystem::path& path, int mode, Result* error) {
+std::unique_ptr<SettingsStream> OpenSettingsStream(const std::filesystem::path& path, int mode, Result* error,
+                                                   FileSystem& fs) {
   Result ignored;
   Result& err = error != nullptr ? *error : ignored;
   if (mode != kSettingsOpenRead && mode != kSettingsOpenAlways) {
     err = rc::kInvalidArg;
     return nullptr;
   }
-  err = CheckReadable(path);
-  if (err.ok()) return std::unique_ptr<SettingsStream>(new SettingsStream(path, false));
-  if (mode == kSettingsOpenRead || FileExists(path)) return nullptr;
+  std::string probe;
+  err = fs.ReadFile(path, &probe);
+  if (err.ok()) return std::unique_ptr<SettingsStream>(new SettingsStream(path, false, fs));
+  if (mode == kSettingsOpenRead || fs.Exists(path)) return nullptr;
 
-  std::error_code ec;
-  if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path(), ec);
-  if (ec) {
-    err = ResultFromErrno(ec.value());
-    return nullptr;
-  }
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    err = LastError();
-    return nullptr;
-  }
-  ::close(fd);
-  SyncDirectory(path.parent_path());
-  err = rc::kOk;
-  return std::unique_ptr<SettingsStream>(new SettingsStream(path, true));
+  err = fs.CreateDirectories(path.parent_path());
+  if (err.ok()) err = WriteFileDurably(fs, path, {});
+  if (err.failed()) return nullptr;
+  return std::unique_ptr<SettingsStream>(new SettingsStream(path, true, fs));
 }
 
 Result SettingsStream::ReadAll(std::string* bytes) {
-  const Result r = ReadWholeFile(path_, bytes);
+  const Result r = fs_.ReadFile(path_, bytes);
   if (r.failed()) return r;
   MutexLock lock(mu_);
   known_ = true;
@@ -92,31 +57,10 @@ Result SettingsStream::Replace(std::string_view bytes) {
 }
 
 Result SettingsStream::ReplaceLocked(std::string_view bytes) {
-  if (!known_ && FileExists(path_)) return kNotRead;
-  const std::filesystem::path target = ReplaceTarget(path_);
-  std::filesystem::path temp = target;
-  temp += ".tmp";
-
-  // Keep the permissions of the file being replaced; a new file is private
-  // to its owner, since it holds enciphered passwords.
-  mode_t perms = 0600;
-  struct stat st;
-  if (::stat(target.c_str(), &st) == 0) perms = st.st_mode & 07777;
-
-  const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, perms);
-  if (fd < 0) return LastError();
-  Result r = WriteAllBytes(fd, bytes);
-  if (r.ok() && ::fchmod(fd, perms) != 0) r = LastError();
-  if (r.ok() && ::fsync(fd) != 0) r = LastError();
-  if (::close(fd) != 0 && r.ok()) r = LastError();
-  if (r.ok() && ::rename(temp.c_str(), target.c_str()) != 0) r = LastError();
-  if (r.failed()) {
-    ::unlink(temp.c_str());
-    return r;
-  }
-  SyncDirectory(target.parent_path());
-  known_ = true;
-  return rc::kOk;
+  if (!known_ && fs_.Exists(path_)) return kNotRead;
+  const Result r = WriteFileDurably(fs_, ReplaceTarget(path_), bytes);
+  if (r.ok()) known_ = true;
+  return r;
 }
 
 Result LoadSettings(Settings& settings, SettingsStream& stream, LogSink* log) {

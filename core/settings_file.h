@@ -8,10 +8,11 @@
 //                            file is created (with its directory).
 // The engine tries mode 1 first and mode 4 when that fails.
 //
-// Saving writes "<name>.tmp" in the same directory, flushes it to disk,
-// renames it over the file and flushes the directory, so after a crash at any
-// point the file holds either the old or the new settings, never a part. A
-// stale "<name>.tmp" left by a crash is simply overwritten by the next save.
+// Saving is the durable write of base/durable_write.h ("<name>.tmp" beside
+// the file, renamed over it): after a crash at any point the file holds
+// either the old or the new settings, never a part. The file is 0600 (it
+// holds enciphered passwords). Every file operation goes through the
+// FileSystem given at opening, so tests can fail any of them.
 //
 // A stream refuses to replace an existing file whose content it has not read
 // successfully: settings that could not be loaded are never overwritten by an
@@ -28,6 +29,7 @@
 #include <string_view>
 
 #include "core/activity_log.h"
+#include "base/file_system.h"
 #include "base/result.h"
 #include "core/settings_tree.h"
 #include "base/thread_annotations.h"
@@ -49,22 +51,25 @@ class SettingsStream {
   Result Replace(std::string_view bytes) EXCLUDES(mu_);
 
  private:
-  friend std::unique_ptr<SettingsStream> OpenSettingsStream(const std::filesystem::path&, int, Result*);
   friend Result SaveSettings(const Settings&, SettingsStream&, LogSink*);
-  explicit SettingsStream(std::filesystem::path path, bool known) : path_(std::move(path)), known_(known) {}
+  friend std::unique_ptr<SettingsStream> OpenSettingsStream(const std::filesystem::path&, int, Result*, FileSystem&);
+  SettingsStream(std::filesystem::path path, bool known, FileSystem& fs)
+      : path_(std::move(path)), fs_(fs), known_(known) {}
 
   Result ReplaceLocked(std::string_view bytes) REQUIRES(mu_);
 
   const std::filesystem::path path_;
+  FileSystem& fs_;  // outlives the stream
   Mutex mu_;
   bool known_ GUARDED_BY(mu_);  // the content was read, created empty, or written by us
 };
 
 // Opens the settings file in a mode above. Returns none when it cannot be
 // opened in that mode; *error (optional) gets the cause: kInvalidArg for an
-// unknown mode, the system error otherwise.
+// unknown mode, the system error otherwise. `fs` must outlive the stream.
 std::unique_ptr<SettingsStream> OpenSettingsStream(const std::filesystem::path& path, int mode,
-                                                   Result* error = nullptr);
+                                                   Result* error = nullptr,
+                                                   FileSystem& fs = PosixFileSystem::Instance());
 
 // Reads the stream into the tree, replacing what the tree held. Each problem
 // in the text becomes a log line "Settings file <path>, line <n>: <problem>";

@@ -6,6 +6,7 @@
 #include <unordered_map>
 #include <utility>
 
+#include "base/hex_digits.h"
 #include "core/settings_section.h"
 #include "core/settings_tree.h"
 

@@ -3,11 +3,11 @@
 #include <charconv>
 #include <cstdio>
 
+#include "base/hex_digits.h"
+
 namespace trv {
 
 namespace {
-
-constexpr char kHexDigits[] = "0123456789ABCDEF";
 
 bool IsContinuation(std::string_view s, size_t i) {
   return i < s.size() && (static_cast<uint8_t>(s[i]) & 0xC0) == 0x80;
@@ -75,8 +75,8 @@ std::string EncodeSettingsBinary(std::span<const uint8_t> bytes) {
   std::string out(kSettingsBinaryMark);
   out.reserve(out.size() + bytes.size() * 2);
   for (const uint8_t b : bytes) {
-    out.push_back(kHexDigits[b >> 4]);
-    out.push_back(kHexDigits[b & 0x0F]);
+    out.push_back(kUpperHexDigits[b >> 4]);
+    out.push_back(kUpperHexDigits[b & 0x0F]);
   }
   return out;
 }

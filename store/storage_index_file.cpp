@@ -1,6 +1,7 @@
 #include "store/storage_index_file.h"
 
 #include "base/byte_io.h"
+#include "base/durable_write.h"
 #include "base/file_system.h"
 
 namespace trv {
@@ -132,25 +133,28 @@ Result WriteStorageIndexFile(const std::filesystem::path& index_path, std::strin
                              FileSystem& ops, LogSink& log) {
   const std::filesystem::path temp = IndexTempPath(index_path);
   const std::filesystem::path backup = IndexBackupPath(index_path);
-  Result r = ops.WriteNewFile(temp, bytes);
-  if (r.failed()) {
-    log.Log("Cannot write storage index " + temp.string() + ": " + ResultText(r));
-    ops.RemoveFile(temp).Ignore();
-    return rc::kWriteFault;
-  }
   // Where the old index goes: the backup, or aside when it is damaged (the
   // backup is then the better copy and stays).
   const std::filesystem::path old_to = keep_damaged ? IndexDamagedPath(index_path) : backup;
+  bool written = false;
   bool moved_old = false;
-  if (ops.Exists(index_path)) {
-    if (!keep_damaged) r = ops.RemoveFile(backup);
+  DurableWriteOptions options;
+  options.temp_path = temp;
+  options.before_replace = [&]() -> Result {
+    written = true;
+    if (!ops.Exists(index_path)) return rc::kOk;
+    Result r = keep_damaged ? rc::kOk : ops.RemoveFile(backup);
     if (r.ok()) r = ops.Rename(index_path, old_to);
     moved_old = r.ok();
+    return r;
+  };
+  const Result r = WriteFileDurably(ops, index_path, bytes, options);
+  if (r.failed() && !written) {
+    log.Log("Cannot write storage index " + temp.string() + ": " + ResultText(r));
+    return rc::kWriteFault;
   }
-  if (r.ok()) r = ops.Rename(temp, index_path);
   if (r.failed()) {
     log.Log("Cannot replace storage index " + index_path.string() + ": " + ResultText(r));
-    ops.RemoveFile(temp).Ignore();
     if (moved_old) ops.Rename(old_to, index_path).Ignore();
   }
   // Should the index still be missing, the backup holds the last good one.

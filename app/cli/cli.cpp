@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "app/cli/commands.h"
+#include "base/hex_digits.h"
 #include "core/instance_lock.h"
 
 namespace trv::cli {

@@ -13,6 +13,7 @@
 #include "app/cli/commands.h"
 #include "mime/mbox.h"
 #include "base/date_value.h"
+#include "base/durable_write.h"
 #include "base/file_io.h"
 #include "core/message_import.h"
 
@@ -62,12 +63,12 @@ int ExportEml(CliContext& ctx, FolderFile& file, const std::string& what, const 
       return Fail(ctx, "cannot read message " + what + "/" + KeyText(key) + " (" + std::to_string(written) +
                            " written before it)", r);
     }
-    NewFile out;
-    Result r = out.Create(path);
-    if (r.ok()) r = out.Write(text);
-    if (r.ok()) r = out.Finish();
+    // Durable, and never over an existing file (checked just before the rename).
+    FileSystem& fs = PosixFileSystem::Instance();
+    DurableWriteOptions no_replace;
+    no_replace.before_replace = [&]() { return fs.Exists(path) ? ResultFromErrno(EEXIST) : rc::kOk; };
+    const Result r = WriteFileDurably(fs, path, text, no_replace);
     if (r.failed()) {
-      if (r != ResultFromErrno(EEXIST)) std::filesystem::remove(path, ec);
       return Fail(ctx, "cannot write " + path.string() +
                            (r == ResultFromErrno(EEXIST) ? " (it exists and is not overwritten)" : "") + "; " +
                            std::to_string(written) + " messages written before it",

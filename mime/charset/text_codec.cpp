@@ -6,8 +6,9 @@
 #include <cerrno>
 #include <cstdint>
 #include <map>
-#include <mutex>
 
+#include "base/thread_annotations.h"
+#include "base/utf8.h"
 #include "mime/charset/charset_table.h"
 #include "mime/charset/imap_utf7.h"
 
@@ -31,45 +32,6 @@ void PutUtf16Le(WStringView text, std::string* out) {
   for (char16_t c : text) {
     out->push_back(static_cast<char>(c & 0xFF));
     out->push_back(static_cast<char>(c >> 8));
-  }
-}
-
-// Length of the valid UTF-8 sequence at p[0..n), 0 if invalid, -1 if it may
-// become valid with more bytes.
-int Utf8SequenceLength(const uint8_t* p, size_t n, uint32_t* cp) {
-  const uint8_t b = p[0];
-  int len;
-  uint32_t v;
-  uint32_t min;
-  if (b < 0x80) {
-    *cp = b;
-    return 1;
-  } else if ((b & 0xE0) == 0xC0) {
-    len = 2; v = b & 0x1F; min = 0x80;
-  } else if ((b & 0xF0) == 0xE0) {
-    len = 3; v = b & 0x0F; min = 0x800;
-  } else if ((b & 0xF8) == 0xF0) {
-    len = 4; v = b & 0x07; min = 0x10000;
-  } else {
-    return 0;
-  }
-  for (int k = 1; k < len; ++k) {
-    if (static_cast<size_t>(k) >= n) return -1;
-    if ((p[k] & 0xC0) != 0x80) return 0;
-    v = v << 6 | (p[k] & 0x3F);
-  }
-  if (v < min || v > 0x10FFFF || (v >= 0xD800 && v <= 0xDFFF)) return 0;
-  *cp = v;
-  return len;
-}
-
-void AppendCodePoint(uint32_t cp, WString* out) {
-  if (cp >= 0x10000) {
-    cp -= 0x10000;
-    out->push_back(static_cast<char16_t>(0xD800 + (cp >> 10)));
-    out->push_back(static_cast<char16_t>(0xDC00 + (cp & 0x3FF)));
-  } else {
-    out->push_back(static_cast<char16_t>(cp));
   }
 }
 
@@ -118,11 +80,12 @@ class Incremental : public Base {
 using DecoderBase = Incremental<TextDecoder, std::string>;
 using EncoderBase = Incremental<TextEncoder, WString>;
 
-// UTF-8 without iconv. In kReplace form each byte of a malformed sequence
-// (a sequence cut off by the end: the whole of it) becomes U+FFFD and the
-// conversion fails. In kFallback form such bytes are taken as ISO 8859-1 and
-// the result is `fallback_ok`: that is the reading of "us-ascii" (succeeds)
-// and of unknown sets (fails).
+// UTF-8 without iconv, through the one decoder of base/utf8.h. In kReplace
+// form each maximal ill-formed subpart (and a sequence cut off by the end of
+// the last piece) becomes one U+FFFD and the conversion fails. In kFallback
+// form each byte of such a subpart is taken as ISO 8859-1 and the result is
+// `fallback_ok`: that is the reading of "us-ascii" (succeeds) and of unknown
+// sets (fails).
 class Utf8Decoder final : public DecoderBase {
  public:
   enum Form { kReplace, kFallback };
@@ -141,21 +104,20 @@ class Utf8Decoder final : public DecoderBase {
         out->push_back(p[i++]);
         continue;
       }
-      uint32_t cp = 0;
-      const int len = Utf8SequenceLength(p + i, n - i, &cp);
-      if (len < 0 && !last) {
+      const Utf8Sequence seq = ReadUtf8Sequence(bytes.substr(i));
+      if (seq.status == Utf8Status::kTruncated && !last) {
         Hold(bytes.substr(i));
         break;
       }
-      if (len > 0) {
-        AppendCodePoint(cp, out);
-        i += static_cast<size_t>(len);
+      if (seq.status == Utf8Status::kValid) {
+        AppendUtf16(seq.code_point, out);
+        i += seq.length;
       } else if (form_ == kFallback) {
         out->push_back(p[i++]);
       } else {
         if (Fail()) return false;
         out->push_back(kReplacement);
-        i = len < 0 ? n : i + 1;
+        i += seq.length;
       }
     }
     return form_ == kFallback ? fallback_ok_ : !failed_;
@@ -234,17 +196,11 @@ class SimpleEncoder final : public EncoderBase {
     if (stopped_) return false;
     text = JoinKeepingPairs(text, last);
     if (form_ == kUtf8) {
-      bool ok = !fails_;
-      for (size_t i = 0; i < text.size(); ++i) {
-        const bool pair = IsHigh(text[i]) && i + 1 < text.size() && IsLow(text[i + 1]);
-        if (!pair && (IsHigh(text[i]) || IsLow(text[i]))) {
-          ok = false;
-          if (Fail()) return false;
-        }
-        i += pair;
-      }
-      out->append(WideToUtf8(text));
-      return ok;
+      std::string bytes;
+      bool ok = EncodeUtf8(text, &bytes);
+      if (!ok && Fail()) return false;
+      out->append(bytes);
+      return ok && !fails_;
     }
     const char16_t max = form_ == kAscii ? 0x7F : 0xFF;
     bool ok = true;
@@ -403,8 +359,8 @@ class ImapUtf7Encoder final : public TextEncoder {
   WString held_;
 };
 
-std::mutex g_cache_mutex;
-std::map<std::string, CharsetId>* g_cache = nullptr;  // guarded by g_cache_mutex
+Mutex g_cache_mutex;
+std::map<std::string, CharsetId>* g_cache GUARDED_BY(g_cache_mutex) = nullptr;
 
 CharsetId ResolveUncached(const std::string& lower) {
   CharsetId id;
@@ -437,7 +393,7 @@ CharsetId ResolveUncached(const std::string& lower) {
 
 CharsetId Resolve(std::string_view name) {
   const std::string lower = ToLowerAscii(TrimView(name));
-  std::lock_guard<std::mutex> lock(g_cache_mutex);
+  MutexLock lock(g_cache_mutex);
   if (!g_cache) g_cache = new std::map<std::string, CharsetId>();
   auto it = g_cache->find(lower);
   if (it != g_cache->end()) return it->second;
@@ -449,7 +405,7 @@ CharsetId Resolve(std::string_view name) {
 }
 
 void ClearResolveCache() {
-  std::lock_guard<std::mutex> lock(g_cache_mutex);
+  MutexLock lock(g_cache_mutex);
   delete g_cache;
   g_cache = nullptr;
 }

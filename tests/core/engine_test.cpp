@@ -179,14 +179,36 @@ TEST_F(EngineTest, AnOverrideIsUsedButNotRecorded) {
   EXPECT_FALSE(std::filesystem::exists(registry()));
 }
 
-TEST_F(EngineTest, AStartWithoutARegistryFileFailsSayingWhy) {
-  MailEngine* e = Acquire();
-  e->SetRegistryPath(dir_.path());  // a directory
-  EXPECT_EQ(e->Start(""), rc::kFail);
-  EXPECT_EQ(e->start_problem().rfind("Cannot open registry file " + dir_.path().string(), 0), 0u)
-      << e->start_problem();
-  EXPECT_FALSE(e->loaded());
-  EXPECT_TRUE(e->storages().empty());
+// Start and PrepareDataDirectory return the failing step's own code.
+TEST_F(EngineTest, AFailedStartReturnsTheCodeOfTheStepThatFailed) {
+  WriteFile(dir_ / "file", "in the way");
+  struct Row {
+    const char* name;
+    std::function<void(MailEngine&)> configure;
+    Result want;
+    std::string problem;
+  };
+  const Row rows[] = {
+      {"registry file is a directory", [&](MailEngine& m) { m.SetRegistryPath(dir_.path()); },
+       ResultFromErrno(EISDIR), "Cannot open registry file " + dir_.path().string()},
+      {"a file where the data directory goes", [&](MailEngine& m) { m.SetDataDirectoryOverride(dir_ / "file"); },
+       FromWin32(3), "Cannot create data directory " + (dir_ / "file/").string()},
+      {"a file where a parent goes", [&](MailEngine& m) { m.SetDataDirectoryOverride(dir_ / "file/data"); },
+       FromWin32(3), "Cannot create data directory " + (dir_ / "file/data/").string()},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    for (const bool prepare : {true, false}) {
+      MailEngine* e = Acquire();
+      row.configure(*e);
+      std::filesystem::path prepared;
+      EXPECT_EQ(prepare ? e->PrepareDataDirectory(&prepared) : e->Start(""), row.want);
+      EXPECT_EQ(e->start_problem().rfind(row.problem, 0), 0u) << e->start_problem();
+      EXPECT_FALSE(e->loaded());
+      EXPECT_TRUE(e->storages().empty());
+      Release();
+    }
+  }
 }
 
 TEST_F(EngineTest, AcquireAndReleaseShareOneEngineAndTheLastReleaseSavesTheSettings) {

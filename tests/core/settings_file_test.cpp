@@ -89,7 +89,7 @@ TEST(SettingsFileTest, SaveReplacesTheWholeFileAndLeavesNoTemporary) {
 
   EXPECT_EQ(ReadFile(path), s.SaveToBytes());
   EXPECT_FALSE(std::filesystem::exists(dir / "Settings.ini.tmp"));
-  EXPECT_EQ(ModeOf(path), 0640u);  // the permissions of the file replaced
+  EXPECT_EQ(ModeOf(path), 0600u);  // private whatever it was: it holds passwords
 
   // A symbolic link is written through: the file it names gets the content.
   std::filesystem::rename(path, dir / "real.ini");
@@ -151,13 +151,13 @@ TEST(SettingsFileTest, GarbageIsReportedWithFileAndLineAndNothingIsLost) {
   EXPECT_EQ(ReadFile(path), text);
 }
 
-// Runs `body` in a child process whose files may not grow past `limit`
-// bytes; returns the wait status.
+// Runs `body` in a child process that is killed when a file grows past
+// `limit` bytes; returns the wait status.
 template <typename F>
-int RunWithFileSizeLimit(rlim_t limit, bool kill_on_limit, F body) {
+int RunWithFileSizeLimit(rlim_t limit, F body) {
   const pid_t pid = ::fork();
   if (pid == 0) {
-    ::signal(SIGXFSZ, kill_on_limit ? SIG_DFL : SIG_IGN);
+    ::signal(SIGXFSZ, SIG_DFL);
     const rlimit rl{limit, limit};
     ::setrlimit(RLIMIT_FSIZE, &rl);
     ::_exit(body());
@@ -178,7 +178,7 @@ TEST(SettingsFileTest, CrashDuringSaveKeepsTheOldFile) {
   FillLarge(s);
   ASSERT_GT(s.SaveToBytes().size(), 50000u);
 
-  const int status = RunWithFileSizeLimit(20000, true, [&] { return SaveSettings(s, *stream, nullptr).ok() ? 0 : 1; });
+  const int status = RunWithFileSizeLimit(20000, [&] { return SaveSettings(s, *stream, nullptr).ok() ? 0 : 1; });
   ASSERT_TRUE(WIFSIGNALED(status)) << "the child should have been killed mid-write";
   EXPECT_EQ(WTERMSIG(status), SIGXFSZ);
   EXPECT_EQ(ReadFile(path), old_text);
@@ -194,28 +194,49 @@ TEST(SettingsFileTest, CrashDuringSaveKeepsTheOldFile) {
   EXPECT_FALSE(std::filesystem::exists(dir / "Settings.ini.tmp"));
 }
 
-// A write that fails (disk full, quota) reports the file and the cause and
-// changes nothing.
-TEST(SettingsFileTest, FailedWriteReportsAndChangesNothing) {
-  TempDir dir;
-  const auto path = dir / "Settings.ini";
-  WriteFile(path, "K=1\r\n");
-  Settings s;
-  auto stream = OpenAndLoad(path, s);
-  FillLarge(s);
-  const std::string expected_line =
-      "Cannot save settings file " + path.string() + ": " + ResultText(ResultFromErrno(EFBIG));
-  const int status = RunWithFileSizeLimit(20000, false, [&] {
+// A file system that fails one chosen operation with the code of EIO.
+class FailingFileSystem : public FileSystemWrapper {
+ public:
+  enum Step { kNone, kWrite, kRename };
+  explicit FailingFileSystem(Step fail) : FileSystemWrapper(PosixFileSystem::Instance()), fail_(fail) {}
+  Result WriteNewFile(const std::filesystem::path& p, std::string_view bytes) override {
+    // A torn write: part of the bytes reach the temporary file, then it fails.
+    if (fail_ == kWrite) return Torn(p, bytes);
+    return FileSystemWrapper::WriteNewFile(p, bytes);
+  }
+  Result Rename(const std::filesystem::path& from, const std::filesystem::path& to) override {
+    return fail_ == kRename ? ResultFromErrno(EIO) : FileSystemWrapper::Rename(from, to);
+  }
+
+ private:
+  Result Torn(const std::filesystem::path& p, std::string_view bytes) {
+    FileSystemWrapper::WriteNewFile(p, bytes.substr(0, bytes.size() / 2)).Ignore();
+    return ResultFromErrno(EIO);
+  }
+  Step fail_;
+};
+
+// A save whose write or rename fails reports the file and the cause, leaves
+// the old file whole and removes the temporary file.
+TEST(SettingsFileTest, AFailedStepOfASaveChangesNothing) {
+  for (const auto step : {FailingFileSystem::kWrite, FailingFileSystem::kRename}) {
+    SCOPED_TRACE(step == FailingFileSystem::kWrite ? "write" : "rename");
+    TempDir dir;
+    const auto path = dir / "Settings.ini";
+    WriteFile(path, "K=1\r\n");
+    FailingFileSystem fs(step);
+    auto stream = OpenSettingsStream(path, kSettingsOpenRead, nullptr, fs);
+    ASSERT_NE(stream, nullptr);
+    Settings s;
+    ASSERT_TRUE(LoadSettings(s, *stream, nullptr).ok());
+    FillLarge(s);
     RecordingLog log;
-    const Result r = SaveSettings(s, *stream, &log);
-    if (r != ResultFromErrno(EFBIG)) return 10;
-    if (log.lines.size() != 1 || log.lines[0] != expected_line) return 11;
-    return 0;
-  });
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_EQ(ReadFile(path), "K=1\r\n");
-  EXPECT_FALSE(std::filesystem::exists(dir / "Settings.ini.tmp"));
+    EXPECT_EQ(SaveSettings(s, *stream, &log), ResultFromErrno(EIO));
+    EXPECT_EQ(log.lines, std::vector<std::string>{"Cannot save settings file " + path.string() + ": " +
+                                                  ResultText(ResultFromErrno(EIO))});
+    EXPECT_EQ(ReadFile(path), "K=1\r\n");
+    EXPECT_FALSE(std::filesystem::exists(dir / "Settings.ini.tmp"));
+  }
 }
 
 }  // namespace
