@@ -29,7 +29,7 @@ FolderFile::~FolderFile() { Close(); }
 void FolderFile::Log(const std::string& line) { log_.Log(line, kLogEvent); }
 
 Result FolderFile::OpenContainer() {
-  return container_.Open(path_, kPageSize, false, kLabel, u'/', options_.sync_commits, false);
+  return container_.Open(path_, {.page_size = kPageSize, .label = kLabel, .sync_commits = options_.sync_commits});
 }
 
 void FolderFile::CloseLocked() {
@@ -60,7 +60,7 @@ Result FolderFile::Create(const std::filesystem::path& path) {
   if (r.ok()) {
     ContainerTransaction txn(container_);
     r = txn.begin_result();
-    if (r.ok()) r = container_.OpenStream(kIndexStream, true, &index_stream_);
+    if (r.ok()) r = container_.OpenStream(kIndexStream, StreamOpen::kCreate, &index_stream_);
     if (r.ok()) r = index_.Read(*index_stream_, nullptr);  // writes the 0 header
     if (r.ok()) r = StoreCounts({});
     if (r.ok()) r = txn.Commit();
@@ -86,7 +86,7 @@ Result FolderFile::Open(const std::filesystem::path& path) {
     if (r.ok()) {
       Log(kLogLoadingCount);
       uint8_t raw[8];
-      if (container_.OpenStream(kCountsStream, true, &counts_stream_).ok() && counts_stream_->Size() >= 8 &&
+      if (container_.OpenStream(kCountsStream, StreamOpen::kCreate, &counts_stream_).ok() && counts_stream_->Size() >= 8 &&
           counts_stream_->ReadExact(raw, 8).ok()) {
         counts_ = {GetU32(raw), GetU32(raw + 4)};
         counts_from_file_ = true;
@@ -154,7 +154,7 @@ Result FolderFile::ReadIndexOnce() {
   }
   Log(kLogLoadingIndex);
   index_.Clear();
-  Result r = container_.OpenStream(kIndexStream, false, &index_stream_);
+  Result r = container_.OpenStream(kIndexStream, StreamOpen::kExisting, &index_stream_);
   if (r.ok()) r = index_.Read(*index_stream_, options_.progress);
   if (r.ok()) r = SweepOrphans();
   return r;
@@ -227,14 +227,14 @@ Result FolderFile::CheckAndRepairFile() {
 
 Result FolderFile::StoreCounts(FolderCounts counts) {
   if (!counts_stream_) {
-    const Result r = container_.OpenStream(kCountsStream, true, &counts_stream_);
+    const Result r = container_.OpenStream(kCountsStream, StreamOpen::kCreate, &counts_stream_);
     if (r.failed()) return r;
   }
   uint8_t raw[8];
   PutU32(raw, counts.messages);
   PutU32(raw + 4, counts.unread);
-  counts_stream_->Seek(0, kSeekStart);
-  const Result r = counts_stream_->WriteAll(std::string_view(reinterpret_cast<char*>(raw), 8));
+  Result r = counts_stream_->SeekTo(0);
+  if (r.ok()) r = counts_stream_->WriteAll(std::string_view(reinterpret_cast<char*>(raw), 8));
   return r.failed() ? r : counts_stream_->Cut();
 }
 

@@ -58,7 +58,7 @@ Result FolderFile::AppendLocked(const std::vector<NewMessage>& messages, std::ve
     record.key = next++;
     record.size = static_cast<uint32_t>(m.text.size());
     std::unique_ptr<ContainerStream> stream;
-    r = container_.OpenStream(MessageStreamName(record.key), true, &stream);
+    r = container_.OpenStream(MessageStreamName(record.key), StreamOpen::kCreate, &stream);
     if (r.ok()) r = stream->WriteAll(m.text);
     const std::string encoded = EncodeMessageRecord(record);
     if (uint64_t{first_offset} + records.size() + encoded.size() > UINT32_MAX) r = rc::kStreamTooLarge;
@@ -69,8 +69,8 @@ Result FolderFile::AppendLocked(const std::vector<NewMessage>& messages, std::ve
     if (!record.is_read()) ++counts.unread;
   }
   if (r.ok()) {
-    index_stream_->Seek(first_offset, kSeekStart);
-    r = index_stream_->WriteAll(records);
+    r = index_stream_->SeekTo(first_offset);
+    if (r.ok()) r = index_stream_->WriteAll(records);
   }
   if (r.ok()) r = StoreCounts(counts);
   if (r.ok()) r = txn.Commit();
@@ -114,11 +114,12 @@ Result FolderFile::AppendMany(const std::vector<NewMessage>& messages, std::vect
 
 Result FolderFile::MarkRecordDeleted(const IndexEntry& entry) {
   uint8_t raw[4];
-  index_stream_->Seek(entry.offset + 4, kSeekStart);
-  Result r = index_stream_->ReadExact(raw, 4);
+  Result r = index_stream_->SeekTo(entry.offset + 4);
+  if (r.ok()) r = index_stream_->ReadExact(raw, 4);
   if (r.failed()) return r;
   PutU32(raw, GetU32(raw) | kRecordDeleted);
-  index_stream_->Seek(entry.offset + 4, kSeekStart);
+  r = index_stream_->SeekTo(entry.offset + 4);
+  if (r.failed()) return r;
   return index_stream_->WriteAll(std::string_view(reinterpret_cast<char*>(raw), 4));
 }
 
@@ -180,7 +181,7 @@ Result FolderFile::SetFlags(uint32_t key, uint32_t set, uint32_t clear) {
     PutU32(raw, record.flags);
     ContainerTransaction txn(container_);
     r = txn.begin_result();
-    index_stream_->Seek(entry->offset + 8, kSeekStart);
+    if (r.ok()) r = index_stream_->SeekTo(entry->offset + 8);
     if (r.ok()) r = index_stream_->WriteAll(std::string_view(reinterpret_cast<char*>(raw), 4));
     if (r.ok() && !(counts == counts_)) r = StoreCounts(counts);
     if (r.ok()) r = txn.Commit();
@@ -202,8 +203,8 @@ Result FolderFile::WriteRecord(const MessageRecord& record, const IndexEntry& ol
     *offset = index_.end_offset();
   }
   *length = static_cast<uint32_t>(encoded.size());
-  index_stream_->Seek(*offset, kSeekStart);
-  return index_stream_->WriteAll(encoded);
+  const Result r = index_stream_->SeekTo(*offset);
+  return r.failed() ? r : index_stream_->WriteAll(encoded);
 }
 
 Result FolderFile::UpdateRecord(const MessageRecord& record) {
@@ -229,7 +230,7 @@ Result FolderFile::RewriteMessage(const MessageRecord& given, const std::string_
     r = txn.begin_result();
     if (r.ok() && text) {
       std::unique_ptr<ContainerStream> stream;
-      r = container_.OpenStream(MessageStreamName(record.key), true, &stream);
+      r = container_.OpenStream(MessageStreamName(record.key), StreamOpen::kCreate, &stream);
       if (r.ok()) r = stream->WriteAll(*text);
       if (r.ok()) r = stream->Cut();
     }
@@ -249,7 +250,7 @@ Result FolderFile::RewriteMessage(const MessageRecord& given, const std::string_
 Result FolderFile::OpenMessageStream(uint32_t key, std::unique_ptr<ContainerStream>* stream) {
   if (!container_.is_open()) return rc::kContainerClosed;
   if (loaded_ && !index_.Find(key)) return rc::kInvalidArg;
-  return container_.OpenStream(MessageStreamName(key), false, stream, false);
+  return container_.OpenStream(MessageStreamName(key), StreamOpen::kReadOnly, stream);
 }
 
 Result FolderFile::ReadMessageRange(uint32_t key, uint32_t offset, uint32_t count, std::string* bytes) {
@@ -261,7 +262,8 @@ Result FolderFile::ReadMessageRange(uint32_t key, uint32_t offset, uint32_t coun
   const uint32_t size = stream->Size();
   if (offset >= size) return stream->last_error();
   bytes->resize(std::min(count, size - offset));
-  stream->Seek(offset, kSeekStart);
+  const Result seek = stream->SeekTo(offset);
+  if (seek.failed()) return seek;
   return stream->ReadExact(bytes->data(), static_cast<uint32_t>(bytes->size()));
 }
 
@@ -279,7 +281,7 @@ Result FolderFile::CompactLocked() {
   ContainerTransaction txn(container_);
   r = txn.begin_result();
   std::string old;
-  index_stream_->Seek(0, kSeekStart);
+  if (r.ok()) r = index_stream_->SeekTo(0);
   if (r.ok()) r = index_stream_->ReadRest(&old, UINT32_MAX);
   if (r.failed()) return r;
   // The header keeps the highest key, so keys of dropped records are never
@@ -305,7 +307,7 @@ Result FolderFile::CompactLocked() {
   for (const ReferenceIndexEntry& e : index_.references()) {
     if (r.ok() && !copy(e.offset, e.length, e.entry.key(), &reference_offsets)) r = rc::kInvalidData;
   }
-  index_stream_->Seek(0, kSeekStart);
+  if (r.ok()) r = index_stream_->SeekTo(0);
   if (r.ok()) r = index_stream_->WriteAll(rebuilt);
   if (r.ok()) r = index_stream_->Cut();
   if (r.ok()) r = txn.Commit();

@@ -375,9 +375,9 @@ TEST_F(CliTest, CheckRebuildsADamagedIndexFromTheMessages) {
   // past it.
   {
     Container c;
-    ASSERT_TRUE(c.Open(fld, FolderFile::kPageSize, false, FolderFile::kLabel, u'/', true, false).ok());
+    ASSERT_TRUE(c.Open(fld, {.page_size = FolderFile::kPageSize, .label = FolderFile::kLabel}).ok());
     std::unique_ptr<ContainerStream> index;
-    ASSERT_TRUE(c.OpenStream(u"/Index", false, &index).ok());
+    ASSERT_TRUE(c.OpenStream(u"/Index", StreamOpen::kExisting, &index).ok());
     std::string bytes;
     ASSERT_TRUE(index->ReadRest(&bytes, UINT32_MAX).ok());
     const uint32_t first_length = static_cast<uint8_t>(bytes[4]) | static_cast<uint8_t>(bytes[5]) << 8;
