@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "base/byte_io.h"
+#include "store/append_batch.h"
 #include "store/folder_file.h"
 
 namespace trv {
@@ -32,84 +33,23 @@ Result FolderFile::FreeKey(uint32_t* key) {
   return rc::kFail;
 }
 
-Result FolderFile::AppendLocked(const std::vector<NewMessage>& messages, std::vector<uint32_t>* keys) {
-  Result r = EnsureLoaded();
-  if (r.failed()) return r;
-  struct Staged {
-    MessageRecord record;
-    uint32_t offset;
-    uint32_t length;
-  };
-  std::vector<Staged> staged;
-  staged.reserve(messages.size());
-  const uint32_t first_offset = index_.end_offset();
-  std::string records;
-  FolderCounts counts = counts_;
-  uint32_t next = index_.NextKey();
-
-  ContainerTransaction txn(container_);
-  r = txn.begin_result();
-  for (const NewMessage& m : messages) {
-    if (r.failed()) break;
-    if (m.text.size() > UINT32_MAX) r = rc::kStreamTooLarge;
-    if (r.ok()) r = FreeKey(&next);
-    if (r.failed()) break;
-    MessageRecord record = m.record;
-    record.key = next++;
-    record.size = static_cast<uint32_t>(m.text.size());
-    std::unique_ptr<ContainerStream> stream;
-    r = container_.OpenStream(MessageStreamName(record.key), StreamOpen::kCreate, &stream);
-    if (r.ok()) r = stream->WriteAll(m.text);
-    const std::string encoded = EncodeMessageRecord(record);
-    if (uint64_t{first_offset} + records.size() + encoded.size() > UINT32_MAX) r = rc::kStreamTooLarge;
-    staged.push_back({record, static_cast<uint32_t>(first_offset + records.size()),
-                      static_cast<uint32_t>(encoded.size())});
-    records += encoded;
-    ++counts.messages;
-    if (!record.is_read()) ++counts.unread;
-  }
-  if (r.ok()) {
-    r = index_stream_->SeekTo(first_offset);
-    if (r.ok()) r = index_stream_->WriteAll(records);
-  }
-  if (r.ok()) r = StoreCounts(counts);
-  if (r.ok()) r = txn.Commit();
-  if (r.failed()) return r;
-
-  for (const Staged& s : staged) {
-    index_.Appended(s.record, s.offset, s.length);
-    if (keys) keys->push_back(s.record.key);
-  }
-  counts_ = counts;
-  return r;
-}
-
 Result FolderFile::Append(const MessageRecord& record, std::string_view text, uint32_t* key) {
-  std::vector<uint32_t> keys;
-  Result r;
-  {
-    MutexLock lock(mu_);
-    r = AppendLocked({NewMessage{record, text}}, &keys);
-  }
-  if (r.ok()) {
-    if (key) *key = keys.front();
-    Notify(Change::kAdded, keys);
-  }
-  return r;
+  AppendBatch batch(*this);
+  Result r = batch.Begin();
+  if (r.ok()) r = batch.Write(text);
+  if (r.ok()) r = batch.Finish(record, key);
+  return r.failed() ? r : batch.Commit();
 }
 
 Result FolderFile::AppendMany(const std::vector<NewMessage>& messages, std::vector<uint32_t>* keys) {
-  std::vector<uint32_t> added;
-  Result r;
-  {
-    MutexLock lock(mu_);
-    r = AppendLocked(messages, &added);
+  AppendBatch batch(*this);
+  for (const NewMessage& m : messages) {
+    Result r = batch.Begin();
+    if (r.ok()) r = batch.Write(m.text);
+    if (r.ok()) r = batch.Finish(m.record, nullptr);
+    if (r.failed()) return r;
   }
-  if (r.ok()) {
-    if (keys) *keys = added;
-    Notify(Change::kAdded, added);
-  }
-  return r;
+  return batch.Commit(keys);
 }
 
 Result FolderFile::MarkRecordDeleted(const IndexEntry& entry) {
@@ -159,6 +99,7 @@ Result FolderFile::DeleteLocked(const std::vector<uint32_t>& keys) {
 Result FolderFile::Delete(const std::vector<uint32_t>& keys) {
   Result r;
   {
+    MutexLock writer(writer_mu_);
     MutexLock lock(mu_);
     r = DeleteLocked(keys);
   }
@@ -168,6 +109,7 @@ Result FolderFile::Delete(const std::vector<uint32_t>& keys) {
 
 Result FolderFile::SetFlags(uint32_t key, uint32_t set, uint32_t clear) {
   {
+    MutexLock writer(writer_mu_);
     MutexLock lock(mu_);
     Result r = EnsureLoaded();
     if (r.failed()) return r;
@@ -217,6 +159,7 @@ Result FolderFile::ReplaceMessage(const MessageRecord& record, std::string_view 
 
 Result FolderFile::RewriteMessage(const MessageRecord& given, const std::string_view* text) {
   {
+    MutexLock writer(writer_mu_);
     MutexLock lock(mu_);
     Result r = EnsureLoaded();
     if (r.failed()) return r;
@@ -322,6 +265,7 @@ void FolderFile::MaybeCompact() {
 }
 
 Result FolderFile::Compact() {
+  MutexLock writer(writer_mu_);
   MutexLock lock(mu_);
   return CompactLocked();
 }
