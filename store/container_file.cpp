@@ -67,7 +67,7 @@ Result Exec(sqlite3* db, const std::string& sql) {
 
 Result ProbeContainerFile(const std::filesystem::path& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return errno == ENOENT ? rc::kStreamMissing : ResultFromErrno(errno);
+  if (fd < 0) return ResultFromErrno(errno);  // ENOENT: rc::kStreamMissing
   char head[16];
   ssize_t got = 0;
   int err = 0;

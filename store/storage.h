@@ -11,7 +11,9 @@
 // undone in memory, so the tree in memory and the one on disk agree.
 //
 // Folder names are unique among siblings without regard to ASCII letter
-// case; a duplicate is refused with kFolderExists (0x80070050). A name must
+// case; a duplicate is refused with rc::kFileExists (80), the store's one
+// code for "already exists" (a file-system call that finds a file in the
+// way reports the system's own ResultFromErrno(EEXIST) instead). A name must
 // not be empty, longer than kMaxFolderName units, or hold "/" (the separator
 // of folder paths) or control characters: rc::kInvalidArg. Names read from
 // an index file are taken as they are.
@@ -60,7 +62,6 @@ namespace trv {
 class Storage {
  public:
   static constexpr std::string_view kType = "MIME";
-  static constexpr Result kFolderExists{0x80070050};
   static constexpr size_t kMaxFolderName = 255;
 
   explicit Storage(StorageHost& host);

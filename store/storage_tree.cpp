@@ -70,7 +70,7 @@ Result Storage::CreateFolderLocked(MailFolder* parent, WStringView name, MailFol
   Result r = CheckOwnFolder(parent);
   if (r.ok()) r = CheckFolderName(name);
   if (r.failed()) return r;
-  if (parent->FindChild(name) != nullptr) return kFolderExists;
+  if (parent->FindChild(name) != nullptr) return rc::kFileExists;
 
   auto folder = std::make_unique<MailFolder>(*this, parent, kFolderUser, WString(name), WString());
   r = MakeFolderFile(*folder);
@@ -104,7 +104,7 @@ Result Storage::AttachFolderFileLocked(MailFolder* parent, const std::filesystem
   Result r = CheckOwnFolder(parent);
   if (r.ok()) r = CheckFolderName(name);
   if (r.failed()) return r;
-  if (parent->FindChild(name) != nullptr) return kFolderExists;
+  if (parent->FindChild(name) != nullptr) return rc::kFileExists;
 
   std::error_code ec;
   const std::filesystem::path path = std::filesystem::absolute(file, ec).lexically_normal();
@@ -150,7 +150,7 @@ Result Storage::RenameFolderLocked(MailFolder* folder, WStringView name) {
   if (r.ok()) r = CheckFolderName(name);
   if (r.failed()) return r;
   const MailFolder* same = folder->parent()->FindChild(name);
-  if (same != nullptr && same != folder) return kFolderExists;
+  if (same != nullptr && same != folder) return rc::kFileExists;
 
   WString old_name = std::exchange(folder->name_, WString(name));
   return ChangeTree([&] { folder->name_ = std::move(old_name); });
@@ -213,7 +213,7 @@ Result Storage::MoveFolderLocked(MailFolder* folder, MailFolder* new_parent, boo
   if (r.failed()) return r;
   MailFolder* old_parent = folder->parent();
   if (old_parent == new_parent) return rc::kOk;
-  if (new_parent->FindChild(folder->name()) != nullptr) return kFolderExists;
+  if (new_parent->FindChild(folder->name()) != nullptr) return rc::kFileExists;
 
   auto& from = old_parent->children_;
   const auto at = std::find_if(from.begin(), from.end(), [&](const auto& c) { return c.get() == folder; });

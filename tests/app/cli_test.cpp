@@ -124,12 +124,12 @@ TEST_F(CliTest, FolderTreeChanges) {
   Ok({"mkdir", "Local Folders/Projects"});
   Ok({"mkdir", "Local Folders/Projects/2024/"});
   ExpectFailures({
-      {"exists, any case", {"mkdir", "local folders/projects"}, "exists already: 0x80070050"},
+      {"exists, any case", {"mkdir", "local folders/projects"}, "exists already: 0x00000050"},
       {"parent missing", {"mkdir", "Local Folders/Nope/Sub"}, "no folder \"Local Folders/Nope\": 0x80070003"},
       {"storage itself", {"mkdir", "Local Folders"}, "names no folder below a storage"},
       {"special folder", {"rmdir", "Local Folders/Deleted"}, "special folders cannot be deleted"},
       {"storage root", {"rmdir", "Local Folders"}, "storages are not deleted here"},
-      {"rename to a sibling's name", {"rename", "Local Folders/Projects", "inbox"}, "0x80070050"},
+      {"rename to a sibling's name", {"rename", "Local Folders/Projects", "inbox"}, "0x00000050"},
       {"rename with a slash", {"rename", "Local Folders/Projects", "a/b"}, "0x80070057"},
       {"rename missing", {"rename", "Local Folders/Nope", "x"}, "no folder"},
   }, 1);

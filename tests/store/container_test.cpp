@@ -1,6 +1,8 @@
 #include "store/container.h"
 
 #include <gtest/gtest.h>
+
+#include <cerrno>
 #include <sqlite3.h>
 
 #include <random>
@@ -261,7 +263,8 @@ TEST_F(ContainerTest, ForeignFilesAreRefusedUntouched) {
   // An empty file becomes an empty container; a missing one cannot be checked.
   WriteFile(dir_ / "empty.fld", "");
   EXPECT_EQ(c_.Open(dir_ / "empty.fld", {.label = u"L", .sync_commits = false}), rc::kOk);
-  EXPECT_EQ(CheckAndRepair(dir_ / "nothing.fld", 512, true, u""), Result(0x80070002));
+  EXPECT_EQ(CheckAndRepair(dir_ / "nothing.fld", 512, true, u""), ResultFromErrno(ENOENT));
+  EXPECT_EQ(ResultFromErrno(ENOENT), rc::kStreamMissing);
 }
 
 // Damages the headers of `count` table leaf pages (first byte 0x0D) found
