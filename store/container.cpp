@@ -26,14 +26,15 @@ void Container::Close() {
   db_.reset();
 }
 
-Result Container::Open(const std::filesystem::path& path, uint32_t page_size, bool create_anew, WStringView label,
-                       char16_t separator, bool sync_commits, bool read_only) {
+Result Container::Open(const std::filesystem::path& path, const ContainerOptions& options) {
+  const bool read_only = options.read_only;
+  const char16_t separator = options.separator;
   Close();
   path_ = path;
   error_ = rc::kOk;
   if (separator == 0 || path.empty()) return Fail(rc::kInvalidArg);
   separator_ = separator;
-  if (create_anew && !read_only) {
+  if (options.create_anew && !read_only) {
     const Result r = container_internal::RemoveContainerFile(path);
     if (r.failed()) return Fail(r);
   }
@@ -45,8 +46,9 @@ Result Container::Open(const std::filesystem::path& path, uint32_t page_size, bo
   sqlite3* raw = nullptr;
   Result r = container_internal::OpenDatabase(path, read_only, &raw);
   if (r.ok()) {
-    container_internal::NewFileSettings settings{page_size, label, separator};
-    r = container_internal::PrepareSchema(raw, read_only, sync_commits, settings);
+    container_internal::NewFileSettings settings{options.page_size, options.label, separator, read_only,
+                                                 options.sync_commits};
+    r = container_internal::PrepareSchema(raw, settings);
   }
   if (r.ok()) r = container_internal::ReadSettings(raw, &label_, &page_size_);
   if (r.failed()) {
@@ -98,7 +100,9 @@ Result Container::GetStreamInfo(WStringView path, StreamInfo* info) {
   return Fail(r);
 }
 
-Result Container::OpenStream(WStringView path, bool create, std::unique_ptr<ContainerStream>* out, bool writable) {
+Result Container::OpenStream(WStringView path, StreamOpen how, std::unique_ptr<ContainerStream>* out) {
+  const bool create = how == StreamOpen::kCreate;
+  const bool writable = how != StreamOpen::kReadOnly;
   out->reset();
   if (!is_open()) return Fail(rc::kContainerClosed);
   std::string name;

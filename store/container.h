@@ -56,6 +56,27 @@ struct StreamInfo {
   int64_t created = 0;
 };
 
+struct ContainerOptions {
+  // A minimum: database pages are at least 4096 bytes.
+  uint32_t page_size = 512;
+  // Kept with a new file; an existing file keeps its own.
+  WString label;
+  char16_t separator = u'/';
+  // Removes an existing file first (only for callers that mean to discard it).
+  bool create_anew = false;
+  // Flushes every commit to the disk (see Durability above).
+  bool sync_commits = true;
+  // Opens without writing anything.
+  bool read_only = false;
+};
+
+// How OpenStream treats the stream.
+enum class StreamOpen {
+  kExisting,  // must exist; readable and writable
+  kCreate,    // created empty when missing; readable and writable
+  kReadOnly,  // must exist; writes fail with rc::kStreamReadOnly
+};
+
 class Container {
  public:
   Container();
@@ -64,14 +85,10 @@ class Container {
   Container& operator=(const Container&) = delete;
 
   // Opens `path`. A missing file is created with the page size, label and
-  // separator given; `create_anew` first removes an existing file (only for
-  // callers that mean to discard it). `page_size` is a minimum: database pages
-  // are at least 4096 bytes. `read_only` opens without writing anything.
-  // An existing file that is not a container (not an SQLite database of this
+  // separator of `options` (unless read-only). An existing file that is not a container (not an SQLite database of this
   // format, or one holding other tables) fails with rc::kNotContainer and is
   // left untouched.
-  Result Open(const std::filesystem::path& path, uint32_t page_size, bool create_anew, WStringView label,
-              char16_t separator, bool sync_commits, bool read_only);
+  Result Open(const std::filesystem::path& path, const ContainerOptions& options);
   // Closes the file (any open transaction is rolled back). Safe to repeat.
   void Close();
   bool is_open() const;
@@ -82,11 +99,10 @@ class Container {
   uint32_t page_size() const { return page_size_; }
 
   bool StreamExists(WStringView path);
-  // Opens a stream; with `create` a missing stream is created empty. A
-  // missing stream without `create` is rc::kStreamMissing. The stream starts
-  // at position 0 and carries its own error state.
-  Result OpenStream(WStringView path, bool create, std::unique_ptr<ContainerStream>* out,
-                    bool writable = true);
+  // Opens a stream (see StreamOpen). A missing stream that is not to be
+  // created is rc::kStreamMissing. The stream starts at position 0 and
+  // carries its own error state.
+  Result OpenStream(WStringView path, StreamOpen how, std::unique_ptr<ContainerStream>* out);
   // rc::kStreamMissing when there is no such stream.
   Result DeleteStream(WStringView path);
   Result GetStreamInfo(WStringView path, StreamInfo* info);

@@ -67,7 +67,7 @@ Result Exec(sqlite3* db, const std::string& sql) {
 
 Result ProbeContainerFile(const std::filesystem::path& path) {
   const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return errno == ENOENT ? rc::kStreamMissing : ResultFromErrno(errno);
+  if (fd < 0) return ResultFromErrno(errno);  // ENOENT: rc::kStreamMissing
   char head[16];
   ssize_t got = 0;
   int err = 0;
@@ -131,7 +131,9 @@ Result QueryInt(sqlite3* db, const char* sql, int64_t* value) {
   return SqliteResult(code, db);
 }
 
-Result PrepareSchema(sqlite3* db, bool read_only, bool sync_commits, const NewFileSettings& settings) {
+Result PrepareSchema(sqlite3* db, const NewFileSettings& settings) {
+  const bool read_only = settings.read_only;
+  const bool sync_commits = settings.sync_commits;
   int64_t app = 0, version = 0, tables = 0;
   Result r = QueryInt(db, "PRAGMA application_id", &app);
   if (r.ok()) r = QueryInt(db, "PRAGMA user_version", &version);

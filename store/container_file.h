@@ -23,15 +23,19 @@ Result RemoveContainerFile(const std::filesystem::path& path);
 
 Result OpenDatabase(const std::filesystem::path& path, bool read_only, sqlite3** db);
 
+// How a database is prepared: the settings a new file gets, and the modes
+// of this connection.
 struct NewFileSettings {
   uint32_t page_size;
   WStringView label;
   char16_t separator;
+  bool read_only = false;
+  bool sync_commits = true;
 };
 
 // Creates the schema in an empty database, or checks that an existing one is
 // a container of a format we read; sets the journal and sync modes.
-Result PrepareSchema(sqlite3* db, bool read_only, bool sync_commits, const NewFileSettings& settings);
+Result PrepareSchema(sqlite3* db, const NewFileSettings& settings);
 
 Result ReadSettings(sqlite3* db, WString* label, uint32_t* page_size);
 

@@ -283,7 +283,7 @@ Result Salvage(const std::filesystem::path& path, uint32_t page_size, const std:
       container_internal::ReadSettings(src.get(), &label, &old_page_size).Ignore();
       r = container_internal::OpenDatabase(fresh, false, dst.out());
     }
-    if (r.ok()) r = container_internal::PrepareSchema(dst.get(), false, true, {page_size, label, u'/'});
+    if (r.ok()) r = container_internal::PrepareSchema(dst.get(), {page_size, label, u'/'});
     if (r.ok()) r = CopyReadable(src.get(), dst.get(), &saved);
     if (r.ok()) r = FixConsistency(dst.get());
   }  // closing dst checkpoints its log into the file and flushes it
@@ -309,6 +309,8 @@ Result CheckAndRepair(const std::filesystem::path& path, uint32_t page_size, boo
   Result r = container_internal::ProbeContainerFile(path);
   if (r.failed()) return r;
   const container_internal::NewFileSettings settings{page_size, u"", u'/'};
+  container_internal::NewFileSettings read_settings = settings;
+  read_settings.read_only = true;
   std::error_code ec;
   const bool empty = std::filesystem::file_size(path, ec) == 0 && !ec;
   if (!empty) {
@@ -316,13 +318,13 @@ Result CheckAndRepair(const std::filesystem::path& path, uint32_t page_size, boo
     // the file, so a damaged file stays as it was until it has been copied.
     Db db;
     r = container_internal::OpenDatabase(path, true, db.out());
-    if (r.ok()) r = container_internal::PrepareSchema(db.get(), true, true, settings);
+    if (r.ok()) r = container_internal::PrepareSchema(db.get(), read_settings);
     if (r.ok()) r = IntegrityCheck(db.get());
   }
   if (r.ok()) {
     Db db;
     r = container_internal::OpenDatabase(path, false, db.out());
-    if (r.ok()) r = container_internal::PrepareSchema(db.get(), false, true, settings);
+    if (r.ok()) r = container_internal::PrepareSchema(db.get(), settings);
     if (r.ok()) r = FixConsistency(db.get());
     return r;
   }

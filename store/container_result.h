@@ -19,7 +19,9 @@ inline constexpr Result kStreamTooLarge{0x80D00005};    // a stream would pass 4
 inline constexpr Result kStreamReadOnly{0x80D00006};    // write to a stream opened for reading
 inline constexpr Result kContainerFailure{0x80D00007};  // any other failure of the database engine
 inline constexpr Result kNothingSalvaged{0x80D00008};   // a damaged container held nothing readable
-inline constexpr Result kStreamMissing{0x80070002};     // no stream of that name
+// No stream of that name: the system's code for a missing file
+// (ResultFromErrno(ENOENT)), which a missing container file also gives.
+inline constexpr Result kStreamMissing{0x80070002};
 inline constexpr Result kContainerBusy{0x80070020};     // locked by another process
 }  // namespace rc
 

@@ -44,6 +44,13 @@ class ContainerStream {
   // and returns the new position. A target below 0 or past 4 GB - 1 is
   // rc::kInvalidArg and leaves the position unchanged.
   uint32_t Seek(int64_t offset, int origin);
+  // Seek for callers that go on to read or write there: the seek's code, so
+  // a failed seek stops the operation that follows instead of letting it
+  // work at the old position.
+  Result SeekTo(int64_t offset, int origin = kSeekStart) {
+    Seek(offset, origin);
+    return error_;
+  }
   uint32_t Position() const { return pos_; }
   uint32_t Size();
   // Ends the stream at the current position (a position past the end makes

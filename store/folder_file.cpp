@@ -29,7 +29,7 @@ FolderFile::~FolderFile() { Close(); }
 void FolderFile::Log(const std::string& line) { log_.Log(line, kLogEvent); }
 
 Result FolderFile::OpenContainer() {
-  return container_.Open(path_, kPageSize, false, kLabel, u'/', options_.sync_commits, false);
+  return container_.Open(path_, {.page_size = kPageSize, .label = kLabel, .sync_commits = options_.sync_commits});
 }
 
 void FolderFile::CloseLocked() {
@@ -44,11 +44,13 @@ void FolderFile::CloseLocked() {
 }
 
 void FolderFile::Close() {
+  MutexLock writer(writer_mu_);
   MutexLock lock(mu_);
   CloseLocked();
 }
 
 Result FolderFile::Create(const std::filesystem::path& path) {
+  MutexLock writer(writer_mu_);
   MutexLock lock(mu_);
   CloseLocked();
   std::error_code ec;
@@ -60,8 +62,9 @@ Result FolderFile::Create(const std::filesystem::path& path) {
   if (r.ok()) {
     ContainerTransaction txn(container_);
     r = txn.begin_result();
-    if (r.ok()) r = container_.OpenStream(kIndexStream, true, &index_stream_);
-    if (r.ok()) r = index_.Read(*index_stream_, nullptr);  // writes the 0 header
+    if (r.ok()) r = container_.OpenStream(kIndexStream, StreamOpen::kCreate, &index_stream_);
+    bool more = false;
+    if (r.ok()) r = index_.Read(*index_stream_, 0, &more, nullptr);  // writes the 0 header
     if (r.ok()) r = StoreCounts({});
     if (r.ok()) r = txn.Commit();
   }
@@ -75,18 +78,17 @@ Result FolderFile::Create(const std::filesystem::path& path) {
 }
 
 Result FolderFile::Open(const std::filesystem::path& path) {
-  Result r;
   {
+    MutexLock writer(writer_mu_);
     MutexLock lock(mu_);
     CloseLocked();
     path_ = path;
     std::error_code ec;
     if (!std::filesystem::exists(path, ec)) return rc::kFileMissing;
-    r = OpenContainer();
-    if (r.ok()) {
+    if (OpenContainer().ok()) {
       Log(kLogLoadingCount);
       uint8_t raw[8];
-      if (container_.OpenStream(kCountsStream, true, &counts_stream_).ok() && counts_stream_->Size() >= 8 &&
+      if (container_.OpenStream(kCountsStream, StreamOpen::kCreate, &counts_stream_).ok() && counts_stream_->Size() >= 8 &&
           counts_stream_->ReadExact(raw, 8).ok()) {
         counts_ = {GetU32(raw), GetU32(raw + 4)};
         counts_from_file_ = true;
@@ -95,31 +97,59 @@ Result FolderFile::Open(const std::filesystem::path& path) {
     } else {
       container_.Close();
     }
-    r = LoadIndexLocked();
   }
-  if (r.ok()) Notify(Change::kLoaded, {});
-  return r;
+  return LoadIndex();
 }
 
 Result FolderFile::LoadIndex() {
-  Result r;
-  bool loaded_now = false;
-  {
-    MutexLock lock(mu_);
-    loaded_now = !loaded_;
-    r = LoadIndexLocked();
+  for (;;) {
+    Result r;
+    bool done = false, loaded_now = false;
+    IndexReadPosition reached;
+    {
+      MutexLock lock(mu_);
+      const bool was_loaded = loaded_;
+      r = LoadStep(kIndexBatch, &done, &reached);
+      loaded_now = !was_loaded && loaded_;
+    }
+    // No lock held here: the callback may call the folder file back.
+    if (options_.progress && reached.size != 0 && r.ok()) {
+      options_.progress(reached.position, reached.size);
+    }
+    if (loaded_now) Notify(Change::kLoaded, {});
+    if (r.failed() || done) return r;
   }
-  if (r.ok() && loaded_now) Notify(Change::kLoaded, {});
-  return r;
 }
 
 Result FolderFile::LoadIndexLocked() {
+  bool done = false;
+  Result r;
+  do {
+    r = LoadStep(0, &done, nullptr);
+  } while (r.ok() && !done);
+  return r;
+}
+
+Result FolderFile::LoadStep(uint32_t max_records, bool* done, IndexReadPosition* reached) {
+  *done = true;
   if (loaded_) return rc::kOk;
   if (path_.empty()) return rc::kContainerClosed;
-  loading_ = true;
-  counts_.unread = 0;
-  Result r = ReadIndexOnce();
-  if (r.failed()) {
+  Result r;
+  if (!loading_) {
+    loading_ = true;
+    repair_tried_ = false;
+    counts_.unread = 0;
+    r = BeginIndexRead();
+  }
+  bool more = false;
+  if (r.ok()) r = index_.Read(*index_stream_, max_records, &more, reached);
+  if (r.ok() && more) {
+    *done = false;
+    return r;
+  }
+  if (r.ok()) r = SweepOrphans();
+  if (r.failed() && !repair_tried_) {
+    repair_tried_ = true;
     index_stream_.reset();
     counts_stream_.reset();
     container_.Close();
@@ -132,7 +162,11 @@ Result FolderFile::LoadIndexLocked() {
       return repair;
     }
     Log(kLogRepaired);
-    r = ReadIndexOnce();
+    r = BeginIndexRead();
+    if (r.ok()) {
+      *done = false;
+      return r;
+    }
   }
   if (r.ok()) {
     Log(kLogLoadingMessages);
@@ -147,17 +181,14 @@ Result FolderFile::LoadIndexLocked() {
   return r;
 }
 
-Result FolderFile::ReadIndexOnce() {
+Result FolderFile::BeginIndexRead() {
   if (!container_.is_open()) {
     const Result r = OpenContainer();
     if (r.failed()) return r;
   }
   Log(kLogLoadingIndex);
   index_.Clear();
-  Result r = container_.OpenStream(kIndexStream, false, &index_stream_);
-  if (r.ok()) r = index_.Read(*index_stream_, options_.progress);
-  if (r.ok()) r = SweepOrphans();
-  return r;
+  return container_.OpenStream(kIndexStream, StreamOpen::kExisting, &index_stream_);
 }
 
 Result FolderFile::SweepOrphans() {
@@ -200,41 +231,33 @@ Result FolderFile::RepairLocked() {
 }
 
 Result FolderFile::CheckAndRepairFile() {
-  Result r;
   {
+    MutexLock writer(writer_mu_);
     MutexLock lock(mu_);
     if (path_.empty()) return rc::kContainerClosed;
     const std::filesystem::path path = path_;
     CloseLocked();
     path_ = path;
-    loading_ = true;
-    r = RepairLocked();
-    if (r.failed()) Log(kLogRepairError + ResultText(r));
-    if (r.ok()) {
-      Log(kLogRepaired);
-      r = ReadIndexOnce();
+    const Result r = RepairLocked();
+    if (r.failed()) {
+      Log(kLogRepairError + ResultText(r));
+      return r;
     }
-    if (r.ok()) {
-      loaded_ = true;
-      counts_ = {static_cast<uint32_t>(index_.size()), index_.unread()};
-    }
-    loading_ = false;
-    if (r.ok()) r = WriteCountsLocked();
+    Log(kLogRepaired);
   }
-  if (r.ok()) Notify(Change::kLoaded, {});
-  return r;
+  return LoadIndex();
 }
 
 Result FolderFile::StoreCounts(FolderCounts counts) {
   if (!counts_stream_) {
-    const Result r = container_.OpenStream(kCountsStream, true, &counts_stream_);
+    const Result r = container_.OpenStream(kCountsStream, StreamOpen::kCreate, &counts_stream_);
     if (r.failed()) return r;
   }
   uint8_t raw[8];
   PutU32(raw, counts.messages);
   PutU32(raw + 4, counts.unread);
-  counts_stream_->Seek(0, kSeekStart);
-  const Result r = counts_stream_->WriteAll(std::string_view(reinterpret_cast<char*>(raw), 8));
+  Result r = counts_stream_->SeekTo(0);
+  if (r.ok()) r = counts_stream_->WriteAll(std::string_view(reinterpret_cast<char*>(raw), 8));
   return r.failed() ? r : counts_stream_->Cut();
 }
 
@@ -244,6 +267,7 @@ Result FolderFile::WriteCountsLocked() {
 }
 
 Result FolderFile::WriteCounts() {
+  MutexLock writer(writer_mu_);
   MutexLock lock(mu_);
   return WriteCountsLocked();
 }
@@ -313,35 +337,26 @@ std::vector<ReferenceEntry> FolderFile::References() const {
   return out;
 }
 
+bool FolderFile::FindByServerUid(WStringView uid, uint32_t* key) const {
+  MutexLock lock(mu_);
+  *key = index_.FindByServerUid(uid);
+  return *key != 0;
+}
+
 ContainerCounters FolderFile::counters() const {
   MutexLock lock(mu_);
   return container_.counters();
 }
 
-void FolderFile::AddObserver(FolderObserver* observer) {
-  MutexLock lock(observers_mu_);
-  observers_.push_back(observer);
-}
-
-void FolderFile::RemoveObserver(FolderObserver* observer) {
-  MutexLock lock(observers_mu_);
-  std::erase(observers_, observer);
-}
-
 void FolderFile::Notify(Change change, const std::vector<uint32_t>& keys) {
-  std::vector<FolderObserver*> observers;
-  {
-    MutexLock lock(observers_mu_);
-    observers = observers_;
-  }
-  for (FolderObserver* o : observers) {
+  observers_.ForEach([&](FolderObserver& o) {
     switch (change) {
-      case Change::kAdded: o->MessagesAdded(*this, keys); break;
-      case Change::kRemoved: o->MessagesRemoved(*this, keys); break;
-      case Change::kChanged: o->MessagesChanged(*this, keys); break;
-      case Change::kLoaded: o->IndexLoaded(*this); break;
+      case Change::kAdded: o.MessagesAdded(*this, keys); break;
+      case Change::kRemoved: o.MessagesRemoved(*this, keys); break;
+      case Change::kChanged: o.MessagesChanged(*this, keys); break;
+      case Change::kLoaded: o.IndexLoaded(*this); break;
     }
-  }
+  });
 }
 
 }  // namespace trv

@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "base/byte_io.h"
+#include "store/append_batch.h"
 #include "store/folder_file.h"
 
 namespace trv {
@@ -32,93 +33,33 @@ Result FolderFile::FreeKey(uint32_t* key) {
   return rc::kFail;
 }
 
-Result FolderFile::AppendLocked(const std::vector<NewMessage>& messages, std::vector<uint32_t>* keys) {
-  Result r = EnsureLoaded();
-  if (r.failed()) return r;
-  struct Staged {
-    MessageRecord record;
-    uint32_t offset;
-    uint32_t length;
-  };
-  std::vector<Staged> staged;
-  staged.reserve(messages.size());
-  const uint32_t first_offset = index_.end_offset();
-  std::string records;
-  FolderCounts counts = counts_;
-  uint32_t next = index_.NextKey();
-
-  ContainerTransaction txn(container_);
-  r = txn.begin_result();
-  for (const NewMessage& m : messages) {
-    if (r.failed()) break;
-    if (m.text.size() > UINT32_MAX) r = rc::kStreamTooLarge;
-    if (r.ok()) r = FreeKey(&next);
-    if (r.failed()) break;
-    MessageRecord record = m.record;
-    record.key = next++;
-    record.size = static_cast<uint32_t>(m.text.size());
-    std::unique_ptr<ContainerStream> stream;
-    r = container_.OpenStream(MessageStreamName(record.key), true, &stream);
-    if (r.ok()) r = stream->WriteAll(m.text);
-    const std::string encoded = EncodeMessageRecord(record);
-    if (uint64_t{first_offset} + records.size() + encoded.size() > UINT32_MAX) r = rc::kStreamTooLarge;
-    staged.push_back({record, static_cast<uint32_t>(first_offset + records.size()),
-                      static_cast<uint32_t>(encoded.size())});
-    records += encoded;
-    ++counts.messages;
-    if (!record.is_read()) ++counts.unread;
-  }
-  if (r.ok()) {
-    index_stream_->Seek(first_offset, kSeekStart);
-    r = index_stream_->WriteAll(records);
-  }
-  if (r.ok()) r = StoreCounts(counts);
-  if (r.ok()) r = txn.Commit();
-  if (r.failed()) return r;
-
-  for (const Staged& s : staged) {
-    index_.Appended(s.record, s.offset, s.length);
-    if (keys) keys->push_back(s.record.key);
-  }
-  counts_ = counts;
-  return r;
-}
-
 Result FolderFile::Append(const MessageRecord& record, std::string_view text, uint32_t* key) {
-  std::vector<uint32_t> keys;
-  Result r;
-  {
-    MutexLock lock(mu_);
-    r = AppendLocked({NewMessage{record, text}}, &keys);
-  }
-  if (r.ok()) {
-    if (key) *key = keys.front();
-    Notify(Change::kAdded, keys);
-  }
-  return r;
+  AppendBatch batch(*this);
+  Result r = batch.Begin();
+  if (r.ok()) r = batch.Write(text);
+  if (r.ok()) r = batch.Finish(record, key);
+  return r.failed() ? r : batch.Commit();
 }
 
 Result FolderFile::AppendMany(const std::vector<NewMessage>& messages, std::vector<uint32_t>* keys) {
-  std::vector<uint32_t> added;
-  Result r;
-  {
-    MutexLock lock(mu_);
-    r = AppendLocked(messages, &added);
+  AppendBatch batch(*this);
+  for (const NewMessage& m : messages) {
+    Result r = batch.Begin();
+    if (r.ok()) r = batch.Write(m.text);
+    if (r.ok()) r = batch.Finish(m.record, nullptr);
+    if (r.failed()) return r;
   }
-  if (r.ok()) {
-    if (keys) *keys = added;
-    Notify(Change::kAdded, added);
-  }
-  return r;
+  return batch.Commit(keys);
 }
 
 Result FolderFile::MarkRecordDeleted(const IndexEntry& entry) {
   uint8_t raw[4];
-  index_stream_->Seek(entry.offset + 4, kSeekStart);
-  Result r = index_stream_->ReadExact(raw, 4);
+  Result r = index_stream_->SeekTo(entry.offset + 4);
+  if (r.ok()) r = index_stream_->ReadExact(raw, 4);
   if (r.failed()) return r;
   PutU32(raw, GetU32(raw) | kRecordDeleted);
-  index_stream_->Seek(entry.offset + 4, kSeekStart);
+  r = index_stream_->SeekTo(entry.offset + 4);
+  if (r.failed()) return r;
   return index_stream_->WriteAll(std::string_view(reinterpret_cast<char*>(raw), 4));
 }
 
@@ -158,6 +99,7 @@ Result FolderFile::DeleteLocked(const std::vector<uint32_t>& keys) {
 Result FolderFile::Delete(const std::vector<uint32_t>& keys) {
   Result r;
   {
+    MutexLock writer(writer_mu_);
     MutexLock lock(mu_);
     r = DeleteLocked(keys);
   }
@@ -167,6 +109,7 @@ Result FolderFile::Delete(const std::vector<uint32_t>& keys) {
 
 Result FolderFile::SetFlags(uint32_t key, uint32_t set, uint32_t clear) {
   {
+    MutexLock writer(writer_mu_);
     MutexLock lock(mu_);
     Result r = EnsureLoaded();
     if (r.failed()) return r;
@@ -180,7 +123,7 @@ Result FolderFile::SetFlags(uint32_t key, uint32_t set, uint32_t clear) {
     PutU32(raw, record.flags);
     ContainerTransaction txn(container_);
     r = txn.begin_result();
-    index_stream_->Seek(entry->offset + 8, kSeekStart);
+    if (r.ok()) r = index_stream_->SeekTo(entry->offset + 8);
     if (r.ok()) r = index_stream_->WriteAll(std::string_view(reinterpret_cast<char*>(raw), 4));
     if (r.ok() && !(counts == counts_)) r = StoreCounts(counts);
     if (r.ok()) r = txn.Commit();
@@ -202,8 +145,8 @@ Result FolderFile::WriteRecord(const MessageRecord& record, const IndexEntry& ol
     *offset = index_.end_offset();
   }
   *length = static_cast<uint32_t>(encoded.size());
-  index_stream_->Seek(*offset, kSeekStart);
-  return index_stream_->WriteAll(encoded);
+  const Result r = index_stream_->SeekTo(*offset);
+  return r.failed() ? r : index_stream_->WriteAll(encoded);
 }
 
 Result FolderFile::UpdateRecord(const MessageRecord& record) {
@@ -216,6 +159,7 @@ Result FolderFile::ReplaceMessage(const MessageRecord& record, std::string_view 
 
 Result FolderFile::RewriteMessage(const MessageRecord& given, const std::string_view* text) {
   {
+    MutexLock writer(writer_mu_);
     MutexLock lock(mu_);
     Result r = EnsureLoaded();
     if (r.failed()) return r;
@@ -229,7 +173,7 @@ Result FolderFile::RewriteMessage(const MessageRecord& given, const std::string_
     r = txn.begin_result();
     if (r.ok() && text) {
       std::unique_ptr<ContainerStream> stream;
-      r = container_.OpenStream(MessageStreamName(record.key), true, &stream);
+      r = container_.OpenStream(MessageStreamName(record.key), StreamOpen::kCreate, &stream);
       if (r.ok()) r = stream->WriteAll(*text);
       if (r.ok()) r = stream->Cut();
     }
@@ -249,7 +193,7 @@ Result FolderFile::RewriteMessage(const MessageRecord& given, const std::string_
 Result FolderFile::OpenMessageStream(uint32_t key, std::unique_ptr<ContainerStream>* stream) {
   if (!container_.is_open()) return rc::kContainerClosed;
   if (loaded_ && !index_.Find(key)) return rc::kInvalidArg;
-  return container_.OpenStream(MessageStreamName(key), false, stream, false);
+  return container_.OpenStream(MessageStreamName(key), StreamOpen::kReadOnly, stream);
 }
 
 Result FolderFile::ReadMessageRange(uint32_t key, uint32_t offset, uint32_t count, std::string* bytes) {
@@ -261,7 +205,8 @@ Result FolderFile::ReadMessageRange(uint32_t key, uint32_t offset, uint32_t coun
   const uint32_t size = stream->Size();
   if (offset >= size) return stream->last_error();
   bytes->resize(std::min(count, size - offset));
-  stream->Seek(offset, kSeekStart);
+  const Result seek = stream->SeekTo(offset);
+  if (seek.failed()) return seek;
   return stream->ReadExact(bytes->data(), static_cast<uint32_t>(bytes->size()));
 }
 
@@ -279,7 +224,7 @@ Result FolderFile::CompactLocked() {
   ContainerTransaction txn(container_);
   r = txn.begin_result();
   std::string old;
-  index_stream_->Seek(0, kSeekStart);
+  if (r.ok()) r = index_stream_->SeekTo(0);
   if (r.ok()) r = index_stream_->ReadRest(&old, UINT32_MAX);
   if (r.failed()) return r;
   // The header keeps the highest key, so keys of dropped records are never
@@ -305,7 +250,7 @@ Result FolderFile::CompactLocked() {
   for (const ReferenceIndexEntry& e : index_.references()) {
     if (r.ok() && !copy(e.offset, e.length, e.entry.key(), &reference_offsets)) r = rc::kInvalidData;
   }
-  index_stream_->Seek(0, kSeekStart);
+  if (r.ok()) r = index_stream_->SeekTo(0);
   if (r.ok()) r = index_stream_->WriteAll(rebuilt);
   if (r.ok()) r = index_stream_->Cut();
   if (r.ok()) r = txn.Commit();
@@ -320,6 +265,7 @@ void FolderFile::MaybeCompact() {
 }
 
 Result FolderFile::Compact() {
+  MutexLock writer(writer_mu_);
   MutexLock lock(mu_);
   return CompactLocked();
 }

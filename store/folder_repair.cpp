@@ -22,7 +22,7 @@ Result FolderFile::RepairIndex() {
   ContainerTransaction txn(container_);
   Result r = txn.begin_result();
   std::unique_ptr<ContainerStream> index;
-  if (r.ok()) r = container_.OpenStream(u"/Index", true, &index);
+  if (r.ok()) r = container_.OpenStream(u"/Index", StreamOpen::kCreate, &index);
   std::string old;
   if (r.ok()) r = index->ReadRest(&old, UINT32_MAX);
   if (r.failed()) return r;
@@ -76,7 +76,7 @@ Result FolderFile::RepairIndex() {
     if (options_.rebuilder) {
       std::unique_ptr<ContainerStream> stream;
       std::string head(std::min(info.size, kRebuildHeadBytes), '\0');
-      r = container_.OpenStream(stream_name, false, &stream, false);
+      r = container_.OpenStream(stream_name, StreamOpen::kReadOnly, &stream);
       if (r.ok()) r = stream->ReadExact(head.data(), static_cast<uint32_t>(head.size()));
       if (r.failed()) return r;
       const uint32_t key = record.key;

@@ -41,13 +41,16 @@ IndexParse ParseIndexRecord(std::string_view window, uint64_t left, IndexItem* i
   item->record_flags = flags;
   if (window.size() < length) return IndexParse::kNeedMore;
 
-  if (flags > kRecordDeletedAbove) {
+  // Bit 0 is tested before the deleted value: a reference entry stays one
+  // whatever else its flags hold.
+  const bool reference = flags & kRecordReference;
+  if (!reference && flags > kRecordDeletedAbove) {
     item->kind = IndexItem::kDeleted;
     item->message.key = key;
     return IndexParse::kRecord;
   }
   ByteReader r(window.substr(0, length));
-  if (flags & kRecordReference) {
+  if (reference) {
     item->kind = IndexItem::kReference;
     r.Bytes(item->reference.fixed.data(), kRecordFixedSize);
   } else {

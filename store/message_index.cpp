@@ -23,6 +23,21 @@ const IndexEntry* MessageIndex::Find(uint32_t key) const {
 
 void MessageIndex::Clear() { *this = MessageIndex(); }
 
+uint32_t MessageIndex::FindByServerUid(WStringView uid) const {
+  if (uid.empty()) return 0;
+  const auto it = by_uid_.find(WString(uid));
+  return it == by_uid_.end() ? 0 : it->second;
+}
+
+void MessageIndex::IndexUid(const MessageRecord& record) {
+  if (!record.server_uid.empty()) by_uid_[record.server_uid] = record.key;
+}
+
+void MessageIndex::UnindexUid(const MessageRecord& record) {
+  const auto it = by_uid_.find(record.server_uid);
+  if (it != by_uid_.end() && it->second == record.key) by_uid_.erase(it);
+}
+
 void MessageIndex::Add(const MessageRecord& record, uint32_t offset, uint32_t length) {
   auto entry = std::make_unique<IndexEntry>(IndexEntry{offset, length, record});
   IndexEntry*& slot = by_key_[record.key];
@@ -31,49 +46,69 @@ void MessageIndex::Add(const MessageRecord& record, uint32_t offset, uint32_t le
     // counts as deleted and goes with the next compaction.
     deleted_bytes_ += slot->length;
     if (!slot->record.is_read()) --unread_;
+    UnindexUid(slot->record);
     *slot = std::move(*entry);
   } else {
     slot = entry.get();
     entries_.push_back(std::move(entry));
   }
   if (!record.is_read()) ++unread_;
+  IndexUid(record);
   SeeKey(record.key);
 }
 
-Result MessageIndex::Read(ContainerStream& index, const IndexProgress& progress) {
+Result MessageIndex::Read(ContainerStream& index, uint32_t max_records, bool* more, IndexReadPosition* reached) {
+  *more = false;
   uint32_t size = index.Size();
   if (index.last_error().failed()) return index.last_error();
   if (end_offset_ == 0) {
     uint8_t header[kHeaderSize];
-    index.Seek(0, kSeekStart);
+    Result r = index.SeekTo(0);
+    if (r.failed()) return r;
     if (size >= kHeaderSize && index.ReadExact(header, kHeaderSize).ok()) {
       SeeKey(GetU32(header));
     } else {
-      index.Seek(0, kSeekStart);
-      if (index.WriteAll(std::string(kHeaderSize, '\0')).failed()) return rc::kWriteFault;
+      r = index.SeekTo(0);
+      if (r.ok() && index.WriteAll(std::string(kHeaderSize, '\0')).failed()) r = rc::kWriteFault;
+      if (r.failed()) return r;
       size = std::max(size, kHeaderSize);
     }
     end_offset_ = kHeaderSize;
+    window_.clear();
+    window_at_ = end_offset_;
   }
-  std::string window;
-  uint32_t window_at = end_offset_;
+  if (reached) *reached = {end_offset_, size};
+  // The window may hold bytes of an older size of the stream; it is only
+  // trusted when it starts at or before the position and covers it.
+  if (end_offset_ < window_at_ || end_offset_ - window_at_ > window_.size()) {
+    window_.clear();
+    window_at_ = end_offset_;
+  }
   IndexItem item;
-  for (;;) {
+  for (uint32_t records = 0;;) {
     const uint32_t pos = end_offset_;
-    const std::string_view view = std::string_view(window).substr(pos - window_at);
+    const std::string_view view = std::string_view(window_).substr(pos - window_at_);
+    if (max_records != 0 && records == max_records) {
+      *more = pos < size;
+      return rc::kOk;
+    }
     switch (ParseIndexRecord(view, size - pos, &item)) {
       case IndexParse::kEnd:
+        window_ = std::string();  // the block is not needed once the index is read
         return rc::kOk;
       case IndexParse::kStop:
       case IndexParse::kDamaged:
         return rc::kInvalidData;
       case IndexParse::kNeedMore: {
         const uint32_t want = std::min(std::max(item.length, kReadBlock), size - pos);
-        window.resize(want);
-        window_at = pos;
-        index.Seek(pos, kSeekStart);
-        const Result r = index.ReadExact(window.data(), want);
-        if (r.failed()) return r;
+        window_.resize(want);
+        window_at_ = pos;
+        Result r = index.SeekTo(pos);
+        if (r.ok()) r = index.ReadExact(window_.data(), want);
+        if (r.failed()) {
+          window_.clear();
+          return r;
+        }
         continue;
       }
       case IndexParse::kRecord:
@@ -93,7 +128,8 @@ Result MessageIndex::Read(ContainerStream& index, const IndexProgress& progress)
         break;
     }
     end_offset_ = pos + item.length;
-    if (progress) progress(end_offset_, size);
+    ++records;
+    if (reached) *reached = {end_offset_, size};
   }
 }
 
@@ -110,6 +146,7 @@ void MessageIndex::Removed(const std::vector<uint32_t>& keys) {
     IndexEntry* entry = it->second;
     deleted_bytes_ += entry->length;
     if (!entry->record.is_read()) --unread_;
+    UnindexUid(entry->record);
     gone.push_back(entry);
     by_key_.erase(it);
   }
@@ -133,7 +170,9 @@ void MessageIndex::Updated(const MessageRecord& record, uint32_t offset, uint32_
   if (!entry->record.is_read()) --unread_;
   if (!record.is_read()) ++unread_;
   if (offset != entry->offset) deleted_bytes_ += entry->length;  // moved: the old copy is dead
+  UnindexUid(entry->record);
   *entry = IndexEntry{offset, length, record};
+  IndexUid(record);
   end_offset_ = std::max(end_offset_, offset + length);
 }
 

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 #include <unordered_map>
 #include <vector>
 
@@ -32,8 +33,11 @@ struct ReferenceIndexEntry {
   ReferenceEntry entry;
 };
 
-// Called after each record read: the position reached and the stream size.
-using IndexProgress = std::function<void(uint32_t position, uint32_t size)>;
+// Where a read of "/Index" stands: the offset reached and the stream's size.
+struct IndexReadPosition {
+  uint32_t position = 0;
+  uint32_t size = 0;
+};
 
 class MessageIndex {
  public:
@@ -46,13 +50,20 @@ class MessageIndex {
   // record that is damaged or that ends the index before the end of the
   // stream (a zero length or key, a short tail): the read position then
   // stays at that record. A stream that cannot be read gives its code.
-  Result Read(ContainerStream& index, const IndexProgress& progress);
+  // At most `max_records` records are read per call (0: no limit); `*more`
+  // tells whether records are left, and a later call goes on from there.
+  // `reached` (may be null) receives the position after the call.
+  Result Read(ContainerStream& index, uint32_t max_records, bool* more, IndexReadPosition* reached);
   void Clear();
 
   size_t size() const { return entries_.size(); }
   const IndexEntry& at(size_t i) const { return *entries_[i]; }
   const IndexEntry* Find(uint32_t key) const;
   const std::vector<ReferenceIndexEntry>& references() const { return references_; }
+  // The key of the message whose record holds `uid` as its server_uid
+  // (string 6); 0 when none does or `uid` is empty. When two records hold
+  // one uid, the later one counts.
+  uint32_t FindByServerUid(WStringView uid) const;
 
   uint32_t unread() const { return unread_; }
   uint32_t deleted_bytes() const { return deleted_bytes_; }
@@ -77,10 +88,16 @@ class MessageIndex {
  private:
   void Add(const MessageRecord& record, uint32_t offset, uint32_t length);
   void SeeKey(uint32_t key) { highest_key_ = std::max(highest_key_, key); }
+  void IndexUid(const MessageRecord& record);
+  void UnindexUid(const MessageRecord& record);
 
   std::vector<std::unique_ptr<IndexEntry>> entries_;
   std::unordered_map<uint32_t, IndexEntry*> by_key_;
+  std::unordered_map<WString, uint32_t> by_uid_;
   std::vector<ReferenceIndexEntry> references_;
+  // The bytes of "/Index" last read, from window_at_, kept between calls.
+  std::string window_;
+  uint32_t window_at_ = 0;
   uint32_t unread_ = 0;
   uint32_t deleted_bytes_ = 0;
   uint32_t end_offset_ = 0;

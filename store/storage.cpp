@@ -133,6 +133,11 @@ StorageIndex Storage::ToIndex() const {
 }
 
 Result Storage::SaveIndex() {
+  MutexLock lock(tree_mu_);
+  return SaveIndexLocked();
+}
+
+Result Storage::SaveIndexLocked() {
   if (!is_open()) return rc::kInvalidArg;
   const Result r =
       WriteStorageIndexFile(index_path_, EncodeStorageIndex(ToIndex()), index_damaged_, host_.FileOps(),

@@ -11,7 +11,9 @@
 // undone in memory, so the tree in memory and the one on disk agree.
 //
 // Folder names are unique among siblings without regard to ASCII letter
-// case; a duplicate is refused with kFolderExists (0x80070050). A name must
+// case; a duplicate is refused with rc::kFileExists (80), the store's one
+// code for "already exists" (a file-system call that finds a file in the
+// way reports the system's own ResultFromErrno(EEXIST) instead). A name must
 // not be empty, longer than kMaxFolderName units, or hold "/" (the separator
 // of folder paths) or control characters: rc::kInvalidArg. Names read from
 // an index file are taken as they are.
@@ -21,8 +23,22 @@
 // and logs which. The first save after that moves the damaged file aside to
 // "{GUID}.damaged" rather than over the backup.
 //
-// Threads: see store/mail_folder.h. The tree and every method here belong to
-// the interface thread, except the services list (locked; any thread).
+// Threads: Create, Open, Close and SaveIndex's callers outside the tree
+// changes belong to the interface thread, which opens a storage before its
+// services run and closes it after they stopped. The tree changes (create,
+// attach, rename, delete, move of a folder) may come from any thread: an
+// IMAP4 run makes local folders from its worker while the interface shows
+// the tree. Each takes the storage's tree mutex for the change and its
+// SaveIndex, and tells FolderTreeChanged after releasing it, on the thread
+// that made the change (the interface queues news from other threads). The
+// walks and lookups (FindFolder, SpecialFolder, ForEachFolder,
+// FindFolderByPath) take the mutex too; a ForEachFolder visitor runs with it
+// held and must not call the storage's tree methods. Code that reads a
+// folder's children, name or parent itself, while a worker may change the
+// tree, holds MutexLock(storage.tree_mutex()) meanwhile. MailFolder
+// pointers stay valid until that folder is deleted, and only the interface
+// deletes or moves folders (after stopping the storage's services). The
+// services list has a lock of its own (any thread).
 #pragma once
 
 #include <cstdint>
@@ -46,7 +62,6 @@ namespace trv {
 class Storage {
  public:
   static constexpr std::string_view kType = "MIME";
-  static constexpr Result kFolderExists{0x80070050};
   static constexpr size_t kMaxFolderName = 255;
 
   explicit Storage(StorageHost& host);
@@ -92,7 +107,7 @@ class Storage {
   void Close();
 
   // Writes the tree to the index file by the replace protocol.
-  Result SaveIndex();
+  Result SaveIndex() EXCLUDES(tree_mu_);
 
   // Called by the engine between interface events. Storages keep no
   // background work yet, so this does nothing.
@@ -102,32 +117,35 @@ class Storage {
   // folders of this storage (rc::kInvalidArg otherwise).
   //
   // A new user folder (kind 0) with a new folder file.
-  Result CreateFolder(MailFolder* parent, WStringView name, MailFolder** created);
+  Result CreateFolder(MailFolder* parent, WStringView name, MailFolder** created) EXCLUDES(tree_mu_);
   // A folder for an existing folder file; refused with rc::kInvalidArg when
   // the file is already in the tree. The index keeps the file's name alone
   // when it lies in the data directory, its path below the home directory
   // when it lies there, else its absolute path.
   Result AttachFolderFile(MailFolder* parent, const std::filesystem::path& file, WStringView name,
-                          MailFolder** attached);
+                          MailFolder** attached) EXCLUDES(tree_mu_);
   // The root cannot be renamed (rc::kInvalidArg).
-  Result RenameFolder(MailFolder* folder, WStringView name);
+  Result RenameFolder(MailFolder* folder, WStringView name) EXCLUDES(tree_mu_);
   // Deletes the folder with its subtree. The root and the special folders
   // (kinds 1 to 5, also inside the subtree) cannot be deleted:
   // rc::kInvalidArg. The folder files are removed from disk after the index
   // is saved, so a crash in between leaves them in place, still named by
   // the old index or its backup.
-  Result DeleteFolder(MailFolder* folder);
+  Result DeleteFolder(MailFolder* folder) EXCLUDES(tree_mu_);
   // Moves a user folder with its subtree under another parent (not into
   // its own subtree). The root and special folders stay where they are.
-  Result MoveFolder(MailFolder* folder, MailFolder* new_parent);
+  Result MoveFolder(MailFolder* folder, MailFolder* new_parent) EXCLUDES(tree_mu_);
 
   // "A/B" below the root ("" is the root); names compared without regard to
   // ASCII letter case. Null when there is no such folder.
-  MailFolder* FindFolder(WStringView path) const;
+  MailFolder* FindFolder(WStringView path) const EXCLUDES(tree_mu_);
   // The first folder of that kind in pre-order; null when there is none.
-  MailFolder* SpecialFolder(uint32_t kind) const;
+  MailFolder* SpecialFolder(uint32_t kind) const EXCLUDES(tree_mu_);
   // Calls `visit` for every folder below the root, in pre-order.
-  void ForEachFolder(const std::function<void(MailFolder&)>& visit) const;
+  void ForEachFolder(const std::function<void(MailFolder&)>& visit) const EXCLUDES(tree_mu_);
+
+  // Held by every tree change and walk; see Threads above.
+  Mutex& tree_mutex() const { return tree_mu_; }
 
   // The services that keep their mail here. Any thread.
   Result AddService(StorageService* service) EXCLUDES(services_mu_);
@@ -154,13 +172,21 @@ class Storage {
   // storage.cpp
   std::unique_ptr<FolderFile> NewFolderFileObject();
   Result MakeFolderFile(MailFolder& folder);
+  Result SaveIndexLocked() REQUIRES(tree_mu_);
+  // storage_tree.cpp: the tree changes under the tree mutex.
+  Result CreateFolderLocked(MailFolder* parent, WStringView name, MailFolder** created) REQUIRES(tree_mu_);
+  Result AttachFolderFileLocked(MailFolder* parent, const std::filesystem::path& file, WStringView name,
+                                MailFolder** attached) REQUIRES(tree_mu_);
+  Result RenameFolderLocked(MailFolder* folder, WStringView name) REQUIRES(tree_mu_);
+  Result DeleteFolderLocked(MailFolder* folder, MailFolder** parent) REQUIRES(tree_mu_);
+  Result MoveFolderLocked(MailFolder* folder, MailFolder* new_parent, bool* moved) REQUIRES(tree_mu_);
   // Gives `folder` its open folder file, found at `path`.
   static void SetFolderFile(MailFolder& folder, const std::filesystem::path& path, std::unique_ptr<FolderFile> file);
   void RemoveFolderFile(MailFolder& folder);
   Result CheckOwnFolder(const MailFolder* folder) const;
-  Result ChangeTree(const std::function<void()>& undo);
-  StorageIndex ToIndex() const;
-  void Notify(FolderTreeChange::Kind kind, MailFolder* folder);
+  Result ChangeTree(const std::function<void()>& undo) REQUIRES(tree_mu_);
+  StorageIndex ToIndex() const REQUIRES(tree_mu_);
+  void Notify(FolderTreeChange::Kind kind, MailFolder* folder) EXCLUDES(tree_mu_);
 
   StorageHost& host_;
   Guid id_;
@@ -173,6 +199,8 @@ class Storage {
   bool index_damaged_ = false;
   std::string index_problem_;
   std::unique_ptr<MailFolder> root_;
+
+  mutable Mutex tree_mu_;
 
   mutable Mutex services_mu_;
   std::vector<StorageService*> services_ GUARDED_BY(services_mu_);

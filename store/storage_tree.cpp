@@ -49,16 +49,28 @@ Result Storage::CheckOwnFolder(const MailFolder* folder) const {
 }
 
 Result Storage::ChangeTree(const std::function<void()>& undo) {
-  const Result r = SaveIndex();
+  const Result r = SaveIndexLocked();
   if (r.failed()) undo();
   return r;
 }
 
 Result Storage::CreateFolder(MailFolder* parent, WStringView name, MailFolder** created) {
+  MailFolder* added = nullptr;
+  {
+    MutexLock lock(tree_mu_);
+    const Result r = CreateFolderLocked(parent, name, &added);
+    if (r.failed()) return r;
+  }
+  Notify(FolderTreeChange::kCreated, added);
+  if (created != nullptr) *created = added;
+  return rc::kOk;
+}
+
+Result Storage::CreateFolderLocked(MailFolder* parent, WStringView name, MailFolder** created) {
   Result r = CheckOwnFolder(parent);
   if (r.ok()) r = CheckFolderName(name);
   if (r.failed()) return r;
-  if (parent->FindChild(name) != nullptr) return kFolderExists;
+  if (parent->FindChild(name) != nullptr) return rc::kFileExists;
 
   auto folder = std::make_unique<MailFolder>(*this, parent, kFolderUser, WString(name), WString());
   r = MakeFolderFile(*folder);
@@ -70,23 +82,35 @@ Result Storage::CreateFolder(MailFolder* parent, WStringView name, MailFolder** 
     parent->children_.pop_back();
   });
   if (r.failed()) return r;
-  Notify(FolderTreeChange::kCreated, added);
-  if (created != nullptr) *created = added;
+  *created = added;
   return rc::kOk;
 }
 
 Result Storage::AttachFolderFile(MailFolder* parent, const std::filesystem::path& file, WStringView name,
                                  MailFolder** attached) {
+  MailFolder* added = nullptr;
+  {
+    MutexLock lock(tree_mu_);
+    const Result r = AttachFolderFileLocked(parent, file, name, &added);
+    if (r.failed()) return r;
+  }
+  Notify(FolderTreeChange::kAttached, added);
+  if (attached != nullptr) *attached = added;
+  return rc::kOk;
+}
+
+Result Storage::AttachFolderFileLocked(MailFolder* parent, const std::filesystem::path& file, WStringView name,
+                                       MailFolder** attached) {
   Result r = CheckOwnFolder(parent);
   if (r.ok()) r = CheckFolderName(name);
   if (r.failed()) return r;
-  if (parent->FindChild(name) != nullptr) return kFolderExists;
+  if (parent->FindChild(name) != nullptr) return rc::kFileExists;
 
   std::error_code ec;
   const std::filesystem::path path = std::filesystem::absolute(file, ec).lexically_normal();
   if (ec) return ResultFromErrno(ec.value());
   bool in_tree = false;
-  ForEachFolder([&](MailFolder& f) {
+  Visit(*root_, [&](MailFolder& f) {
     std::error_code eq;
     in_tree |= f.available() && std::filesystem::equivalent(f.file_path(), path, eq);
   });
@@ -106,26 +130,44 @@ Result Storage::AttachFolderFile(MailFolder* parent, const std::filesystem::path
   parent->children_.push_back(std::move(folder));
   r = ChangeTree([&] { parent->children_.pop_back(); });  // the file was not ours: it stays
   if (r.failed()) return r;
-  Notify(FolderTreeChange::kAttached, added);
-  if (attached != nullptr) *attached = added;
+  *attached = added;
   return rc::kOk;
 }
 
 Result Storage::RenameFolder(MailFolder* folder, WStringView name) {
+  {
+    MutexLock lock(tree_mu_);
+    const Result r = RenameFolderLocked(folder, name);
+    if (r.failed()) return r;
+  }
+  Notify(FolderTreeChange::kRenamed, folder);
+  return rc::kOk;
+}
+
+Result Storage::RenameFolderLocked(MailFolder* folder, WStringView name) {
   Result r = CheckOwnFolder(folder);
   if (r.ok() && folder->is_root()) r = rc::kInvalidArg;
   if (r.ok()) r = CheckFolderName(name);
   if (r.failed()) return r;
   const MailFolder* same = folder->parent()->FindChild(name);
-  if (same != nullptr && same != folder) return kFolderExists;
+  if (same != nullptr && same != folder) return rc::kFileExists;
 
   WString old_name = std::exchange(folder->name_, WString(name));
-  r = ChangeTree([&] { folder->name_ = std::move(old_name); });
-  if (r.ok()) Notify(FolderTreeChange::kRenamed, folder);
-  return r;
+  return ChangeTree([&] { folder->name_ = std::move(old_name); });
 }
 
 Result Storage::DeleteFolder(MailFolder* folder) {
+  MailFolder* parent = nullptr;
+  {
+    MutexLock lock(tree_mu_);
+    const Result r = DeleteFolderLocked(folder, &parent);
+    if (r.failed()) return r;
+  }
+  Notify(FolderTreeChange::kDeleted, parent);
+  return rc::kOk;
+}
+
+Result Storage::DeleteFolderLocked(MailFolder* folder, MailFolder** parent_out) {
   Result r = CheckOwnFolder(folder);
   if (r.ok() && (folder->is_root() || HoldsSpecialFolder(*folder))) r = rc::kInvalidArg;
   if (r.failed()) return r;
@@ -147,11 +189,22 @@ Result Storage::DeleteFolder(MailFolder* folder) {
   Visit(*detached, [&](MailFolder& f) { subtree.push_back(&f); });
   for (MailFolder* f : subtree) RemoveFolderFile(*f);
   detached.reset();
-  Notify(FolderTreeChange::kDeleted, parent);
+  *parent_out = parent;
   return rc::kOk;
 }
 
 Result Storage::MoveFolder(MailFolder* folder, MailFolder* new_parent) {
+  bool moved = false;
+  {
+    MutexLock lock(tree_mu_);
+    const Result r = MoveFolderLocked(folder, new_parent, &moved);
+    if (r.failed()) return r;
+  }
+  if (moved) Notify(FolderTreeChange::kMoved, folder);
+  return rc::kOk;
+}
+
+Result Storage::MoveFolderLocked(MailFolder* folder, MailFolder* new_parent, bool* moved) {
   Result r = CheckOwnFolder(folder);
   if (r.ok()) r = CheckOwnFolder(new_parent);
   if (r.ok() && (folder->is_root() || HoldsSpecialFolder(*folder) || IsInSubtree(new_parent, *folder))) {
@@ -160,7 +213,7 @@ Result Storage::MoveFolder(MailFolder* folder, MailFolder* new_parent) {
   if (r.failed()) return r;
   MailFolder* old_parent = folder->parent();
   if (old_parent == new_parent) return rc::kOk;
-  if (new_parent->FindChild(folder->name()) != nullptr) return kFolderExists;
+  if (new_parent->FindChild(folder->name()) != nullptr) return rc::kFileExists;
 
   auto& from = old_parent->children_;
   const auto at = std::find_if(from.begin(), from.end(), [&](const auto& c) { return c.get() == folder; });
@@ -174,11 +227,12 @@ Result Storage::MoveFolder(MailFolder* folder, MailFolder* new_parent) {
     from.insert(from.begin() + static_cast<std::ptrdiff_t>(position), std::move(new_parent->children_.back()));
     new_parent->children_.pop_back();
   });
-  if (r.ok()) Notify(FolderTreeChange::kMoved, folder);
+  *moved = r.ok();
   return r;
 }
 
 MailFolder* Storage::FindFolder(WStringView path) const {
+  MutexLock lock(tree_mu_);
   MailFolder* folder = root_.get();
   while (folder != nullptr && !path.empty()) {
     const size_t slash = path.find(u'/');
@@ -189,14 +243,17 @@ MailFolder* Storage::FindFolder(WStringView path) const {
 }
 
 MailFolder* Storage::SpecialFolder(uint32_t kind) const {
+  MutexLock lock(tree_mu_);
   MailFolder* found = nullptr;
-  ForEachFolder([&](MailFolder& f) {
+  if (root_ == nullptr) return nullptr;
+  Visit(*root_, [&](MailFolder& f) {
     if (found == nullptr && f.kind() == kind) found = &f;
   });
   return found;
 }
 
 void Storage::ForEachFolder(const std::function<void(MailFolder&)>& visit) const {
+  MutexLock lock(tree_mu_);
   if (root_ != nullptr) Visit(*root_, visit);
 }
 

@@ -142,7 +142,7 @@ int RunMkdir(CliContext& ctx, const ParsedArgs& args) {
   if (parent == nullptr) return status;
   MailFolder* created = nullptr;
   const Result r = parent->storage().CreateFolder(parent, Utf8ToWide(name), &created);
-  if (r == Storage::kFolderExists) return Fail(ctx, "folder \"" + args.positional[0] + "\" exists already", r);
+  if (r == rc::kFileExists) return Fail(ctx, "folder \"" + args.positional[0] + "\" exists already", r);
   if (r.failed()) return Fail(ctx, "cannot create folder \"" + args.positional[0] + "\"", r);
   WriteOut(ctx, "created " + FolderPathText(*created) + "\n");
   return kExitOk;

@@ -1,6 +1,8 @@
 #include "store/container.h"
 
 #include <gtest/gtest.h>
+
+#include <cerrno>
 #include <sqlite3.h>
 
 #include <random>
@@ -19,11 +21,11 @@ class ContainerTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_EQ(Reopen(), rc::kOk); }
 
-  Result Reopen() { return c_.Open(path_, 512, false, u"Mail Storage", u'/', false, false); }
+  Result Reopen() { return c_.Open(path_, {.label = u"Mail Storage", .sync_commits = false}); }
 
   std::unique_ptr<ContainerStream> Stream(WStringView name, bool create = true) {
     std::unique_ptr<ContainerStream> s;
-    EXPECT_EQ(c_.OpenStream(name, create, &s), rc::kOk);
+    EXPECT_EQ(c_.OpenStream(name, create ? StreamOpen::kCreate : StreamOpen::kExisting, &s), rc::kOk);
     return s;
   }
 
@@ -218,15 +220,16 @@ TEST_F(ContainerTest, RootListingFollowsPatternOrderAndLimit) {
 
 TEST_F(ContainerTest, StreamNamesAndErrors) {
   std::unique_ptr<ContainerStream> s;
-  EXPECT_EQ(c_.OpenStream(u"/missing", false, &s), rc::kStreamMissing);
+  EXPECT_EQ(c_.OpenStream(u"/missing", StreamOpen::kExisting, &s), rc::kStreamMissing);
   EXPECT_EQ(c_.last_error(), rc::kStreamMissing);
   EXPECT_FALSE(s);
   for (const char16_t* bad : {u"", u"/", u"a//b", u"a/"}) {
-    EXPECT_EQ(c_.OpenStream(bad, true, &s), rc::kInvalidArg) << WideToUtf8(bad);
+    EXPECT_EQ(c_.OpenStream(bad, StreamOpen::kCreate, &s), rc::kInvalidArg) << WideToUtf8(bad);
   }
   EXPECT_EQ(c_.DeleteStream(u"missing"), rc::kStreamMissing);
 
-  ASSERT_EQ(c_.OpenStream(u"/ro", true, &s, false), rc::kOk);
+  ASSERT_EQ(c_.OpenStream(u"/ro", StreamOpen::kCreate, &s), rc::kOk);
+  ASSERT_EQ(c_.OpenStream(u"/ro", StreamOpen::kReadOnly, &s), rc::kOk);
   EXPECT_EQ(s->Write("x", 1), 0u);
   EXPECT_EQ(s->last_error(), rc::kStreamReadOnly);
 
@@ -254,13 +257,14 @@ TEST_F(ContainerTest, ForeignFilesAreRefusedUntouched) {
   ASSERT_EQ(sqlite3_exec(db, "CREATE TABLE t(x)", nullptr, nullptr, nullptr), SQLITE_OK);
   sqlite3_close(db);
   const std::string before = ReadFile(other);
-  EXPECT_EQ(c_.Open(other, 512, false, u"L", u'/', false, false), rc::kNotContainer);
+  EXPECT_EQ(c_.Open(other, {.label = u"L", .sync_commits = false}), rc::kNotContainer);
   EXPECT_EQ(ReadFile(other), before);
 
   // An empty file becomes an empty container; a missing one cannot be checked.
   WriteFile(dir_ / "empty.fld", "");
-  EXPECT_EQ(c_.Open(dir_ / "empty.fld", 512, false, u"L", u'/', false, false), rc::kOk);
-  EXPECT_EQ(CheckAndRepair(dir_ / "nothing.fld", 512, true, u""), Result(0x80070002));
+  EXPECT_EQ(c_.Open(dir_ / "empty.fld", {.label = u"L", .sync_commits = false}), rc::kOk);
+  EXPECT_EQ(CheckAndRepair(dir_ / "nothing.fld", 512, true, u""), ResultFromErrno(ENOENT));
+  EXPECT_EQ(ResultFromErrno(ENOENT), rc::kStreamMissing);
 }
 
 // Damages the headers of `count` table leaf pages (first byte 0x0D) found
@@ -294,7 +298,7 @@ TEST_F(ContainerTest, DamagedPagesAreSalvagedAndTheOriginalKept) {
   int intact = 0;
   for (int i = 0; i < 200; ++i) {
     std::unique_ptr<ContainerStream> s;
-    if (c_.OpenStream(W("m" + std::to_string(i)), false, &s).failed()) continue;
+    if (c_.OpenStream(W("m" + std::to_string(i)), StreamOpen::kExisting, &s).failed()) continue;
     const std::string got = ReadAll(*s);
     // A stream keeps only bytes that could be read: a prefix of the original.
     EXPECT_TRUE(got == body(i).substr(0, got.size())) << "stream m" << i;

@@ -43,18 +43,18 @@ inline std::vector<std::string> Subjects(const FolderFile& f) {
 class RawFolder {
  public:
   explicit RawFolder(const std::filesystem::path& path) {
-    EXPECT_EQ(c_.Open(path, 512, false, u"Mail Storage", u'/', false, false), rc::kOk);
+    EXPECT_EQ(c_.Open(path, {.label = u"Mail Storage", .sync_commits = false}), rc::kOk);
   }
   std::string Read(WStringView name) {
     std::unique_ptr<ContainerStream> s;
-    if (c_.OpenStream(name, false, &s).failed()) return "<missing>";
+    if (c_.OpenStream(name, StreamOpen::kExisting, &s).failed()) return "<missing>";
     std::string out;
     EXPECT_EQ(s->ReadRest(&out, UINT32_MAX), rc::kOk);
     return out;
   }
   void Write(WStringView name, const std::string& bytes) {
     std::unique_ptr<ContainerStream> s;
-    ASSERT_EQ(c_.OpenStream(name, true, &s), rc::kOk);
+    ASSERT_EQ(c_.OpenStream(name, StreamOpen::kCreate, &s), rc::kOk);
     ASSERT_EQ(s->WriteAll(bytes), rc::kOk);
     ASSERT_EQ(s->Cut(), rc::kOk);
   }

@@ -78,10 +78,10 @@ TEST_F(StorageTreeTest, RefusedChanges) {
   };
   const Row rows[] = {
       {"duplicate name, other case", [&] { return s_.CreateFolder(s_.root(), u"WORK", nullptr); },
-       Storage::kFolderExists},
-      {"rename onto a sibling", [&] { return s_.RenameFolder(other_folder, u"work"); }, Storage::kFolderExists},
+       rc::kFileExists},
+      {"rename onto a sibling", [&] { return s_.RenameFolder(other_folder, u"work"); }, rc::kFileExists},
       {"move next to a namesake", [&] { return s_.MoveFolder(s_.FindFolder(u"Work/Sub"), other_folder); },
-       Storage::kFolderExists},
+       rc::kFileExists},
       {"empty name", [&] { return s_.CreateFolder(s_.root(), u"", nullptr); }, rc::kInvalidArg},
       {"slash in the name", [&] { return s_.CreateFolder(s_.root(), u"a/b", nullptr); }, rc::kInvalidArg},
       {"control character", [&] { return s_.RenameFolder(other_folder, u"a\tb"); }, rc::kInvalidArg},
