@@ -27,7 +27,7 @@ TEST(FieldLineTest, EveryReaderAgrees) {
       {"blanks before the colon", "Subject \t : hi", u"hi"},
       {"blank inside the name", "Sub ject: hi", u""},
       {"no name", ": hi", u""},
-      {"8-bit name", "Subj\xE9ct: hi", u""},
+      {"8-bit name", "Subj\xE9" "ct: hi", u""},
       {"no colon", "Subject hi", u""},
   };
   for (const Row& row : rows) {
