@@ -52,6 +52,12 @@ void TrustTestCa() {
   });
 }
 
+std::string Line(CMailSocket& s) {
+  std::string line;
+  const Result r = s.ReadLine(&line);
+  return r.ok() ? line : "(error " + ResultHex(r) + ")";
+}
+
 Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::string>* lines) {
   lines->clear();
   std::string line;

@@ -69,6 +69,9 @@ class ClosedPort {
 // Adds the test CA of tests/support/certificates.h to the trust store, once.
 void TrustTestCa();
 
+// The next line, or "(error 0x...)" when reading fails.
+std::string Line(CMailSocket& s);
+
 // Reads lines until one starts with prefix (that line included). Stops at
 // the first failure, which it returns.
 Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::string>* lines);
