@@ -18,23 +18,18 @@ using test::StateRecorder;
 
 class TlsTest : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() {
-    std::string error;
-    certs_ = test::Certificates(&error);
-    ASSERT_NE(certs_, nullptr) << error;
-    ASSERT_EQ(TlsEngine::AddTrustedCertificates(certs_->ca.cert.string()), rc::kOk);
-  }
   void SetUp() override {
-    if (!certs_) GTEST_SKIP() << "no test certificates";
+    std::string error;
+    ASSERT_NE(certs_ = test::Certificates(&error), nullptr) << error;
+    test::TrustTestCa();
   }
   // A socket for implicit TLS with a time-out of `seconds`.
   static void Implicit(CMailSocket& s, uint16_t seconds = 2) {
     s.SetTimeout(seconds);
     s.SetPlainMode(false).Ignore();
   }
-  static const test::TestCertificates* certs_;
+  const test::TestCertificates* certs_ = nullptr;
 };
-const test::TestCertificates* TlsTest::certs_ = nullptr;
 
 TEST_F(TlsTest, UpgradeDropsWhatArrivedInTheClear) {
   // Bytes after the server's go-ahead came unprotected; after the handshake

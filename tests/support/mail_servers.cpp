@@ -80,12 +80,8 @@ MailServers::~MailServers() { StopProcesses(pids_, kStopGrace); }
 
 std::string MailServers::LogTail(const std::string& name) const {
   const fs::path log = dir_ / (name + ".log");
-  std::ifstream in(log);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  std::string tail;
-  for (size_t i = lines.size() > 12 ? lines.size() - 12 : 0; i < lines.size(); ++i) tail += "\n  " + lines[i];
-  return " (log " + log.string() + ":" + tail + ")";
+  const std::string text = ReadFile(log);
+  return " (log " + log.string() + ", its end:\n" + text.substr(text.size() > 1500 ? text.size() - 1500 : 0) + ")";
 }
 
 ServerStatus MailServers::Ready(const std::vector<const char*>& programs) {
