@@ -5,24 +5,12 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdlib>
 #include <mutex>
 
 #include "net/sasl.h"
 #include "tests/support/certificates.h"
 
 namespace trv::test {
-
-int StateRecorder::Count(int state) const {
-  return static_cast<int>(std::count(states.begin(), states.end(), state));
-}
-
-bool Decider::AcceptCertificate(CMailSocket&, uint32_t flags, const TlsCertificate& cert) {
-  this->flags.push_back(flags);
-  subject = cert.Subject();
-  return answer;
-}
 
 ClosedPort::ClosedPort() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   sockaddr_in a{};
@@ -52,6 +40,14 @@ void TrustTestCa() {
   });
 }
 
+std::string Error(Result r) { return "(error " + ResultHex(r) + ")"; }
+
+std::string Line(CMailSocket& s) {
+  std::string line;
+  const Result r = s.ReadLine(&line);
+  return r.ok() ? line : Error(r);
+}
+
 Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::string>* lines) {
   lines->clear();
   std::string line;
@@ -77,14 +73,8 @@ Result Pop3Mechanisms(CMailSocket& s, uint32_t* bits) {
 
 std::string Hex(std::string_view pairs) {
   std::string bytes;
-  std::string digits;
-  for (char c : pairs) {
-    if (c == ' ') continue;
-    digits += c;
-    if (digits.size() == 2) {
-      bytes.push_back(static_cast<char>(std::strtol(digits.c_str(), nullptr, 16)));
-      digits.clear();
-    }
+  for (size_t i = 0; i + 1 < pairs.size(); i += 3) {
+    bytes.push_back(static_cast<char>(std::stoi(std::string(pairs.substr(i, 2)), nullptr, 16)));
   }
   return bytes;
 }

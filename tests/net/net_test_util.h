@@ -1,6 +1,7 @@
 // Helpers shared by the net tests.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <ostream>
 #include <set>
@@ -23,7 +24,7 @@ struct StateRecorder final : SocketListener {
   std::vector<int> states;
   void OnSocketState(CMailSocket&, int state) override { states.push_back(state); }
   void Attach(CMailSocket& s) { s.AddListener(this); }
-  int Count(int state) const;
+  int Count(int state) const { return static_cast<int>(std::count(states.begin(), states.end(), state)); }
 };
 
 // Records the certificate questions and answers them with `answer`.
@@ -31,7 +32,11 @@ struct Decider final : CertificateDecider {
   bool answer = false;
   std::vector<uint32_t> flags;
   std::string subject;
-  bool AcceptCertificate(CMailSocket&, uint32_t flags, const TlsCertificate& cert) override;
+  bool AcceptCertificate(CMailSocket&, uint32_t flags, const TlsCertificate& cert) override {
+    this->flags.push_back(flags);
+    subject = cert.Subject();
+    return answer;
+  }
 };
 
 // The system network, except that some names do not resolve: makes the
@@ -69,6 +74,11 @@ class ClosedPort {
 // Adds the test CA of tests/support/certificates.h to the trust store, once.
 void TrustTestCa();
 
+// "(error 0x...)" for a failure, as Line gives it.
+std::string Error(Result r);
+// The next line, or Error() of the failure.
+std::string Line(CMailSocket& s);
+
 // Reads lines until one starts with prefix (that line included). Stops at
 // the first failure, which it returns.
 Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::string>* lines);
@@ -77,7 +87,8 @@ Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::strin
 // mechanisms the server lists.
 Result Pop3Mechanisms(CMailSocket& s, uint32_t* bits);
 
-// Bytes written as hex pairs, for readable expectations: Hex("04 01 00 6e").
+// Bytes written as hex pairs with one blank between, for readable
+// expectations: Hex("04 01 00 6e").
 std::string Hex(std::string_view pairs);
 
 }  // namespace trv::test

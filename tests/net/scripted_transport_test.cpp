@@ -17,14 +17,12 @@ TEST(ScriptedNetworkTest, TranscriptWithStartTls) {
   s.SetNetwork(&net);
   ASSERT_EQ(s.Connect("smtp.test", 25), rc::kOk);
   EXPECT_EQ(net.ConnectedTo(), "192.0.2.1:25");
-  std::string line;
-  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(test::Line(s), "220 ready");
   ASSERT_EQ(s.SendLine("STARTTLS"), rc::kOk);
-  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(test::Line(s), "220 go");
   ASSERT_EQ(s.SetPlainMode(false), rc::kOk);
   ASSERT_EQ(s.SendLine("EHLO c"), rc::kOk);
-  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
-  EXPECT_EQ(line, "250 ok");
+  EXPECT_EQ(test::Line(s), "250 ok");
   EXPECT_TRUE(net.Finished());
   EXPECT_EQ(net.Mismatch(), "");
   EXPECT_EQ(net.Written(), "STARTTLS\r\n[STARTTLS]EHLO c\r\n");
@@ -35,8 +33,7 @@ TEST(ScriptedNetworkTest, DifferencesEndTheConnection) {
   CMailSocket s;
   s.SetNetwork(&net);
   ASSERT_EQ(s.Connect("pop.test", 110), rc::kOk);
-  std::string line;
-  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+  EXPECT_EQ(test::Line(s), "+OK");
   EXPECT_EQ(s.SendLine("USER bob"), rc::kSockClosed);
   EXPECT_EQ(net.Mismatch(), "step 2: the client sent \"USER bob\\r\\n\", the script expects \"USER alice\\r\\n\"");
   EXPECT_FALSE(net.Finished());
@@ -45,7 +42,7 @@ TEST(ScriptedNetworkTest, DifferencesEndTheConnection) {
   CMailSocket t;
   t.SetNetwork(&waits);
   ASSERT_EQ(t.Connect("pop.test", 110), rc::kOk);
-  EXPECT_EQ(t.ReadLine(&line), rc::kSockTimedOut);
+  EXPECT_EQ(test::Line(t), test::Error(rc::kSockTimedOut));
   EXPECT_NE(waits.Mismatch().find("the client waits for data"), std::string::npos);
 }
 
@@ -63,8 +60,7 @@ TEST(ScriptedNetworkTest, ScriptedFailures) {
   CMailSocket s;
   s.SetNetwork(&failing);
   ASSERT_EQ(s.Connect("pop.test", 110), rc::kOk);
-  std::string line;
-  EXPECT_EQ(s.ReadLine(&line), rc::kSockNetworkDown);
+  EXPECT_EQ(test::Line(s), test::Error(rc::kSockNetworkDown));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
-// TLS against the real Dovecot and Postfix: implicit TLS and the
-// STARTTLS/STLS upgrade, also through SOCKS 5 proxies; the certificate flags of expired,
-// self-signed and misnamed certificates; the protocol versions.
+// TLS against the real Dovecot and Postfix: implicit TLS and the STARTTLS/STLS
+// upgrade, also through SOCKS 5 proxies; the certificate flags of expired,
+// self-signed and misnamed certificates and the decision on them; the
+// protocol versions.
 #include <gtest/gtest.h>
 
 #include "net/mail_socket.h"
@@ -25,23 +26,31 @@ class DovecotTlsTest : public ::testing::Test {
   static const test::ServerPorts& ports() { return MailServers::Instance().ports(); }
 };
 
-TEST_F(DovecotTlsTest, ImplicitTlsFromTheFirstByte) {
+TEST_F(DovecotTlsTest, ImplicitOrAfterThePlainGreeting) {
   const MailUser& u = MailServers::MicrosocksUser();
   struct Row {
     const char* name;
     test::ServerStatus status;
     uint16_t port;
-    uint16_t socks5;  // 0: direct
+    uint16_t proxy;  // SOCKS 5 (with u's credentials when it is microsocks_auth); 0: direct
     const char* greeting;
-    const char* quit;
-    const char* end;
+    const char* upgrade;  // null: TLS from the first byte
+    const char* go;       // the start of the last line of the reply to the upgrade
+    const char* then;
+    const char* done;  // ... and of the reply to a command inside TLS
   };
   const Row rows[] = {
-      {"IMAPS", {}, ports().imaps, 0, "* OK", "a LOGOUT", "a OK"},
-      {"POP3S", {}, ports().pop3s, 0, "+OK", "QUIT", "+OK"},
-      {"SMTPS", servers().Postfix(), ports().smtps, 0, "220 ", "QUIT", "221"},
+      {"IMAPS", {}, ports().imaps, 0, "* OK", nullptr, "", "a LOGOUT", "a OK"},
+      {"POP3S", {}, ports().pop3s, 0, "+OK", nullptr, "", "QUIT", "+OK"},
+      {"SMTPS", servers().Postfix(), ports().smtps, 0, "220 ", nullptr, "", "QUIT", "221"},
       {"IMAPS through SOCKS 5 with user and password", servers().Microsocks(), ports().imaps,
-       ports().microsocks_auth, "* OK", "a LOGOUT", "a OK"},
+       ports().microsocks_auth, "* OK", nullptr, "", "a LOGOUT", "a OK"},
+      {"IMAP STARTTLS", {}, ports().imap, 0, "* OK", "a STARTTLS", "a OK", "b CAPABILITY", "b OK"},
+      {"POP3 STLS", {}, ports().pop3, 0, "+OK", "STLS", "+OK", "CAPA", "."},
+      {"POP3 STLS through microsocks", servers().Microsocks(), ports().pop3, ports().microsocks, "+OK", "STLS",
+       "+OK", "CAPA", "."},
+      {"POP3 STLS through Dante", servers().Dante(), ports().pop3, ports().dante, "+OK", "STLS", "+OK", "CAPA",
+       "."},
   };
   for (const Row& row : rows) {
     TRV_REQUIRE_SERVER(row.status);
@@ -49,64 +58,21 @@ TEST_F(DovecotTlsTest, ImplicitTlsFromTheFirstByte) {
     CMailSocket s;
     s.SetTimeout(5);
     s.SetCertificateDecider(&decider);
-    if (row.socks5) {
-      s.SetSocks(kSocks5, "127.0.0.1", row.socks5);
-      s.SetSocksCredentials(true, u.name, u.password);
-    }
-    ASSERT_EQ(s.SetPlainMode(false), rc::kOk);
+    if (row.proxy) s.SetSocks(kSocks5, "127.0.0.1", row.proxy);
+    s.SetSocksCredentials(row.proxy == ports().microsocks_auth, u.name, u.password);
+    s.SetPlainMode(row.upgrade != nullptr).Ignore();  // before connecting it cannot fail
     ASSERT_EQ(s.Connect("localhost", row.port), rc::kOk) << row.name << ": " << s.tls_error_detail();
-    EXPECT_TRUE(decider.flags.empty()) << row.name;
     std::vector<std::string> lines;
     ASSERT_EQ(ReadUntil(s, row.greeting, &lines), rc::kOk) << row.name;
-    ASSERT_EQ(s.SendLine(row.quit), rc::kOk) << row.name;
-    EXPECT_EQ(ReadUntil(s, row.end, &lines), rc::kOk) << row.name;
-  }
-}
-
-TEST_F(DovecotTlsTest, ImapStartTls) {
-  CMailSocket s;
-  s.SetTimeout(5);
-  ASSERT_EQ(s.Connect("localhost", ports().imap), rc::kOk);
-  std::string line;
-  ASSERT_EQ(s.ReadLine(&line), rc::kOk);
-  EXPECT_NE(line.find("STARTTLS"), std::string::npos) << line;
-  ASSERT_EQ(s.SendLine("a STARTTLS"), rc::kOk);
-  std::vector<std::string> lines;
-  ASSERT_EQ(ReadUntil(s, "a ", &lines), rc::kOk);
-  ASSERT_EQ(lines.back().rfind("a OK", 0), 0u) << lines.back();
-  ASSERT_EQ(s.SetPlainMode(false), rc::kOk) << s.tls_error_detail();
-  ASSERT_EQ(s.SendLine("b CAPABILITY"), rc::kOk);
-  ASSERT_EQ(ReadUntil(s, "b ", &lines), rc::kOk);
-  EXPECT_EQ(lines.back().rfind("b OK", 0), 0u);
-  EXPECT_EQ(lines.front().find("STARTTLS"), std::string::npos) << "offered again inside TLS: " << lines.front();
-}
-
-TEST_F(DovecotTlsTest, Pop3StlsThroughSocks5) {
-  struct Row {
-    const char* name;
-    test::ServerStatus status;
-    uint16_t proxy;
-  };
-  const Row rows[] = {{"no proxy", {}, 0},
-                      {"microsocks", servers().Microsocks(), ports().microsocks},
-                      {"Dante", servers().Dante(), ports().dante}};
-  for (const Row& row : rows) {
-    TRV_REQUIRE_SERVER(row.status);
-    CMailSocket s;
-    s.SetTimeout(5);
-    if (row.proxy) s.SetSocks(kSocks5, "127.0.0.1", row.proxy);
-    ASSERT_EQ(s.Connect("localhost", ports().pop3), rc::kOk) << row.name;
-    std::string line;
-    ASSERT_EQ(s.ReadLine(&line), rc::kOk) << row.name;
-    ASSERT_EQ(s.SendLine("STLS"), rc::kOk);
-    ASSERT_EQ(s.ReadLine(&line), rc::kOk);
-    ASSERT_EQ(line.rfind("+OK", 0), 0u) << row.name << ": " << line;
-    // The certificate names localhost, not the proxy's address.
-    ASSERT_EQ(s.SetPlainMode(false), rc::kOk) << row.name << ": " << s.tls_error_detail();
-    ASSERT_EQ(s.SendLine("CAPA"), rc::kOk);
-    std::vector<std::string> lines;
-    ASSERT_EQ(ReadUntil(s, ".", &lines), rc::kOk) << row.name;
-    EXPECT_EQ(lines.front(), "+OK") << row.name;
+    if (row.upgrade) {
+      ASSERT_EQ(s.SendLine(row.upgrade), rc::kOk);
+      ASSERT_EQ(ReadUntil(s, row.go, &lines), rc::kOk) << row.name;
+      // The certificate names localhost, not the proxy's address.
+      ASSERT_EQ(s.SetPlainMode(false), rc::kOk) << row.name << ": " << s.tls_error_detail();
+    }
+    EXPECT_TRUE(decider.flags.empty()) << row.name;
+    ASSERT_EQ(s.SendLine(row.then), rc::kOk);
+    EXPECT_EQ(ReadUntil(s, row.done, &lines), rc::kOk) << row.name;
   }
 }
 
@@ -115,14 +81,14 @@ TEST_F(DovecotTlsTest, CertificateFlags) {
   struct Row {
     const char* host;
     uint32_t flags;
+    const char* subject;  // part of what the decider is shown
   };
   const Row rows[] = {
-      {"localhost", 0},
-      {"LOCALHOST", 0},  // differs only in case
-      {"127.0.0.1", 0},
-      {"127.0.0.2", kCertExpired},
-      {"127.0.0.3", kCertUntrustedRoot},
-      {"127.0.0.4", kCertNameMismatch},
+      {"localhost", 0, ""},
+      {"127.0.0.1", 0, ""},
+      {"127.0.0.2", kCertExpired, "localhost"},
+      {"127.0.0.3", kCertUntrustedRoot, "localhost"},
+      {"127.0.0.4", kCertNameMismatch, "mail.other.test"},
   };
   for (const Row& row : rows) {
     for (int mode = 0; mode < 3; ++mode) {  // no callback, refusing, accepting
@@ -139,10 +105,10 @@ TEST_F(DovecotTlsTest, CertificateFlags) {
       if (mode > 0) {
         EXPECT_EQ(decider.flags, row.flags ? std::vector<uint32_t>{row.flags} : std::vector<uint32_t>{})
             << row.host << " mode " << mode;
+        EXPECT_NE(decider.subject.find(row.subject), std::string::npos) << row.host << ": " << decider.subject;
       }
-      std::string line;
       if (accepted) {
-        EXPECT_EQ(s.ReadLine(&line), rc::kOk) << row.host;
+        EXPECT_EQ(test::Line(s).rfind("* OK", 0), 0u) << row.host;
       }
     }
   }
@@ -175,8 +141,7 @@ TEST_F(DovecotTlsTest, ProtocolVersions) {
     EXPECT_EQ(s.Connect("localhost", ports().imaps), row.want) << row.name << ": " << s.tls_error_detail();
     if (row.want.ok()) {
       EXPECT_EQ(s.TlsProtocol(), row.protocol) << row.name;
-      std::string line;
-      EXPECT_EQ(s.ReadLine(&line), rc::kOk) << row.name;
+      EXPECT_EQ(test::Line(s).rfind("* OK", 0), 0u) << row.name;
     }
   }
 }

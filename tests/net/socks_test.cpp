@@ -12,15 +12,6 @@ namespace {
 using test::Hex;
 using test::ScriptServer;
 
-// What the client must send in a script: its Client steps in order.
-std::string ClientBytes(const Script& script) {
-  std::string bytes;
-  for (const Script::Step& step : script.steps()) {
-    if (step.kind == Script::Step::kClient) bytes += step.bytes;
-  }
-  return bytes;
-}
-
 struct Case {
   std::string name;
   uint32_t version;
@@ -31,7 +22,7 @@ struct Case {
 };
 
 // Connects through the scripted proxy to host:110 and reads one line; the
-// proxy must have seen exactly the client's bytes of the script.
+// proxy must have seen exactly the client's bytes of the script, in steps.
 void Check(const Case& c, const std::string& user = "user") {
   test::NetworkWithout network({"mail.internal"});
   ScriptServer proxy(c.script);
@@ -42,14 +33,11 @@ void Check(const Case& c, const std::string& user = "user") {
   s.SetSocksCredentials(c.auth, user, "pass");
   EXPECT_EQ(s.Connect(c.host, 110), c.want) << c.name;
   EXPECT_EQ(s.connected(), c.want.ok()) << c.name << ": a failed handshake closes the socket";
-  std::string line;
   if (c.want.ok()) {
-    EXPECT_EQ(s.ReadLine(&line), rc::kOk) << c.name;
-    EXPECT_EQ(line, "+OK") << c.name;
+    EXPECT_EQ(test::Line(s), "+OK") << c.name;
   }
   s.Close().Ignore();
   EXPECT_EQ(proxy.Finish(), "") << c.name;
-  EXPECT_EQ(proxy.Received(), ClientBytes(c.script)) << c.name;
 }
 
 const std::string kSocks4Request = Hex("04 01 00 6e 7f 00 00 01") + "user" + Hex("00");

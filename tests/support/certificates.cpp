@@ -26,43 +26,33 @@ struct Maker {
     return false;
   }
 
-  CertificateFiles Files(const std::string& name) {
-    return {temp / (name + ".pem"), temp / (name + ".key")};
-  }
+  CertificateFiles Files(const std::string& name) { return {temp / (name + ".pem"), temp / (name + ".key")}; }
 
-  std::vector<std::string> NewKey(const CertificateFiles& f) {
-    return {"-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout", f.key.string()};
+  // "openssl req" with a new P-256 key for f, the subject CN=cn and more arguments.
+  bool Request(const CertificateFiles& f, const std::string& cn, std::vector<std::string> more) {
+    std::vector<std::string> args{"req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
+                                  f.key.string(), "-subj", "/CN=" + cn};
+    args.insert(args.end(), more.begin(), more.end());
+    return Run(args);
   }
 
   bool SelfSigned(const CertificateFiles& f, const std::string& cn, const std::vector<std::string>& exts) {
-    std::vector<std::string> args{"req", "-x509"};
-    for (const std::string& a : NewKey(f)) args.push_back(a);
-    args.insert(args.end(), {"-out", f.cert.string(), "-days", "3650", "-subj"});
-    args.push_back("/CN=" + cn);
-    for (const std::string& e : exts) {
-      args.push_back("-addext");
-      args.push_back(e);
-    }
-    return Run(args);
+    std::vector<std::string> more{"-x509", "-out", f.cert.string(), "-days", "3650"};
+    for (const std::string& e : exts) more.insert(more.end(), {"-addext", e});
+    return Request(f, cn, more);
   }
 
   bool Signed(const CertificateFiles& f, const std::string& cn, const std::string& sans, int days) {
     const std::string csr = f.cert.string() + ".csr";
     const std::string ext = f.cert.string() + ".ext";
-    std::string text = "basicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n";
-    if (!sans.empty()) text += "subjectAltName=" + sans + "\n";
-    WriteFile(ext, text);
-    std::vector<std::string> req{"req"};
-    for (const std::string& a : NewKey(f)) req.push_back(a);
-    req.insert(req.end(), {"-out", csr, "-subj", "/CN=" + cn});
-    if (!Run(req)) return false;
+    WriteFile(ext, "basicConstraints=CA:FALSE\nextendedKeyUsage=serverAuth\n" +
+                       (sans.empty() ? "" : "subjectAltName=" + sans + "\n"));
     // A negative number of days gives a certificate that ended before now.
-    return Run({"x509", "-req", "-in", csr, "-CA", ca().cert.string(), "-CAkey", ca().key.string(),
-                "-set_serial", std::to_string(++serial), "-days", std::to_string(days), "-extfile", ext,
-                "-out", f.cert.string()});
+    return Request(f, cn, {"-out", csr}) &&
+           Run({"x509", "-req", "-in", csr, "-CA", certs.ca.cert.string(), "-CAkey", certs.ca.key.string(),
+                "-set_serial", std::to_string(++serial), "-days", std::to_string(days), "-extfile", ext, "-out",
+                f.cert.string()});
   }
-
-  const CertificateFiles& ca() const { return certs.ca; }
 
   bool Make() {
     if (!Executable(kOpenssl)) {

@@ -1,31 +1,27 @@
-// The test harness for real servers on 127.0.0.1, used by every network test
-// and benchmark. One MailServers per test process starts each server the
-// first time a test asks for it, inside a temporary directory (mode 711), on
-// free high ports, and stops them all by process id when the process ends
-// (SIGTERM, then SIGKILL). Servers are children of the test process and die
-// with it.
+// The test harness for real servers on 127.0.0.1, used by every network test and benchmark. One
+// MailServers per test process starts each server the first time a test asks for it, inside a temporary
+// directory (mode 711), on free high ports, and stops them all by process id when the process ends
+// (SIGTERM, then SIGKILL). Servers are children of the test process and die with it.
 //
-//   Dovecot   IMAP with STARTTLS, IMAPS, POP3 with STLS, POP3S; passwd-file
-//             users with {PLAIN} passwords (PLAIN, LOGIN, CRAM-MD5, APOP);
-//             maildirs owned by the mail user. Its IMAPS and POP3S ports
-//             also serve the negative certificates by local address:
-//             127.0.0.2 expired, 127.0.0.3 self-signed, 127.0.0.4 another
-//             name.
-//   Postfix   SMTP with STARTTLS and AUTH (checked by Dovecot), SMTPS;
-//             delivers to local users through Dovecot's LMTP into the same
-//             maildirs; never relays.
-//   Dante     SOCKS 4 and SOCKS 5, without authentication or with user name
-//             and password of a system user (created with useradd).
+//   Dovecot     IMAP with STARTTLS, IMAPS, POP3 with STLS, POP3S; passwd-file users with {PLAIN}
+//               passwords (PLAIN, LOGIN, CRAM-MD5, APOP); maildirs owned by the mail user. A client
+//               bound to 127.0.0.2 is not secure to it: it offers such a client only CRAM-MD5 (the
+//               way to test that no password goes out in the clear). Its IMAPS and POP3S ports
+//               serve the negative certificates by local address: 127.0.0.2 expired, 127.0.0.3
+//               self-signed, 127.0.0.4 another name.
+//   Postfix     SMTP with STARTTLS and AUTH (checked by Dovecot), SMTPS; delivers to local users
+//               through Dovecot's LMTP into the same maildirs; never relays.
+//   Dante       SOCKS 4 and SOCKS 5, without authentication or with user name and password of a
+//               system user (created with useradd).
 //   microsocks  SOCKS 5 without, and on a second port with, user/password.
-//   ssh -D    SOCKS 4 and 4A through an sshd on loopback.
+//   ssh -D      SOCKS 4 and 4A through an sshd on loopback.
 //
 // Certificates come from tests/support/certificates.h; trust the test CA
 // (TlsEngine::AddTrustedCertificates) to see the valid one without flags.
 //
-// The harness needs root (Dovecot's mail user, Dante's system user, sshd):
-// CI runs as root. A server whose program is not installed, or a run without
-// root, makes the test skip with the reason, unless the environment variable
-// CI is "true": then it fails. A server that is installed but does not start
+// The harness needs root (Dovecot's mail user, Dante's system user, sshd): CI runs as root. A server
+// whose program is not installed, or a run without root, makes the test skip with the reason, unless
+// the environment variable CI is "true": then it fails. A server that is installed but does not start
 // always fails the test, with the end of its log.
 #pragma once
 
@@ -102,7 +98,8 @@ class MailServers {
   MailServers();
   // The user's Maildir (cur, new, tmp), made on first use.
   std::filesystem::path Maildir(const std::string& user);
-  ServerStatus Prepare();
+  // Root and the certificates once; then whether every program is there.
+  ServerStatus Ready(const std::vector<const char*>& programs);
   // The status of the first start, which runs on the first call only.
   ServerStatus Started(std::unique_ptr<ServerStatus>& status, ServerStatus (MailServers::*start)());
   ServerStatus StartDovecot();
@@ -110,8 +107,10 @@ class MailServers {
   ServerStatus StartDante();
   ServerStatus StartMicrosocks();
   ServerStatus StartSsh();
+  // Starts argv, logging to <name>.log, and waits until it accepts
+  // connections on every port of 127.0.0.1; stops it when it does not.
   ServerStatus Launch(const std::string& name, const std::vector<std::string>& argv,
-                      const std::vector<std::pair<std::string, uint16_t>>& ports, pid_t* pid);
+                      const std::vector<uint16_t>& ports);
   std::string LogTail(const std::string& name) const;
 
   TempDir dir_;

@@ -18,19 +18,23 @@
 namespace trv::test {
 
 namespace {
-sockaddr_in Ipv4(const std::string& address, uint16_t port) {
+
+// Whether binding to (connect false) or connecting to address:port works.
+bool TryPort(const std::string& address, uint16_t port, bool connect) {
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_port = htons(port);
   ::inet_pton(AF_INET, address.c_str(), &a.sin_addr);
-  return a;
+  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const auto* sa = reinterpret_cast<const sockaddr*>(&a);
+  const bool ok = (connect ? ::connect(fd, sa, sizeof a) : ::bind(fd, sa, sizeof a)) == 0;
+  ::close(fd);
+  return ok;
 }
 
 // Whether the child is still running (reaps it when it ended).
-bool ProcessAlive(pid_t pid) {
-  int status = 0;
-  return ::waitpid(pid, &status, WNOHANG) == 0;
-}
+bool Alive(pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG) == 0; }
+
 }  // namespace
 
 pid_t StartProcess(const std::vector<std::string>& argv, const std::filesystem::path& log, std::string* error) {
@@ -83,7 +87,7 @@ void StopProcesses(const std::vector<pid_t>& pids, std::chrono::milliseconds gra
   const auto deadline = std::chrono::steady_clock::now() + grace;
   while (!running.empty()) {
     for (auto it = running.begin(); it != running.end();) {
-      it = ProcessAlive(*it) ? std::next(it) : running.erase(it);
+      it = Alive(*it) ? std::next(it) : running.erase(it);
     }
     if (running.empty()) break;
     if (std::chrono::steady_clock::now() >= deadline) {
@@ -103,11 +107,7 @@ uint16_t PickFreePort() {
   std::uniform_int_distribution<int> dist(20000, 31999);
   for (int attempt = 0; attempt < 200; ++attempt) {
     const uint16_t port = static_cast<uint16_t>(dist(rng));
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in a = Ipv4("127.0.0.1", port);
-    const bool free = ::bind(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
-    ::close(fd);
-    if (free) return port;
+    if (TryPort("127.0.0.1", port, false)) return port;
   }
   return 0;
 }
@@ -115,12 +115,8 @@ uint16_t PickFreePort() {
 bool WaitForPort(const std::string& address, uint16_t port, pid_t pid, std::chrono::milliseconds limit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
   while (std::chrono::steady_clock::now() < deadline) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    const sockaddr_in a = Ipv4(address, port);
-    const bool up = ::connect(fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) == 0;
-    ::close(fd);
-    if (up) return true;
-    if (pid > 0 && !ProcessAlive(pid)) return false;
+    if (TryPort(address, port, true)) return true;
+    if (pid > 0 && !Alive(pid)) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(25));
   }
   return false;

@@ -22,7 +22,7 @@ pid_t StartProcess(const std::vector<std::string>& argv, const std::filesystem::
 int RunProcess(const std::vector<std::string>& argv, const std::filesystem::path& log);
 
 // Sends SIGTERM to every pid first, then waits for all (servers stop in
-// parallel), killing what is left after the grace period; reaps them.
+// parallel), killing the process group of what is left after the grace period.
 void StopProcesses(const std::vector<pid_t>& pids, std::chrono::milliseconds grace);
 
 // A port on 127.0.0.1 that nothing listens on, below the range the system

@@ -95,7 +95,7 @@ ScriptServer::~ScriptServer() {
 
 void ScriptServer::Play() {
   auto fail = [this](std::string text) {
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     if (mismatch_.empty()) mismatch_ = std::move(text);
   };
   pollfd p{listen_fd_, POLLIN, 0};
@@ -110,7 +110,7 @@ void ScriptServer::Play() {
   {
     char text[INET_ADDRSTRLEN] = {};
     ::inet_ntop(AF_INET, &peer.sin_addr, text, sizeof text);
-    std::lock_guard<std::mutex> lock(mu_);
+    MutexLock lock(mu_);
     peer_ = text;
   }
   const auto& steps = script_.steps();
@@ -131,7 +131,7 @@ void ScriptServer::Play() {
         got.append(buf, static_cast<size_t>(n));
       }
       {
-        std::lock_guard<std::mutex> lock(mu_);
+        MutexLock lock(mu_);
         received_ += got;
       }
       if (got != s.bytes) {
@@ -168,17 +168,17 @@ void ScriptServer::Play() {
 
 std::string ScriptServer::Finish() {
   if (thread_.joinable()) thread_.join();
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return mismatch_;
 }
 
 std::string ScriptServer::Received() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return received_;
 }
 
 std::string ScriptServer::PeerAddress() {
-  std::lock_guard<std::mutex> lock(mu_);
+  MutexLock lock(mu_);
   return peer_;
 }
 

@@ -12,10 +12,10 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <thread>
 
+#include "base/thread_annotations.h"
 #include "net/scripted_transport.h"
 #include "tests/support/certificates.h"
 
@@ -30,9 +30,9 @@ class ScriptServer {
 
   uint16_t port() const { return port_; }
 
-  // Waits until the script has been played or the client went away (each
-  // step waits 10 s at most), and returns the first difference between the client and the
-  // script; "" when the client sent exactly what the script says.
+  // Waits until the script has been played or the client went away (each step waits 10 s at
+  // most), and returns the first difference between the client and the script; "" when the
+  // client sent exactly what the script says.
   std::string Finish();
 
   // Everything the client sent, and its address as the server saw it.
@@ -46,10 +46,10 @@ class ScriptServer {
   CertificateFiles tls_;
   int listen_fd_ = -1;
   uint16_t port_ = 0;
-  std::mutex mu_;
-  std::string mismatch_;
-  std::string received_;
-  std::string peer_;
+  Mutex mu_;  // the play thread writes these, the test reads them
+  std::string mismatch_ GUARDED_BY(mu_);
+  std::string received_ GUARDED_BY(mu_);
+  std::string peer_ GUARDED_BY(mu_);
   std::thread thread_;
 };
 
