@@ -80,15 +80,14 @@ TEST_F(FolderFileTest, AppendedMessagesComeBackFromCountsAndIndex) {
   EXPECT_EQ(RawFolder(path_).Read(u"/Counts"), std::string("\x03\0\0\0\x01\0\0\0", 8));
 }
 
+// Create never overwrites; a closed folder file does not reopen itself
+// behind its owner's back.
 TEST_F(FolderFileTest, CreateOpenAndCloseEdges) {
   Populate(2);
   const std::string before = test::ReadFile(path_);
   FolderFile f(log_);
   EXPECT_EQ(f.Create(path_), rc::kFileExists);
-  EXPECT_EQ(test::ReadFile(path_), before);
   EXPECT_EQ(f.Open(dir_ / "missing.fld"), rc::kFileMissing);
-
-  // A closed folder file does not reopen itself behind its owner's back.
   ASSERT_EQ(f.Open(path_), rc::kOk);
   f.Close();
   uint32_t key = 0;
@@ -99,78 +98,45 @@ TEST_F(FolderFileTest, CreateOpenAndCloseEdges) {
   EXPECT_EQ(test::ReadFile(path_), before);
 }
 
-TEST_F(FolderFileTest, ShortCountsForceAnIndexReadAndAreRewritten) {
+// Short "/Counts" make the open read the index, which sweeps message
+// streams no record names; other streams stay.
+TEST_F(FolderFileTest, ShortCountsAreRebuiltAndUnnamedMessageStreamsSwept) {
   Populate(4);
-  RawFolder(path_).Write(u"/Counts", std::string("\x04\0\0\0\x02\0\0", 7));
+  {
+    RawFolder raw(path_);
+    raw.Write(u"/Counts", std::string("\x04\0\0\0\x02\0\0", 7));
+    for (const char16_t* name : {u"0000002A", u"0note", u"Notes", u"1000002A"}) raw.Write(name, "x");
+  }
   FolderFile f(log_);
   ASSERT_EQ(f.Open(path_), rc::kOk);
   EXPECT_TRUE(f.index_loaded());
   EXPECT_EQ(f.counts(), (FolderCounts{4, 2}));
   f.Close();
-  EXPECT_EQ(RawFolder(path_).Read(u"/Counts"), std::string("\x04\0\0\0\x02\0\0\0", 8));
-}
-
-TEST_F(FolderFileTest, SweepDeletesOnlyUnnamedMessageStreams) {
-  Populate(2);
-  {
-    RawFolder raw(path_);
-    for (const char16_t* name : {u"0000002A", u"0note", u"Notes", u"1000002A"}) raw.Write(name, "x");
-  }
-  FolderFile f(log_);
-  ASSERT_EQ(f.Open(path_), rc::kOk);
-  ASSERT_EQ(f.LoadIndex(), rc::kOk);
-  EXPECT_EQ(f.MessageCount(), 2u);
-  f.Close();
   RawFolder raw(path_);
+  EXPECT_EQ(raw.Read(u"/Counts"), std::string("\x04\0\0\0\x02\0\0\0", 8));
   for (const char16_t* gone : {u"0000002A", u"0note"}) EXPECT_FALSE(raw.Exists(gone)) << WideToUtf8(gone);
-  for (const char16_t* kept : {u"Notes", u"1000002A", u"00000001", u"00000002"}) {
+  for (const char16_t* kept : {u"Notes", u"1000002A", u"00000001", u"00000004"}) {
     EXPECT_TRUE(raw.Exists(kept)) << WideToUtf8(kept);
   }
 }
 
-TEST_F(FolderFileTest, DeletedAndEmptyMessages) {
-  Populate(3);
+TEST_F(FolderFileTest, DeletesFlagsAndRecordUpdatesPersist) {
+  Populate(4);
   FolderFile f(log_);
   ASSERT_EQ(f.Open(path_), rc::kOk);
+  ASSERT_EQ(f.LoadIndex(), rc::kOk);
   uint32_t empty_key = 0;
   ASSERT_EQ(f.Append(Record("empty"), "", &empty_key), rc::kOk);
-  EXPECT_EQ(f.Delete({2, 99}), rc::kInvalidArg);  // one unknown key: nothing deleted
-  EXPECT_EQ(f.MessageCount(), 4u);
-  ASSERT_EQ(f.Delete({2}), rc::kOk);
-  EXPECT_EQ(f.counts(), (FolderCounts{3, 1}));
-  EXPECT_FALSE(f.FindMessage(2));
-  f.Close();
-
-  {
-    RawFolder raw(path_);
-    EXPECT_FALSE(raw.Exists(u"00000002"));
-    // The deleted record stays in "/Index", its flags above 32767.
-    const std::string index = raw.Read(u"/Index");
-    const auto* p = reinterpret_cast<const uint8_t*>(index.data());
-    const uint32_t second = 4 + GetU32(p + 4);
-    EXPECT_EQ(GetU32(p + second + 12), 2u);
-    EXPECT_GT(GetU32(p + second + 4), 32767u);
-  }
-  ASSERT_EQ(f.Open(path_), rc::kOk);
-  ASSERT_EQ(f.LoadIndex(), rc::kOk);
-  EXPECT_EQ(Subjects(f), (Lines{"m0", "m2", "empty"}));
-  EXPECT_EQ(f.counts(), (FolderCounts{3, 1}));
-  std::string text = "x";
-  ASSERT_EQ(f.ReadMessage(empty_key, &text), rc::kOk);
-  EXPECT_EQ(text, "");
-}
-
-TEST_F(FolderFileTest, FlagsAndRecordUpdatesPersist) {
-  Populate(3);
-  FolderFile f(log_);
-  ASSERT_EQ(f.Open(path_), rc::kOk);
-  ASSERT_EQ(f.LoadIndex(), rc::kOk);
   const uint32_t index_size = static_cast<uint32_t>(RawFolder(path_).Read(u"/Index").size());
+  EXPECT_EQ(f.Delete({4, 99}), rc::kInvalidArg);  // one unknown key: nothing deleted
+  EXPECT_EQ(f.MessageCount(), 5u);
+  ASSERT_EQ(f.Delete({4}), rc::kOk);
+  EXPECT_FALSE(f.FindMessage(4));
 
   ASSERT_EQ(f.SetFlags(2, msgflag::kRead | msgflag::kFlagged, 0), rc::kOk);
-  EXPECT_EQ(f.counts(), (FolderCounts{3, 0}));
+  EXPECT_EQ(f.counts(), (FolderCounts{4, 1}));
   ASSERT_EQ(f.SetFlags(1, msgflag::kAnswered, msgflag::kRead), rc::kOk);
-  EXPECT_EQ(f.counts(), (FolderCounts{3, 1}));
+  EXPECT_EQ(f.counts(), (FolderCounts{4, 2}));
   EXPECT_EQ(f.SetFlags(42, msgflag::kRead, 0), rc::kInvalidArg);
 
   MessageRecord same_length = *f.FindMessage(3);
@@ -184,22 +150,35 @@ TEST_F(FolderFileTest, FlagsAndRecordUpdatesPersist) {
   ASSERT_EQ(f.ReplaceMessage(*f.FindMessage(2), "whole message now"), rc::kOk);
   f.Close();
 
+  {
+    RawFolder raw(path_);
+    EXPECT_FALSE(raw.Exists(u"00000004"));
+    // The deleted record stays in "/Index", its flags above 32767; only the
+    // record that grew went to the end.
+    const std::string index = raw.Read(u"/Index");
+    const auto* p = reinterpret_cast<const uint8_t*>(index.data());
+    uint32_t fourth = 4;
+    for (int i = 0; i < 3; ++i) fourth += GetU32(p + fourth);
+    EXPECT_EQ(GetU32(p + fourth + 12), 4u);
+    EXPECT_GT(GetU32(p + fourth + 4), 32767u);
+    EXPECT_EQ(index.size(), index_size + EncodeMessageRecord(longer).size());
+  }
   ASSERT_EQ(f.Open(path_), rc::kOk);
-  EXPECT_EQ(f.counts(), (FolderCounts{3, 1}));
+  EXPECT_EQ(f.counts(), (FolderCounts{4, 2}));
   ASSERT_EQ(f.LoadIndex(), rc::kOk);
-  const MessageRecord m0 = *f.FindMessage(1);
-  EXPECT_EQ(m0.flags, msgflag::kAnswered);
-  EXPECT_EQ(m0.subject, u"a much longer subject than before");
-  EXPECT_EQ(m0.imap_uid, 500u);
+  EXPECT_EQ(f.MessageCount(), 4u);
+  EXPECT_EQ(f.FindMessage(1)->subject, u"a much longer subject than before");
+  EXPECT_EQ(f.FindMessage(3)->subject, u"M2");
+  EXPECT_EQ(f.FindMessage(1)->flags, msgflag::kAnswered);
+  EXPECT_EQ(f.FindMessage(1)->imap_uid, 500u);
   EXPECT_EQ(f.FindMessage(2)->flags, msgflag::kRead | msgflag::kFlagged);
   EXPECT_EQ(f.FindMessage(2)->size, 17u);
-  EXPECT_EQ(f.FindMessage(3)->subject, u"M2");
   EXPECT_EQ(f.FindMessage(3)->size, Text("m2").size());
   std::string text;
   ASSERT_EQ(f.ReadMessage(2, &text), rc::kOk);
   EXPECT_EQ(text, "whole message now");
-  // Only the record that grew went to the end of "/Index".
-  EXPECT_EQ(RawFolder(path_).Read(u"/Index").size(), index_size + EncodeMessageRecord(m0).size());
+  ASSERT_EQ(f.ReadMessage(empty_key, &text), rc::kOk);
+  EXPECT_EQ(text, "");
 }
 
 TEST_F(FolderFileTest, CompactionDropsDeletedRecordsAndNeverReusesKeys) {

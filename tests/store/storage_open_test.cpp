@@ -1,10 +1,9 @@
 // Creating and opening storages: the special folders, missing folder files,
-// both index versions, crashes and damaged indexes.
+// crashes and damaged indexes.
 #include <gtest/gtest.h>
 
 #include <optional>
 
-#include "base/byte_io.h"
 #include "store/storage.h"
 #include "tests/store/storage_test_util.h"
 
@@ -188,33 +187,6 @@ TEST_F(StorageOpenTest, FolderFilesAreLookedForInTheHomeDirectoryAndOnMountedMed
   EXPECT_EQ(s.SpecialFolder(kFolderDrafts)->found_dir(), card);
 }
 
-TEST_F(StorageOpenTest, BothIndexVersionsOpenSideBySideAndSavingWritesTheCurrentOne) {
-  Storage service(host_);
-  ASSERT_EQ(service.Create(u"alice", {}, false), rc::kOk);
-  const std::filesystem::path earlier = service.index_path();
-  service.Close();
-  StorageIndex parsed;
-  std::optional<IndexDamage> damage;
-  ASSERT_EQ(ParseStorageIndex(ReadFile(earlier), &parsed, &damage), rc::kOk);
-  // The earlier version has no root view values after the root's path.
-  std::string bytes = "PZML" + ReadFile(earlier).substr(4);
-  bytes.erase(4 + 1 + 16 + WStrEncodedSize(parsed.name) + WStrEncodedSize(parsed.root_path), 7);
-  WriteFile(earlier, bytes);
-
-  Storage a(host_), b(host_);
-  ASSERT_EQ(a.Open(index_), rc::kOk);
-  ASSERT_EQ(b.Open(earlier), rc::kOk);
-  EXPECT_EQ(TreeNames(a), kMadeTree);
-  EXPECT_EQ(TreeNames(b), (Lines{"Inbox", "Outbox", "Sent", "Deleted", "Drafts"}));
-  EXPECT_EQ(ReadFile(earlier).substr(0, 4), "PZML");
-  ASSERT_EQ(b.RenameFolder(b.SpecialFolder(kFolderSent), u"Sent Items"), rc::kOk);
-  EXPECT_EQ(ReadFile(earlier).substr(0, 4), "QZML");
-  Storage again(host_);
-  ASSERT_EQ(again.Open(earlier), rc::kOk);
-  EXPECT_EQ(again.SpecialFolder(kFolderSent)->name(), u"Sent Items");
-  EXPECT_EQ(again.id(), parsed.id);
-}
-
 // A crash between the two renames of a save leaves the old index only under
 // the backup name.
 TEST_F(StorageOpenTest, AMissingIndexIsRestoredFromTheBackup) {
@@ -241,27 +213,28 @@ class DamagedIndexTest : public StorageOpenTest {
   std::string whole_, cut_;
 };
 
-TEST_F(DamagedIndexTest, AWholeBackupIsUsedAndTheDamagedFileIsLeftAlone) {
+// A whole backup is loaded in place of a damaged index; without one, the
+// folders before the damage are. The damaged file is left alone either way.
+TEST_F(DamagedIndexTest, ABackupReplacesTheDamagedPartOrTheRecordsBeforeItAreLoaded) {
   WriteFile(index_, cut_);
-  Storage s(host_);
-  ASSERT_EQ(s.Open(index_), rc::kOk);
-  EXPECT_TRUE(s.complete());
-  EXPECT_EQ(TreeNames(s), kMadeTree);
-  EXPECT_NE(s.index_problem().find(index_.string()), std::string::npos) << s.index_problem();
-  EXPECT_EQ(host_.log.lines[1],
-            "Storage index " + s.index_problem() + "; loading its backup " + IndexBackupPath(index_).string());
-  EXPECT_EQ(ReadFile(index_), cut_);
-
-  // The first change keeps the damaged file aside and the backup as it was.
-  const std::string backup = ReadFile(IndexBackupPath(index_));
-  ASSERT_EQ(s.CreateFolder(s.root(), u"Later", nullptr), rc::kOk);
-  EXPECT_EQ(ReadFile(IndexDamagedPath(index_)), cut_);
-  EXPECT_EQ(ReadFile(IndexBackupPath(index_)), backup);
-}
-
-TEST_F(DamagedIndexTest, WithoutABackupTheFoldersBeforeTheDamageAreLoaded) {
+  {
+    Storage s(host_);
+    ASSERT_EQ(s.Open(index_), rc::kOk);
+    EXPECT_TRUE(s.complete());
+    EXPECT_EQ(TreeNames(s), kMadeTree);
+    EXPECT_NE(s.index_problem().find(index_.string()), std::string::npos) << s.index_problem();
+    EXPECT_EQ(host_.log.lines[1],
+              "Storage index " + s.index_problem() + "; loading its backup " + IndexBackupPath(index_).string());
+    EXPECT_EQ(ReadFile(index_), cut_);
+    // The first change keeps the damaged file aside and the backup as it was.
+    const std::string backup = ReadFile(IndexBackupPath(index_));
+    ASSERT_EQ(s.CreateFolder(s.root(), u"Later", nullptr), rc::kOk);
+    EXPECT_EQ(ReadFile(IndexDamagedPath(index_)), cut_);
+    EXPECT_EQ(ReadFile(IndexBackupPath(index_)), backup);
+  }
   std::filesystem::remove(IndexBackupPath(index_));
   WriteFile(index_, cut_);
+  Clear();
   Storage s(host_);
   ASSERT_EQ(s.Open(index_), rc::kOk);
   EXPECT_FALSE(s.complete());
@@ -299,9 +272,7 @@ TEST_F(DamagedIndexTest, AnUnreadableHeaderFailsNamingTheFileAndChangesNothing) 
     EXPECT_EQ(host_.events[0].path, index_);
     EXPECT_EQ(s.index_problem().rfind(index_.string(), 0), 0u) << s.index_problem();
     EXPECT_EQ(std::filesystem::exists(index_), row.bytes.has_value());
-    if (row.bytes) {
-      EXPECT_EQ(ReadFile(index_), *row.bytes);
-    }
+    if (row.bytes) EXPECT_EQ(ReadFile(index_), *row.bytes);
   }
 }
 
