@@ -41,23 +41,18 @@ TEST(ActivityLogTest, RotationBoundary) {
   TempDir dir;
   const auto log_path = dir / "TarvoMail.log";
   const auto bak_path = dir / "TarvoMail.bak";
-
+  const auto open_and_log = [&](const char* text) {
+    ActivityLog log;
+    EXPECT_TRUE(log.Open(dir.path()));
+    log.Log(text);
+  };
   WriteFile(log_path, std::string(204799, 'a'));
   WriteFile(bak_path, "old backup");
-  {
-    ActivityLog log;
-    ASSERT_TRUE(log.Open(dir.path()));
-    log.Log("x");
-  }
+  open_and_log("x");
   EXPECT_EQ(std::filesystem::file_size(log_path), 204799u + 5u);
   EXPECT_EQ(ReadFile(bak_path), "old backup");
-
   WriteFile(log_path, std::string(204800, 'b'));
-  {
-    ActivityLog log;
-    ASSERT_TRUE(log.Open(dir.path()));
-    log.Log("y");
-  }
+  open_and_log("y");
   EXPECT_EQ(ReadFile(log_path), "- y\r\n");
   EXPECT_EQ(std::filesystem::file_size(bak_path), 204800u);
 }
@@ -75,14 +70,14 @@ TEST(ActivityLogTest, LinesFromThreadsNeverInterleave) {
   TempDir dir;
   ActivityLog log;
   ASSERT_TRUE(log.Open(dir.path()));
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&log, t] {
-      const std::string text(50, static_cast<char>('a' + t));
-      for (int i = 0; i < 200; ++i) log.Log(text, kLogSent);
-    });
+  {
+    std::vector<std::jthread> threads;
+    for (char c : {'a', 'b', 'c', 'd'}) {
+      threads.emplace_back([&log, c] {
+        for (int i = 0; i < 200; ++i) log.Log(std::string(50, c), kLogSent);
+      });
+    }
   }
-  for (auto& th : threads) th.join();
   log.Close();
   const std::string all = ReadFile(dir / "TarvoMail.log");
   ASSERT_EQ(all.size(), 4u * 200u * 54u);

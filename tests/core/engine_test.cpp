@@ -23,22 +23,15 @@ using Lines = std::vector<std::string>;
 // A service that records what the engine did with it.
 class FakeService : public EngineService {
  public:
-  Result Load(Settings&, const Guid& id) override {
-    loaded_id = id;
-    return rc::kOk;
-  }
+  Result Load(Settings&, const Guid& id) override { loaded_id = id; return rc::kOk; }
   Result Initialize() override { return rc::kOk; }
   void Idle() override { ++idles; }
   void NotifyLoaded() override { ++loaded_told; }
   Result OnStorageOpened(Storage&) override { return rc::kOk; }
-  Result OnStorageNew(Storage& storage) override {
-    new_storage = &storage;
-    return rc::kOk;
-  }
+  Result OnStorageNew(Storage& storage) override { new_storage = &storage; return rc::kOk; }
 
   Guid loaded_id;
-  int idles = 0;
-  int loaded_told = 0;
+  int idles = 0, loaded_told = 0;
   Storage* new_storage = nullptr;
 };
 
@@ -49,12 +42,7 @@ class EngineTest : public ::testing::Test {
   void TearDown() override {
     while (engine_ != nullptr) Release();
   }
-
-  MailEngine* Acquire() {
-    engine_ = AcquireEngine();
-    ++held_;
-    return engine_;
-  }
+  MailEngine* Acquire() { ++held_; return engine_ = AcquireEngine(); }
   void Release() {
     ReleaseEngine();
     if (--held_ == 0) engine_ = nullptr;
@@ -71,19 +59,13 @@ class EngineTest : public ::testing::Test {
   std::filesystem::path home() const { return dir_ / "home/"; }
   std::filesystem::path default_data() const { return dir_ / "data/TarvoMail/"; }
   std::filesystem::path registry() const { return dir_ / "config/Tarvo/Mail2.ini"; }
-
   WString RegistryValue(std::string_view name) {
     std::unique_ptr<RegistryKey> key;
+    WString v = u"<none>";
     EXPECT_EQ(RegistryKey::Open(registry(), &key), rc::kOk);
-    WString v;
-    return key->ReadString("", name, &v).ok() ? v : u"<none>";
+    key->ReadString("", name, &v).Ignore();  // a missing value leaves "<none>"
+    return v;
   }
-  void SetRegistryValue(std::string_view name, const std::string& value) {
-    std::unique_ptr<RegistryKey> key;
-    ASSERT_EQ(RegistryKey::Open(registry(), &key), rc::kOk);
-    ASSERT_EQ(key->WriteString("", name, Utf8ToWide(value)), rc::kOk);
-  }
-
   // The log's lines since the last "Tarvo Mail Starting...", prefixes kept.
   Lines LastStartLog() {
     const std::string text = ReadFile(engine_->data_directory() / "TarvoMail.log");
@@ -93,6 +75,9 @@ class EngineTest : public ::testing::Test {
     }
     const auto start = std::find(lines.rbegin(), lines.rend(), "- Tarvo Mail Starting...");
     return Lines(start == lines.rend() ? lines.begin() : start.base() - 2, lines.end());
+  }
+  static size_t Count(const Lines& lines, const std::string& line) {
+    return std::count(lines.begin(), lines.end(), line);
   }
 
   TempDir dir_;
@@ -106,8 +91,6 @@ class EngineTest : public ::testing::Test {
 TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndALaterOneFindsThem) {
   MailEngine* e = Restart();
   EXPECT_TRUE(e->loaded());
-  EXPECT_EQ(e->data_directory(), default_data());
-  EXPECT_EQ(RegistryValue("DataDir"), PathToWide(default_data()));
   const std::vector<Storage*> storages = e->storages();
   ASSERT_EQ(storages.size(), 1u);
   EXPECT_EQ(storages[0]->name(), u"Local Folders");
@@ -115,16 +98,13 @@ TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndALaterOneFindsThem) {
   EXPECT_EQ(test::TreeNames(*storages[0]), (Lines{"Inbox", "Outbox", "Sent", "Deleted", "Drafts"}));
   EXPECT_EQ(e->FindStorage(Guid::Nil()), storages[0]);
   EXPECT_EQ(e->FindFolder(u"Local Folders/Drafts"), storages[0]->SpecialFolder(kFolderDrafts));
-
-  const Lines log = LastStartLog();
+  Lines log = LastStartLog();
   ASSERT_EQ(log.size(), 7u) << ::testing::PrintToString(log);
-  EXPECT_EQ(log[0], "- ");
-  EXPECT_EQ(log[1], "- Tarvo Mail Starting...");
   EXPECT_TRUE(std::regex_match(log[2], std::regex(R"(- \d{4}-\d\d-\d\d \d\d:\d\d:\d\d test run)"))) << log[2];
-  EXPECT_EQ(Lines(log.begin() + 3, log.end()),
-            (Lines{"- Data directory: " + default_data().string(),
-                   "- Loading: " + (default_data() / "Settings.ini").string(), "- Creating 'Local Folders' storage",
-                   "- Loading MAPI objects"}));
+  log.erase(log.begin() + 2);
+  EXPECT_EQ(log, (Lines{"- ", "- Tarvo Mail Starting...", "- Data directory: " + default_data().string(),
+                        "- Loading: " + (default_data() / "Settings.ini").string(),
+                        "- Creating 'Local Folders' storage", "- Loading MAPI objects"}));
 
   // A later start finds the storage by its index file.
   e = Restart();
@@ -132,7 +112,7 @@ TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndALaterOneFindsThem) {
   const Lines later = LastStartLog();
   ASSERT_GT(later.size(), 5u);
   EXPECT_EQ(later[5], "- Found storage: " + index.string());
-  EXPECT_EQ(std::count(later.begin(), later.end(), "- Creating 'Local Folders' storage"), 0);
+  EXPECT_EQ(Count(later, "- Creating 'Local Folders' storage"), 0u);
   ASSERT_EQ(e->storages().size(), 1u);
   EXPECT_EQ(e->storages()[0]->index_path(), index);
   EXPECT_TRUE(e->storages()[0]->complete());
@@ -140,13 +120,8 @@ TEST_F(EngineTest, AFirstStartMakesLocalFoldersAndALaterOneFindsThem) {
 
 TEST_F(EngineTest, TheDataDirectoryIsResolvedInOrder) {
   const std::filesystem::path documents = home() / "Documents/TarvoMail/";
-  struct Row {
-    const char* name;
-    std::string data_dir;     // "" = no value
-    std::string install_dir;  // "" = no value
-    bool documents_settings;
-    std::filesystem::path want;
-  };
+  // `data_dir`, `install_dir` empty: no such registry value.
+  struct Row { const char* name; std::string data_dir, install_dir; bool documents_settings; std::filesystem::path want; };
   const Row rows[] = {
       {"DataDir wins over an earlier installation", (dir_ / "custom").string(), "/opt/x", true, dir_ / "custom/"},
       {"DataDir relative to home", "Mail", "", false, home() / "Mail/"},
@@ -162,8 +137,15 @@ TEST_F(EngineTest, TheDataDirectoryIsResolvedInOrder) {
       std::filesystem::create_directories(documents);
       WriteFile(documents / "Settings.ini", "");
     }
-    if (!row.data_dir.empty()) SetRegistryValue("DataDir", row.data_dir);
-    if (!row.install_dir.empty()) SetRegistryValue("InstallDir", row.install_dir);
+    {
+      std::unique_ptr<RegistryKey> key;
+      ASSERT_EQ(RegistryKey::Open(registry(), &key), rc::kOk);
+      for (const auto& [name, value] : {std::pair{"DataDir", row.data_dir}, std::pair{"InstallDir", row.install_dir}}) {
+        if (!value.empty()) {
+          ASSERT_EQ(key->WriteString("", name, Utf8ToWide(value)), rc::kOk);
+        }
+      }
+    }
     MailEngine* e = Restart();
     EXPECT_EQ(e->data_directory(), row.want);
     EXPECT_TRUE(std::filesystem::exists(row.want / "TarvoMail.log"));
@@ -182,12 +164,7 @@ TEST_F(EngineTest, AnOverrideIsUsedButNotRecorded) {
 // Start and PrepareDataDirectory return the failing step's own code.
 TEST_F(EngineTest, AFailedStartReturnsTheCodeOfTheStepThatFailed) {
   WriteFile(dir_ / "file", "in the way");
-  struct Row {
-    const char* name;
-    std::function<void(MailEngine&)> configure;
-    Result want;
-    std::string problem;
-  };
+  struct Row { const char* name; std::function<void(MailEngine&)> configure; Result want; std::string problem; };
   const Row rows[] = {
       {"registry file is a directory", [&](MailEngine& m) { m.SetRegistryPath(dir_.path()); },
        ResultFromErrno(EISDIR), "Cannot open registry file " + dir_.path().string()},
@@ -197,8 +174,8 @@ TEST_F(EngineTest, AFailedStartReturnsTheCodeOfTheStepThatFailed) {
        FromWin32(3), "Cannot create data directory " + (dir_ / "file/data/").string()},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
     for (const bool prepare : {true, false}) {
+      SCOPED_TRACE(std::string(row.name) + (prepare ? ", PrepareDataDirectory" : ", Start"));
       MailEngine* e = Acquire();
       row.configure(*e);
       std::filesystem::path prepared;
@@ -223,34 +200,16 @@ TEST_F(EngineTest, AcquireAndReleaseShareOneEngineAndTheLastReleaseSavesTheSetti
 
 class EngineServicesTest : public EngineTest {
  protected:
-  // Writes the settings file from sections of "Class", "Storage" (16 bytes,
-  // or none when empty) and "ServiceName".
-  struct Section {
-    std::string name;
-    std::string service_class;
-    std::vector<uint8_t> storage;
-  };
-  void WriteSettings(const std::vector<Section>& sections) {
-    Settings s;
-    for (const Section& section : sections) {
-      ASSERT_EQ(s.WriteWideString(section.name, "Class", Utf8ToWide(section.service_class)), rc::kOk);
-      if (!section.storage.empty()) {
-        ASSERT_EQ(s.WriteBinary(section.name, "Storage", section.storage), rc::kOk);
-      }
-      ASSERT_EQ(s.WriteWideString(section.name, "ServiceName", u"svc " + Utf8ToWide(section.service_class)),
-                rc::kOk);
-    }
+  // Starts an engine on a settings file of this text, with the recording
+  // factory when `with_factory`.
+  MailEngine* StartWith(const std::string& settings, bool with_factory = true) {
     std::filesystem::create_directories(default_data());
-    WriteFile(default_data() / "Settings.ini", s.SaveToBytes());
+    WriteFile(default_data() / "Settings.ini", settings);
+    return Restart([&](MailEngine& m) {
+      if (with_factory) m.SetServiceFactory(factory_);
+    });
   }
-
-  std::vector<FakeService*> made_;
-  ServiceFactory factory_ = [this](WStringView, MailEngine&, Storage&) {
-    auto service = std::make_unique<FakeService>();
-    made_.push_back(service.get());
-    return service;
-  };
-
+  // The start log's lines about services.
   Lines ServiceLog() {
     Lines out;
     for (const std::string& line : LastStartLog()) {
@@ -260,14 +219,21 @@ class EngineServicesTest : public EngineTest {
     }
     return out;
   }
+
+  std::vector<FakeService*> made_;
+  ServiceFactory factory_ = [this](WStringView, MailEngine&, Storage&) {
+    auto service = std::make_unique<FakeService>();
+    made_.push_back(service.get());
+    return service;
+  };
 };
 
+const std::string kUnknownStorage = "Storage=584D" + std::string(32, '7') + "\n";
+
 TEST_F(EngineServicesTest, OnlySectionsBeginningWithTheServicePrefixAreServices) {
-  WriteSettings({{"Services", "POP3", {}},
-                 {"Service.{", "SMTP", {}},
-                 {"service.{whatever}", "IMAP4", std::vector<uint8_t>(16, 0)},
-                 {"Service{0a1b2c3d-0000-4e5f-8a9b-0c1d2e3f4a5b}", "POP3", {}}});
-  MailEngine* e = Restart([&](MailEngine& m) { m.SetServiceFactory(factory_); });
+  MailEngine* e = StartWith("[Services]\nClass=POP3\n[Service.{]\nClass=SMTP\n[service.{whatever}]\nClass=IMAP4\n"
+                            "Storage=584D" + std::string(32, '0') + "\n[Service{0a1b2c3d-0000-4e5f-8a9b-0c1d2e3f4a5b}]\n"
+                            "Class=POP3\n");
   EXPECT_EQ(ServiceLog(), (Lines{"- Loading service: Service.{", "- Service loading error: Unspecified error.",
                                  "- Loading service: service.{whatever}", "- Service loaded"}));
   ASSERT_EQ(made_.size(), 1u);
@@ -281,14 +247,12 @@ TEST_F(EngineServicesTest, OnlySectionsBeginningWithTheServicePrefixAreServices)
 }
 
 TEST_F(EngineServicesTest, AServiceWhoseStorageIsMissingGetsANewOneNamedAfterIt) {
-  const Guid id = *Guid::Parse(std::string_view("{0A1B2C3D-0000-4E5F-8A9B-0C1D2E3F4A5B}"));
-  const std::vector<uint8_t> unknown(16, 0x77);
-  WriteSettings({{"Service." + id.ToLowerString(), "POP3", unknown}});
-  MailEngine* e = Restart([&](MailEngine& m) { m.SetServiceFactory(factory_); });
-  EXPECT_EQ(ServiceLog(), (Lines{"- Loading service: Service." + id.ToLowerString(),
-                                 "- Storage not found - recreating", "- Service loaded"}));
+  const std::string section = "Service.{0a1b2c3d-0000-4e5f-8a9b-0c1d2e3f4a5b}";
+  MailEngine* e = StartWith("[" + section + "]\nClass=POP3\nServiceName=svc POP3\n" + kUnknownStorage);
+  EXPECT_EQ(ServiceLog(), (Lines{"- Loading service: " + section, "- Storage not found - recreating",
+                                 "- Service loaded"}));
   ASSERT_EQ(made_.size(), 1u);
-  EXPECT_EQ(made_[0]->loaded_id, id);
+  EXPECT_EQ(made_[0]->loaded_id.ToLowerString(), section.substr(8));
   ASSERT_NE(made_[0]->new_storage, nullptr);
   EXPECT_EQ(made_[0]->new_storage->name(), u"svc POP3");
   EXPECT_FALSE(made_[0]->new_storage->local());
@@ -297,8 +261,7 @@ TEST_F(EngineServicesTest, AServiceWhoseStorageIsMissingGetsANewOneNamedAfterIt)
 }
 
 TEST_F(EngineServicesTest, WithoutAFactoryEveryServiceFailsAndNoStorageIsMade) {
-  WriteSettings({{"Service.{a}", "POP3", std::vector<uint8_t>(16, 0x77)}, {"Service.{b}", "IMAP4", {}}});
-  MailEngine* e = Restart();
+  MailEngine* e = StartWith("[Service.{a}]\nClass=POP3\n" + kUnknownStorage + "[Service.{b}]\nClass=IMAP4\n", false);
   EXPECT_EQ(ServiceLog(), (Lines{"- Loading service: Service.{a}", "- Service loading error: Unspecified error.",
                                  "- Loading service: Service.{b}", "- Service loading error: Unspecified error."}));
   EXPECT_EQ(e->storages().size(), 1u);
@@ -306,12 +269,8 @@ TEST_F(EngineServicesTest, WithoutAFactoryEveryServiceFailsAndNoStorageIsMade) {
 }
 
 TEST_F(EngineTest, StoragesAreOpenedFromTheLastIndexPathToTheFirst) {
-  // Two storages on disk, neither of them the local one.
-  test::TestHost host;
-  for (const char* name : {"b", "a"}) {
-    Storage s(host);
-    ASSERT_EQ(s.Create(W(name), {}, false), rc::kOk);
-  }
+  test::TestHost host;  // two storages on disk, neither of them the local one
+  for (const char* name : {"b", "a"}) ASSERT_EQ(Storage(host).Create(W(name), {}, false), rc::kOk);
   struct Recorder : StorageOpeningListener, StorageOpenedListener {
     void OnStorageAboutToOpen(Storage& s) override { opening.push_back(s.id().ToRegistryString() + ".idx"); }
     void OnStorageOpened(Storage& s) override { opened.push_back(WideToUtf8(s.name())); }
@@ -322,17 +281,17 @@ TEST_F(EngineTest, StoragesAreOpenedFromTheLastIndexPathToTheFirst) {
     m.storage_opening_listeners().Add(&recorder);
     m.storage_opened_listeners().Add(&recorder);
   });
-  // No local storage was among the files, and files were found: none is made.
+  // Files were found and none was the local storage: none is made.
   const std::vector<Storage*> storages = e->storages();
   ASSERT_EQ(storages.size(), 2u);
   Lines names;
-  for (Storage* s : storages) names.push_back(s->index_path().filename().string());
-  EXPECT_EQ(recorder.opening, (Lines{names[1], names[0]}));
-  EXPECT_EQ(recorder.opened.size(), 2u);
   for (Storage* s : storages) {
-    EXPECT_EQ(s->index_path().filename().string(), s->id().ToRegistryString() + ".idx");
+    names.push_back(s->index_path().filename().string());
+    EXPECT_EQ(names.back(), s->id().ToRegistryString() + ".idx");
     EXPECT_EQ(e->FindStorage(s->id()), s);
   }
+  EXPECT_EQ(recorder.opening, (Lines{names[1], names[0]}));
+  EXPECT_EQ(recorder.opened.size(), 2u);
 }
 
 TEST_F(EngineTest, AnIndexLeftOnlyAsItsBackupIsRestoredBeforeDiscovery) {
@@ -343,9 +302,8 @@ TEST_F(EngineTest, AnIndexLeftOnlyAsItsBackupIsRestoredBeforeDiscovery) {
   std::filesystem::rename(index, IndexBackupPath(index));
   e = Restart();
   const Lines log = LastStartLog();
-  EXPECT_EQ(std::count(log.begin(), log.end(), "- Creating 'Local Folders' storage"), 0);
-  EXPECT_EQ(std::count(log.begin(), log.end(), "- Storage index restored from backup: " +
-                                                    IndexBackupPath(index).string()), 1);
+  EXPECT_EQ(Count(log, "- Creating 'Local Folders' storage"), 0u);
+  EXPECT_EQ(Count(log, "- Storage index restored from backup: " + IndexBackupPath(index).string()), 1u);
   ASSERT_EQ(e->storages().size(), 1u);
   EXPECT_EQ(e->storages()[0]->SpecialFolder(kFolderInbox)->file_path(), inbox);
 }
@@ -353,12 +311,10 @@ TEST_F(EngineTest, AnIndexLeftOnlyAsItsBackupIsRestoredBeforeDiscovery) {
 class MoveDataDirectoryTest : public EngineTest {
  protected:
   void SetUp() override {
-    EngineTest::SetUp();
     Restart([&](MailEngine& m) { m.SetFileOps(&ops_); });
     files_ = Listing(default_data());
   }
-  // The files of a directory, without the side files that open folder
-  // files have beside them.
+  // The files of a directory, without the side files of open folder files.
   static Lines Listing(const std::filesystem::path& dir) {
     Lines names = ListRegularFiles(dir);
     std::erase_if(names, [](const std::string& n) { return n.ends_with("-wal") || n.ends_with("-shm"); });
@@ -370,10 +326,16 @@ class MoveDataDirectoryTest : public EngineTest {
       return allow_overwrite;
     });
   }
+  // The engine still works from the default data directory.
+  void ExpectNotMoved() {
+    EXPECT_EQ(Listing(default_data()), files_);
+    EXPECT_EQ(RegistryValue("DataDir"), PathToWide(default_data()));
+    EXPECT_EQ(engine_->data_directory(), default_data());
+    EXPECT_TRUE(engine_->storages()[0]->is_open());
+  }
 
   FaultyFileOps ops_;
-  Lines files_;
-  Lines steps_;
+  Lines files_, steps_;
   std::filesystem::path target_ = dir_ / "moved";
 };
 
@@ -388,7 +350,6 @@ TEST_F(MoveDataDirectoryTest, EveryFileMovesAndTheEngineFollows) {
   EXPECT_EQ(local->index_path().parent_path(), target_);
   EXPECT_EQ(local->SpecialFolder(kFolderInbox)->file_path().parent_path(), target_);
   ASSERT_EQ(local->CreateFolder(local->root(), u"After", nullptr), rc::kOk);
-  Release();
   MailEngine* e = Restart();
   EXPECT_EQ(e->data_directory(), target_ / "");
   EXPECT_NE(e->FindFolder(u"Local Folders/After"), nullptr);
@@ -396,17 +357,13 @@ TEST_F(MoveDataDirectoryTest, EveryFileMovesAndTheEngineFollows) {
 
 TEST_F(MoveDataDirectoryTest, ARefusedMoveMovesNothing) {
   EXPECT_EQ(engine_->MoveDataDirectory(default_data(), {}), rc::kInvalidArg);  // the same directory
-  EXPECT_EQ(Listing(default_data()), files_);
-
+  ExpectNotMoved();
   std::filesystem::create_directories(target_);
   WriteFile(target_ / "Settings.ini", "theirs");
   EXPECT_EQ(Move(false), rc::kFileExists);
   EXPECT_EQ(steps_, Lines{"1?Settings.ini"});
-  EXPECT_EQ(Listing(default_data()), files_);
   EXPECT_EQ(ReadFile(target_ / "Settings.ini"), "theirs");
-  EXPECT_EQ(RegistryValue("DataDir"), PathToWide(default_data()));
-  EXPECT_TRUE(engine_->storages()[0]->is_open());
-
+  ExpectNotMoved();
   ASSERT_EQ(Move(true), rc::kOk);
   EXPECT_EQ(Listing(target_), files_);
 }
@@ -414,13 +371,9 @@ TEST_F(MoveDataDirectoryTest, ARefusedMoveMovesNothing) {
 TEST_F(MoveDataDirectoryTest, AFailedMoveIsRolledBackLastFirst) {
   ops_.fail_at = ops_.changes + 2;  // the third file
   EXPECT_EQ(Move(), FaultyFileOps::kFault);
-  EXPECT_EQ(steps_, (Lines{"1 " + files_[0], "1 " + files_[1], "1 " + files_[2], "0 " + files_[1],
-                           "0 " + files_[0]}));
-  EXPECT_EQ(Listing(default_data()), files_);
+  EXPECT_EQ(steps_, (Lines{"1 " + files_[0], "1 " + files_[1], "1 " + files_[2], "0 " + files_[1], "0 " + files_[0]}));
   EXPECT_TRUE(Listing(target_).empty());
-  EXPECT_EQ(RegistryValue("DataDir"), PathToWide(default_data()));
-  EXPECT_EQ(engine_->data_directory(), default_data());
-  EXPECT_TRUE(engine_->storages()[0]->is_open());
+  ExpectNotMoved();
   EXPECT_TRUE(engine_->storages()[0]->complete());
 }
 

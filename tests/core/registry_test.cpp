@@ -36,14 +36,12 @@ TEST(RegistryTest, ValuesSurviveFlushAndReopen) {
   {
     std::unique_ptr<RegistryKey> key;
     ASSERT_TRUE(RegistryKey::Open(path, &key).ok());
-    ASSERT_NE(key, nullptr);
     EXPECT_TRUE(std::filesystem::exists(path));
     ASSERT_TRUE(key->WriteString("", "DataDir", u"/home/u/Documents/Tarvo\u00e9Mail/").ok());
     ASSERT_TRUE(key->WriteString("", "InstallDir", u"007").ok());
     ASSERT_TRUE(key->WriteDword("CMLGUIParams", "ViewMode", 0xFFFFFFFFu).ok());
     ASSERT_TRUE(key->WriteBinary("CMLGUIParams\\MainWnd", "Placement", placement).ok());
-    // The destructor flushes.
-  }
+  }  // the destructor flushes
   // Strings are plain UTF-8, readable and editable by a person; a hand edit
   // may give them the settings file's UTF-8 mark, and a number is a string too.
   const std::string text = ReadFile(path);
@@ -52,17 +50,15 @@ TEST(RegistryTest, ValuesSurviveFlushAndReopen) {
 
   std::unique_ptr<RegistryKey> key;
   ASSERT_TRUE(RegistryKey::Open(path, &key).ok());
-  WString s;
-  ASSERT_TRUE(key->ReadString("", "Marked", &s).ok());
-  EXPECT_EQ(s, u"/opt/t\u00e4rvo");
-  ASSERT_TRUE(key->ReadString("", "Count", &s).ok());
-  EXPECT_EQ(s, u"12");
-  ASSERT_TRUE(key->ReadString("", "DataDir", &s).ok());
-  EXPECT_EQ(s, u"/home/u/Documents/Tarvo\u00e9Mail/");
-  ASSERT_TRUE(key->ReadString("", "InstallDir", &s).ok());
-  EXPECT_EQ(s, u"007");
+  const std::pair<const char*, WString> strings[] = {
+      {"Marked", u"/opt/t\u00e4rvo"}, {"Count", u"12"}, {"DataDir", u"/home/u/Documents/Tarvo\u00e9Mail/"}, {"InstallDir", u"007"}};
+  for (const auto& [name, want] : strings) {
+    WString s;
+    EXPECT_TRUE(key->ReadString("", name, &s).ok()) << name;
+    EXPECT_EQ(s, want) << name;
+  }
   uint32_t dword = 0;
-  ASSERT_TRUE(key->ReadDword("cmlguiparams", "VIEWMODE", &dword).ok());
+  ASSERT_TRUE(key->ReadDword("CMLGUIParams", "ViewMode", &dword).ok());
   EXPECT_EQ(dword, 0xFFFFFFFFu);
   std::vector<uint8_t> bytes;
   ASSERT_TRUE(key->ReadBinary("CMLGUIParams\\MainWnd", "Placement", &bytes).ok());
@@ -93,8 +89,8 @@ TEST(RegistryTest, UnopenableKeyFileReadsAndWritesNothing) {
   const Result r = RegistryKey::Open(dir / "Tarvo/Mail2.ini", &key, &log);
   EXPECT_TRUE(r.failed());
   EXPECT_EQ(key, nullptr);
-  ASSERT_EQ(log.lines.size(), 1u);
-  EXPECT_EQ(log.lines[0], "Cannot open registry file " + (dir / "Tarvo/Mail2.ini").string() + ": " + ResultText(r));
+  EXPECT_EQ(log.lines, std::vector<std::string>{"Cannot open registry file " + (dir / "Tarvo/Mail2.ini").string() + ": " +
+                                                ResultText(r)});
   EXPECT_EQ(ReadFile(dir / "Tarvo"), "a file where the directory should be");
 }
 

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <functional>
 #include <thread>
+#include <tuple>
 
 namespace trv {
 namespace {
@@ -18,11 +19,8 @@ std::string Reloaded(const Settings& s, SettingsOptions options = {}) {
   return copy.SaveToBytes();
 }
 
-// ---- the written form ----
-
-// The header first, then the root's values, then each section after its
-// parents; array elements in index order. The text of each type is checked
-// row by row in SettingsRoundTripTest.
+// The header, the root's values, then each section after its parents; array
+// elements in index order.
 TEST(SettingsWriteTest, LayoutOfTheFile) {
   Settings s;
   ASSERT_TRUE(s.WriteString("Service.{x}", "Class8", "POP3").ok());
@@ -31,46 +29,28 @@ TEST(SettingsWriteTest, LayoutOfTheFile) {
   ASSERT_TRUE(s.WriteWideStringElement("Service.{x}", "Names", 0, u"\u00e9").ok());
   ASSERT_TRUE(s.WriteInteger("", "Version", 2).ok());
   ASSERT_TRUE(s.WriteBoolean("CMLGUIParams\\View", "Wide", false).ok());
-  EXPECT_EQ(s.SaveToBytes(), kHeader +
-                                 "Version=2\r\n"
-                                 "\n[Service.{x}]\n"
-                                 "Class8=POP3\r\n"
-                                 "List[0]=a\r\n"
-                                 "List[1]=b\r\n"
-                                 "Names[0]=\xEF\xBB\xBF\xC3\xA9\r\n"
-                                 "\n[CMLGUIParams]\n"
-                                 "\n[CMLGUIParams\\View]\n"
-                                 "Wide=false\r\n");
+  EXPECT_EQ(s.SaveToBytes(), kHeader + "Version=2\r\n\n[Service.{x}]\nClass8=POP3\r\nList[0]=a\r\nList[1]=b\r\n"
+                                 "Names[0]=\xEF\xBB\xBF\xC3\xA9\r\n\n[CMLGUIParams]\n\n[CMLGUIParams\\View]\nWide=false\r\n");
 }
 
 TEST(SettingsWriteTest, OptionsChangeSeparatorsAndBooleans) {
-  Settings s({'/', ':', ';', true});
+  const SettingsOptions options{'/', ':', ';', true};
+  Settings s(options);
   ASSERT_TRUE(s.WriteBoolean("a/b", "On", true).ok());
   ASSERT_TRUE(s.WriteBoolean("a/b", "Off", false).ok());
-  EXPECT_EQ(s.SaveToBytes(),
-            "; Automatically generated file. DO NOT MODIFY!!!\r\n"
-            "\n[a]\n"
-            "\n[a/b]\n"
-            "On:1\r\n"
-            "Off:0\r\n");
-  Settings back({'/', ':', ';', true});
+  EXPECT_EQ(s.SaveToBytes(), "; Automatically generated file. DO NOT MODIFY!!!\r\n\n[a]\n\n[a/b]\nOn:1\r\nOff:0\r\n");
+  Settings back(options);
   EXPECT_TRUE(back.LoadFromBytes(s.SaveToBytes()).empty());
   EXPECT_EQ(back.TypeOfValue("a/b", "On"), SettingsType::kInteger);
   EXPECT_TRUE(back.ReadBoolean("a/b", "On", false));
   EXPECT_FALSE(back.ReadBoolean("a/b", "Off", true));
 }
 
-// ---- type rules across a save and a load ----
-
 // The text each type is written as; every typed read gives the same answer
 // on the value as written and on the value as read back from the file.
 TEST(SettingsRoundTripTest, ReadsAgreeBeforeAndAfterTheFile) {
-  struct Row {
-    const char* name;
-    std::function<Result(Settings&)> write;
-    std::string text;  // as written, without numeric booleans
-    SettingsType type_after_load;
-  };
+  // `text` is as written without numeric booleans.
+  struct Row { const char* name; std::function<Result(Settings&)> write; std::string text; SettingsType type_after_load; };
   const uint8_t bytes[] = {1, 2, 254};
   const Row rows[] = {
       {"boolean", [](Settings& s) { return s.WriteBoolean("S", "V", true); }, "true", SettingsType::kBoolean},
@@ -88,6 +68,13 @@ TEST(SettingsRoundTripTest, ReadsAgreeBeforeAndAfterTheFile) {
       {"empty binary", [](Settings& s) { return s.WriteBinary("S", "V", {}); }, "", SettingsType::kString},
       {"double", [](Settings& s) { return s.WriteDouble("S", "V", 2.25); }, "2.250000", SettingsType::kString},
   };
+  const auto reads = [](const Settings& s) {
+    std::vector<uint8_t> bin;
+    const Result binary = s.ReadBinary("S", "V", &bin);
+    return std::make_tuple(s.ReadString("S", "V", "?"), s.ReadWideString("S", "V", u"?"), s.ReadInteger("S", "V", 77),
+                           s.ReadBoolean("S", "V", true), s.ReadBoolean("S", "V", false), s.ReadDouble("S", "V", -9),
+                           binary, bin);
+  };
   for (const bool numeric : {false, true}) {
     const SettingsOptions options{'\\', '=', '#', numeric};
     for (const Row& r : rows) {
@@ -102,15 +89,7 @@ TEST(SettingsRoundTripTest, ReadsAgreeBeforeAndAfterTheFile) {
       if (!numeric || r.type_after_load != SettingsType::kBoolean) {
         EXPECT_EQ(after.TypeOfValue("S", "V"), r.type_after_load);
       }
-      EXPECT_EQ(before.ReadString("S", "V", "?"), after.ReadString("S", "V", "?"));
-      EXPECT_EQ(before.ReadWideString("S", "V", u"?"), after.ReadWideString("S", "V", u"?"));
-      EXPECT_EQ(before.ReadInteger("S", "V", 77), after.ReadInteger("S", "V", 77));
-      EXPECT_EQ(before.ReadBoolean("S", "V", true), after.ReadBoolean("S", "V", true));
-      EXPECT_EQ(before.ReadBoolean("S", "V", false), after.ReadBoolean("S", "V", false));
-      EXPECT_DOUBLE_EQ(before.ReadDouble("S", "V", -9), after.ReadDouble("S", "V", -9));
-      std::vector<uint8_t> b1, b2;
-      EXPECT_EQ(before.ReadBinary("S", "V", &b1), after.ReadBinary("S", "V", &b2));
-      EXPECT_EQ(b1, b2);
+      EXPECT_EQ(reads(before), reads(after));
       EXPECT_EQ(Reloaded(after, options), after.SaveToBytes());
     }
   }
@@ -124,16 +103,15 @@ TEST(SettingsRoundTripTest, TypeRulesOfLoadedText) {
   EXPECT_EQ(s.ReadInteger("", "A", -1), -1);
   EXPECT_EQ(s.ReadInteger("", "B", 5), 1);
   EXPECT_TRUE(s.ReadBoolean("", "D", false));  // services keep booleans as integers
-  // A wide string needs the mark; binary needs "584D".
   EXPECT_EQ(s.ReadWideString("", "E", u"none"), u"x");
-  EXPECT_EQ(s.ReadWideString("", "G", u"none"), u"none");
+  EXPECT_EQ(s.ReadWideString("", "G", u"none"), u"none");  // a wide string needs the mark
+  EXPECT_TRUE(s.ReadBoolean("", "G", true));
+  EXPECT_FALSE(s.ReadBoolean("", "G", false));
   std::vector<uint8_t> bytes;
   EXPECT_TRUE(s.ReadBinary("", "F", &bytes).ok());
   EXPECT_EQ(bytes, (std::vector<uint8_t>{1, 2}));
   EXPECT_EQ(s.ReadBinary("", "G", &bytes), Settings::kWrongType);
   EXPECT_EQ(s.ReadBinary("", "Missing", &bytes), Settings::kNotFound);
-  EXPECT_EQ(s.ReadBoolean("", "G", true), true);
-  EXPECT_EQ(s.ReadBoolean("", "G", false), false);
 }
 
 TEST(SettingsRoundTripTest, BinaryBufferSizeInAndOut) {
@@ -147,13 +125,9 @@ TEST(SettingsRoundTripTest, BinaryBufferSizeInAndOut) {
   EXPECT_EQ(buf[0], 0);  // nothing copied into a short buffer
   size = sizeof buf;
   EXPECT_TRUE(s.ReadBinary("S", "Psswd", buf, &size).ok());
-  EXPECT_EQ(size, 4u);
-  EXPECT_EQ(std::vector<uint8_t>(buf, buf + 4), std::vector<uint8_t>(bytes, bytes + 4));
-  size = sizeof buf;
+  EXPECT_EQ(std::vector<uint8_t>(buf, buf + size), std::vector<uint8_t>(bytes, bytes + 4));
   EXPECT_EQ(s.ReadBinary("S", "None", buf, &size), Settings::kNotFound);
 }
-
-// ---- reading text ----
 
 // Load, then save: what is kept and where, which lines are reported; a second
 // load and save gives the same text again.
@@ -161,12 +135,8 @@ TEST(SettingsReadTest, LoadThenSave) {
   std::string deep = "[";
   for (size_t i = 0; i <= Settings::kMaxSectionDepth; ++i) deep += "d\\";
   deep += "]";
-  struct Row {
-    const char* name;
-    std::string in;
-    std::string saved;          // empty: the input itself
-    std::vector<int> reported;  // the lines with a diagnostic
-  };
+  // `saved` empty: the input itself; `reported`: the lines with a diagnostic.
+  struct Row { const char* name; std::string in; std::string saved; std::vector<int> reported; };
   const Row rows[] = {
       {"comments survive unchanged and in place",
        kHeader + "# about the root\r\nVersion=2\r\n\n[A]\n#   note = with separator\r\nKey=1\r\n#\r\nOther=x\r\n", "", {}},
@@ -199,7 +169,6 @@ TEST(SettingsReadTest, LoadThenSave) {
   EXPECT_EQ(s.ListValues("S"), (Names{"A", "B"}));
   EXPECT_EQ(s.ReadInteger("S", "B", 0), 995);
   EXPECT_EQ(s.ListValues("\\"), Names{});  // the header is a comment too
-
   // Whatever the text, the second save equals the first.
   for (const char* t : {"x\ny=1\n[a]\n[a]\nz\n[]\nw=2\n", "[s]\nk[3]=a\nk=b\nk[0]=c\n", "TRUE=TRUE\nv=-0\nn=0x1\n[\\\\]\n=\n;c\n#c\n",
                         "[a\\b\\c]\n[A\\B]\nq=\xEF\xBB\xBF\xC0\x8A\n", "\r\n\r\n  \n[s]\n a = b \r\n"}) {
@@ -219,13 +188,14 @@ TEST(SettingsReadTest, SectionsAndValuesIgnoreLetterCase) {
   EXPECT_EQ(s.ListValues("Service.{AB}"), (Names{"POP3Host", "POP3Port"}));
 }
 
+// The later line wins; the value keeps the place of its first line.
 TEST(SettingsReadTest, RepeatedNamesTheLaterLineWins) {
   Settings s;
   const auto d = s.LoadFromBytes("[S]\nA=1\r\nB=x\r\na=2\r\nL[0]=p\r\nL[0]=q\r\nB[1]=y\r\nL=z\r\n");
-  ASSERT_EQ(d.size(), 4u);
   const std::pair<int, const char*> expected[] = {
       {4, "repeats line 2"}, {6, "repeats line 5"}, {7, "replaces the value of line 3"}, {8, "replaces the array"}};
-  for (size_t i = 0; i < 4; ++i) {
+  ASSERT_EQ(d.size(), std::size(expected));
+  for (size_t i = 0; i < d.size(); ++i) {
     EXPECT_EQ(d[i].line, expected[i].first);
     EXPECT_NE(d[i].message.find(expected[i].second), std::string::npos) << d[i].message;
   }
@@ -233,10 +203,11 @@ TEST(SettingsReadTest, RepeatedNamesTheLaterLineWins) {
   EXPECT_EQ(s.ArrayLength("S", "B"), 2u);
   EXPECT_EQ(s.ReadStringElement("S", "B", 1), "y");
   EXPECT_EQ(s.ReadString("S", "L"), "z");
-  // The value keeps the place of its first line.
   EXPECT_EQ(s.ListValues("S"), (Names{"A", "B", "L"}));
 }
 
+// Decimal, hexadecimal and octal indexes; holes are empty elements; indexes
+// that do not parse leave plain values with the whole name.
 TEST(SettingsReadTest, ArrayElementIndexes) {
   Settings s;
   const auto d = s.LoadFromBytes(
@@ -244,22 +215,14 @@ TEST(SettingsReadTest, ArrayElementIndexes) {
       "Bad[x]=1\r\nBad8[08]=2\r\nNeg[-1]=3\r\nBig[65536]=4\r\nMax[65535]=5\r\n");
   ASSERT_EQ(d.size(), 1u);  // only the index past the limit is reported
   EXPECT_EQ(d[0].line, 9);
-  EXPECT_EQ(s.ArrayLength("S", "Dec"), 2u);
-  EXPECT_EQ(s.ReadStringElement("S", "Dec", 0), "zero");
-  EXPECT_EQ(s.ReadStringElement("S", "Dec", 1), "one");
-  EXPECT_EQ(s.ArrayLength("S", "Hex"), 3u);
-  EXPECT_EQ(s.ReadStringElement("S", "Hex", 0, "?"), "");  // holes are empty elements
-  EXPECT_EQ(s.ReadStringElement("S", "Hex", 2), "two");
-  EXPECT_EQ(s.ReadStringElement("S", "Oct", 8), "eight");
-  EXPECT_EQ(s.ReadStringElement("S", "Oct", 9, "past"), "past");
-  EXPECT_EQ(s.ArrayLength("S", "Max"), 65536u);
-  // Indexes that do not parse leave plain values with the whole name.
+  const std::pair<const char*, size_t> lengths[] = {{"Dec", 2}, {"Hex", 3}, {"Max", 65536}, {"Big", 0}};
+  for (const auto& [name, length] : lengths) EXPECT_EQ(s.ArrayLength("S", name), length) << name;
+  const std::tuple<const char*, size_t, const char*> elements[] = {
+      {"Dec", 0, "zero"}, {"Dec", 1, "one"}, {"Hex", 0, ""}, {"Hex", 2, "two"}, {"Oct", 8, "eight"}, {"Oct", 9, "?"}};
+  for (const auto& [name, i, want] : elements) EXPECT_EQ(s.ReadStringElement("S", name, i, "?"), want) << name << i;
   const std::pair<const char*, int> plain[] = {{"Bad[x]", 1}, {"Bad8[08]", 2}, {"Neg[-1]", 3}, {"Big[65536]", 4}};
   for (const auto& [name, value] : plain) EXPECT_EQ(s.ReadInteger("S", name, 0), value) << name;
-  EXPECT_EQ(s.ArrayLength("S", "Big"), 0u);
 }
-
-// ---- sections and values through the interface ----
 
 TEST(SettingsTreeTest, ListCreateAndDeleteSections) {
   Settings s;
@@ -267,15 +230,13 @@ TEST(SettingsTreeTest, ListCreateAndDeleteSections) {
   EXPECT_EQ(s.ListSections("\\"), (Names{"Service.{b}", "Folder.{b}.1", "Service.{a}"}));
   EXPECT_TRUE(s.ListSections("Nowhere").empty());
   EXPECT_TRUE(s.HasSection("Service.{a}\\Sub"));
-
   EXPECT_TRUE(s.DeleteSection("Service.{a}").ok());
   EXPECT_FALSE(s.HasSection("Service.{a}\\Sub"));
   EXPECT_EQ(s.DeleteSection("Service.{a}"), Settings::kNotFound);
   EXPECT_EQ(s.DeleteSection("\\"), rc::kInvalidArg);
-
   EXPECT_TRUE(s.CreateSection("New\\Deeper").ok());
   EXPECT_EQ(s.ListSections(""), (Names{"Service.{b}", "Folder.{b}.1", "New"}));
-  // A section made again after deletion goes to the end.
+  // A section made again after deletion goes to the end, without its old subsections.
   ASSERT_TRUE(s.WriteInteger("Service.{a}", "K", 2).ok());
   EXPECT_EQ(s.ListSections("").back(), "Service.{a}");
   EXPECT_EQ(s.ReadInteger("Service.{a}\\Sub", "K", -1), -1);
@@ -286,9 +247,7 @@ TEST(SettingsTreeTest, ListCreateAndDeleteSections) {
 TEST(SettingsTreeTest, WritesDeletesAndTheChangeCount) {
   Settings s;
   const uint64_t c0 = s.change_count();
-  (void)s.ReadString("S", "A");
-  (void)s.ListSections("");
-  (void)s.SaveToBytes();
+  (void)s.ReadString("S", "A"), (void)s.ListSections(""), (void)s.SaveToBytes();
   EXPECT_EQ(s.change_count(), c0);
   ASSERT_TRUE(s.WriteString("S", "A", "1x").ok());
   ASSERT_TRUE(s.WriteString("S", "B", "2x").ok());
@@ -302,7 +261,6 @@ TEST(SettingsTreeTest, WritesDeletesAndTheChangeCount) {
   EXPECT_EQ(s.DeleteValue("Missing", "A"), Settings::kNotFound);
   EXPECT_EQ(s.change_count(), c1);
   EXPECT_TRUE(s.DeleteValue("S", "A").ok());
-  EXPECT_FALSE(s.TypeOfValue("S", "A").has_value());
   EXPECT_EQ(s.ReadString("S", "A", "def"), "def");
   const uint64_t c2 = s.change_count();
   EXPECT_GT(c2, c1);
@@ -313,8 +271,7 @@ TEST(SettingsTreeTest, WritesDeletesAndTheChangeCount) {
 
 TEST(SettingsTreeTest, InvalidWritesAreRefused) {
   Settings s;
-  const char* bad_names[] = {"", "#1", "a=b", "a[0]", "x]", "line\nbreak", "cr\r"};
-  for (const char* name : bad_names) {
+  for (const char* name : {"", "#1", "a=b", "a[0]", "x]", "line\nbreak", "cr\r"}) {
     EXPECT_EQ(s.WriteInteger("S", name, 1), rc::kInvalidArg) << "name \"" << name << "\"";
     EXPECT_EQ(s.WriteStringElement("S", name, 0, "x"), rc::kInvalidArg) << "name \"" << name << "\"";
   }
@@ -333,9 +290,7 @@ TEST(SettingsTreeTest, ArraysElementByElement) {
   ASSERT_TRUE(s.WriteWideStringElement("S", "W", 2, u"\u00e9").ok());
   EXPECT_EQ(s.TypeOfValue("S", "W"), SettingsType::kWideStringArray);
   EXPECT_EQ(s.ArrayLength("S", "W"), 3u);
-  EXPECT_EQ(s.ReadWideStringElement("S", "W", 2), u"\u00e9");
   EXPECT_EQ(s.ReadStringElement("S", "W", 2), "\xEF\xBB\xBF\xC3\xA9");
-
   // An 8-bit element turns the array into an 8-bit one without changing
   // what the other elements read as.
   ASSERT_TRUE(s.WriteStringElement("S", "W", 0, "plain").ok());
@@ -343,8 +298,6 @@ TEST(SettingsTreeTest, ArraysElementByElement) {
   EXPECT_EQ(s.ReadWideStringElement("S", "W", 2), u"\u00e9");
   EXPECT_EQ(s.ReadWideStringElement("S", "W", 0, u"not wide"), u"not wide");
   ASSERT_TRUE(s.WriteWideStringElement("S", "W", 1, u"w").ok());
-  EXPECT_EQ(s.ReadWideStringElement("S", "W", 1), u"w");
-
   // Writing an element into a scalar replaces it.
   ASSERT_TRUE(s.WriteInteger("S", "N", 1).ok());
   ASSERT_TRUE(s.WriteStringElement("S", "N", 0, "e").ok());
@@ -354,17 +307,16 @@ TEST(SettingsTreeTest, ArraysElementByElement) {
   Settings back;
   EXPECT_TRUE(back.LoadFromBytes(s.SaveToBytes()).empty());
   EXPECT_EQ(back.ArrayLength("S", "W"), 3u);
+  EXPECT_EQ(back.ReadStringElement("S", "W", 0), "plain");
   EXPECT_EQ(back.ReadWideStringElement("S", "W", 1), u"w");
   EXPECT_EQ(back.ReadWideStringElement("S", "W", 2), u"\u00e9");
-  EXPECT_EQ(back.ReadStringElement("S", "W", 0), "plain");
 }
 
 // Worker threads write their keys while the main thread saves: every save is
 // a whole, readable tree, and the last one holds every key.
 TEST(SettingsTreeTest, WritersAndSaverOnSeveralThreads) {
   Settings s;
-  constexpr int kThreads = 4;
-  constexpr int kKeys = 300;
+  constexpr int kThreads = 4, kKeys = 300;
   std::atomic<bool> done{false};
   std::vector<std::thread> writers;
   for (int t = 0; t < kThreads; ++t) {
@@ -378,10 +330,7 @@ TEST(SettingsTreeTest, WritersAndSaverOnSeveralThreads) {
     });
   }
   std::thread saver([&] {
-    while (!done.load()) {
-      Settings snapshot;
-      EXPECT_TRUE(snapshot.LoadFromBytes(s.SaveToBytes()).empty());
-    }
+    while (!done.load()) EXPECT_TRUE(Settings().LoadFromBytes(s.SaveToBytes()).empty());
   });
   for (auto& w : writers) w.join();
   done = true;

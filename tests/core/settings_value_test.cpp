@@ -51,7 +51,6 @@ TEST(SettingsWideTest, Decoding) {
 TEST(SettingsBinaryTest, EncodingAndDecoding) {
   const std::vector<uint8_t> bytes = {0x00, 0x7F, 0xAB, 0xFF};
   EXPECT_EQ(EncodeSettingsBinary(bytes), "584D007FABFF");
-  EXPECT_EQ(EncodeSettingsBinary({}), "");
 
   struct Row { const char* name; std::string in; std::optional<std::vector<uint8_t>> out; };
   const Row rows[] = {
@@ -80,10 +79,8 @@ TEST(SettingsTextTypeTest, TypeIsDecidedFromTheText) {
 }
 
 TEST(SettingsDoubleTest, WrittenAsPercentFAndReadBack) {
-  EXPECT_EQ(FormatSettingsDouble(1.5), "1.500000");
-  EXPECT_EQ(FormatSettingsDouble(-0.25), "-0.250000");
   // Same text as the C library's "%f" (the test runs in the C locale).
-  for (const double v : {0.0, 1.0000007, 0.0000005, 123456.7890123, -1e-9, 1e20, 4294967296.5}) {
+  for (const double v : {1.5, -0.25, 0.0, 1.0000007, 0.0000005, 123456.7890123, -1e-9, 1e20, 4294967296.5}) {
     char expected[400];
     std::snprintf(expected, sizeof expected, "%f", v);
     EXPECT_EQ(FormatSettingsDouble(v), expected);
