@@ -109,7 +109,9 @@ Result FolderFile::LoadIndex() {
     {
       MutexLock lock(mu_);
       const bool was_loaded = loaded_;
-      r = LoadStep(kIndexBatch, &done, &reached);
+      // With a progress callback, one record a step, so that it is told
+      // after every record; without one, the whole index in one step.
+      r = LoadStep(options_.progress ? 1 : 0, &done, &reached);
       loaded_now = !was_loaded && loaded_;
     }
     // No lock held here: the callback may call the folder file back.

@@ -24,8 +24,8 @@
 //               Abort, so no other change can join or undo its transaction.
 //               Reads do not take it and go on while a batch is open.
 // Methods return copies, never references into the index. Compact and a
-// repair hold mu_ throughout; LoadIndex reads the index in steps of
-// kIndexBatch records and drops mu_ between them.
+// repair hold mu_ throughout; LoadIndex, when it has a progress callback,
+// reads the index one record a step and drops mu_ between steps.
 //
 // Callbacks run on the thread that called the folder file, with NO lock of
 // the folder file held: observers after the change is committed, the
@@ -97,8 +97,6 @@ class FolderFile {
   static constexpr const char16_t* kLabel = u"Mail Storage";
   static constexpr uint32_t kMinCompactBytes = 64 * 1024;
   static constexpr uint32_t kRebuildHeadBytes = 64 * 1024;
-  // Records read per step of LoadIndex; progress is told after each step.
-  static constexpr uint32_t kIndexBatch = 25;
 
   explicit FolderFile(LogSink& log, FolderFileOptions options = {});
   ~FolderFile();

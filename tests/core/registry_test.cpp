@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/core/recording_log.h"
+#include "tests/support/recording_log.h"
 #include "tests/core/scoped_env.h"
 #include "tests/support/temp_dir.h"
 

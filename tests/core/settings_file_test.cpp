@@ -7,7 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "tests/core/recording_log.h"
+#include "tests/support/recording_log.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv {

@@ -72,10 +72,9 @@ TEST_F(FolderFileTest, AppendedMessagesComeBackFromCountsAndIndex) {
   EXPECT_EQ(text, "\r\n");
   EXPECT_EQ(f.NextKey(), 4u);
 
-  // Progress after each step of kIndexBatch records (one step here), up to
-  // the size of "/Index".
+  // Progress after each record, up to the size of "/Index".
   const uint32_t size = static_cast<uint32_t>(RawFolder(path_).Read(u"/Index").size());
-  ASSERT_EQ(progress.size(), 1u);
+  ASSERT_EQ(progress.size(), 3u);
   EXPECT_EQ(progress.back(), std::make_pair(size, size));
   EXPECT_EQ(RawFolder(path_).Read(u"/Counts"), std::string("\x03\0\0\0\x01\0\0\0", 8));
 }

@@ -11,7 +11,7 @@
 #include "store/container.h"
 #include "store/container_stream.h"
 #include "store/folder_file.h"
-#include "tests/core/recording_log.h"
+#include "tests/support/recording_log.h"
 
 namespace trv::test {
 

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/core/recording_log.h"
+#include "tests/support/recording_log.h"
 #include "tests/store/storage_test_util.h"
 #include "tests/support/temp_dir.h"
 

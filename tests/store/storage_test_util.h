@@ -10,7 +10,7 @@
 #include "store/storage.h"
 #include "base/file_system.h"
 #include "store/storage_host.h"
-#include "tests/core/recording_log.h"
+#include "tests/support/recording_log.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv::test {

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "core/activity_log.h"
+#include "base/log_sink.h"
 
 namespace trv::test {
 
