@@ -36,7 +36,6 @@ TEST(RecordFromMessageTest, ListingFields) {
       {"message id without brackets", "Message-ID: abc@host\r\n\r\n", u"", u"", u"", u"", u"abc@host"},
       {"fields after the header are body", "Subject: a\r\n\r\nFrom: not@header\r\n", u"a", u"", u"", u"", u""},
       {"no header", "\r\nSubject: body\r\n", u"", u"", u"", u"", u""},
-      {"blanks before the colon", "Subject : hi\r\n\r\n", u"hi", u"", u"", u"", u""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -171,20 +170,6 @@ TEST(ImportMailInputTest, MboxWithOddEntriesIntoAFolderFile) {
   std::string text;
   ASSERT_TRUE(file.ReadMessage(records[2].key, &text).ok());
   EXPECT_EQ(text, "\r\nJust text without any header\r\n");
-
-  // Text that is not mail is not read at all.
-  const std::string notes = "shopping: milk\nbread\n";
-  pos = 0;
-  LineSource other([&](char* buf, size_t size, size_t* got) {
-    *got = std::min(size, notes.size() - pos);
-    std::copy_n(notes.data() + pos, *got, buf);
-    pos += *got;
-    return rc::kOk;
-  });
-  ASSERT_TRUE(ImportMailInput(other, importer, &kind).ok());
-  EXPECT_EQ(kind, InputKind::kNotMail);
-  EXPECT_TRUE(importer.Flush().ok());
-  EXPECT_EQ(importer.stored(), 3u);
 }
 
 }  // namespace
