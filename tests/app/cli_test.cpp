@@ -27,11 +27,7 @@ class CliTest : public CliTestBase {
     return p;
   }
   // Runs that fail with `status`, standard error saying `says`.
-  struct Failure {
-    const char* name;
-    std::vector<std::string> args;
-    const char* says;
-  };
+  struct Failure { const char* name; std::vector<std::string> args; const char* says; };
   void ExpectFailures(const std::vector<Failure>& rows, int status) {
     for (const Failure& row : rows) {
       const CliRun run = Run(row.args);

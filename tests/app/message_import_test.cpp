@@ -20,11 +20,7 @@ bool Near(double a, double b) { return std::fabs(a - b) < 1.0 / 86400.0; }
 // The header parsing itself is the mime layer's; here what the record takes
 // from it, and how undeclared 8-bit text and a missing header are read.
 TEST(RecordFromMessageTest, ListingFields) {
-  struct Row {
-    const char* name;
-    std::string head;
-    std::u16string subject, from, to, cc, message_id;
-  };
+  struct Row { const char* name; std::string head; std::u16string subject, from, to, cc, message_id; };
   const Row rows[] = {
       {"encoded words", "Subject: =?UTF-8?B?R3LDvMOfZQ==?= =?ISO-8859-1?Q?caf=E9?=\r\n\r\n", u"Grüßecafé", u"", u"",
        u"", u""},

@@ -5,11 +5,7 @@
 namespace trv {
 namespace {
 
-struct Row {
-  const char* name;
-  WString in;
-  WString out;
-};
+struct Row { const char* name; WString in; WString out; };
 
 // Each row through both forms of the conversion.
 void CheckRows(const std::vector<Row>& rows, bool no_links) {
