@@ -52,6 +52,7 @@ TEST(RecordFromMessageTest, PriorityAndUnsentFlags) {
       {"X-Priority: 2\r\n\r\n", msgflag::kPriorityHigh},
       {"x-priority: 5\r\nx-unsent:  1 \r\n\r\n", msgflag::kPriorityLow | msgflag::kUnsent},
       {"Content-Type: multipart/mixed; boundary=b\r\n\r\n", msgflag::kHasAttachments},
+      {"X-Priority: urgent\r\nX-Unsent: 0\r\n\r\n", 0},
   };
   for (const auto& [head, flags] : rows) EXPECT_EQ(RecordFromMessage(head).flags, flags) << head;
   // Flags other than these stay; these follow the header.

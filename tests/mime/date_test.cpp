@@ -39,11 +39,9 @@ class ScopedTz {
 };
 
 TEST(DateValueTest, KnownPointsAndRoundTrips) {
-  EXPECT_EQ(Utc(1899, 12, 30), 0.0);
   EXPECT_EQ(Utc(1970, 1, 1), 25569.0);
   EXPECT_EQ(Utc(2000, 3, 1) - Utc(2000, 2, 28), 2.0) << "2000 is a leap year";
   EXPECT_EQ(Utc(2100, 3, 1) - Utc(2100, 2, 28), 1.0) << "2100 is not";
-  EXPECT_DOUBLE_EQ(Utc(2005, 1, 4, 12), Utc(2005, 1, 4) + 0.5);
   EXPECT_EQ(Utc(2005, 2, 31), Utc(2005, 3, 3)) << "days roll over";
   EXPECT_EQ(DateFromTimeT(0), 25569.0);
   EXPECT_EQ(TimeTFromDate(Utc(2005, 1, 4, 9, 5, 7)), 1104829507);
