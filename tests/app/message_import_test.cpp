@@ -71,39 +71,38 @@ TEST(RecordFromMessageTest, Dates) {
   EXPECT_TRUE(Near(r.received_date, Civil(2024, 3, 5, 8, 0, 0)));  // the topmost Received
 }
 
+// The repair made the record with the stream's time and a marked sent date;
+// key and size stay whatever the head says.
 TEST(RebuildRecordTest, FillsFromTheHeadAndKeepsTheStreamTime) {
-  const double stream_time = Civil(2023, 1, 2, 3, 4, 5);
-  auto rebuilt = [&](const std::string& head) {
+  const double stream = Civil(2023, 1, 2, 3, 4, 5), marked = Civil(2000, 1, 1, 0, 0, 0);
+  const double received = Civil(2024, 3, 5, 7, 0, 0);
+  struct Row { const char* name; std::string head; std::u16string subject, from; double sent, received; uint32_t flags; };
+  const Row rows[] = {
+      {"no Received field: the stream's time stays",
+       "Subject: back\r\nFrom: a@b\r\nDate: Mon, 4 Mar 2024 10:00:00 +0000\r\n\r\nbody", u"back", u"a@b",
+       Civil(2024, 3, 4, 10, 0, 0), stream, 0},
+      {"no dates at all: the stream's time for both", "Subject: x\r\n\r\n", u"x", u"", stream, stream, 0},
+      {"no Date: sent when received", "Received: x; Tue, 5 Mar 2024 07:00:00 +0000\r\n\r\n", u"", u"", received,
+       received, 0},
+      {"nothing to read: the record stays", "\r\nbody only\r\n", u"", u"", marked, stream,
+       msgflag::kNeedsHeaderRefresh},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
     MessageRecord r;
     r.key = 7;
     r.size = 999;
-    r.received_date = stream_time;
+    r.sent_date = marked;
+    r.received_date = stream;
     r.flags = msgflag::kNeedsHeaderRefresh;
-    RebuildRecordFromHead(head, &r);
-    return r;
-  };
-  MessageRecord r = rebuilt("Subject: back\r\nFrom: a@b\r\nDate: Mon, 4 Mar 2024 10:00:00 +0000\r\n\r\nbody");
-  EXPECT_EQ(r.subject, u"back");
-  EXPECT_EQ(r.from, u"a@b");
-  EXPECT_EQ(r.key, 7u);
-  EXPECT_EQ(r.size, 999u);
-  EXPECT_TRUE(Near(r.sent_date, Civil(2024, 3, 4, 10, 0, 0)));
-  EXPECT_EQ(r.received_date, stream_time);  // no Received field: the stream's time stays
-  EXPECT_EQ(r.flags, 0u);
-
-  r = rebuilt("Subject: no dates\r\n\r\n");
-  EXPECT_EQ(r.sent_date, stream_time);
-  EXPECT_EQ(r.received_date, stream_time);
-
-  r = rebuilt("Received: x; Tue, 5 Mar 2024 07:00:00 +0000\r\n\r\n");
-  EXPECT_TRUE(Near(r.received_date, Civil(2024, 3, 5, 7, 0, 0)));
-  EXPECT_TRUE(Near(r.sent_date, Civil(2024, 3, 5, 7, 0, 0)));
-
-  // Nothing to read: the record stays as the repair made it.
-  r = rebuilt("\r\nbody only\r\n");
-  EXPECT_EQ(r.subject, u"");
-  EXPECT_EQ(r.flags, msgflag::kNeedsHeaderRefresh);
-  EXPECT_EQ(r.received_date, stream_time);
+    RebuildRecordFromHead(row.head, &r);
+    EXPECT_EQ(r.subject, row.subject);
+    EXPECT_EQ(r.from, row.from);
+    EXPECT_EQ(std::make_pair(r.key, r.size), std::make_pair(7u, 999u));
+    EXPECT_TRUE(Near(r.sent_date, row.sent) && Near(r.received_date, row.received)) << r.sent_date << " "
+                                                                                     << r.received_date;
+    EXPECT_EQ(r.flags, row.flags);
+  }
 }
 
 TEST(RebuildRecordTest, TheEngineGivesItToFolderFiles) {
