@@ -3,6 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <ctime>
+#include <optional>
+#include <string>
 
 #include "base/date_value.h"
 #include "mime/header.h"
@@ -20,22 +23,17 @@ double Utc(int y, int mo, int d, int h = 0, int mi = 0, int s = 0) {
 class ScopedTz {
  public:
   explicit ScopedTz(const char* tz) {
-    if (const char* old = std::getenv("TZ")) old_ = old, had_ = true;
-    setenv("TZ", tz, 1);
-    tzset();
+    if (const char* old = std::getenv("TZ")) old_ = old;
+    Set(tz);
   }
-  ~ScopedTz() {
-    if (had_) {
-      setenv("TZ", old_.c_str(), 1);
-    } else {
-      unsetenv("TZ");
-    }
-    tzset();
-  }
+  ~ScopedTz() { Set(old_ ? old_->c_str() : nullptr); }
 
  private:
-  std::string old_;
-  bool had_ = false;
+  static void Set(const char* tz) {
+    tz ? setenv("TZ", tz, 1) : unsetenv("TZ");
+    tzset();
+  }
+  std::optional<std::string> old_;
 };
 
 TEST(DateValueTest, KnownPointsAndRoundTrips) {
