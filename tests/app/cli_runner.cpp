@@ -63,6 +63,10 @@ pid_t CliSandbox::Start(const std::vector<std::string>& args, int* input) const 
     ::_exit(127);
   }
   ::close(fds[0]);
+  if (pid < 0) {
+    ::close(fds[1]);
+    return -1;
+  }
   *input = fds[1];
   return pid;
 }

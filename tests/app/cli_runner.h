@@ -33,7 +33,7 @@ class CliSandbox {
   // Runs to the end with `input` on standard input.
   CliRun Run(const std::vector<std::string>& args, const std::string& input = "") const;
   // Starts a run whose standard input is a pipe; `*input` is its write end,
-  // for the caller to close. Returns -1 when the pipe cannot be made.
+  // for the caller to close. Returns -1 when no process could be started.
   pid_t Start(const std::vector<std::string>& args, int* input) const;
   // Waits for a started run.
   CliRun Wait(pid_t pid) const;
