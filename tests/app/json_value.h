@@ -1,10 +1,8 @@
-// A tiny JSON reader for checking the command line's --json output: strict
-// RFC 8259 syntax (one value, nothing after it but blanks), values kept as a
-// small tree.
+// A small JSON reader for checking the command line's --json output: one
+// value with nothing after it but blanks, kept as a tree.
 #pragma once
 
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -17,18 +15,14 @@ struct JsonValue {
   std::string text;  // UTF-8
   std::vector<JsonValue> items;
   std::map<std::string, JsonValue> members;
-  std::vector<std::string> member_order;
 
-  const JsonValue& operator[](const std::string& key) const;
+  // A member that is not there throws std::out_of_range, failing the test.
+  const JsonValue& operator[](const std::string& key) const { return members.at(key); }
   const JsonValue& operator[](size_t i) const { return items.at(i); }
   size_t size() const { return type == kArray ? items.size() : members.size(); }
 };
 
-// False with `*error` (the offset and what was expected) when `text` is not
-// one valid JSON document.
-bool ParseJson(const std::string& text, JsonValue* value, std::string* error);
-
-// `text` parsed; text that does not parse fails the test.
+// `text` parsed; text that is not one valid JSON value fails the test.
 JsonValue Json(const std::string& text);
 
 }  // namespace trv::test

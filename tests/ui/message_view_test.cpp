@@ -27,12 +27,7 @@ TEST(ImageSizeTest, Formats) {
   const std::string jpeg_app0 = std::string("\xFF\xD8\xFF\xE0\x00\x10", 6) + std::string(14, 'j');
   const std::string sof = std::string("\x08\x00\x64\x00\xC8\x03", 6) + std::string(9, '\0');  // 200 x 100
   const std::string riff = "RIFF" + Le32(100) + "WEBP";
-  struct Row {
-    const char* name;
-    std::string bytes;
-    bool ok;
-    int width, height;
-  };
+  struct Row { const char* name; std::string bytes; bool ok; int width, height; };
   const Row rows[] = {
       {"png", Png(640, 480), true, 640, 480},
       {"gif", "GIF89a" + Le16(320) + Le16(200), true, 320, 200},

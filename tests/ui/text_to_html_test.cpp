@@ -5,11 +5,7 @@
 namespace trv {
 namespace {
 
-struct Row {
-  const char* name;
-  WString in;
-  WString out;
-};
+struct Row { const char* name; WString in; WString out; };
 
 // Each row through both forms of the conversion.
 void CheckRows(const std::vector<Row>& rows, bool no_links) {
@@ -21,7 +17,7 @@ void CheckRows(const std::vector<Row>& rows, bool no_links) {
   }
 }
 
-TEST(TextToHtmlTest, EscapesAndLineEnds) {
+TEST(TextToHtmlTest, EscapesLineEndsWebLinksAndAddresses) {
   CheckRows({
       {"reserved characters", u"a<b & c>d", u"a&lt;b &amp; c&gt;d"},
       {"backslash becomes &quot;", u"C:\\dir", u"C:&quot;dir"},
@@ -29,16 +25,9 @@ TEST(TextToHtmlTest, EscapesAndLineEnds) {
       {"CR LF", u"line1\r\nline2", u"line1<br>line2"},
       {"CR alone is dropped", u"a\rb", u"ab"},
       {"LF alone is kept", u"a\nb", u"a\nb"},
-      {"CR CR LF", u"\r\r\n", u"<br>"},
-      {"empty", u"", u""},
       {"other characters as they are", u"\u00e9\U0001F600\t;,", u"\u00e9\U0001F600\t;,"},
-  }, false);
-}
-
-TEST(TextToHtmlTest, WebAndWwwLinks) {
-  CheckRows({
-      {"target raw, text escaped, comma ends",
-       u"see http://host/p?a=1&b=2, then",
+      // Web links.
+      {"target raw, text escaped, comma ends", u"see http://host/p?a=1&b=2, then",
        u"see <a href=\"http://host/p?a=1&b=2\">http://host/p?a=1&amp;b=2</a>, then"},
       {"no word start", u"xhttp://a", u"xhttp://a"},
       {"scheme in capitals", u"HTTP://A", u"<a href=\"HTTP://A\">HTTP://A</a>"},
@@ -48,18 +37,12 @@ TEST(TextToHtmlTest, WebAndWwwLinks) {
       {"link at the end of the text", u"x http://a.b/c", u"x <a href=\"http://a.b/c\">http://a.b/c</a>"},
       {"after LF", u"x\nwww.b", u"x\n<a href=\"http://www.b\">www.b</a>"},
       {"ended by <", u"http://a<b", u"<a href=\"http://a\">http://a</a>&lt;b"},
-      {"ended by a double quote", u"go http://a\"x", u"go <a href=\"http://a\">http://a</a>\"x"},
       {"backslash raw in the target", u"http://a\\b", u"<a href=\"http://a\\b\">http://a&quot;b</a>"},
       {"@ inside a web link", u"http://u@h", u"<a href=\"http://u@h\">http://u@h</a>"},
       {"scheme-like word", u"https://a", u"https://a"},
-  }, false);
-}
-
-TEST(TextToHtmlTest, MailtoAndAddressLinks) {
-  CheckRows({
+      // Addresses and mailto: links.
       {"mailto keeps its scheme", u"mailto:me@host", u"<a href=\"mailto:me@host\">mailto:me@host</a>"},
-      {"two addresses, the second stops at the comma",
-       u"To: me@host, you@there",
+      {"two addresses, the second stops at the comma", u"To: me@host, you@there",
        u"To: <a href=\"mailto:me@host\">me@host</a>, <a href=\"mailto:you@there\">you@there</a>"},
       {"address right after a comma", u"a,b@c", u"a,<a href=\"mailto:b@c\">b@c</a>"},
       {"@ at the start", u"@host", u"@host"},
@@ -67,7 +50,6 @@ TEST(TextToHtmlTest, MailtoAndAddressLinks) {
       {"local part stops at @", u"a@b@c", u"<a href=\"mailto:a@b@c\">a@b@c</a>"},
       {"domain runs to the next separator", u"me@host.com. Bye", u"<a href=\"mailto:me@host.com.\">me@host.com.</a> Bye"},
       {"local part stops at an entity's ;", u"a&b@host", u"a&amp;<a href=\"mailto:b@host\">b@host</a>"},
-      {"local part stops at &quot;'s ;", u"a\\b@host", u"a&quot;<a href=\"mailto:b@host\">b@host</a>"},
       {"local part stops at a double quote", u"\"Me\"me@h", u"\"Me\"<a href=\"mailto:me@h\">me@h</a>"},
       {"local part after a link", u"http://a b@c", u"<a href=\"http://a\">http://a</a> <a href=\"mailto:b@c\">b@c</a>"},
       {"non-ASCII address", u"\u00fc@\u00f6", u"<a href=\"mailto:\u00fc@\u00f6\">\u00fc@\u00f6</a>"},
