@@ -72,23 +72,49 @@ void AppendUtf8(char32_t cp, std::string* out) {
   }
 }
 
+// Both whole-text forms write through a pointer into a string sized for the
+// worst case (a byte never gives more than one UTF-16 unit; a unit never
+// more than three bytes) and copy runs of ASCII without a call: listing a
+// folder converts every sender and subject this way.
 bool DecodeUtf8(std::string_view bytes, std::u16string* out) {
-  out->reserve(out->size() + bytes.size());
+  const size_t start = out->size();
+  out->resize(start + bytes.size());
+  char16_t* w = out->data() + start;
+  const auto* p = reinterpret_cast<const uint8_t*>(bytes.data());
+  const size_t n = bytes.size();
   bool clean = true;
-  while (!bytes.empty()) {
-    const Utf8Sequence seq = ReadUtf8Sequence(bytes);
+  for (size_t i = 0; i < n;) {
+    if (p[i] < 0x80) {
+      *w++ = p[i++];
+      continue;
+    }
+    const Utf8Sequence seq = ReadUtf8Sequence(bytes.substr(i));
     clean = clean && seq.status == Utf8Status::kValid;
-    AppendUtf16(seq.code_point, out);
-    bytes.remove_prefix(seq.length);
+    char32_t cp = seq.code_point;
+    if (cp >= 0x10000) {
+      cp -= 0x10000;
+      *w++ = static_cast<char16_t>(0xD800 + (cp >> 10));
+      *w++ = static_cast<char16_t>(0xDC00 + (cp & 0x3FF));
+    } else {
+      *w++ = static_cast<char16_t>(cp);
+    }
+    i += seq.length;
   }
+  out->resize(static_cast<size_t>(w - out->data()));
   return clean;
 }
 
 bool EncodeUtf8(std::u16string_view text, std::string* out) {
-  out->reserve(out->size() + text.size());
+  const size_t start = out->size();
+  out->resize(start + 3 * text.size());
+  char* w = out->data() + start;
   bool clean = true;
   for (size_t i = 0; i < text.size(); ++i) {
     char32_t c = text[i];
+    if (c < 0x80) {
+      *w++ = static_cast<char>(c);
+      continue;
+    }
     if (IsHighSurrogate(c) && i + 1 < text.size() && IsLowSurrogate(text[i + 1])) {
       c = 0x10000 + ((c - 0xD800) << 10) + (text[i + 1] - 0xDC00);
       ++i;
@@ -96,8 +122,19 @@ bool EncodeUtf8(std::u16string_view text, std::string* out) {
       c = kReplacementCharacter;
       clean = false;
     }
-    AppendUtf8(c, out);
+    if (c < 0x800) {
+      *w++ = static_cast<char>(0xC0 | (c >> 6));
+    } else if (c < 0x10000) {
+      *w++ = static_cast<char>(0xE0 | (c >> 12));
+      *w++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    } else {
+      *w++ = static_cast<char>(0xF0 | (c >> 18));
+      *w++ = static_cast<char>(0x80 | ((c >> 12) & 0x3F));
+      *w++ = static_cast<char>(0x80 | ((c >> 6) & 0x3F));
+    }
+    *w++ = static_cast<char>(0x80 | (c & 0x3F));
   }
+  out->resize(static_cast<size_t>(w - out->data()));
   return clean;
 }
 
