@@ -8,7 +8,7 @@
 #include "app/cli/text_table.h"
 #include "base/date_value.h"
 #include "tests/app/json_value.h"
-#include "tests/support/temp_dir.h"
+#include "tests/app/scratch_folder.h"
 
 namespace trv::cli {
 namespace {
@@ -102,19 +102,15 @@ TEST(TextTableTest, AlignsByCharactersAndKeepsRowsOnOneLine) {
 
 // The listing comes from the index records alone, in pieces, as valid JSON.
 TEST(ListingTest, JsonFromTheIndexAlone) {
-  test::TempDir dir;
-  NullLogSink log;
-  FolderFileOptions options;
-  options.sync_commits = false;
-  FolderFile file(log, options);
-  ASSERT_TRUE(file.Create(dir / "f.fld").ok());
+  test::ScratchFolder folder;
+  FolderFile& file = folder.file;
   std::vector<NewMessage> batch(3000);  // enough to be handed out in several pieces
   for (NewMessage& m : batch) m = {MessageRecord(), "Subject: x\r\n\r\n"};
   batch[0].record.from = u"Zo\u00eb \"Z\" <z@x.org>";
   batch[0].record.subject = u"tab\there\u2603";
   ASSERT_TRUE(file.AppendMany(batch, nullptr).ok());
   file.Close();
-  ASSERT_TRUE(file.Open(dir / "f.fld").ok());
+  ASSERT_TRUE(file.Open(folder.dir / "f.fld").ok());
   const ContainerCounters before = file.counters();
   ASSERT_TRUE(file.LoadIndex().ok());
   std::string streamed;

@@ -44,6 +44,7 @@ class CliSandbox {
 
  private:
   std::vector<std::string> Environment() const;
+  std::string OutPath(pid_t pid, const char* which) const;
 
   TempDir dir_;
 };
