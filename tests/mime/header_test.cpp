@@ -1,16 +1,19 @@
 // Header blocks: splitting a field into value, parameters and comment;
 // parsing, unfolding and limits; reading a block from a stream at every
-// buffer size; writing with folding, encoded words and RFC 2231 parameters.
+// buffer size; writing with folding, encoded words and RFC 2231 parameters;
+// decoding encoded words, RFC 2231 parameters and address lists.
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "mime/address_list.h"
 #include "mime/encoded_word.h"
 #include "mime/header.h"
 #include "mime/header_split.h"
 #include "mime/header_writer.h"
 #include "mime/stream.h"
 #include "mime/mime_result.h"
+#include "mime/rfc2231.h"
 
 namespace trv {
 namespace {
@@ -44,35 +47,39 @@ size_t LongestLine(const std::string& text) {
   return longest;
 }
 
+// "name=value[language]" of every parameter, joined by "; ".
+std::string Describe(const std::vector<CXmParameter>& params) {
+  std::string out;
+  for (const CXmParameter& p : params) {
+    out += (out.empty() ? "" : "; ") + WideToUtf8(p.name) + "=" + WideToUtf8(p.value);
+    if (!p.language.empty()) out += "[" + WideToUtf8(p.language) + "]";
+  }
+  return out;
+}
+
 TEST(SplitFieldTest, ValueParametersCommentsQuotesAndBlanks) {
-  struct Row { const char* name; WString in, value, comment; std::vector<std::pair<WString, WString>> params; };
+  struct Row { const char* name; WString in, value, comment; const char* params; };
   const Row rows[] = {
-      {"quoted parameter", u"X: multipart/mixed; boundary=\"a b;c\"", u"multipart/mixed", u"", {{u"boundary", u"a b;c"}}},
-      {"blanks around = and ;", u"X: v ;  name =  value  ; other", u"v", u"", {{u"name", u"value"}, {u"other", u""}}},
-      {"later = is data", u"X: v; b=----=_Part=1", u"v", u"", {{u"b", u"----=_Part=1"}}},
-      {"comment kept apart", u"X: 1.0 (produced by x)", u"1.0", u"produced by x", {}},
-      {"nested comment", u"X: a (b (c) d) e", u"a e", u"b c d", {}},
-      {"unclosed comment", u"X: a (b", u"a", u"b", {}},
-      {"two comments", u"X: (a) v (b)", u"v", u"a b", {}},
-      {"blank runs collapse", u"X: a  \t b", u"a b", u"", {}},
-      {"blanks around @ and . vanish", u"X: a . b @ c . d", u"a.b@c.d", u"", {}},
-      {"escaped quote is data", u"X: a\\\"b", u"a\\\"b", u"", {}},
-      {"quoted escapes and blanks", u"X: \"  a\\\"b\\\\c \"", u"  a\"b\\c ", u"", {}},
-      {"unclosed quote", u"X: \"abc", u"abc", u"", {}},
-      {"empty parameter names dropped", u"X: v; ; =x; a=1", u"v", u"", {{u"a", u"1"}}},
-      {"empty value", u"X:", u"", u"", {}},
+      {"quoted parameter", u"X: multipart/mixed; boundary=\"a b;c\"", u"multipart/mixed", u"", "boundary=a b;c"},
+      {"blanks around = and ;", u"X: v ;  name =  value  ; other", u"v", u"", "name=value; other="},
+      {"later = is data", u"X: v; b=----=_Part=1", u"v", u"", "b=----=_Part=1"},
+      {"comment kept apart", u"X: 1.0 (produced by x)", u"1.0", u"produced by x", ""},
+      {"nested comment", u"X: a (b (c) d) e", u"a e", u"b c d", ""},
+      {"unclosed comment", u"X: a (b", u"a", u"b", ""},
+      {"two comments", u"X: (a) v (b)", u"v", u"a b", ""},
+      {"blank runs collapse", u"X: a  \t b", u"a b", u"", ""},
+      {"blanks around @ and . vanish", u"X: a . b @ c . d", u"a.b@c.d", u"", ""},
+      {"escaped quote is data", u"X: a\\\"b", u"a\\\"b", u"", ""},
+      {"quoted escapes and blanks", u"X: \"  a\\\"b\\\\c \"", u"  a\"b\\c ", u"", ""},
+      {"unclosed quote", u"X: \"abc", u"abc", u"", ""},
+      {"empty parameter names dropped", u"X: v; ; =x; a=1", u"v", u"", "a=1"},
+      {"empty value", u"X:", u"", u"", ""},
   };
   for (const Row& r : rows) {
     CXmHeaderField f;
     EXPECT_TRUE(SplitField(r.in, &f).ok()) << r.name;
-    EXPECT_EQ(f.name(), u"X") << r.name;
-    EXPECT_EQ(f.value(), r.value) << r.name;
-    EXPECT_EQ(f.comment(), r.comment) << r.name;
-    ASSERT_EQ(f.params().size(), r.params.size()) << r.name;
-    for (size_t i = 0; i < r.params.size(); ++i) {
-      EXPECT_EQ(f.params()[i].name, r.params[i].first) << r.name;
-      EXPECT_EQ(f.params()[i].value, r.params[i].second) << r.name;
-    }
+    EXPECT_EQ(std::tie(f.name(), f.value(), f.comment()), std::make_tuple(u"X", r.value, r.comment)) << r.name;
+    EXPECT_EQ(Describe(f.params()), r.params) << r.name;
   }
   CXmHeaderField f;
   EXPECT_EQ(SplitField(u"no colon here", &f), rc::kMimeSyntax);
@@ -321,6 +328,124 @@ TEST(HeaderWriteTest, ParsedFieldsAreWrittenAsTheyStood) {
   EXPECT_EQ(Written(h), block);
   h.SetSubject(u"changed");
   EXPECT_EQ(Written(h), "From: \"Smith, Alice\" (work) <alice@example.org>\r\nSubject: changed\r\n");
+}
+
+TEST(EncodedWordTest, Decoding) {
+  struct Row { const char* name; WString in; WString out; bool ok; };
+  const Row rows[] = {
+      {"Q word", u"=?iso-8859-1?Q?Gr=FC=DFe?=", u"Gr\u00fc\u00dfe", true},
+      {"Q underscore is space", u"=?utf-8?q?a_b?=", u"a b", true},
+      {"B word", u"=?UTF-8?B?4oKs?=", u"\u20ac", true},
+      {"B without padding", u"=?utf-8?b?4oKs4oKs4g?=", u"\u20ac\u20ac\uFFFD", false},
+      {"text around", u"Re: =?utf-8?Q?caf=C3=A9?= ok", u"Re: caf\u00e9 ok", true},
+      {"blank between words dropped", u"=?utf-8?Q?a?= \t =?utf-8?Q?b?=", u"ab", true},
+      {"folded words joined", u"=?utf-8?Q?a?=\r\n =?utf-8?Q?b?=", u"ab", true},
+      {"touching words", u"=?utf-8?Q?a?==?utf-8?Q?b?=", u"ab", true},
+      {"blank before text kept", u"=?utf-8?Q?a?= b", u"a b", true},
+      {"character split between words", u"=?utf-8?B?4oI=?= =?utf-8?B?rA==?=", u"\u20ac", true},
+      {"split bytes in different charsets stay apart", u"=?iso-8859-1?Q?=E9?= =?utf-8?Q?=C3=A9?=", u"\u00e9\u00e9",
+       true},
+      {"language suffix", u"=?utf-8*en?Q?hi?=", u"hi", true},
+      {"unknown charset falls back", u"=?x-foo?Q?caf=C3=A9?=", u"caf\u00e9", false},
+      {"unknown encoding stays", u"=?utf-8?X?abc?=", u"=?utf-8?X?abc?=", true},
+      {"missing end stays", u"=?utf-8?Q?abc", u"=?utf-8?Q?abc", true},
+      {"blank inside stays", u"=?utf-8?Q?a b?=", u"=?utf-8?Q?a b?=", true},
+      {"empty charset stays", u"=?" u"?Q?a?=", u"=?" u"?Q?a?=", true},
+      {"lone =?", u"a =? b", u"a =? b", true},
+      {"malformed Q escape kept", u"=?utf-8?Q?a=ZZ=4?=", u"a=ZZ=4", true},
+      {"empty encoded text", u"x =?utf-8?Q?" u"?= y", u"x  y", true},
+      {"malformed then good", u"=?bad =?utf-8?Q?ok?=", u"=?bad ok", true},
+      {"non-ascii inside stays", u"=?utf-8?Q?\u00e9?=", u"=?utf-8?Q?\u00e9?=", true},
+  };
+  for (const Row& r : rows) {
+    WString out;
+    EXPECT_EQ(DecodeEncodedWords(r.in, &out), r.ok) << r.name;
+    EXPECT_EQ(out, r.out) << r.name;
+  }
+}
+
+TEST(EncodedWordTest, HostileInputIsLinear) {
+  // Many openings and no closing: each start must not rescan the rest.
+  WString text;
+  for (int i = 0; i < 200000; ++i) text += u"=?a?q?";
+  WString out;
+  DecodeEncodedWords(text, &out);
+  EXPECT_EQ(out, text);
+  const WString long_word = u"=?utf-8?Q?" + WString(1000000, u'a');
+  DecodeEncodedWords(long_word, &out);
+  EXPECT_EQ(out, long_word);
+}
+
+TEST(Rfc2231Test, MergesParameters) {
+  struct Row { const char* name; std::vector<CXmParameter> in; const char* out; };
+  const Row rows[] = {
+      {"extended value", {{u"filename*", u"utf-8'en'na%C3%AFve%20file.txt", {}}}, "filename=naïve file.txt[en]"},
+      {"continuations in order", {{u"f*1", u"part2", {}}, {u"f*0", u"part1-", {}}, {u"x", u"y", {}}},
+       "f=part1-part2; x=y"},
+      {"extended continuations split inside a character",
+       {{u"t*0*", u"utf-8''%E2%82", {}}, {u"t*1*", u"%AC", {}}, {u"t*2", u" end", {}}}, "t=€ end"},
+      {"gap ends the value", {{u"n*0", u"a", {}}, {u"n*2", u"c", {}}}, "n=a"},
+      {"extended replaces plain", {{u"f", u"fallback", {}}, {u"f*", u"iso-8859-1''%E9", {}}}, "f=é"},
+      {"no charset", {{u"f*", u"''a%41", {}}}, "f=aA"},
+      {"no quotes: all is value", {{u"f*", u"a%41b", {}}}, "f=aAb"},
+      {"bad percent kept", {{u"f*", u"utf-8''100%", {}}}, "f=100%"},
+      {"not a section number", {{u"f*x", u"1", {}}}, "f*x=1"},
+      {"case of names ignored", {{u"Name*0", u"a", {}}, {u"NAME*1", u"b", {}}}, "Name=ab"},
+  };
+  for (const Row& r : rows) {
+    std::vector<CXmParameter> params = r.in;
+    EXPECT_TRUE(MergeRfc2231Parameters(&params)) << r.name;
+    EXPECT_EQ(Describe(params), r.out) << r.name;
+  }
+  std::vector<CXmParameter> params = {{u"f*", u"x-none''caf%C3%A9", {}}};
+  EXPECT_FALSE(MergeRfc2231Parameters(&params)) << "an unknown charset fails";
+  EXPECT_EQ(Describe(params), "f=café") << "and keeps the text";
+}
+
+// "name<address>group" of every address, joined by ", ".
+std::string Describe(const std::vector<MailAddress>& list) {
+  std::string out;
+  for (const MailAddress& a : list) {
+    out += (out.empty() ? "" : ", ") + WideToUtf8(a.name) + "<" + WideToUtf8(a.address) + ">" + WideToUtf8(a.group);
+  }
+  return out;
+}
+
+TEST(AddressListTest, Parses) {
+  struct Row { const char* name; WString in; const char* out; };
+  const Row rows[] = {
+      {"bare", u"alice@example.org", "<alice@example.org>"},
+      {"name and angle", u"Alice Smith <alice@example.org>", "Alice Smith<alice@example.org>"},
+      {"quoted name with comma", u"\"Smith, Alice\" <a@x>, b@y", "Smith, Alice<a@x>, <b@y>"},
+      {"quoted pair in name", u"\"A \\\"B\\\" C\" <a@x>", "A \"B\" C<a@x>"},
+      {"comment as name", u"alice@example.org (Alice Smith)", "Alice Smith<alice@example.org>"},
+      {"comment ignored with phrase", u"Alice (work) <a@x>", "Alice<a@x>"},
+      {"encoded name with comma inside", u"=?utf-8?Q?M=C3=BCller,=20J?= <j@x>, b@y", "Müller, J<j@x>, <b@y>"},
+      {"two encoded words", u"=?utf-8?Q?J=C3=BC?= =?utf-8?Q?rgen?= <j@x>", "Jürgen<j@x>"},
+      {"group", u"Team: a@x, B <b@y>;, c@z", "<a@x>Team, B<b@y>Team, <c@z>"},
+      {"empty group", u"undisclosed-recipients:;", ""},
+      {"route dropped", u"<@relay1,@relay2:a@x>", "<a@x>"},
+      {"blanks and comments in address", u"a . b (c) @ example . org", "c<a.b@example.org>"},
+      {"missing closing bracket", u"A <a@x, b@y", "A<a@x>, <b@y>"},
+      {"empty elements", u",, a@x ,, ", "<a@x>"},
+      {"quoted local part", u"\"john doe\"@x", "<\"john doe\"@x>"},
+      {"obsolete dotted phrase", u"John Q. Public <jqp@x>", "John Q. Public<jqp@x>"},
+      {"local user without domain", u"root", "<root>"},
+      {"name without address", u"John Smith", "John Smith<>"},
+      {"domain literal", u"a@[127.0.0.1]", "<a@[127.0.0.1]>"},
+      {"unterminated quote", u"\"abc <a@x>", "abc <a@x><>"},
+      {"text after bracket ignored", u"A <a@x> junk, b@y", "A<a@x>, <b@y>"},
+  };
+  for (const Row& r : rows) EXPECT_EQ(Describe(ParseAddressList(r.in)), r.out) << r.name;
+}
+
+TEST(AddressListTest, FormatReadsBack) {
+  for (const MailAddress& a : {MailAddress{u"Smith, Alice", u"a@x", u""}, MailAddress{u"Alice", u"a@x", u""},
+                               MailAddress{u"", u"b@x", u""}, MailAddress{u"Say \"hi\"", u"c@x", u""}}) {
+    EXPECT_EQ(Describe(ParseAddressList(FormatAddress(a))), Describe({a})) << WideToUtf8(FormatAddress(a));
+  }
+  EXPECT_EQ(FormatAddress({u"Alice", u"a@x", u""}), u"Alice <a@x>");
+  EXPECT_EQ(FormatAddress({u"Smith, Alice", u"a@x", u""}), u"\"Smith, Alice\" <a@x>");
 }
 
 }  // namespace
