@@ -80,7 +80,7 @@ class CliEndToEndTest : public CliTestBase {
  protected:
   // The folder's messages exported as .eml files, in index order.
   std::vector<std::string> StoredTexts(const std::string& folder, const std::string& dir_name) {
-    const std::filesystem::path dir = box_.root() / dir_name;
+    const std::filesystem::path dir = root() / dir_name;
     Ok({"export", folder, "--eml", dir.string()});
     std::vector<std::string> texts;
     const JsonValue list = List(folder);
@@ -93,7 +93,7 @@ TEST_F(CliEndToEndTest, ImportListMoveDeleteExportAndImportAgain) {
   std::mt19937 rng(20240304);
   std::vector<Generated> messages;
   for (int i = 0; i < kMessages; ++i) messages.push_back(MakeMessage(i, rng));
-  const std::filesystem::path mbox = box_.root() / "generated.mbox";
+  const std::filesystem::path mbox = root() / "generated.mbox";
   WriteFile(mbox, MakeMbox(messages));
 
   // Import: every message, in order, with its listing fields.
@@ -142,8 +142,8 @@ TEST_F(CliEndToEndTest, ImportListMoveDeleteExportAndImportAgain) {
   EXPECT_EQ(List("Local Folders/Deleted").size(), rm_args.size() - 2);
 
   // Export both folders as mbox files and import them into a fresh folder.
-  const std::string inbox_mbox = (box_.root() / "inbox.mbox").string();
-  const std::string archive_mbox = (box_.root() / "archive.mbox").string();
+  const std::string inbox_mbox = (root() / "inbox.mbox").string();
+  const std::string archive_mbox = (root() / "archive.mbox").string();
   Ok({"export", kInbox, "--mbox", inbox_mbox});
   Ok({"export", "Local Folders/Archive", "--mbox", archive_mbox});
   Ok({"mkdir", "Local Folders/Again"});

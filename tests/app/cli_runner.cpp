@@ -11,29 +11,29 @@
 
 namespace trv::test {
 
-CliSandbox::CliSandbox() {
+CliTestBase::CliTestBase() {
   for (const char* d : {"home", "config", "data", "run"}) std::filesystem::create_directories(root() / d);
   std::filesystem::permissions(root() / "run", std::filesystem::perms::owner_all);
 }
 
 // The child's output goes to files, so a parent that writes all of the input
 // before it reads never blocks.
-std::string CliSandbox::OutPath(pid_t pid, const char* which) const {
+std::string CliTestBase::OutPath(pid_t pid, const char* which) const {
   return (root() / ("run-" + std::to_string(pid) + "." + which)).string();
 }
 
-std::vector<std::string> CliSandbox::Environment() const {
+std::vector<std::string> CliTestBase::Environment() const {
   const char* path = ::getenv("PATH");
   return {"HOME=" + (root() / "home").string(), "XDG_CONFIG_HOME=" + (root() / "config").string(),
           "XDG_DATA_HOME=" + (root() / "data").string(), "XDG_RUNTIME_DIR=" + (root() / "run").string(),
           "TZ=UTC", "LC_ALL=C", std::string("PATH=") + (path ? path : "/usr/bin:/bin")};
 }
 
-void CliSandbox::Enter() const {
+void CliTestBase::Enter() {
   for (const std::string& e : Environment()) ::putenv(::strdup(e.c_str()));
 }
 
-pid_t CliSandbox::Start(const std::vector<std::string>& args, int* input) const {
+pid_t CliTestBase::Start(const std::vector<std::string>& args, int* input) {
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0) return -1;
   std::vector<std::string> argv = {TRVMAIL_CLI_PATH}, env = Environment();
@@ -58,7 +58,7 @@ pid_t CliSandbox::Start(const std::vector<std::string>& args, int* input) const 
   return pid < 0 ? -1 : pid;
 }
 
-CliRun CliSandbox::Wait(pid_t pid) const {
+CliRun CliTestBase::Wait(pid_t pid) {
   CliRun run;
   int status = 0;
   if (pid < 0) return run;
@@ -72,7 +72,7 @@ CliRun CliSandbox::Wait(pid_t pid) const {
   return run;
 }
 
-CliRun CliSandbox::Run(const std::vector<std::string>& args, const std::string& input) const {
+CliRun CliTestBase::Run(const std::vector<std::string>& args, const std::string& input) {
   int in = -1;
   const pid_t pid = Start(args, &in);
   std::signal(SIGPIPE, SIG_IGN);  // a child that exits without reading closes the pipe

@@ -22,8 +22,8 @@ bool Has(const std::string& text, const std::string& part) { return text.find(pa
 class CliTest : public CliTestBase {
  protected:
   std::filesystem::path File(const std::string& name, const std::string& bytes) {
-    WriteFile(box_.root() / name, bytes);
-    return box_.root() / name;
+    WriteFile(root() / name, bytes);
+    return root() / name;
   }
 };
 
@@ -45,24 +45,24 @@ TEST_F(CliTest, CommandLineErrorsExitWithTwoAndTouchNothing) {
     EXPECT_TRUE(Has(run.err, says) && Has(run.err, "usage: trvmail-cli")) << run.err;
     EXPECT_EQ(run.out, "") << says;
   }
-  EXPECT_FALSE(std::filesystem::exists(box_.data_dir()));
-  EXPECT_FALSE(std::filesystem::exists(box_.root() / "config/Tarvo/Mail2.ini"));
+  EXPECT_FALSE(std::filesystem::exists(data_dir()));
+  EXPECT_FALSE(std::filesystem::exists(root() / "config/Tarvo/Mail2.ini"));
 }
 
 TEST_F(CliTest, ImportGoesPastWhatIsNotMail) {
   const auto good = File("good.eml", "From: a@b\nSubject: good\n\nbody\n");
   const auto text = File("notes.txt", "shopping: milk\nbread\n");
-  const CliRun run = Run({"import", kInbox, text.string(), good.string(), (box_.root() / "missing.eml").string()});
+  const CliRun run = Run({"import", kInbox, text.string(), good.string(), (root() / "missing.eml").string()});
   EXPECT_EQ(run.status, 1);
   EXPECT_TRUE(Has(run.err, text.string() + " is not mail")) << run.err;
-  EXPECT_TRUE(Has(run.err, "cannot open " + (box_.root() / "missing.eml").string() + ": 0x80070002")) << run.err;
+  EXPECT_TRUE(Has(run.err, "cannot open " + (root() / "missing.eml").string() + ": 0x80070002")) << run.err;
   EXPECT_EQ(run.out, good.string() + ": 1 messages imported into Local Folders/Inbox\n");
   EXPECT_EQ(List(kInbox).size(), 1u);
 }
 
 TEST_F(CliTest, ExportNeverOverwrites) {
   Ok({"import", kInbox, File("a.eml", "Subject: a\n\nx\n").string()});
-  const std::string dir = (box_.root() / "out").string();
+  const std::string dir = (root() / "out").string();
   Ok({"export", kInbox, "--eml", dir});
   EXPECT_EQ(ReadFile(std::filesystem::path(dir) / "00000001.eml"), "Subject: a\r\n\r\nx\r\n");
   WriteFile(std::filesystem::path(dir) / "00000001.eml", "mine");
@@ -82,11 +82,11 @@ TEST_F(CliTest, ExportNeverOverwrites) {
 TEST_F(CliTest, SecondProcessNamesTheHolderOfTheDataDirectory) {
   Ok({"storages"});  // creates the data directory
   int input = -1;
-  const pid_t holder = box_.Start({"import", kInbox, "-"}, &input);
+  const pid_t holder = Start({"import", kInbox, "-"}, &input);
   ASSERT_GT(holder, 0);
   // Wait until the holder has the lock: its process id is in the lock file.
-  box_.Enter();
-  const std::filesystem::path lock_file = InstanceLock::LockPathFor(box_.data_dir().string() + "/");
+  Enter();
+  const std::filesystem::path lock_file = InstanceLock::LockPathFor(data_dir().string() + "/");
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
   while (!Has(ReadFile(lock_file), std::to_string(holder) + " trvmail-cli") &&
          std::chrono::steady_clock::now() < deadline) {
@@ -96,7 +96,7 @@ TEST_F(CliTest, SecondProcessNamesTheHolderOfTheDataDirectory) {
   const CliRun second = Run({"list", kInbox});
   const auto waited = std::chrono::steady_clock::now() - start;
   EXPECT_EQ(second.status, 1);
-  EXPECT_TRUE(Has(second.err, "the data directory " + box_.data_dir().string() + "/ is in use by process " +
+  EXPECT_TRUE(Has(second.err, "the data directory " + data_dir().string() + "/ is in use by process " +
                                   std::to_string(holder) + " (trvmail-cli): 0x80070020"))
       << second.err;
   EXPECT_GE(waited, std::chrono::seconds(4));
@@ -104,7 +104,7 @@ TEST_F(CliTest, SecondProcessNamesTheHolderOfTheDataDirectory) {
   const std::string message = "Subject: through the pipe\n\nx\n";
   ASSERT_EQ(::write(input, message.data(), message.size()), static_cast<ssize_t>(message.size()));
   ::close(input);
-  const CliRun first = box_.Wait(holder);
+  const CliRun first = Wait(holder);
   EXPECT_EQ(first.status, 0) << first.err;
   EXPECT_EQ(List(kInbox)[0]["subject"].text, "through the pipe");
 }

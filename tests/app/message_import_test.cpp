@@ -34,15 +34,11 @@ TEST(RecordFromMessageTest, ListingFields) {
       {"no header", "\r\nSubject: body\r\n", u"", u"", u"", u"", u""},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
     const MessageRecord r = RecordFromMessage(row.head);
-    EXPECT_EQ(r.subject, row.subject);
-    EXPECT_EQ(r.from, row.from);
-    EXPECT_EQ(r.to, row.to);
-    EXPECT_EQ(r.cc, row.cc);
-    EXPECT_EQ(r.message_id, row.message_id);
-    EXPECT_EQ(r.size, row.head.size());
-    EXPECT_EQ(r.key, 0u);
+    EXPECT_EQ(std::tie(r.subject, r.from, r.to, r.cc, r.message_id),
+              std::tie(row.subject, row.from, row.to, row.cc, row.message_id)) << row.name;
+    EXPECT_EQ(r.size, row.head.size()) << row.name;
+    EXPECT_EQ(r.key, 0u) << row.name;
   }
 }
 
@@ -67,13 +63,7 @@ TEST(RecordFromMessageTest, PriorityAndUnsentFlags) {
 TEST(RebuildRecordTest, FillsFromTheHeadAndKeepsTheStreamTime) {
   const double stream = Civil(2023, 1, 2, 3, 4, 5), marked = Civil(2000, 1, 1, 0, 0, 0);
   const double received = Civil(2024, 3, 5, 7, 0, 0);
-  struct Row {
-    const char* name;
-    std::string head;
-    std::u16string subject, from;
-    double sent, received;
-    uint32_t flags;
-  };
+  struct Row { const char* name; std::string head; std::u16string subject, from; double sent, received; uint32_t flags; };
   const Row rows[] = {
       {"no Received field: the stream's time stays",
        "Subject: back\r\nFrom: a@b\r\nDate: Mon, 4 Mar 2024 10:00:00 +0000\r\n\r\nbody", u"back", u"a@b",
