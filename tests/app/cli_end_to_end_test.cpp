@@ -83,7 +83,7 @@ class CliEndToEndTest : public CliTestBase {
     const std::filesystem::path dir = root() / dir_name;
     Ok({"export", folder, "--eml", dir.string()});
     std::vector<std::string> texts;
-    const JsonValue list = List(folder);
+    const JsonList list = List(folder);
     for (size_t i = 0; i < list.size(); ++i) texts.push_back(ReadFile(dir / (list[i]["key"].text + ".eml")));
     return texts;
   }
@@ -100,7 +100,7 @@ TEST_F(CliEndToEndTest, ImportListMoveDeleteExportAndImportAgain) {
   CliRun run = Ok({"import", kInbox, mbox.string()});
   EXPECT_EQ(run.out, mbox.string() + ": 1000 messages imported into Local Folders/Inbox\n");
   EXPECT_EQ(run.err, "");  // nothing odd in this file
-  JsonValue list = List(kInbox);
+  JsonList list = List(kInbox);
   ASSERT_EQ(list.size(), static_cast<size_t>(kMessages));
   for (int i = 0; i < kMessages; ++i) {
     SCOPED_TRACE(i);

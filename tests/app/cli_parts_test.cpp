@@ -105,7 +105,7 @@ TEST(ListingTest, JsonFromTheIndexAlone) {
   });
   EXPECT_EQ(file.counters().streams_opened - before.streams_opened, 1u);  // "/Index", no message
   EXPECT_GT(pieces, 1u);
-  const test::JsonValue v = test::Json(streamed);
+  const test::JsonList v = test::Json(streamed);
   ASSERT_EQ(v.size(), 3000u);
   EXPECT_EQ(v[0]["from"].text, "Zo\u00eb \"Z\" <z@x.org>");
   EXPECT_EQ(v[0]["subject"].text, "tab\there\u2603");

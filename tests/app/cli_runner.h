@@ -39,7 +39,7 @@ class CliTestBase : public ::testing::Test {
     EXPECT_EQ(run.status, 0) << run.err;
     return run;
   }
-  JsonValue List(const std::string& folder) { return Json(Ok({"--json", "list", folder}).out); }
+  JsonList List(const std::string& folder) { return Json(Ok({"--json", "list", folder}).out); }
 
   // Starts a run whose standard input is a pipe; `*input` is its write end,
   // for the caller to close. Returns -1 when no process could be started.

@@ -1,6 +1,6 @@
-// A small JSON reader for checking the command line's --json output: one
-// value with nothing after it but blanks, kept as a tree. Text that is not
-// one valid JSON value fails the test.
+// Reads back the command line's --json listing: an array of objects whose
+// members are strings, numbers, true, false or null. Text that is not such
+// an array, with nothing after it but blanks, fails the test.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,27 +16,29 @@
 namespace trv::test {
 
 struct JsonValue {
-  enum Type { kNull, kBool, kNumber, kString, kArray, kObject } type = kNull;
+  enum Type { kNull, kBool, kNumber, kString } type = kNull;
   bool boolean = false;
   double number = 0;
   std::string text;  // UTF-8
-  std::vector<JsonValue> items;
-  std::map<std::string, JsonValue> members;
-
-  // A member that is not there throws std::out_of_range, failing the test.
-  const JsonValue& operator[](const std::string& key) const { return members.at(key); }
-  const JsonValue& operator[](size_t i) const { return items.at(i); }
-  size_t size() const { return type == kArray ? items.size() : members.size(); }
 };
+
+struct JsonObject : std::map<std::string, JsonValue> {
+  // A member that is not there throws std::out_of_range, failing the test.
+  const JsonValue& operator[](const std::string& key) const { return at(key); }
+};
+using JsonList = std::vector<JsonObject>;
 
 namespace json {
 
-// Recursive descent over a NUL-terminated text; false on bad syntax.
-inline void Blanks(const char*& p) { p += std::strspn(p, " \t\r\n"); }
+// Each reads from `p` in a NUL-terminated text, after blanks; false on bad
+// syntax.
+inline char Peek(const char*& p) { return *(p += std::strspn(p, " \t\r\n")); }
+inline bool Next(const char*& p, char c) { return Peek(p) == c && ++p; }
 
 inline bool String(const char*& p, std::string* out) {
   static const std::string kEscapes = "\"\\/bfnrt", kMeanings = "\"\\/\b\f\n\r\t";
-  for (++p; *p != '"'; ++p) {
+  if (!Next(p, '"')) return false;
+  for (; *p != '"'; ++p) {
     if (static_cast<unsigned char>(*p) < 0x20) return false;  // the end of the text too
     if (*p != '\\') {
       *out += *p;
@@ -52,23 +54,8 @@ inline bool String(const char*& p, std::string* out) {
   return ++p, true;
 }
 
-inline bool Value(const char*& p, JsonValue* v) {
-  Blanks(p);
-  if (*p == '"') return v->type = JsonValue::kString, String(p, &v->text);
-  if (*p == '[' || *p == '{') {
-    const bool object = *p++ == '{';
-    const char close = object ? '}' : ']';
-    v->type = object ? JsonValue::kObject : JsonValue::kArray;
-    if (Blanks(p), *p == close) return ++p, true;
-    do {
-      std::string key;
-      JsonValue item;
-      if (object && !((Blanks(p), *p == '"') && String(p, &key) && (Blanks(p), *p++ == ':'))) return false;
-      if (!Value(p, &item) || (object && v->members.count(key))) return false;
-      object ? (void)(v->members[key] = std::move(item)) : v->items.push_back(std::move(item));
-    } while ((Blanks(p), *p == ',') && ++p);
-    return *p++ == close;
-  }
+inline bool Scalar(const char*& p, JsonValue* v) {
+  if (Peek(p) == '"') return v->type = JsonValue::kString, String(p, &v->text);
   for (const char* word : {"true", "false", "null"}) {
     if (std::strncmp(p, word, std::strlen(word)) != 0) continue;
     v->type = *word == 'n' ? JsonValue::kNull : JsonValue::kBool;
@@ -83,13 +70,25 @@ inline bool Value(const char*& p, JsonValue* v) {
 
 }  // namespace json
 
-// `text` parsed.
-inline JsonValue Json(const std::string& text) {
-  JsonValue v;
+inline JsonList Json(const std::string& text) {
+  JsonList list;
   const char* p = text.c_str();
-  const bool ok = json::Value(p, &v) && (json::Blanks(p), p == text.c_str() + text.size());
-  EXPECT_TRUE(ok) << "not JSON near offset " << p - text.c_str() << ":\n" << text;
-  return v;
+  bool ok = json::Next(p, '[');
+  const bool empty = ok && json::Next(p, ']');
+  for (bool more = ok && !empty; more; more = json::Next(p, ',')) {
+    JsonObject& object = list.emplace_back();
+    if (!(ok = json::Next(p, '{'))) break;
+    if (json::Next(p, '}')) continue;
+    do {
+      std::string key;
+      JsonValue value;
+      ok = json::String(p, &key) && json::Next(p, ':') && json::Scalar(p, &value) && object.emplace(key, value).second;
+    } while (ok && json::Next(p, ','));
+    if (!(ok = ok && json::Next(p, '}'))) break;
+  }
+  ok = ok && (empty || json::Next(p, ']')) && json::Peek(p) == '\0' && p == text.c_str() + text.size();
+  EXPECT_TRUE(ok) << "not a JSON list near offset " << p - text.c_str() << ":\n" << text;
+  return list;
 }
 
 }  // namespace trv::test
