@@ -61,7 +61,7 @@ TEST(KeysTest, ParseAndFormat) {
   for (const auto& [text, expected] : rows) {
     uint32_t key = 0;
     EXPECT_EQ(ParseKey(text, &key), expected != 0) << text;
-    if (expected != 0) EXPECT_EQ(key, expected) << text;
+    EXPECT_TRUE(expected == 0 || key == expected) << text << " read as " << key;
   }
   EXPECT_EQ(KeyText(0xDEADBEEF), "DEADBEEF");
   std::vector<uint32_t> keys;
