@@ -57,31 +57,18 @@ TEST(TextToHtmlTest, NoLinksOnlyEscapes) {
   }, true);
 }
 
-TEST(TextToHtmlTest, DocumentWithSeveralTextsAndPictures) {
-  const std::vector<HtmlBlock> blocks = {
-      WString(u"Hi www.a"),
-      HtmlPicture{u"<logo@x>", 0, 0, 32, 16},
-      WString(u"second\r\npart"),
-      HtmlPicture{u"", 1, 0, 640, 480},
-      WString(u"third"),
-  };
-  const WString sep = u"\n<br><hr width=\"100%\" size=\"2\"><br>\n";
-  EXPECT_EQ(BuildHtmlDocument(blocks),
-            u"<HTML><HEAD></HEAD><BODY>\n"
-            u"Hi <a href=\"http://www.a\">www.a</a>"
-            u"<img src=\"cid:logo@x\" title=\"\" alt=\"\" width=\"32\" height=\"16\">" +
-                sep + u"second<br>part" + u"<img src=\"inl:1.0\" title=\"\" alt=\"\" width=\"640\" height=\"480\">" +
-                sep + u"third</BODY></HTML>");
-
+// Texts and pictures in one document (text items and separators are
+// MessageViewTest's). A content identifier cannot break out of the
+// attribute; one without brackets, or with only the opening one, is used as
+// it is.
+TEST(TextToHtmlTest, DocumentPictureSources) {
   EXPECT_EQ(BuildHtmlDocument({}), u"<HTML><HEAD></HEAD><BODY>\n</BODY></HTML>");
-  // A content identifier cannot break out of the attribute; one without
-  // brackets, or with only the opening one, is used as it is.
   const std::pair<WString, WString> sources[] = {
       {u"<a\"b&c>", u"cid:a&quot;b&amp;c"}, {u"img1@host", u"cid:img1@host"}, {u"<img1@host", u"cid:img1@host"}};
   for (const auto& [id, src] : sources) {
-    EXPECT_EQ(BuildHtmlDocument({HtmlPicture{id, 0, 0, 1, 2}}),
-              u"<HTML><HEAD></HEAD><BODY>\n<img src=\"" + src + u"\" title=\"\" alt=\"\" width=\"1\" height=\"2\">"
-              u"</BODY></HTML>") << WideToUtf8(id);
+    EXPECT_EQ(BuildHtmlDocument({WString(u"www.a"), HtmlPicture{id, 0, 0, 1, 2}}),
+              u"<HTML><HEAD></HEAD><BODY>\n<a href=\"http://www.a\">www.a</a><img src=\"" + src +
+                  u"\" title=\"\" alt=\"\" width=\"1\" height=\"2\"></BODY></HTML>") << WideToUtf8(id);
   }
 }
 
