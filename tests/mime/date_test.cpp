@@ -68,13 +68,9 @@ TEST(DateWriterTest, ZoneRules) {
 TEST(DateWriterTest, LocalZoneComesFromTz) {
   {
     ScopedTz tz("CET-1CEST,M3.5.0,M10.5.0/3");
-    const ZoneInfo winter = LocalZoneInfo(Utc(2005, 1, 4, 8));
-    EXPECT_TRUE(winter.known);
-    EXPECT_EQ(winter.bias_minutes, -60);
-    EXPECT_FALSE(winter.daylight);
-    const ZoneInfo summer = LocalZoneInfo(Utc(2005, 7, 4, 8));
-    EXPECT_EQ(summer.bias_minutes, -120);
-    EXPECT_TRUE(summer.daylight);
+    const ZoneInfo winter = LocalZoneInfo(Utc(2005, 1, 4, 8)), summer = LocalZoneInfo(Utc(2005, 7, 4, 8));
+    EXPECT_EQ(std::tie(winter.known, winter.bias_minutes, winter.daylight), std::make_tuple(true, -60, false));
+    EXPECT_EQ(std::tie(summer.known, summer.bias_minutes, summer.daylight), std::make_tuple(true, -120, true));
     EXPECT_EQ(WriteDate(Utc(2005, 7, 4, 8, 5, 7)), "Mon, 4 Jul 2005 10:05:07 +0200");
   }
   {
