@@ -278,11 +278,9 @@ TEST(RebuildTest, CopiesTheFieldsInOrderAndBccOnlyWhenUnsent) {
     o.save_unsent = unsent;
     ComposeReport report;
     ASSERT_TRUE(RebuildMessage(&m, WithBody(u"new body").parts, o, &report).ok());
-    const std::vector<std::string> expected =
-        unsent ? std::vector<std::string>{"Sender", "Reply-To", "From", "To", "CC", "BCC", "Subject", "X-Unsent",
-                                          "X-Priority", "In-Reply-To", "References", "Date"}
-               : std::vector<std::string>{"Sender", "Reply-To", "From", "To", "CC", "Subject", "X-Priority",
-                                          "In-Reply-To", "References", "Date"};
+    std::vector<std::string> expected = {"Sender", "Reply-To",   "From",        "To",         "CC",  "BCC",
+                                         "Subject", "X-Unsent", "X-Priority", "In-Reply-To", "References", "Date"};
+    if (!unsent) std::erase_if(expected, [](const std::string& name) { return name == "BCC" || name == "X-Unsent"; });
     EXPECT_EQ(FieldNames(m.header()), expected);
     EXPECT_EQ(m.GetDate(), u"Tue, 4 Jan 2005 09:05:07 +0100");
     EXPECT_EQ(Texts(m), "new body");
