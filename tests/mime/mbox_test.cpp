@@ -17,11 +17,7 @@ namespace {
 // The header parser, the part tree, the stored form and the input test all
 // take a line for a field, or none of them does.
 TEST(FieldLineTest, EveryReaderAgrees) {
-  struct Row {
-    const char* name;
-    std::string line;
-    WString subject;  // empty: the line is no field
-  };
+  struct Row { const char* name; std::string line; WString subject; };  // subject empty: no field
   const Row rows[] = {
       {"plain", "Subject: hi", u"hi"},
       {"blanks before the colon", "Subject \t : hi", u"hi"},
@@ -63,10 +59,7 @@ TEST(ClassifyInputTest, Table) {
       {"NUL only in the body", std::string("Subject: a\n\nb\0c", 15), InputKind::kMessage},
       {"more junk than fields", "Subject: a\njunk\nmore junk\n", InputKind::kNotMail},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(ClassifyInput(row.head), row.kind);
-  }
+  for (const Row& row : rows) EXPECT_EQ(ClassifyInput(row.head), row.kind) << row.name;
 }
 
 TEST(StoredFormTest, Table) {
@@ -79,10 +72,7 @@ TEST(StoredFormTest, Table) {
       {"empty header kept", "\nbody\n", "\r\nbody\r\n"},
       {"no header gets an empty one", "Just text\nFrom: me\n", "\r\nJust text\r\nFrom: me\r\n"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(ToStoredForm(row.in), row.stored);
-  }
+  for (const Row& row : rows) EXPECT_EQ(ToStoredForm(row.in), row.stored) << row.name;
   EXPECT_EQ(HeaderStateOf("\r\nbody"), HeaderState::kEmptyHeader);  // with and without a header: FieldLineTest
   const std::string text = "Subject: a\r\nstatus \t:  RO \r\n\r\nStatus: body\r\n";
   EXPECT_EQ(RawHeaderValue(text, "Status"), "RO");
