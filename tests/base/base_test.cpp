@@ -38,6 +38,7 @@ TEST(GuidTest, RegistryFormByteOrderAndMalformedText) {
   const uint8_t expected[16] = {0x3D, 0x2C, 0x1B, 0x0A, 0x00, 0x00, 0x5F, 0x4E,
                                 0x8A, 0x9B, 0x0C, 0x1D, 0x2E, 0x3F, 0x4A, 0x5B};
   EXPECT_EQ(0, memcmp(g->bytes.data(), expected, 16));
+  EXPECT_EQ(g->ToRegistryString(), "{0A1B2C3D-0000-4E5F-8A9B-0C1D2E3F4A5B}");
   EXPECT_EQ(g->ToLowerString(), "{0a1b2c3d-0000-4e5f-8a9b-0c1d2e3f4a5b}");
   EXPECT_EQ(Guid::Parse(u"{0a1b2c3d-0000-4e5f-8a9b-0c1d2e3f4a5b}"), g);
   for (const char* bad : {"", "{0A1B2C3D-0000-4E5F-8A9B-0C1D2E3F4A5B", "{0A1B2C3D-0000-4E5F-8A9B-0C1D2E3F4A5B}x",
