@@ -10,93 +10,78 @@
 #include <csignal>
 
 namespace trv::test {
-namespace {
 
-// The child's output goes to files, so a parent that writes all of the input
-// before it reads never blocks.
-std::string OutPath(const std::filesystem::path& root, pid_t pid, const char* which) {
-  return (root / ("run-" + std::to_string(pid) + "." + which)).string();
-}
-
-}  // namespace
-
-CliSandbox::CliSandbox() {
+CliTestBase::CliTestBase() {
   for (const char* d : {"home", "config", "data", "run"}) std::filesystem::create_directories(root() / d);
   std::filesystem::permissions(root() / "run", std::filesystem::perms::owner_all);
 }
 
-std::vector<std::string> CliSandbox::Environment() const {
+// The child's output goes to files, so a parent that writes all of the input
+// before it reads never blocks.
+std::string CliTestBase::OutPath(pid_t pid, const char* which) const {
+  return (root() / ("run-" + std::to_string(pid) + "." + which)).string();
+}
+
+std::vector<std::string> CliTestBase::Environment() const {
   const char* path = ::getenv("PATH");
   return {"HOME=" + (root() / "home").string(), "XDG_CONFIG_HOME=" + (root() / "config").string(),
           "XDG_DATA_HOME=" + (root() / "data").string(), "XDG_RUNTIME_DIR=" + (root() / "run").string(),
           "TZ=UTC", "LC_ALL=C", std::string("PATH=") + (path ? path : "/usr/bin:/bin")};
 }
 
-void CliSandbox::Enter() const {
-  for (const std::string& e : Environment()) {
-    const size_t eq = e.find('=');
-    ::setenv(e.substr(0, eq).c_str(), e.substr(eq + 1).c_str(), 1);
-  }
+void CliTestBase::Enter() {
+  for (const std::string& e : Environment()) ::putenv(::strdup(e.c_str()));
 }
 
-pid_t CliSandbox::Start(const std::vector<std::string>& args, int* input) const {
+pid_t CliTestBase::Start(const std::vector<std::string>& args, int* input) {
   int fds[2];
   if (::pipe2(fds, O_CLOEXEC) != 0) return -1;
-  std::vector<std::string> argv = {TRVMAIL_CLI_PATH};
+  std::vector<std::string> argv = {TRVMAIL_CLI_PATH}, env = Environment();
   argv.insert(argv.end(), args.begin(), args.end());
-  const std::vector<std::string> env = Environment();
   std::vector<char*> argp, envp;
-  for (const std::string& a : argv) argp.push_back(const_cast<char*>(a.c_str()));
-  for (const std::string& e : env) envp.push_back(const_cast<char*>(e.c_str()));
+  for (std::string& a : argv) argp.push_back(a.data());
+  for (std::string& e : env) envp.push_back(e.data());
   argp.push_back(nullptr);
   envp.push_back(nullptr);
   const pid_t pid = ::fork();
   if (pid == 0) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    const int out = ::open(OutPath(root(), ::getpid(), "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    const int err = ::open(OutPath(root(), ::getpid(), "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (out < 0 || err < 0) ::_exit(126);
-    ::dup2(fds[0], 0);
-    ::dup2(out, 1);
-    ::dup2(err, 2);
+    const int out = ::open(OutPath(::getpid(), "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    const int err = ::open(OutPath(::getpid(), "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    if (out < 0 || err < 0 || ::dup2(fds[0], 0) < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0) ::_exit(126);
     ::execve(argp[0], argp.data(), envp.data());
     ::_exit(127);
   }
   ::close(fds[0]);
-  if (pid < 0) {
-    ::close(fds[1]);
-    return -1;
-  }
-  *input = fds[1];
-  return pid;
+  if (pid < 0) ::close(fds[1]);
+  *input = pid < 0 ? -1 : fds[1];
+  return pid < 0 ? -1 : pid;
 }
 
-CliRun CliSandbox::Wait(pid_t pid) const {
+CliRun CliTestBase::Wait(pid_t pid) {
   CliRun run;
-  if (pid < 0) return run;
   int status = 0;
+  if (pid < 0) return run;
   while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   for (auto [which, text] : {std::pair{"out", &run.out}, std::pair{"err", &run.err}}) {
-    *text = ReadFile(OutPath(root(), pid, which));
-    std::filesystem::remove(OutPath(root(), pid, which));
+    *text = ReadFile(OutPath(pid, which));
+    std::filesystem::remove(OutPath(pid, which));
   }
   return run;
 }
 
-CliRun CliSandbox::Run(const std::vector<std::string>& args, const std::string& input) const {
+CliRun CliTestBase::Run(const std::vector<std::string>& args, const std::string& input) {
   int in = -1;
   const pid_t pid = Start(args, &in);
-  if (pid < 0) return {};
-  // A child that exits without reading closes the pipe: ignore SIGPIPE.
-  std::signal(SIGPIPE, SIG_IGN);
-  for (size_t done = 0; done < input.size();) {
+  std::signal(SIGPIPE, SIG_IGN);  // a child that exits without reading closes the pipe
+  for (size_t done = 0; pid > 0 && done < input.size();) {
     const ssize_t n = ::write(in, input.data() + done, input.size() - done);
     if (n <= 0 && errno != EINTR) break;
-    if (n > 0) done += static_cast<size_t>(n);
+    done += n > 0 ? static_cast<size_t>(n) : 0;
   }
-  ::close(in);
+  if (in >= 0) ::close(in);
   return Wait(pid);
 }
 

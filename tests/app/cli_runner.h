@@ -22,45 +22,39 @@ struct CliRun {
   std::string err;
 };
 
-class CliSandbox {
- public:
-  CliSandbox();
+// A test with a sandbox of its own.
+class CliTestBase : public ::testing::Test {
+ protected:
+  CliTestBase();
 
   const std::filesystem::path& root() const { return dir_.path(); }
   // Where the program keeps its data without --data-dir.
   std::filesystem::path data_dir() const { return root() / "data/TarvoMail"; }
 
   // Runs to the end with `input` on standard input.
-  CliRun Run(const std::vector<std::string>& args, const std::string& input = "") const;
-  // Starts a run whose standard input is a pipe; `*input` is its write end,
-  // for the caller to close. Returns -1 when no process could be started.
-  pid_t Start(const std::vector<std::string>& args, int* input) const;
-  // Waits for a started run.
-  CliRun Wait(pid_t pid) const;
-
-  // Sets this sandbox's environment in the test process too (for code that
-  // must find the same lock files).
-  void Enter() const;
-
- private:
-  std::vector<std::string> Environment() const;
-
-  TempDir dir_;
-};
-
-// A test with a sandbox of its own.
-class CliTestBase : public ::testing::Test {
- protected:
-  CliRun Run(const std::vector<std::string>& args, const std::string& input = "") { return box_.Run(args, input); }
+  CliRun Run(const std::vector<std::string>& args, const std::string& input = "");
   // Runs and expects exit status 0.
   CliRun Ok(const std::vector<std::string>& args, const std::string& input = "") {
-    CliRun run = box_.Run(args, input);
+    CliRun run = Run(args, input);
     EXPECT_EQ(run.status, 0) << run.err;
     return run;
   }
-  JsonValue List(const std::string& folder) { return Json(Ok({"--json", "list", folder}).out); }
+  JsonList List(const std::string& folder) { return Json(Ok({"--json", "list", folder}).out); }
 
-  CliSandbox box_;
+  // Starts a run whose standard input is a pipe; `*input` is its write end,
+  // for the caller to close. Returns -1 when no process could be started.
+  pid_t Start(const std::vector<std::string>& args, int* input);
+  // Waits for a started run.
+  CliRun Wait(pid_t pid);
+  // Sets the sandbox's environment in the test process too (for code that
+  // must find the same lock files).
+  void Enter();
+
+ private:
+  std::vector<std::string> Environment() const;
+  std::string OutPath(pid_t pid, const char* which) const;
+
+  TempDir dir_;
 };
 
 }  // namespace trv::test

@@ -1,15 +1,24 @@
-// Transfer encodings: the byte rules, the base64 and quoted-printable stream
-// filters fed in two pieces cut at every point, damaged input, and the
-// automatic choice of an encoding.
+// Streams, transfer encodings and character sets: memory and file streams,
+// the line reader at every buffer size, the byte rules, the base64 and
+// quoted-printable filters fed in two pieces cut at every point, damaged
+// input, the automatic choice of an encoding; character sets by name and the
+// converter between them and UTF-16, in whole buffers and in streams cut at
+// every buffer size.
 #include <gtest/gtest.h>
 
 #include <random>
 #include <string>
+#include <vector>
 
 #include "mime/base64.h"
+#include "mime/charset/charset.h"
+#include "mime/charset/converter.h"
 #include "mime/codec_streams.h"
+#include "mime/line_reader.h"
+#include "mime/mime_result.h"
 #include "mime/quoted_printable.h"
 #include "mime/transfer_encoding.h"
+#include "tests/support/temp_dir.h"
 
 namespace trv {
 namespace {
@@ -35,53 +44,90 @@ std::string RandomBytes(size_t n, uint32_t seed) {
   return s;
 }
 
+
+// Every line of `text` read through a reader with the given buffer and line
+// limit, each followed by "|".
+std::string AllLines(const std::string& text, size_t buffer, size_t max_line = kMaxLineLength) {
+  CXmViewStream in(text);
+  CXmLineReader reader(in, buffer, max_line);
+  std::string joined;
+  for (std::string line; reader.ReadLine(&line).ok() && !line.empty();) joined += line + "|";
+  EXPECT_TRUE(reader.AtEnd());
+  EXPECT_EQ(reader.consumed(), text.size());
+  return joined;
+}
+
+TEST(StreamTest, MemoryAndFileStreams) {
+  CXmMemoryStream s;
+  ASSERT_TRUE(s.Write("hello world").ok() && s.Seek(6, SeekOrigin::kBegin).ok() && s.Write("WORLD!").ok());
+  ASSERT_TRUE(s.Seek(-6, SeekOrigin::kEnd).ok());
+  std::string rest;
+  ASSERT_TRUE(ReadAll(s, &rest).ok());
+  EXPECT_EQ(rest, "WORLD!");
+  EXPECT_EQ(s.Seek(-1, SeekOrigin::kBegin), rc::kInvalidArg);
+  ASSERT_TRUE(s.Seek(20, SeekOrigin::kBegin).ok() && s.Write("x").ok());
+  EXPECT_EQ(s.data(), std::string("hello WORLD!") + std::string(8, '\0') + "x") << "a gap is filled with zeros";
+
+  test::TempDir dir;
+  CXmFileStream f, ro;
+  ASSERT_TRUE(f.Open(dir / "a.eml", CXmFileStream::kCreate).ok() && f.Write("one\r\ntwo\r\n").ok());
+  rest.clear();
+  ASSERT_TRUE(f.Rewind().ok() && ReadAll(f, &rest).ok() && f.Close().ok());
+  EXPECT_EQ(rest, "one\r\ntwo\r\n");
+  EXPECT_EQ(test::ReadFile(dir / "a.eml"), rest);
+  EXPECT_EQ(ro.Open(dir / "none.eml", CXmFileStream::kRead), FromWin32(2));
+  size_t got = 0;
+  EXPECT_EQ(ro.Read(&rest[0], 1, &got), rc::kInvalidArg) << "not open";
+  ASSERT_TRUE(ro.Open(dir / "a.eml", CXmFileStream::kRead).ok());
+  EXPECT_TRUE(ro.Write("x").failed()) << "read-only";
+}
+
+TEST(LineReaderTest, SameLinesForEveryBufferSizeAndLongLinesInPieces) {
+  const std::string text = "first\r\nsecond line\r\n\r\nbare lf\nlast without end";
+  for (size_t buffer = 16; buffer <= text.size() + 2; ++buffer) {
+    EXPECT_EQ(AllLines(text, buffer), "first\r\n|second line\r\n|\r\n|bare lf\n|last without end|") << buffer;
+  }
+  EXPECT_EQ(AllLines(std::string(25, 'a') + "\r\nb\r\n", 16, 10), "aaaaaaaaaa|aaaaaaaaaa|aaaaa\r\n|b\r\n|");
+  // Raw reads go on where the lines stopped.
+  CXmViewStream in("head\r\nbody bytes");
+  CXmLineReader reader(in, 16);
+  std::string line, rest;
+  ASSERT_TRUE(reader.ReadLine(&line).ok());
+  char buf[3];
+  for (size_t got = 1; got > 0; rest.append(buf, got)) ASSERT_TRUE(reader.Read(buf, sizeof buf, &got).ok());
+  EXPECT_EQ(line + rest, "head\r\nbody bytes");
+}
+
+// Header words are encoded under a budget that starts at 3: the byte that
+// crosses it is written whole and the next call goes on from the index.
 TEST(ByteRuleTest, QuotedPrintableAndHeaderWords) {
-  struct Row { const char* name; bool word; std::string in; std::string out; };
+  struct Row { const char* name; int budget; std::string in, out; size_t index; };  // budget 0: the body rule
   const Row rows[] = {
-      {"equals sign", false, "a=b", "a=3Db"},
-      {"tab", false, "\t", "=09"},
-      {"space stays", false, "a b", "a b"},
-      {"DEL", false, "\x7F", "=7F"},
-      {"line end gets no special treatment", false, "a\r\nb", "a=0D=0Ab"},
-      {"word: question mark", true, "?", "=3F"},
-      {"word: underscore", true, "_", "=5F"},
-      {"word: space", true, " ", "=20"},
-      {"word: equals sign", true, "=", "=3D"},
+      {"equals sign", 0, "a=b", "a=3Db", 3},           {"tab", 0, "\t", "=09", 1},
+      {"space stays", 0, "a b", "a b", 3},             {"DEL", 0, "\x7F", "=7F", 1},
+      {"line end is bytes", 0, "a\r\nb", "a=0D=0Ab", 4}, {"word: ?", 1000, "?", "=3F", 1},
+      {"word: _", 1000, "_", "=5F", 1},                {"word: space", 1000, " ", "=20", 1},
+      {"word: =", 1000, "=", "=3D", 1},                {"budget crossed", 5, "abcdef", "abc", 3},
+      {"escape crossing the budget", 5, "a?b", "a=3F", 2},
   };
   for (const Row& r : rows) {
     std::string out;
-    if (r.word) {
-      size_t index = 0;
-      EncodeHeaderWord(r.in, &index, 1000, &out);
-      EXPECT_EQ(index, r.in.size()) << r.name;
-    } else {
-      QpEncodeBytes(r.in, &out);
-    }
+    size_t index = 0;
+    r.budget ? EncodeHeaderWord(r.in, &index, r.budget, &out) : QpEncodeBytes(r.in, &out);
     EXPECT_EQ(out, r.out) << r.name;
+    EXPECT_EQ(r.budget ? index : r.in.size(), r.index) << r.name;
   }
+  std::string out = "abc";
+  size_t index = 3;
+  EncodeHeaderWord("abcdef", &index, 5, &out);
+  EXPECT_EQ(out, "abcdef");
   CXmMemoryStream s;
   EXPECT_TRUE(QpEncodeRun("abc", -5, s).ok());
   EXPECT_TRUE(QpEncodeRun("a=", 2, s).ok());
   EXPECT_EQ(s.data(), "a=3D") << "a length of zero or less writes nothing";
 }
 
-TEST(ByteRuleTest, HeaderWordBudgetStopsAfterTheCrossingByte) {
-  // The count starts at 3; with budget 5 the third byte makes it 6 and has
-  // been written when the loop stops. The next call continues at the index.
-  std::string out;
-  size_t index = 0;
-  EncodeHeaderWord("abcdef", &index, 5, &out);
-  EXPECT_EQ(out, "abc");
-  EXPECT_EQ(index, 3u);
-  EncodeHeaderWord("abcdef", &index, 5, &out);
-  EXPECT_EQ(out, "abcdef");
-  out.clear();
-  index = 0;
-  EncodeHeaderWord("a?b", &index, 5, &out);
-  EXPECT_EQ(out, "a=3F") << "an escape crossing the budget is written whole";
-}
-
-TEST(Base64Test, KnownValuesAndLineBreaks) {
+TEST(Base64Test, KnownValuesLineBreaksAndFinish) {
   // RFC 4648 section 10.
   const std::pair<const char*, const char*> rows[] = {
       {"", ""}, {"f", "Zg=="}, {"fo", "Zm8="}, {"foo", "Zm9v"}, {"foob", "Zm9vYg=="}, {"foobar", "Zm9vYmFy"}};
@@ -98,43 +144,15 @@ TEST(Base64Test, KnownValuesAndLineBreaks) {
   EXPECT_FALSE(Base64Decode("YW*Jj", decoded));
   EXPECT_EQ(decoded, "abc");
   const std::string whole = Base64Encode(RandomBytes(200, 1), 76);
+  EXPECT_EQ(whole.find('\r'), 76u);
   EXPECT_EQ(whole.substr(76, 2), "\r\n");
-  EXPECT_EQ(whole.substr(0, 76).find('\r'), std::string::npos);
   EXPECT_EQ(Base64Encode(RandomBytes(200, 1), 0).find('\r'), std::string::npos) << "width 0: one line";
-}
 
-TEST(Base64Test, StreamsAtEveryCut) {
-  const std::string data = RandomBytes(200, 1);
-  const std::string whole = RunFilter<CXmBase64Encoder>(data);
-  for (size_t cut = 0; cut <= data.size(); ++cut) {
-    ASSERT_EQ(RunFilter<CXmBase64Encoder>(data, cut), whole) << "cut at " << cut;
-  }
-  for (size_t n = 0; n < 40; ++n) {
-    const std::string some = RandomBytes(n, static_cast<uint32_t>(n));
-    const std::string enc = RunFilter<CXmBase64Encoder>(some);
-    for (size_t cut = 0; cut <= enc.size(); ++cut) {
-      bool clean = false;
-      ASSERT_EQ(RunFilter<CXmBase64Decoder>(enc, cut, &clean), some) << "length " << n << " cut " << cut;
-      ASSERT_TRUE(clean);
-    }
-  }
-}
-
-TEST(Base64Test, BadInputKeepsWhatCanBeDecoded) {
-  struct Row { const char* name; std::string in; std::string out; bool clean; };
-  const Row rows[] = {
-      {"missing padding", "YWJjZA", "abcd", true},
-      {"garbage between groups", "YW*Jj!ZA==", "abcd", false},
-      {"line ends and blanks", "YWJj\r\n ZA==\r\n", "abcd", true},
-      {"lone symbol at the end", "YWJjZ", "abc", false},
-      {"concatenated padded parts", "YQ==Yg==", "ab", true},
-      {"8-bit bytes", "YW\xFF\xFEJj", "abc", false},
-  };
-  for (const Row& r : rows) {
-    bool clean = true;
-    EXPECT_EQ(RunFilter<CXmBase64Decoder>(r.in, std::string::npos, &clean), r.out) << r.name;
-    EXPECT_EQ(clean, r.clean) << r.name;
-  }
+  CXmMemoryStream out;
+  CXmBase64Encoder enc(out);
+  EXPECT_TRUE(enc.Write("ab").ok() && enc.Finish().ok() && enc.Finish().ok());
+  EXPECT_EQ(out.data(), "YWI=") << "a second Finish writes nothing more";
+  EXPECT_EQ(enc.Write("c"), rc::kFail);
 }
 
 TEST(QpStreamTest, LinesStayWithinTheWidthAndEscapesAreNotSplit) {
@@ -159,38 +177,54 @@ TEST(QpStreamTest, LinesStayWithinTheWidthAndEscapesAreNotSplit) {
   EXPECT_EQ(enc.substr(enc.size() - 3), "=20") << "a space that ends the data is escaped";
 }
 
-TEST(QpStreamTest, RoundTripAtEveryCut) {
-  const std::string data = "Gr\xFC\xDF" "e = 100%\r\nzweite Zeile \t\r\n" + RandomBytes(150, 3) + " ";
-  const std::string enc = RunFilter<CXmQpEncoder>(data);
-  for (size_t cut = 0; cut <= data.size(); ++cut) {
-    ASSERT_EQ(RunFilter<CXmQpEncoder>(data, cut), enc) << "encoder cut " << cut;
-  }
+// Encoding `data` gives the same text wherever the input is cut, and that
+// text, cut anywhere, decodes cleanly to `data`.
+template <typename Encoder, typename Decoder>
+void RoundTripAtEveryCut(const std::string& data) {
+  const std::string enc = RunFilter<Encoder>(data);
+  SCOPED_TRACE(std::to_string(data.size()) + " bytes");
+  for (size_t cut = 0; cut <= data.size(); ++cut) ASSERT_EQ(RunFilter<Encoder>(data, cut), enc) << "cut " << cut;
   for (size_t cut = 0; cut <= enc.size(); ++cut) {
     bool clean = false;
-    ASSERT_EQ(RunFilter<CXmQpDecoder>(enc, cut, &clean), data) << "decoder cut " << cut;
+    ASSERT_EQ(RunFilter<Decoder>(enc, cut, &clean), data) << "decoding, cut " << cut;
     ASSERT_TRUE(clean);
   }
 }
 
-TEST(QpStreamTest, DecoderToleratesMalformedInputAtEveryCut) {
-  struct Row { const char* name; std::string in; std::string out; bool clean; };
+TEST(CodecStreamTest, RoundTripAtEveryCut) {
+  RoundTripAtEveryCut<CXmQpEncoder, CXmQpDecoder>("Gr\xFC\xDF" "e = 100%\r\nzweite Zeile \t\r\n" +
+                                                  RandomBytes(150, 3) + " ");
+  RoundTripAtEveryCut<CXmBase64Encoder, CXmBase64Decoder>(RandomBytes(200, 1));
+  for (uint32_t n = 0; n < 40; ++n) RoundTripAtEveryCut<CXmBase64Encoder, CXmBase64Decoder>(RandomBytes(n, n));
+}
+
+// Both decoders keep what can be decoded and say whether the input was clean.
+TEST(DecoderTest, DamagedInputAtEveryCut) {
+  struct Row { const char* name; bool qp; std::string in, out; bool clean; };
   const Row rows[] = {
-      {"lone = at the end", "abc=", "abc=", false},
-      {"= and one digit at the end", "abc=4", "abc=4", false},
-      {"= before a non-hex", "a=XYb", "a=XYb", false},
-      {"lower-case hex", "=e9=3d", "\xE9=", true},
-      {"soft break with bare LF", "ab=\ncd", "abcd", true},
-      {"soft break with blanks after =", "ab= \t\r\ncd", "abcd", true},
-      {"= then blank then text", "a= b", "a= b", false},
-      {"trailing blanks dropped", "ab  \r\ncd \t\r\n", "ab\r\ncd\r\n", true},
-      {"blanks at the very end dropped", "ab  ", "ab", true},
-      {"= CR without LF", "a=\rb", "ab", true},
+      {"base64: missing padding", false, "YWJjZA", "abcd", true},
+      {"base64: garbage between groups", false, "YW*Jj!ZA==", "abcd", false},
+      {"base64: line ends and blanks", false, "YWJj\r\n ZA==\r\n", "abcd", true},
+      {"base64: lone symbol at the end", false, "YWJjZ", "abc", false},
+      {"base64: concatenated padded parts", false, "YQ==Yg==", "ab", true},
+      {"base64: 8-bit bytes", false, "YW\xFF\xFEJj", "abc", false},
+      {"qp: lone = at the end", true, "abc=", "abc=", false},
+      {"qp: = and one digit at the end", true, "abc=4", "abc=4", false},
+      {"qp: = before a non-hex", true, "a=XYb", "a=XYb", false},
+      {"qp: lower-case hex", true, "=e9=3d", "\xE9=", true},
+      {"qp: soft break with bare LF", true, "ab=\ncd", "abcd", true},
+      {"qp: soft break with blanks after =", true, "ab= \t\r\ncd", "abcd", true},
+      {"qp: = then blank then text", true, "a= b", "a= b", false},
+      {"qp: trailing blanks dropped", true, "ab  \r\ncd \t\r\n", "ab\r\ncd\r\n", true},
+      {"qp: blanks at the very end dropped", true, "ab  ", "ab", true},
+      {"qp: = CR without LF", true, "a=\rb", "ab", true},
   };
   for (const Row& r : rows) {
     for (size_t cut = 0; cut <= r.in.size(); ++cut) {
-      bool clean = true;
-      ASSERT_EQ(RunFilter<CXmQpDecoder>(r.in, cut, &clean), r.out) << r.name << " cut " << cut;
-      ASSERT_EQ(clean, r.clean) << r.name;
+      bool clean = !r.clean;
+      ASSERT_EQ(r.qp ? RunFilter<CXmQpDecoder>(r.in, cut, &clean) : RunFilter<CXmBase64Decoder>(r.in, cut, &clean),
+                r.out) << r.name << " cut " << cut;
+      ASSERT_EQ(clean, r.clean) << r.name << " cut " << cut;
     }
   }
 }
@@ -203,68 +237,143 @@ TEST(LineEndFilterTest, MakesEveryLineEndCrLfAtEveryCut) {
   }
 }
 
-TEST(FilterStreamTest, FinishIsFinal) {
-  CXmMemoryStream out;
-  CXmBase64Encoder enc(out);
-  EXPECT_TRUE(enc.Write("ab").ok());
-  EXPECT_TRUE(enc.Finish().ok());
-  EXPECT_TRUE(enc.Finish().ok()) << "a second Finish writes nothing more";
-  EXPECT_EQ(out.data(), "YWI=");
-  EXPECT_EQ(enc.Write("c"), rc::kFail);
-}
-
-TEST(TransferEncodingTest, NamesAndCodes) {
-  for (int code = 0; code <= 4; ++code) {
-    const auto e = static_cast<TransferEncoding>(code);
-    EXPECT_EQ(TransferEncodingFromName(std::string_view(TransferEncodingName(e))), e);
-  }
-  struct Row { const char* name; TransferEncoding code; bool known; };
-  const Row rows[] = {{" Base64 ", kEncodingBase64, true}, {"", kEncoding8bit, false}, {"x-uu", kEncoding8bit, false}};
-  for (const Row& r : rows) {
-    bool known = !r.known;
-    EXPECT_EQ(TransferEncodingFromName(std::string_view(r.name), &known), r.code) << r.name;
-    EXPECT_EQ(known, r.known) << r.name;
-    EXPECT_EQ(TransferEncodingFromName(W(r.name)), r.code) << r.name;
-  }
-  EXPECT_EQ(TransferEncodingFromName(u"base64\u00e9"), kEncoding8bit);
-}
-
-TEST(TransferEncodingTest, AutomaticChoice) {
-  struct Row { const char* name; std::string body; int64_t limit; TransferEncoding expected; };
+// A named encoding is used as it is; an empty or unknown name chooses: 7bit
+// for ASCII, else the shorter of quoted-printable and base64 (a tie goes to
+// base64), looking at `limit` bytes. A null `out` is not compared.
+TEST(TransferEncodingTest, WriteEncodedBodyUsesTheNamedOrChosenEncoding) {
+  struct Row { const char* name; const char* encoding; std::string body; int64_t limit; TransferEncoding used;
+               const char* out; };
   const std::string mostly_ascii = std::string(300, 'a') + "\xE9";
   const Row rows[] = {
-      {"ascii text is 7bit", "hello\r\nworld\r\n", 0, kEncoding7bit},
-      {"mostly ascii is quoted-printable", mostly_ascii, 0, kEncodingQuotedPrintable},
-      {"binary is base64", RandomBytes(600, 11), 0, kEncodingBase64},
-      {"a tie goes to base64 (=E9a and 6WE=)", "\xE9" "a", 0, kEncodingBase64},
-      {"8-bit byte beyond the limit is not seen", mostly_ascii, 300, kEncoding7bit},
-      {"8-bit byte within the limit", mostly_ascii, 301, kEncodingQuotedPrintable},
+      {"named base64", " BASE64 ", "ab", 0, kEncodingBase64, "YWI="},
+      {"named 8bit copies", "8bit", "a\xE9", 0, kEncoding8bit, "a\xE9"},
+      {"unknown name chooses", "x-foo", "abc", 0, kEncoding7bit, "abc"},
+      {"ascii text is 7bit", "", "hello\r\nworld\r\n", 0, kEncoding7bit, "hello\r\nworld\r\n"},
+      {"no name chooses qp", "", std::string(30, 'a') + "\xE9", 0, kEncodingQuotedPrintable,
+       "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaa=E9"},
+      {"binary is base64", "", RandomBytes(600, 11), 0, kEncodingBase64, nullptr},
+      {"a tie goes to base64 (=E9a and 6WE=)", "", "\xE9" "a", 0, kEncodingBase64, "6WE="},
+      {"8-bit byte beyond the limit is not seen", "", mostly_ascii, 300, kEncoding7bit, nullptr},
+      {"8-bit byte within the limit", "", mostly_ascii, 301, kEncodingQuotedPrintable, nullptr},
   };
   for (const Row& r : rows) {
-    CXmMemoryStream body(r.body);
-    TransferEncoding chosen = kEncodingBinary;
-    ASSERT_TRUE(ChooseTransferEncoding(body, r.limit, &chosen).ok()) << r.name;
-    EXPECT_EQ(chosen, r.expected) << r.name;
+    CXmMemoryStream body(r.body), out;
+    ASSERT_TRUE(body.Seek(0, SeekOrigin::kEnd).ok());  // the writer reads from the start
+    TransferEncoding used = kEncodingBinary;
+    ASSERT_TRUE(WriteEncodedBody(body, r.encoding, r.limit, out, &used).ok()) << r.name;
+    EXPECT_EQ(used, r.used) << r.name;
+    EXPECT_TRUE(!r.out || out.data() == r.out) << r.name << ": " << out.data();
   }
 }
 
-TEST(TransferEncodingTest, WriteEncodedBodyUsesTheNamedOrChosenEncoding) {
-  struct Row { const char* name; const char* encoding; std::string body; TransferEncoding used; std::string out; };
+TEST(CharsetTest, NamesAliasesAndTheList) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"utf8", "utf-8"}, {"Latin1", "iso-8859-1"}, {"ibm850", "ibm850"}};  // the last known to iconv only
+  for (const auto& [name, canonical] : rows) {
+    auto cs = CreateCharset(name);
+    ASSERT_NE(cs, nullptr) << name;
+    EXPECT_EQ(cs->Name(), canonical) << name;
+  }
+  EXPECT_EQ(CreateCharset("x-no-such-charset"), nullptr);
+  EXPECT_EQ(CreateCharset(""), nullptr);
+
+  std::vector<std::string> names;
+  EnumCharsets([&](const CharsetListing& c) {
+    names.push_back(c.mime_name8);
+    return names.size() < 3;
+  });
+  EXPECT_EQ(names.size(), 3u) << "a stop request ends the list";
+  for (const std::string& n : names) EXPECT_TRUE(IsKnownCharset(n)) << n;
+  DeInitCharsets();
+  EXPECT_NE(CreateCharset("utf-8"), nullptr) << "tables come back after DeInitCharsets";
+}
+
+// Bytes in a character set to UTF-16 and back; a conversion that fails
+// still gives the whole text, with U+FFFD or "?" where it failed.
+TEST(ConverterTest, BothDirections) {
+  struct Row { const char* name; const char* charset; bool to_bytes; std::string bytes; WString text; bool ok; };
   const Row rows[] = {
-      {"named base64", "BASE64", "ab", kEncodingBase64, "YWI="},
-      {"named 8bit copies", "8bit", "a\xE9", kEncoding8bit, "a\xE9"},
-      {"unknown name chooses", "x-foo", "abc", kEncoding7bit, "abc"},
-      {"no name chooses qp", "", std::string(30, 'a') + "\xE9", kEncodingQuotedPrintable,
-       std::string(30, 'a') + "=E9"},
+      {"latin-1", "iso-8859-1", false, "Gr\xFC\xDF" "e", u"Gr\u00fc\u00dfe", true},
+      {"utf-8 with a pair", "utf-8", false, "a\xE2\x82\xAC\xF0\x9F\x98\x80", u"a\u20ac\U0001F600", true},
+      {"iso-2022-jp", "iso-2022-jp", false, "\x1b$BF|K\\\x1b(B", u"\u65e5\u672c", true},
+      {"utf-16 little-endian", "utf-16", false, std::string("a\0\xAC\x20", 4), u"a\u20ac", true},
+      {"utf-16 with big-endian mark", "utf16", false, std::string("\xFE\xFF\0a", 4), u"a", true},
+      {"imap utf-7", "imap4-utf-7", false, "Entw&APw-rfe &- x", u"Entw\u00fcrfe & x", true},
+      {"invalid utf-8 becomes U+FFFD", "utf-8", false, "a\xFF" "b", u"a\uFFFDb", false},
+      {"truncated utf-8 at the end", "utf-8", false, "a\xE2\x82", u"a\uFFFD", false},
+      {"us-ascii reads 8-bit utf-8", "us-ascii", false, "caf\xC3\xA9", u"caf\u00e9", true},
+      {"us-ascii reads stray bytes as latin-1", "us-ascii", false, "caf\xE9", u"caf\u00e9", true},
+      {"unknown charset falls back and fails", "x-unknown", false, "caf\xC3\xA9 \xE9", u"caf\u00e9 \u00e9", false},
+      {"malformed imap utf-7", "imap4-utf-7", false, "a&Jjo!", u"a\u263a\uFFFD!", false},
+      {"to latin-1", "iso-8859-1", true, "Gr\xFC\xDF" "e", u"Gr\u00fc\u00dfe", true},
+      {"to utf-8", "utf8", true, "\xE2\x82\xAC\xF0\x9F\x98\x80", u"\u20ac\U0001F600", true},
+      {"unmappable becomes ?", "iso-8859-1", true, "a?b", u"a\u20acb", false},
+      {"unmappable pair becomes one ?", "iso-8859-1", true, "a?b", u"a\U0001F600b", false},
+      {"iso-2022-jp ends in ascii state", "iso-2022-jp", true, "\x1b$BF|K\\\x1b(B", u"\u65e5\u672c", true},
+      {"to imap utf-7", "imap4-utf-7", true, "Entw&APw-rfe &- &Jjo-", u"Entw\u00fcrfe & \u263a", true},
+      {"unknown charset writes utf-8 and fails", "x-unknown", true, "\xC3\xA9", u"\u00e9", false},
   };
   for (const Row& r : rows) {
-    CXmMemoryStream body(r.body);
-    ASSERT_TRUE(body.Seek(0, SeekOrigin::kEnd).ok());  // the writer reads from the start
+    CXmConverter c(r.to_bytes ? "utf-16" : r.charset, r.to_bytes ? r.charset : "utf-16");
+    std::string bytes;
+    WString text;
+    EXPECT_EQ(r.to_bytes ? c.Convert(WStringView(r.text), &bytes) : c.Convert(std::string_view(r.bytes), &text), r.ok)
+        << r.name;
+    EXPECT_EQ(r.to_bytes ? bytes : WideToUtf8(text), r.to_bytes ? r.bytes : WideToUtf8(r.text)) << r.name;
+    EXPECT_EQ(c.last_error(), r.ok ? rc::kOk : rc::kMimeCharset) << r.name;
+  }
+}
+
+// Every form stops at the first failure when asked to, and keeps what it
+// converted before it; a stream's own failure code is passed on.
+TEST(ConverterTest, FailuresInEveryForm) {
+  std::string out;
+  EXPECT_FALSE(CXmConverter("utf-16", "iso-8859-1").Convert(WStringView(u"ab\u20accd"), &out, kConvertStrict));
+  EXPECT_EQ(out, "ab");
+  WString wide;
+  EXPECT_FALSE(CXmConverter("utf-8", "utf-16").Convert(std::string_view("ab\xFF" "cd"), &wide, kConvertStrict));
+  EXPECT_EQ(wide, u"ab");
+  ASSERT_TRUE(CXmConverter("utf-8", "utf-16").Convert("\xE2\x82\xAC", 3, &out));
+  EXPECT_EQ(out, std::string("\xAC\x20", 2)) << "utf-16 as bytes is little-endian without mark";
+  EXPECT_FALSE(CXmConverter("utf-8", "iso-8859-1").Convert("\xE2\x82\xAC!", 4, &out));
+  EXPECT_EQ(out, "?!");
+
+  CXmViewStream in("ok \xE2\x82\xAC rest"), abc("abc"), read_only("");
+  CXmMemoryStream stream_out;
+  CXmConverter c("utf-8", "iso-8859-1"), copy("utf-8", "utf-8");
+  EXPECT_FALSE(c.Convert(in, stream_out, 64, 1)) << "mode 1 stops at the first failure";
+  EXPECT_EQ(c.last_error(), rc::kMimeCharset);
+  EXPECT_EQ(stream_out.data(), "ok ");
+  EXPECT_FALSE(copy.Convert(abc, read_only, 64, 0));
+  EXPECT_EQ(copy.last_error(), rc::kNotImplemented) << "the stream's own code";
+}
+
+TEST(ConverterTest, ImapUtf7RoundTrip) {
+  for (const WString& name : {WString(u"&&"), WString(u"\u65e5\u672c\u8a9e"), WString(u"a\U0001F600b"),
+                              WString(u"~/-+,"), WString(u"\u00e9\u00e9\u00e9\u00e9\u00e9")}) {
+    std::string bytes;
+    ASSERT_TRUE(CXmConverter("utf-16", "imap4-utf-7").Convert(WStringView(name), &bytes));
+    for (unsigned char b : bytes) ASSERT_TRUE(b >= 0x20 && b < 0x7F);
+    WString back;
+    ASSERT_TRUE(CXmConverter("imap4-utf-7", "utf-16").Convert(std::string_view(bytes), &back)) << bytes;
+    EXPECT_EQ(back, name) << bytes;
+  }
+}
+
+TEST(ConverterTest, StreamFormGivesTheSameResultForEveryBufferSize) {
+  // Multi-byte sequences fall across buffer edges for every size.
+  const std::string utf8 = "Gr\xC3\xBC\xC3\x9F" "e \xE2\x82\xAC \xF0\x9F\x98\x80 \xE6\x97\xA5\xE6\x9C\xAC end";
+  const std::string jis = "a\x1b$BF|K\\\x1b(Bb";
+  for (size_t size = 1; size <= 40; ++size) {
+    CXmViewStream in(utf8);
     CXmMemoryStream out;
-    TransferEncoding used = kEncodingBinary;
-    ASSERT_TRUE(WriteEncodedBody(body, r.encoding, 0, out, &used).ok()) << r.name;
-    EXPECT_EQ(used, r.used) << r.name;
-    EXPECT_EQ(out.data(), r.out) << r.name;
+    EXPECT_FALSE(CXmConverter("utf-8", "iso-8859-15").Convert(in, out, size, 0)) << "the pair and CJK do not fit";
+    EXPECT_EQ(out.data(), "Gr\xFC\xDF" "e \xA4 ? ?? end") << size;
+
+    CXmViewStream in2(jis);
+    CXmMemoryStream out2;
+    ASSERT_TRUE(CXmConverter("iso-2022-jp", "utf-8").Convert(in2, out2, size, 0)) << size;
+    EXPECT_EQ(out2.data(), "a\xE6\x97\xA5\xE6\x9C\xAC" "b") << size;
   }
 }
 

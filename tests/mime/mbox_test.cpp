@@ -17,11 +17,7 @@ namespace {
 // The header parser, the part tree, the stored form and the input test all
 // take a line for a field, or none of them does.
 TEST(FieldLineTest, EveryReaderAgrees) {
-  struct Row {
-    const char* name;
-    std::string line;
-    WString subject;  // empty: the line is no field
-  };
+  struct Row { const char* name; std::string line; WString subject; };  // subject empty: no field
   const Row rows[] = {
       {"plain", "Subject: hi", u"hi"},
       {"blanks before the colon", "Subject \t : hi", u"hi"},
@@ -63,10 +59,7 @@ TEST(ClassifyInputTest, Table) {
       {"NUL only in the body", std::string("Subject: a\n\nb\0c", 15), InputKind::kMessage},
       {"more junk than fields", "Subject: a\njunk\nmore junk\n", InputKind::kNotMail},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(ClassifyInput(row.head), row.kind);
-  }
+  for (const Row& row : rows) EXPECT_EQ(ClassifyInput(row.head), row.kind) << row.name;
 }
 
 TEST(StoredFormTest, Table) {
@@ -79,34 +72,16 @@ TEST(StoredFormTest, Table) {
       {"empty header kept", "\nbody\n", "\r\nbody\r\n"},
       {"no header gets an empty one", "Just text\nFrom: me\n", "\r\nJust text\r\nFrom: me\r\n"},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(ToStoredForm(row.in), row.stored);
-  }
-  EXPECT_EQ(HeaderStateOf("Subject: a\r\n"), HeaderState::kHeader);
-  EXPECT_EQ(HeaderStateOf("\r\nbody"), HeaderState::kEmptyHeader);
-  EXPECT_EQ(HeaderStateOf("body text\r\n"), HeaderState::kNoHeader);
-}
-
-TEST(StoredFormTest, RawHeaderValue) {
+  for (const Row& row : rows) EXPECT_EQ(ToStoredForm(row.in), row.stored) << row.name;
+  EXPECT_EQ(HeaderStateOf("\r\nbody"), HeaderState::kEmptyHeader);  // with and without a header: FieldLineTest
   const std::string text = "Subject: a\r\nstatus \t:  RO \r\n\r\nStatus: body\r\n";
   EXPECT_EQ(RawHeaderValue(text, "Status"), "RO");
   EXPECT_EQ(RawHeaderValue(text, "X-Missing"), "");
   EXPECT_EQ(RawHeaderValue("\r\nStatus: R\r\n", "Status"), "");  // the body is not the header
 }
 
-// ---- mbox ----
-
-struct Split {
-  std::string text;
-  uint64_t line;
-  bool broken;
-  friend bool operator==(const Split&, const Split&) = default;
-};
-
-std::ostream& operator<<(std::ostream& os, const Split& s) {
-  return os << "{line " << s.line << (s.broken ? " broken" : "") << ": \"" << s.text << "\"}";
-}
+// A message as read: its text, the line of its envelope, a broken envelope.
+using Split = std::tuple<std::string, uint64_t, bool>;
 
 // Splits `mbox` read in blocks of `block` bytes.
 std::vector<Split> SplitMbox(const std::string& mbox, size_t block) {
@@ -123,7 +98,7 @@ std::vector<Split> SplitMbox(const std::string& mbox, size_t block) {
   std::vector<Split> out;
   MboxMessage m;
   bool got = false;
-  while (reader.Next(&m, &got).ok() && got) out.push_back({m.text, m.line, m.broken_envelope});
+  while (reader.Next(&m, &got).ok() && got) out.emplace_back(m.text, m.line, m.broken_envelope);
   return out;
 }
 
@@ -148,35 +123,21 @@ TEST(MboxReaderTest, SplitsAtFromLinesAfterEmptyLines) {
       {"empty entries", env + "\n" + env + "S: 2\n", {{"", 1, false}, {"S: 2\n", 3, false}}},
   };
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    EXPECT_EQ(SplitMbox(row.mbox, LineSource::kBlock), row.messages);
     // The same whatever the size of the blocks the input arrives in.
-    for (size_t block : {1, 2, 3, 5, 7, 64}) {
-      SCOPED_TRACE(block);
-      EXPECT_EQ(SplitMbox(row.mbox, block), row.messages);
+    for (size_t block : {size_t{LineSource::kBlock}, size_t{1}, size_t{2}, size_t{3}, size_t{5}, size_t{7}}) {
+      EXPECT_EQ(SplitMbox(row.mbox, block), row.messages) << row.name << ", blocks of " << block;
     }
   }
 }
 
-TEST(MboxReaderTest, EnvelopeCheck) {
-  struct Row { const char* line; bool ok; };
-  const Row rows[] = {
-      {"From a@b Mon Mar  4 10:00:00 2024", true},
-      {"From - Sat Jan  3 01:05:34 1996", true},
+TEST(MboxTest, EnvelopeLines) {
+  const std::pair<const char*, bool> rows[] = {
+      {"From a@b Mon Mar  4 10:00:00 2024", true},  {"From - Sat Jan  3 01:05:34 1996", true},
       {"From MAILER-DAEMON Thu Jan  1 00:00:00 1970 +0000", true},
-      {"From ", false},  // no sender
-      {"From a@b yesterday", false},  // neither time nor year
-      {"From a@b 10:00", false},
-      {"From a@b 2024", false},
-      {"Subject: x", false},
+      {"From ", false},       {"From a@b yesterday", false},  // no sender; neither time nor year
+      {"From a@b 10:00", false}, {"From a@b 2024", false}, {"Subject: x", false},
   };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.line);
-    EXPECT_EQ(IsWellFormedEnvelope(row.line), row.ok);
-  }
-}
-
-TEST(MboxWriterTest, EnvelopeLine) {
+  for (const auto& [line, ok] : rows) EXPECT_EQ(IsWellFormedEnvelope(line), ok) << line;
   const double date = DateFromCivil({2024, 3, 4, 10, 0, 7});
   EXPECT_EQ(MboxEnvelope("a@b.org", date), "From a@b.org Mon Mar  4 10:00:07 2024\n");
   EXPECT_EQ(MboxEnvelope("", date), "From MAILER-DAEMON Mon Mar  4 10:00:07 2024\n");
@@ -201,9 +162,8 @@ TEST(MboxWriterTest, EntriesReadBackToTheSameStoredBytes) {
   const std::vector<Split> back = SplitMbox(mbox, 3);
   ASSERT_EQ(back.size(), stored.size());
   for (size_t i = 0; i < stored.size(); ++i) {
-    SCOPED_TRACE(i);
-    EXPECT_FALSE(back[i].broken);
-    EXPECT_EQ(ToStoredForm(back[i].text), stored[i]);
+    EXPECT_FALSE(std::get<2>(back[i])) << i;
+    EXPECT_EQ(ToStoredForm(std::get<0>(back[i])), stored[i]);
   }
 }
 

@@ -14,25 +14,18 @@ namespace trv::test {
 // The message form of a text written with "\n" line ends.
 inline std::string Crlf(std::string_view text) {
   std::string out;
-  for (char c : text) {
-    if (c == '\n') out += '\r';
-    out += c;
-  }
+  for (char c : text) c == '\n' ? out += "\r\n" : out += c;
   return out;
 }
 
 // "C:multipart/mixed{T:text/plain,P:application/pdf}": C a container, T a
 // CXmPlainTextPart, P a CXmMessagePart; children in braces.
 inline std::string Shape(const CXmMessagePart& part) {
-  const char* cls = part.GetClassName();
-  std::string s = std::strcmp(cls, "CXmMultiPartPart") == 0 ? "C:" : std::strcmp(cls, "CXmPlainTextPart") == 0 ? "T:" : "P:";
-  s += WideToUtf8(part.GetContentType());
-  if (part.IsMultipart()) {
-    s += "{";
-    for (size_t i = 0; i < part.children().size(); ++i) s += (i ? "," : "") + Shape(*part.children()[i]);
-    s += "}";
-  }
-  return s;
+  const std::string cls = part.GetClassName();
+  std::string s = (cls == "CXmMultiPartPart" ? "C:" : cls == "CXmPlainTextPart" ? "T:" : "P:") +
+                  WideToUtf8(part.GetContentType());
+  for (size_t i = 0; i < part.children().size(); ++i) s += (i ? "," : "{") + Shape(*part.children()[i]);
+  return part.IsMultipart() ? s + (part.children().empty() ? "{}" : "}") : s;
 }
 
 // The decoded text of every single part in document order, joined by "|".

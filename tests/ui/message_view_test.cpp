@@ -1,3 +1,4 @@
+// Picture sizes, HTML read as text, the reading view and what `show` prints.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -21,35 +22,31 @@ std::string Le32(uint32_t v) { return Le16(v) + Le16(v >> 16); }
 
 std::string Png(uint32_t w, uint32_t h) { return std::string("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR", 16) + Be32(w) + Be32(h); }
 
-// --- Picture sizes
-
 TEST(ImageSizeTest, Formats) {
   const std::string jpeg_app0 = std::string("\xFF\xD8\xFF\xE0\x00\x10", 6) + std::string(14, 'j');
   const std::string sof = std::string("\x08\x00\x64\x00\xC8\x03", 6) + std::string(9, '\0');  // 200 x 100
   const std::string riff = "RIFF" + Le32(100) + "WEBP";
-  struct Row { const char* name; std::string bytes; bool ok; int width, height; };
+  struct Row { const char* name; std::string bytes; int width, height; };  // width 0: no size read
   const Row rows[] = {
-      {"png", Png(640, 480), true, 640, 480},
-      {"gif", "GIF89a" + Le16(320) + Le16(200), true, 320, 200},
-      {"jpeg after an APP0 segment", jpeg_app0 + std::string("\xFF\xC0\x00\x11", 4) + sof, true, 200, 100},
-      {"progressive jpeg after a fill byte", jpeg_app0 + std::string("\xFF\xFF\xC2\x00\x11", 5) + sof, true, 200, 100},
-      {"jpeg huffman table is no frame", jpeg_app0 + std::string("\xFF\xC4\x00\x11", 4) + sof, false, 0, 0},
-      {"bmp stored top down", "BM" + std::string(16, '\0') + Le32(30) + Le32(uint32_t(-50)), true, 30, 50},
-      {"webp VP8X", riff + "VP8X" + Le32(10) + Le32(0) + std::string("\x7F\x02\x00\x3F\x01\x00", 6), true, 640, 320},
-      {"webp VP8L", riff + "VP8L" + Le32(10) + "\x2F" + Le32(99 | 49u << 14), true, 100, 50},
-      {"webp VP8", riff + "VP8 " + Le32(10) + std::string("\0\0\0\x9D\x01\x2A", 6) + Le16(16) + Le16(8), true, 16, 8},
-      {"png cut short", Png(640, 480).substr(0, 20), false, 0, 0},
-      {"zero width", Png(0, 480), false, 0, 0},
-      {"not a picture", "hello world, this is text", false, 0, 0},
+      {"png", Png(640, 480), 640, 480},
+      {"gif", "GIF89a" + Le16(320) + Le16(200), 320, 200},
+      {"jpeg after an APP0 segment", jpeg_app0 + std::string("\xFF\xC0\x00\x11", 4) + sof, 200, 100},
+      {"progressive jpeg after a fill byte", jpeg_app0 + std::string("\xFF\xFF\xC2\x00\x11", 5) + sof, 200, 100},
+      {"jpeg huffman table is no frame", jpeg_app0 + std::string("\xFF\xC4\x00\x11", 4) + sof, 0, 0},
+      {"bmp stored top down", "BM" + std::string(16, '\0') + Le32(30) + Le32(uint32_t(-50)), 30, 50},
+      {"webp VP8X", riff + "VP8X" + Le32(10) + Le32(0) + std::string("\x7F\x02\x00\x3F\x01\x00", 6), 640, 320},
+      {"webp VP8L", riff + "VP8L" + Le32(10) + "\x2F" + Le32(99 | 49u << 14), 100, 50},
+      {"webp VP8", riff + "VP8 " + Le32(10) + std::string("\0\0\0\x9D\x01\x2A", 6) + Le16(16) + Le16(8), 16, 8},
+      {"png cut short", Png(640, 480).substr(0, 20), 0, 0},
+      {"zero width", Png(0, 480), 0, 0},
+      {"not a picture", "hello world, this is text", 0, 0},
   };
   for (const Row& row : rows) {
     int w = 0, h = 0;
-    EXPECT_EQ(ReadImageSize(row.bytes, &w, &h), row.ok) << row.name;
-    if (row.ok) { EXPECT_EQ(std::make_pair(w, h), std::make_pair(row.width, row.height)) << row.name; }
+    EXPECT_EQ(ReadImageSize(row.bytes, &w, &h), row.width > 0) << row.name;
+    EXPECT_TRUE(row.width == 0 || std::make_pair(w, h) == std::make_pair(row.width, row.height)) << row.name;
   }
 }
-
-// --- HTML read as text
 
 TEST(HtmlTextTest, PlainTextReading) {
   const std::pair<std::u16string, std::u16string> rows[] = {
@@ -71,8 +68,6 @@ TEST(HtmlTextTest, PlainTextReading) {
   EXPECT_EQ(HtmlBodyContent(u"no body tag"), u"no body tag");
   EXPECT_EQ(HtmlBodyContent(u"<body>unclosed"), u"unclosed");
 }
-
-// --- The reading view
 
 const std::string kAlternative = Crlf(
     "Content-Type: multipart/alternative; boundary=a\n\n--a\nContent-Type: text/plain\n\nplain text\n--a\n"
@@ -130,8 +125,6 @@ TEST(MessageViewTest, UnixLineEndsAndDamagedBodies) {
   EXPECT_EQ(WideToUtf8(ReadingViewDocument(m, {}, &status)), "<HTML><HEAD></HEAD><BODY>\none<br>two<br></BODY></HTML>");
   EXPECT_EQ(status, rc::kMimeSyntax) << "what was readable is shown, the status says it was damaged";
 }
-
-// --- What `show` prints
 
 const std::string kShown = Crlf(
     "From: A <a@x>\nTo: b@x,\n c@x\nSubject: =?utf-8?Q?Gr=C3=BC=C3=9Fe?=\nDate: Tue, 4 Jan 2005 09:05:07 +0100\n"
