@@ -247,28 +247,6 @@ TEST_F(EngineServicesTest, AServiceWhoseStorageIsMissingGetsANewOneNamedAfterIt)
   EXPECT_EQ(e->FindStorage(made_[0]->new_storage->id()), made_[0]->new_storage);
 }
 
-TEST_F(EngineTest, StoragesAreOpenedFromTheLastIndexPathToTheFirst) {
-  test::TestHost host;  // two storages on disk, neither of them the local one
-  for (const char* name : {"b", "a"}) ASSERT_EQ(Storage(host).Create(W(name), {}, false), rc::kOk);
-  struct Recorder : StorageOpeningListener, StorageOpenedListener {
-    void OnStorageAboutToOpen(Storage& s) override { opening.push_back(s.id().ToRegistryString() + ".idx"); }
-    void OnStorageOpened(Storage& s) override { opened.push_back(WideToUtf8(s.name())); }
-    Lines opening, opened;
-  } recorder;
-  MailEngine* e = Restart([&](MailEngine& m) {
-    m.SetDataDirectoryOverride(host.data_dir());
-    m.storage_opening_listeners().Add(&recorder);
-    m.storage_opened_listeners().Add(&recorder);
-  });
-  // Files were found and none was the local storage: none is made.
-  const std::vector<Storage*> storages = e->storages();
-  ASSERT_EQ(storages.size(), 2u);
-  Lines names;
-  for (Storage* s : storages) names.push_back(s->index_path().filename().string());
-  EXPECT_EQ(recorder.opening, (Lines{names[1], names[0]}));
-  EXPECT_EQ(recorder.opened.size(), 2u);
-}
-
 TEST_F(EngineTest, AnIndexLeftOnlyAsItsBackupIsRestoredBeforeDiscovery) {
   const std::filesystem::path inbox = Restart()->storages()[0]->SpecialFolder(kFolderInbox)->file_path();
   Release();
