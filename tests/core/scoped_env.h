@@ -1,4 +1,4 @@
-// Sets an environment variable for one scope and restores it after.
+// Sets an environment variable (null: unsets it) for one scope.
 #pragma once
 
 #include <cstdlib>
@@ -9,7 +9,6 @@ namespace trv::test {
 
 class ScopedEnv {
  public:
-  // A null `value` unsets the variable.
   ScopedEnv(const char* name, const char* value) : name_(name) {
     if (const char* old = std::getenv(name)) old_ = old;
     Set(value);
@@ -19,8 +18,7 @@ class ScopedEnv {
   ScopedEnv& operator=(const ScopedEnv&) = delete;
 
  private:
-  void Set(const char* value) { value != nullptr ? ::setenv(name_.c_str(), value, 1) : ::unsetenv(name_.c_str()); }
-
+  void Set(const char* value) { value ? ::setenv(name_.c_str(), value, 1) : ::unsetenv(name_.c_str()); }
   std::string name_;
   std::optional<std::string> old_;
 };

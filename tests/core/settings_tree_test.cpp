@@ -39,11 +39,7 @@ TEST(SettingsWriteTest, OptionsChangeSeparatorsAndBooleans) {
   ASSERT_TRUE(s.WriteBoolean("a/b", "On", true).ok());
   ASSERT_TRUE(s.WriteBoolean("a/b", "Off", false).ok());
   EXPECT_EQ(s.SaveToBytes(), "; Automatically generated file. DO NOT MODIFY!!!\r\n\n[a]\n\n[a/b]\nOn:1\r\nOff:0\r\n");
-  Settings back(options);
-  EXPECT_TRUE(back.LoadFromBytes(s.SaveToBytes()).empty());
-  EXPECT_EQ(back.TypeOfValue("a/b", "On"), SettingsType::kInteger);
-  EXPECT_TRUE(back.ReadBoolean("a/b", "On", false));
-  EXPECT_FALSE(back.ReadBoolean("a/b", "Off", true));
+  EXPECT_EQ(Reloaded(s, options), s.SaveToBytes());
 }
 
 // The text each type is written as; every typed read gives the same answer
@@ -56,14 +52,10 @@ TEST(SettingsRoundTripTest, ReadsAgreeBeforeAndAfterTheFile) {
       {"boolean", [](Settings& s) { return s.WriteBoolean("S", "V", true); }, "true", SettingsType::kBoolean},
       {"integer", [](Settings& s) { return s.WriteInteger("S", "V", -2147483647 - 1); }, "-2147483648",
        SettingsType::kInteger},
-      {"text 007", [](Settings& s) { return s.WriteString("S", "V", "007"); }, "007", SettingsType::kString},
       {"text TRUE", [](Settings& s) { return s.WriteString("S", "V", "TRUE"); }, "TRUE", SettingsType::kBoolean},
-      {"text 42", [](Settings& s) { return s.WriteString("S", "V", "42"); }, "42", SettingsType::kInteger},
       {"empty text", [](Settings& s) { return s.WriteString("S", "V", ""); }, "", SettingsType::kString},
       {"wide text with lines", [](Settings& s) { return s.WriteWideString("S", "V", u"R,\r\n\u00c5 \U0001F600"); },
        "\xEF\xBB\xBFR,\xC0\x8D\xC0\x8A\xC3\x85 \xED\xA0\xBD\xED\xB8\x80", SettingsType::kString},
-      {"wide digits", [](Settings& s) { return s.WriteWideString("S", "V", u"12"); }, "\xEF\xBB\xBF" "12",
-       SettingsType::kString},
       {"binary", [&](Settings& s) { return s.WriteBinary("S", "V", bytes); }, "584D0102FE", SettingsType::kString},
       {"empty binary", [](Settings& s) { return s.WriteBinary("S", "V", {}); }, "", SettingsType::kString},
       {"double", [](Settings& s) { return s.WriteDouble("S", "V", 2.25); }, "2.250000", SettingsType::kString},
@@ -99,33 +91,21 @@ TEST(SettingsRoundTripTest, ReadsAgreeBeforeAndAfterTheFile) {
 // tabled in SettingsTextTypeTest).
 TEST(SettingsRoundTripTest, TypeRulesOfLoadedText) {
   Settings s;
-  ASSERT_TRUE(s.LoadFromBytes("A=007\r\nB=true\r\nD=1\r\nE=\xEF\xBB\xBFx\r\nF=584D0102\r\nG=x\r\n").empty());
+  ASSERT_TRUE(s.LoadFromBytes("A=007\r\nB=true\r\nD=1\r\nG=x\r\n").empty());
   EXPECT_EQ(s.ReadInteger("", "A", -1), -1);
   EXPECT_EQ(s.ReadInteger("", "B", 5), 1);
   EXPECT_TRUE(s.ReadBoolean("", "D", false));  // services keep booleans as integers
-  EXPECT_EQ(s.ReadWideString("", "E", u"none"), u"x");
   EXPECT_EQ(s.ReadWideString("", "G", u"none"), u"none");  // a wide string needs the mark
-  EXPECT_TRUE(s.ReadBoolean("", "G", true));
-  EXPECT_FALSE(s.ReadBoolean("", "G", false));
   std::vector<uint8_t> bytes;
-  EXPECT_TRUE(s.ReadBinary("", "F", &bytes).ok());
-  EXPECT_EQ(bytes, (std::vector<uint8_t>{1, 2}));
   EXPECT_EQ(s.ReadBinary("", "G", &bytes), Settings::kWrongType);
-  EXPECT_EQ(s.ReadBinary("", "Missing", &bytes), Settings::kNotFound);
-}
-
-TEST(SettingsRoundTripTest, BinaryBufferSizeInAndOut) {
-  Settings s;
-  const uint8_t bytes[] = {9, 8, 7, 6};
-  ASSERT_TRUE(s.WriteBinary("S", "Psswd", bytes).ok());
+  // A short buffer gets nothing and learns the size it needs.
+  const uint8_t written[] = {9, 8, 7, 6};
+  ASSERT_TRUE(s.WriteBinary("S", "Psswd", written).ok());
   uint8_t buf[8] = {};
   size_t size = 3;
   EXPECT_EQ(s.ReadBinary("S", "Psswd", buf, &size), Settings::kMoreData);
   EXPECT_EQ(size, 4u);
-  EXPECT_EQ(buf[0], 0);  // nothing copied into a short buffer
-  size = sizeof buf;
-  EXPECT_TRUE(s.ReadBinary("S", "Psswd", buf, &size).ok());
-  EXPECT_EQ(std::vector<uint8_t>(buf, buf + size), std::vector<uint8_t>(bytes, bytes + 4));
+  EXPECT_EQ(buf[0], 0);
   EXPECT_EQ(s.ReadBinary("S", "None", buf, &size), Settings::kNotFound);
 }
 
@@ -163,12 +143,6 @@ TEST(SettingsReadTest, LoadThenSave) {
     EXPECT_EQ(s.SaveToBytes(), r.saved.empty() ? r.in : r.saved);
     EXPECT_EQ(Reloaded(s), s.SaveToBytes());
   }
-  // Kept lines are no values, and the values around them read as usual.
-  Settings s;
-  s.LoadFromBytes(rows[5].in);
-  EXPECT_EQ(s.ListValues("S"), (Names{"A", "B"}));
-  EXPECT_EQ(s.ReadInteger("S", "B", 0), 995);
-  EXPECT_EQ(s.ListValues("\\"), Names{});  // the header is a comment too
   // Whatever the text, the second save equals the first.
   for (const char* t : {"x\ny=1\n[a]\n[a]\nz\n[]\nw=2\n", "[s]\nk[3]=a\nk=b\nk[0]=c\n", "TRUE=TRUE\nv=-0\nn=0x1\n[\\\\]\n=\n;c\n#c\n",
                         "[a\\b\\c]\n[A\\B]\nq=\xEF\xBB\xBF\xC0\x8A\n", "\r\n\r\n  \n[s]\n a = b \r\n"}) {
@@ -176,16 +150,6 @@ TEST(SettingsReadTest, LoadThenSave) {
     once.LoadFromBytes(t);
     EXPECT_EQ(Reloaded(once), once.SaveToBytes()) << t;
   }
-}
-
-TEST(SettingsReadTest, SectionsAndValuesIgnoreLetterCase) {
-  Settings s;
-  EXPECT_TRUE(s.LoadFromBytes("[Service.{AB}]\nPOP3Host=h\r\n[service.{ab}]\nPOP3Port=110\r\n").empty());
-  EXPECT_EQ(s.ListSections(""), Names{"Service.{AB}"});
-  EXPECT_EQ(s.ReadString("SERVICE.{ab}", "pop3host"), "h");
-  EXPECT_EQ(s.ReadInteger("Service.{AB}", "POP3PORT", 0), 110);
-  ASSERT_TRUE(s.WriteString("Service.{ab}", "pop3HOST", "g").ok());
-  EXPECT_EQ(s.ListValues("Service.{AB}"), (Names{"POP3Host", "POP3Port"}));
 }
 
 // The later line wins; the value keeps the place of its first line.
@@ -229,8 +193,7 @@ TEST(SettingsTreeTest, ListCreateAndDeleteSections) {
   EXPECT_TRUE(s.LoadFromBytes("[Service.{b}]\n[Folder.{b}.1]\n[Service.{a}]\n[Service.{a}\\Sub]\nK=1\r\n").empty());
   EXPECT_EQ(s.ListSections("\\"), (Names{"Service.{b}", "Folder.{b}.1", "Service.{a}"}));
   EXPECT_TRUE(s.ListSections("Nowhere").empty());
-  EXPECT_TRUE(s.HasSection("Service.{a}\\Sub"));
-  EXPECT_TRUE(s.DeleteSection("Service.{a}").ok());
+  EXPECT_TRUE(s.DeleteSection("SERVICE.{A}").ok());  // names ignore letter case
   EXPECT_FALSE(s.HasSection("Service.{a}\\Sub"));
   EXPECT_EQ(s.DeleteSection("Service.{a}"), Settings::kNotFound);
   EXPECT_EQ(s.DeleteSection("\\"), rc::kInvalidArg);
@@ -253,19 +216,14 @@ TEST(SettingsTreeTest, WritesDeletesAndTheChangeCount) {
   ASSERT_TRUE(s.WriteString("S", "B", "2x").ok());
   ASSERT_TRUE(s.WriteInteger("S", "A", 5).ok());
   EXPECT_EQ(s.ListValues("S"), (Names{"A", "B"}));
-  EXPECT_EQ(s.TypeOfValue("S", "A"), SettingsType::kInteger);
   const uint64_t c1 = s.change_count();
   EXPECT_GT(c1, c0);
-  EXPECT_EQ(s.WriteInteger("S", "", 1), rc::kInvalidArg);
   EXPECT_EQ(s.DeleteValue("S", "Missing"), Settings::kNotFound);
   EXPECT_EQ(s.DeleteValue("Missing", "A"), Settings::kNotFound);
   EXPECT_EQ(s.change_count(), c1);
   EXPECT_TRUE(s.DeleteValue("S", "A").ok());
-  EXPECT_EQ(s.ReadString("S", "A", "def"), "def");
-  const uint64_t c2 = s.change_count();
-  EXPECT_GT(c2, c1);
+  EXPECT_GT(s.change_count(), c1);
   s.Clear();
-  EXPECT_GT(s.change_count(), c2);
   EXPECT_EQ(s.SaveToBytes(), kHeader);
 }
 
@@ -297,19 +255,13 @@ TEST(SettingsTreeTest, ArraysElementByElement) {
   EXPECT_EQ(s.TypeOfValue("S", "W"), SettingsType::kStringArray);
   EXPECT_EQ(s.ReadWideStringElement("S", "W", 2), u"\u00e9");
   EXPECT_EQ(s.ReadWideStringElement("S", "W", 0, u"not wide"), u"not wide");
-  ASSERT_TRUE(s.WriteWideStringElement("S", "W", 1, u"w").ok());
   // Writing an element into a scalar replaces it.
   ASSERT_TRUE(s.WriteInteger("S", "N", 1).ok());
   ASSERT_TRUE(s.WriteStringElement("S", "N", 0, "e").ok());
   EXPECT_EQ(s.ArrayLength("S", "N"), 1u);
   EXPECT_EQ(s.ReadString("S", "N", "scalar read"), "scalar read");
 
-  Settings back;
-  EXPECT_TRUE(back.LoadFromBytes(s.SaveToBytes()).empty());
-  EXPECT_EQ(back.ArrayLength("S", "W"), 3u);
-  EXPECT_EQ(back.ReadStringElement("S", "W", 0), "plain");
-  EXPECT_EQ(back.ReadWideStringElement("S", "W", 1), u"w");
-  EXPECT_EQ(back.ReadWideStringElement("S", "W", 2), u"\u00e9");
+  EXPECT_EQ(Reloaded(s), s.SaveToBytes());
 }
 
 // Worker threads write their keys while the main thread saves: every save is
@@ -319,13 +271,12 @@ TEST(SettingsTreeTest, WritersAndSaverOnSeveralThreads) {
   constexpr int kThreads = 4, kKeys = 300;
   std::atomic<bool> done{false};
   std::vector<std::thread> writers;
+  const auto section = [](int t) { return "Service.{" + std::to_string(t) + "}"; };
   for (int t = 0; t < kThreads; ++t) {
-    writers.emplace_back([&s, t] {
-      const std::string section = "Service.{" + std::to_string(t) + "}";
+    writers.emplace_back([&, t] {
       for (int k = 0; k < kKeys; ++k) {
-        ASSERT_TRUE(s.WriteInteger(section, "K" + std::to_string(k), k).ok());
-        ASSERT_TRUE(s.WriteWideString(section, "W", u"x").ok());
-        (void)s.ReadInteger(section, "K0", 0);
+        ASSERT_TRUE(s.WriteInteger(section(t), "K" + std::to_string(k), k).ok());
+        ASSERT_TRUE(s.WriteWideString(section(t), "W", u"x").ok());
       }
     });
   }
@@ -338,9 +289,8 @@ TEST(SettingsTreeTest, WritersAndSaverOnSeveralThreads) {
   Settings last;
   EXPECT_TRUE(last.LoadFromBytes(s.SaveToBytes()).empty());
   for (int t = 0; t < kThreads; ++t) {
-    const std::string section = "Service.{" + std::to_string(t) + "}";
-    EXPECT_EQ(last.ListValues(section).size(), static_cast<size_t>(kKeys + 1));
-    EXPECT_EQ(last.ReadInteger(section, "K" + std::to_string(kKeys - 1), -1), kKeys - 1);
+    EXPECT_EQ(last.ListValues(section(t)).size(), static_cast<size_t>(kKeys + 1));
+    EXPECT_EQ(last.ReadInteger(section(t), "K" + std::to_string(kKeys - 1), -1), kKeys - 1);
   }
 }
 

@@ -1,11 +1,9 @@
-// Crashes at random moments while a folder file is being changed:
-// - a child process is killed with SIGKILL; every change it saw return must
-//   be there afterwards;
-// - the disk loses power (tests/store/fault_vfs.h): with synchronous commits
-//   every returned change must be there; without, some may be lost, but the
-//   file must never be damaged.
-// In both, the change in flight is there whole or not at all, the folder
-// opens without a repair, and "/Counts" agrees with the index.
+// Crashes at random moments while a folder file is changed: a writer killed
+// with SIGKILL must leave every change it saw return; a power loss must leave
+// every returned change with synchronous commits, and some may be lost
+// without, but the file is never damaged. In both, the change in flight is
+// there whole or not at all, the folder opens without a repair, and
+// "/Counts" agrees with the index.
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -21,14 +19,13 @@
 
 #include "store/folder_file.h"
 #include "tests/store/fault_vfs.h"
-#include "tests/store/folder_test_util.h"
+#include "tests/support/recording_log.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv {
 namespace {
 
 using test::RecordingLog;
-using test::TempDir;
 
 enum OpKind : uint32_t { kAppend = 1, kDelete = 2, kMarkRead = 3, kCompact = 4 };
 
@@ -151,10 +148,6 @@ void ExpectContents(FolderFile& folder, int round, const std::optional<Op>& in_f
   }
 }
 
-uint32_t Seed() {
-  return static_cast<uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count());
-}
-
 [[noreturn]] void RunChild(const std::filesystem::path& path, int round, bool durable, int fd) {
   NullLogSink log;
   FolderFile folder(log, FolderFileOptions{.sync_commits = durable});
@@ -175,9 +168,9 @@ class FolderCrashTest : public ::testing::Test {
     FolderFile folder(log);
     ASSERT_EQ(folder.Create(path_), rc::kOk);
   }
-  TempDir dir_;
+  test::TempDir dir_;
   std::filesystem::path path_ = dir_ / "crash.fld";
-  const uint32_t seed_ = Seed();
+  const uint32_t seed_ = static_cast<uint32_t>(std::chrono::steady_clock::now().time_since_epoch().count());
   std::mt19937 rng_{seed_};
 };
 
@@ -193,10 +186,7 @@ TEST_F(FolderCrashTest, KilledWritersLeaveEveryReturnedChange) {
     ASSERT_EQ(pipe(fds), 0);
     const pid_t pid = fork();
     ASSERT_GE(pid, 0);
-    if (pid == 0) {
-      close(fds[0]);
-      RunChild(path_, rounds, rounds % 2 == 0, fds[1]);
-    }
+    if (pid == 0) RunChild(path_, rounds, rounds % 2 == 0, fds[1]);
     close(fds[1]);
     std::this_thread::sleep_for(std::chrono::microseconds(rng_() % 80000));
     kill(pid, SIGKILL);

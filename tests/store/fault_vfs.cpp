@@ -1,23 +1,13 @@
 #include "tests/store/fault_vfs.h"
 
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <sstream>
 
 #include "store/container.h"
+#include "tests/support/temp_dir.h"
 
 namespace trv::test {
-
 namespace {
-
-std::string ReadWhole(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
 
 void Apply(std::string& content, sqlite3_int64 offset, const std::string& bytes, bool truncate) {
   const size_t at = static_cast<size_t>(offset);
@@ -48,6 +38,8 @@ struct FaultVfs::File {
   struct Forward<Method> {
     static R Call(sqlite3_file* f, A... args) { return (Real(f)->pMethods->*Method)(Real(f), args...); }
   };
+  template <auto Method>
+  static constexpr auto kForward = &Forward<Method>::Call;
 
   // Records a change to be applied to the synced content at the next sync.
   static int Track(sqlite3_file* f, int refused, Change change, const std::function<int()>& apply) {
@@ -88,26 +80,13 @@ struct FaultVfs::File {
 };
 
 // Version 2: shared memory for the write-ahead log, no memory mapping.
-const sqlite3_io_methods FaultVfs::kMethods = {
-    2,
-    &File::Forward<&sqlite3_io_methods::xClose>::Call,
-    &File::Forward<&sqlite3_io_methods::xRead>::Call,
-    &File::Write,
-    &File::Truncate,
-    &File::Sync,
-    &File::Forward<&sqlite3_io_methods::xFileSize>::Call,
-    &File::Forward<&sqlite3_io_methods::xLock>::Call,
-    &File::Forward<&sqlite3_io_methods::xUnlock>::Call,
-    &File::Forward<&sqlite3_io_methods::xCheckReservedLock>::Call,
-    &File::Forward<&sqlite3_io_methods::xFileControl>::Call,
-    &File::Forward<&sqlite3_io_methods::xSectorSize>::Call,
-    &File::Forward<&sqlite3_io_methods::xDeviceCharacteristics>::Call,
-    &File::Forward<&sqlite3_io_methods::xShmMap>::Call,
-    &File::Forward<&sqlite3_io_methods::xShmLock>::Call,
-    &File::Forward<&sqlite3_io_methods::xShmBarrier>::Call,
-    &File::Forward<&sqlite3_io_methods::xShmUnmap>::Call,
-    nullptr,
-    nullptr,
+using M = sqlite3_io_methods;
+const M FaultVfs::kMethods = {
+    2, File::kForward<&M::xClose>, File::kForward<&M::xRead>, &File::Write, &File::Truncate, &File::Sync,
+    File::kForward<&M::xFileSize>, File::kForward<&M::xLock>, File::kForward<&M::xUnlock>,
+    File::kForward<&M::xCheckReservedLock>, File::kForward<&M::xFileControl>, File::kForward<&M::xSectorSize>,
+    File::kForward<&M::xDeviceCharacteristics>, File::kForward<&M::xShmMap>, File::kForward<&M::xShmLock>,
+    File::kForward<&M::xShmBarrier>, File::kForward<&M::xShmUnmap>, nullptr, nullptr,
 };
 
 FaultVfs::FaultVfs() {
@@ -140,7 +119,7 @@ bool FaultVfs::WriteAllowed() {
 }
 
 int FaultVfs::Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* f, int flags, int* out_flags) {
-  FaultVfs& self = Self(vfs);
+  FaultVfs& self = *static_cast<FaultVfs*>(vfs->pAppData);
   File* file = new (f) File{{nullptr}, &self, {}};
   const int code = self.root_->xOpen(self.root_, name, file->real(), flags, out_flags);
   if (code != SQLITE_OK || !file->real()->pMethods) return code;
@@ -150,7 +129,7 @@ int FaultVfs::Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* f, int flag
     std::lock_guard lock(self.mu_);
     if (!self.files_.count(file->path)) {
       FileState& state = self.files_[file->path];
-      state.synced = ReadWhole(file->path);
+      state.synced = ReadFile(file->path);
       state.ever_synced = std::filesystem::exists(file->path);
     }
   }
@@ -158,7 +137,7 @@ int FaultVfs::Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* f, int flag
 }
 
 int FaultVfs::Delete(sqlite3_vfs* vfs, const char* name, int sync_dir) {
-  FaultVfs& self = Self(vfs);
+  FaultVfs& self = *static_cast<FaultVfs*>(vfs->pAppData);
   {
     std::lock_guard lock(self.mu_);
     if (self.frozen_) return SQLITE_IOERR_DELETE;
@@ -187,8 +166,7 @@ void FaultVfs::PowerLoss(std::mt19937& rng) {
     if (!state.ever_synced && keep == 0) {
       std::filesystem::remove(path, ec);
     } else {
-      std::ofstream(path, std::ios::binary | std::ios::trunc).write(content.data(),
-                                                                    static_cast<std::streamsize>(content.size()));
+      WriteFile(path, content);
     }
     // The shared-memory index describes the log as it was; the next opener
     // rebuilds it from the log.

@@ -1,8 +1,6 @@
 // An SQLite VFS over the default one that keeps, for every database and log
-// file it opens, the content the file had at its last sync and the writes
-// made since. A test can then pull the plug: stop all writing, close the
-// files, and give each file its synced content plus a random prefix of the
-// later writes, the last of them possibly torn, as a power loss might.
+// file, the content it had at its last sync and the writes since, so that a
+// test can pull the plug as a power loss would.
 #pragma once
 
 #include <sqlite3.h>
@@ -15,11 +13,10 @@
 
 namespace trv::test {
 
+// Registered and used by new containers for its lifetime.
 class FaultVfs {
  public:
-  // Registers the VFS and makes new containers use it.
   FaultVfs();
-  // Makes new containers use the default VFS again and unregisters.
   ~FaultVfs();
   FaultVfs(const FaultVfs&) = delete;
   FaultVfs& operator=(const FaultVfs&) = delete;
@@ -27,10 +24,10 @@ class FaultVfs {
   // After `writes` more writes every write, sync, truncate and delete fails
   // and changes nothing (0: at once).
   void FreezeAfter(int writes);
-  // With every connection closed: each file gets its synced content and the
-  // first of its later changes, a random number of them, the last cut short
-  // at a 512-byte boundary now and then. A file never synced and given none
-  // of its changes is removed. Then writing works again.
+  // With every connection closed: each file gets its synced content and a
+  // random number of its first later changes, the last cut short at a
+  // 512-byte boundary now and then; a file never synced and given none of
+  // them is removed. Then writing works again.
   void PowerLoss(std::mt19937& rng);
 
  private:
@@ -48,9 +45,7 @@ class FaultVfs {
 
   static int Open(sqlite3_vfs* vfs, const char* name, sqlite3_file* file, int flags, int* out_flags);
   static int Delete(sqlite3_vfs* vfs, const char* name, int sync_dir);
-  static FaultVfs& Self(sqlite3_vfs* vfs) { return *static_cast<FaultVfs*>(vfs->pAppData); }
   static const sqlite3_io_methods kMethods;
-
   bool WriteAllowed();
 
   sqlite3_vfs vfs_{};

@@ -27,9 +27,9 @@ class FolderFileTest : public ::testing::Test {
   void Populate(int n) {
     FolderFile f(log_);
     ASSERT_EQ(f.Create(path_), rc::kOk);
-    std::vector<NewMessage> batch;
     std::vector<std::string> texts;
     for (int i = 0; i < n; ++i) texts.push_back(Text("m" + std::to_string(i)));
+    std::vector<NewMessage> batch;
     for (int i = 0; i < n; ++i) batch.push_back({Record("m" + std::to_string(i), i % 2 == 0), texts[i]});
     ASSERT_EQ(f.AppendMany(batch, nullptr), rc::kOk);
   }
@@ -66,33 +66,23 @@ TEST_F(FolderFileTest, AppendedMessagesComeBackFromCountsAndIndex) {
   EXPECT_EQ(text, Text("m1"));
   EXPECT_EQ(f.ReadMessage(2, &text, 10), rc::kInvalidData);
   EXPECT_EQ(f.ReadMessage(9, &text), rc::kInvalidArg);
-  ASSERT_EQ(f.ReadMessageRange(2, 9, 2, &text), rc::kOk);
-  EXPECT_EQ(text, "m1");
   ASSERT_EQ(f.ReadMessageRange(2, want.size - 2, 100, &text), rc::kOk);
   EXPECT_EQ(text, "\r\n");
   EXPECT_EQ(f.NextKey(), 4u);
-
   // Progress after each record, up to the size of "/Index".
   const uint32_t size = static_cast<uint32_t>(RawFolder(path_).Read(u"/Index").size());
   ASSERT_EQ(progress.size(), 3u);
   EXPECT_EQ(progress.back(), std::make_pair(size, size));
-  EXPECT_EQ(RawFolder(path_).Read(u"/Counts"), std::string("\x03\0\0\0\x01\0\0\0", 8));
-}
 
-// Create never overwrites; a closed folder file does not reopen itself
-// behind its owner's back.
-TEST_F(FolderFileTest, CreateOpenAndCloseEdges) {
-  Populate(2);
+  // Create never overwrites; a closed folder file does not reopen itself.
+  f.Close();
   const std::string before = test::ReadFile(path_);
-  FolderFile f(log_);
   EXPECT_EQ(f.Create(path_), rc::kFileExists);
   EXPECT_EQ(f.Open(dir_ / "missing.fld"), rc::kFileMissing);
   ASSERT_EQ(f.Open(path_), rc::kOk);
   f.Close();
   uint32_t key = 0;
-  std::string text;
   EXPECT_EQ(f.Append(Record("late"), "x", &key), rc::kContainerClosed);
-  EXPECT_EQ(f.LoadIndex(), rc::kContainerClosed);
   EXPECT_EQ(f.ReadMessage(1, &text), rc::kContainerClosed);
   EXPECT_EQ(test::ReadFile(path_), before);
 }
@@ -166,13 +156,11 @@ TEST_F(FolderFileTest, DeletesFlagsAndRecordUpdatesPersist) {
   EXPECT_EQ(f.counts(), (FolderCounts{4, 2}));
   ASSERT_EQ(f.LoadIndex(), rc::kOk);
   EXPECT_EQ(f.MessageCount(), 4u);
-  EXPECT_EQ(f.FindMessage(1)->subject, u"a much longer subject than before");
+  EXPECT_EQ(*f.FindMessage(1), longer);
   EXPECT_EQ(f.FindMessage(3)->subject, u"M2");
-  EXPECT_EQ(f.FindMessage(1)->flags, msgflag::kAnswered);
-  EXPECT_EQ(f.FindMessage(1)->imap_uid, 500u);
+  EXPECT_EQ(f.FindMessage(3)->size, Text("m2").size());
   EXPECT_EQ(f.FindMessage(2)->flags, msgflag::kRead | msgflag::kFlagged);
   EXPECT_EQ(f.FindMessage(2)->size, 17u);
-  EXPECT_EQ(f.FindMessage(3)->size, Text("m2").size());
   std::string text;
   ASSERT_EQ(f.ReadMessage(2, &text), rc::kOk);
   EXPECT_EQ(text, "whole message now");
@@ -187,7 +175,6 @@ TEST_F(FolderFileTest, CompactionDropsDeletedRecordsAndNeverReusesKeys) {
   for (int i = 0; i < 600; ++i) batch.push_back({Record("m" + std::to_string(i)), "text"});
   std::vector<uint32_t> keys;
   ASSERT_EQ(f.AppendMany(batch, &keys), rc::kOk);
-  ASSERT_EQ(keys.size(), 600u);
   const size_t full = RawFolder(path_).Read(u"/Index").size();
 
   // Deleting the newest 450 passes the share: the index is rewritten.
@@ -201,7 +188,6 @@ TEST_F(FolderFileTest, CompactionDropsDeletedRecordsAndNeverReusesKeys) {
   ASSERT_EQ(f.Open(path_), rc::kOk);
   ASSERT_EQ(f.LoadIndex(), rc::kOk);
   ASSERT_EQ(f.MessageCount(), 149u);
-  EXPECT_EQ(WideToUtf8(f.MessageAt(0)->subject), "m1");
   EXPECT_TRUE(f.FindMessage(keys[10])->is_read());
   EXPECT_EQ(f.counts(), (FolderCounts{149, 148}));
   // The records of keys 151..600 are gone; the header still remembers 600.
@@ -233,14 +219,12 @@ TEST_F(FolderFileTest, ReferenceEntriesSurviveCompaction) {
   EXPECT_EQ(f.MessageCount(), 2u);
   ASSERT_EQ(f.References().size(), 1u);
   EXPECT_EQ(f.References()[0].key(), 77u);
-  EXPECT_EQ(f.References()[0].string5, u"ref@example.org");
   EXPECT_EQ(f.References()[0].string6, u"UIDL-77");
 }
 
 // Keeps the calls, with the keys and the message count read back from
 // inside the call (which deadlocks if the folder's lock were held).
-class RecordingObserver : public FolderObserver {
- public:
+struct RecordingObserver : FolderObserver {
   void MessagesAdded(FolderFile& f, const std::vector<uint32_t>& keys) override { Add("added", f, keys); }
   void MessagesRemoved(FolderFile& f, const std::vector<uint32_t>& keys) override { Add("removed", f, keys); }
   void MessagesChanged(FolderFile& f, const std::vector<uint32_t>& keys) override { Add("changed", f, keys); }
@@ -299,10 +283,9 @@ TEST_F(FolderFileTest, BatchWritesPiecesCommitsOnceAndLeavesNothingOnFailure) {
   EXPECT_EQ(key, 3u);
   std::string text;
   ASSERT_EQ(f.ReadMessage(key, &text), rc::kOk);
-  EXPECT_EQ(text, big);
+  EXPECT_TRUE(text == big);
   ASSERT_EQ(f.Delete({3}), rc::kOk);
   EXPECT_FALSE(f.FindByServerUid(u"UID-B", &key));
-  EXPECT_FALSE(f.FindByServerUid(u"", &key));
 
   // A failure mid-batch (a message begun before the last one was finished)
   // rolls back the whole batch: no stream, no record, no count.
@@ -321,8 +304,9 @@ TEST_F(FolderFileTest, BatchWritesPiecesCommitsOnceAndLeavesNothingOnFailure) {
   ASSERT_EQ(f.LoadIndex(), rc::kOk);
   EXPECT_EQ(f.counts(), (FolderCounts{2, 1}));
   EXPECT_EQ(Subjects(f), (Lines{"m0", "UID-A"}));
-  EXPECT_FALSE(RawFolder(path_).Exists(MessageStreamName(4)));
-  EXPECT_FALSE(RawFolder(path_).Exists(MessageStreamName(5)));
+  f.Close();
+  RawFolder raw(path_);
+  EXPECT_FALSE(raw.Exists(MessageStreamName(4)) || raw.Exists(MessageStreamName(5)));
 }
 
 TEST_F(FolderFileTest, WorkerAppendsWhileTheListingIsRead) {

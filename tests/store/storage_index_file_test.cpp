@@ -2,28 +2,20 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/recording_log.h"
 #include "tests/store/storage_test_util.h"
-#include "tests/support/temp_dir.h"
 
 namespace trv {
 namespace {
 
 using test::FaultyFileOps;
 using test::ReadFile;
-using test::RecordingLog;
-using test::TempDir;
 using test::WriteFile;
 
 // Bytes from "51 5A ..." hexadecimal pairs.
 std::string Hex(std::string_view text) {
   std::string out;
-  unsigned byte = 0;
-  int digits = 0;
-  for (char c : text) {
-    if (c == ' ') continue;
-    byte = byte << 4 | static_cast<unsigned>(c <= '9' ? c - '0' : (c | 0x20) - 'a' + 10);
-    if (++digits % 2 == 0) out.push_back(static_cast<char>(byte & 0xFF));
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != ' ') out.push_back(static_cast<char>(std::stoi(std::string(text.substr(i++, 2)), nullptr, 16)));
   }
   return out;
 }
@@ -97,13 +89,7 @@ TEST(StorageIndexFormat, EveryTruncationIsReportedAndKeepsTheWholeRecordsBeforeI
 }
 
 TEST(StorageIndexFormat, DamagedInputs) {
-  struct Row {
-    const char* name;
-    std::string bytes;
-    Result result;
-    const char* damage;  // null: none
-    size_t folders;
-  };
+  struct Row { const char* name; std::string bytes; Result result; const char* damage; size_t folders; };  // damage null: none
   const std::string head = kHead + kView;
   // Each record (kind 0, two empty strings) has one child, 300 deep.
   std::string deep = head;
@@ -146,10 +132,10 @@ class IndexSaveTest : public ::testing::Test {
   }
   Result Save() { return WriteStorageIndexFile(index_, "new", false, ops_, log_); }
 
-  TempDir dir_;
+  test::TempDir dir_;
   std::filesystem::path index_ = dir_ / "{00000000-0000-0000-0000-000000000000}.idx";
   FaultyFileOps ops_;
-  RecordingLog log_;
+  test::RecordingLog log_;
 };
 
 // A failed step says why and leaves an index; a crash after any step
@@ -169,18 +155,19 @@ TEST_F(IndexSaveTest, AFailureOrCrashAtAnyStepLeavesTheOldOrTheNewIndex) {
     Reset(step, true);
     Save().Ignore();  // the crash is the point; the files are checked below
     // Between the two renames only the backup holds the index.
-    if (step == 3) EXPECT_FALSE(std::filesystem::exists(index_));
+    if (step == 3) {
+      EXPECT_FALSE(std::filesystem::exists(index_));
+    }
     log_.lines.clear();
     FaultyFileOps after;
     ASSERT_EQ(RestoreIndexFromBackup(index_, after, log_), rc::kOk);
     EXPECT_EQ(ReadFile(index_), step < 4 ? "old" : "new");
+    // Nothing failed at step 4: the old index is the backup, no temporary file is left.
     if (step == 4) {
-      // Nothing failed: the old index is the backup, no temporary file is left.
       EXPECT_EQ(ReadFile(IndexBackupPath(index_)), "old");
       EXPECT_FALSE(std::filesystem::exists(IndexTempPath(index_)));
     }
-    const std::vector<std::string> restored = {"Storage index restored from backup: " +
-                                               IndexBackupPath(index_).string()};
+    const std::vector<std::string> restored{"Storage index restored from backup: " + IndexBackupPath(index_).string()};
     EXPECT_EQ(log_.lines, step == 3 ? restored : std::vector<std::string>{});
   }
 }

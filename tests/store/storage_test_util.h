@@ -1,5 +1,5 @@
-// Helpers shared by the storage and engine tests: file operations that fail
-// or stop on demand, and a storage host over temporary directories.
+// File operations that fail or stop on demand, and a storage host over
+// temporary directories (the engine tests use them too).
 #pragma once
 
 #include <filesystem>
@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "store/storage.h"
 #include "base/file_system.h"
+#include "store/storage.h"
 #include "store/storage_host.h"
 #include "tests/support/recording_log.h"
 #include "tests/support/temp_dir.h"
@@ -20,26 +20,19 @@ namespace trv::test {
 // fails with an I/O error. With `crash`, every change after it fails too
 // and does nothing, as if the process had died at that point.
 class FaultyFileOps : public PosixFileSystem {
+  using Posix = PosixFileSystem;
+
  public:
   int fail_at = -1;
   bool crash = false;
   int changes = 0;
 
-  Result WriteNewFile(const std::filesystem::path& p, std::string_view bytes) override {
-    return Fails() ? kFault : PosixFileSystem::WriteNewFile(p, bytes);
-  }
-  Result RemoveFile(const std::filesystem::path& p) override {
-    return Fails() ? kFault : PosixFileSystem::RemoveFile(p);
-  }
-  Result Rename(const std::filesystem::path& a, const std::filesystem::path& b) override {
-    return Fails() ? kFault : PosixFileSystem::Rename(a, b);
-  }
-  Result CopyFile(const std::filesystem::path& a, const std::filesystem::path& b) override {
-    return Fails() ? kFault : PosixFileSystem::CopyFile(a, b);
-  }
-  Result MoveFile(const std::filesystem::path& a, const std::filesystem::path& b) override {
-    return Fails() ? kFault : PosixFileSystem::MoveFile(a, b);
-  }
+  using Path = std::filesystem::path;
+  Result WriteNewFile(const Path& p, std::string_view b) override { return Fails() ? kFault : Posix::WriteNewFile(p, b); }
+  Result RemoveFile(const Path& p) override { return Fails() ? kFault : Posix::RemoveFile(p); }
+  Result Rename(const Path& a, const Path& b) override { return Fails() ? kFault : Posix::Rename(a, b); }
+  Result CopyFile(const Path& a, const Path& b) override { return Fails() ? kFault : Posix::CopyFile(a, b); }
+  Result MoveFile(const Path& a, const Path& b) override { return Fails() ? kFault : Posix::MoveFile(a, b); }
 
   static constexpr Result kFault{0x8007045D};  // the I/O error of EIO
 
@@ -78,11 +71,8 @@ class TestHost : public StorageHost {
   }
   void FolderTreeChanged(Storage&, const FolderTreeChange& change) override { changes.push_back(change.kind); }
   FileSystem& FileOps() override { return ops; }
-  FolderFileOptions FolderFileSettings() override {
-    FolderFileOptions options;
-    options.sync_commits = false;  // speed; durability is the folder file's own tests' business
-    return options;
-  }
+  // Speed; durability is the folder file's own tests' business.
+  FolderFileOptions FolderFileSettings() override { return {.sync_commits = false}; }
 
   RecordingLog log;
   std::vector<std::filesystem::path> media;
@@ -100,9 +90,7 @@ class TestHost : public StorageHost {
 // two spaces per level below the first.
 inline std::vector<std::string> TreeNames(const Storage& storage) {
   std::vector<std::string> names;
-  storage.ForEachFolder([&](MailFolder& f) {
-    names.push_back(std::string(2 * (f.depth() - 1), ' ') + WideToUtf8(f.name()));
-  });
+  storage.ForEachFolder([&](MailFolder& f) { names.push_back(std::string(2 * (f.depth() - 1), ' ') + WideToUtf8(f.name())); });
   return names;
 }
 
