@@ -302,6 +302,7 @@ Result CMailSocket::ReadLine(std::string* text) {
       buffer_.clear();
       read_pos_ = filled_ = 0;
     }
+    ReportLine(kLineReceived, *text == "." ? kLogCommands : line_level_, *text);
     return rc::kOk;
   }
 }
@@ -341,7 +342,29 @@ Result CMailSocket::SendAll(const char* buffer, size_t size) {
   return rc::kOk;
 }
 
+void CMailSocket::ReportLine(LineDirection direction, uint32_t level, std::string_view line) {
+  if (!Reports(level)) return;
+  line_listeners_.ForEach([&](LineListener& listener) { listener.OnLine(*this, direction, level, line); });
+}
+
+Result CMailSocket::SendSecretLine(std::string_view text, std::string_view shown) {
+  const std::string_view* outer = shown_line_;
+  shown_line_ = &shown;
+  const Result r = SendLine(text);
+  shown_line_ = outer;
+  return r;
+}
+
 Result CMailSocket::SendLine(std::string_view text) {
+  // Reported before it goes out, so the log shows a command whose send failed.
+  if (shown_line_ && !(log_mask_ & kLogCredentials)) {
+    const std::string_view shown = *shown_line_;
+    shown_line_ = nullptr;  // a SendLine inside a listener is not the secret one
+    ReportLine(kLineSent, line_level_, shown);
+  } else {
+    shown_line_ = nullptr;
+    ReportLine(kLineSent, line_level_, text);
+  }
   std::string line;
   line.reserve(text.size() + 2);
   line.append(text).append("\r\n");

@@ -58,6 +58,26 @@ class SocketListener {
   virtual void OnSocketState(CMailSocket& socket, int state) = 0;
 };
 
+// Direction of a protocol line told to LineListeners.
+enum LineDirection : int { kLineSent = 0, kLineReceived = 1 };
+
+// Log levels of protocol lines. A line reaches the LineListeners only when
+// the socket's log mask holds its level. Clients add their own levels from
+// 4 up (the POP3 listings, message lines, CAPA lines).
+inline constexpr uint32_t kLogCommands = 1;     // commands, status and reply lines
+inline constexpr uint32_t kLogCredentials = 2;  // user names, passwords and AUTH answers as sent
+
+// Told every protocol line sent or received whose level is in the socket's
+// log mask, on the socket's thread; the line has no CR LF. A line that
+// carries a credential arrives masked ("********" in place of the secret)
+// unless the mask holds kLogCredentials. The activity log's "S " and "R "
+// lines come from here.
+class LineListener {
+ public:
+  virtual ~LineListener() = default;
+  virtual void OnLine(CMailSocket& socket, LineDirection direction, uint32_t level, std::string_view line) = 0;
+};
+
 // Asked when the server certificate carries flags (net/certificate_check.h);
 // true accepts it. Runs on the socket's thread during the handshake.
 class CertificateDecider {
@@ -131,6 +151,13 @@ class CMailSocket : private TlsEngine::Channel {
   void AddListener(SocketListener* listener) { listeners_.Add(listener); }
   void RemoveListener(SocketListener* listener) { listeners_.Remove(listener); }
 
+  // Protocol-line listeners, not owned; any thread, as above.
+  void AddLineListener(LineListener* listener) { line_listeners_.Add(listener); }
+  void RemoveLineListener(LineListener* listener) { line_listeners_.Remove(listener); }
+  // Which levels are reported (kLogCommands by default; clients set their own).
+  void SetLogMask(uint32_t mask) { log_mask_ = mask; }
+  uint32_t log_mask() const { return log_mask_; }
+
   // Settings; take effect at the next Connect (the time-out at once).
   void SetTimeout(uint16_t seconds) { timeout_ = seconds; }
   void SetMaxLineLength(int32_t bytes) { max_line_length_ = bytes; }  // 0 = unlimited
@@ -163,6 +190,32 @@ class CMailSocket : private TlsEngine::Channel {
  protected:
   // The bytes received and not yet read.
   std::string_view Buffered() const;
+
+  // Lines sent and read while a LineLevel lives are reported at its level
+  // (kLogCommands otherwise). A lone "." (the end of a listing) is always
+  // reported at kLogCommands.
+  class LineLevel {
+   public:
+    LineLevel(CMailSocket& socket, uint32_t level) : s_(socket), previous_(socket.line_level_) {
+      s_.line_level_ = level;
+    }
+    ~LineLevel() { s_.line_level_ = previous_; }
+    LineLevel(const LineLevel&) = delete;
+    LineLevel& operator=(const LineLevel&) = delete;
+
+   private:
+    CMailSocket& s_;
+    const uint32_t previous_;
+  };
+  // Sends text as a line that carries a credential: reported as shown (the
+  // line with its secret replaced by "********") unless the log mask holds
+  // kLogCredentials, then as it is.
+  Result SendSecretLine(std::string_view text, std::string_view shown);
+  // Tells the line listeners a line at level when the log mask holds it.
+  // SendLine and ReadLine call it; a client calls it for a line it makes up.
+  void ReportLine(LineDirection direction, uint32_t level, std::string_view line);
+  // Whether a line of this level would be reported (to skip building it).
+  bool Reports(uint32_t level) const { return (log_mask_ & level) != 0 && line_listeners_.size() != 0; }
 
  private:
   // TlsEngine::Channel: the engine's records go through the waited raw I/O.
@@ -226,6 +279,10 @@ class CMailSocket : private TlsEngine::Channel {
   CertificateDecider* certificate_decider_ = nullptr;
 
   // Additions of this implementation.
+  ListenerList<LineListener> line_listeners_;
+  uint32_t log_mask_ = kLogCommands;
+  uint32_t line_level_ = kLogCommands;
+  const std::string_view* shown_line_ = nullptr;  // set by SendSecretLine for its SendLine
   Network* network_;
   bool strong_encryption_ = false;
   Phase phase_ = Phase::kClosed;

@@ -322,5 +322,52 @@ TEST(ConnectTest, FallsBackToIpv6WhenTheNameHasNoIpv4Address) {
   ::close(listener);
 }
 
+// A client's view of the line hook: the levels, the mask and the masking.
+class LineClient : public CMailSocket {
+ public:
+  using CMailSocket::LineLevel;
+  using CMailSocket::SendSecretLine;
+};
+
+struct LineRecorder : LineListener {
+  std::vector<std::string> lines;
+  void OnLine(CMailSocket&, LineDirection direction, uint32_t level, std::string_view line) override {
+    lines.push_back((direction == kLineSent ? "S" : "R") + std::to_string(level) + " " + std::string(line));
+  }
+};
+
+TEST(LineLogTest, LevelsMaskAndCredentials) {
+  for (uint32_t mask : {kLogCommands | 4u, kLogCommands | 4u | kLogCredentials}) {
+    Script script;
+    script.ClientLine("PASS secret").ServerLine("+OK").ServerLine("one").ServerLine(".").ClientLine("LIST 1");
+    script.ServerLine("+OK 1 2").ServerLine("body").ServerLine(".");
+    ScriptedNetwork net(script.Close());
+    LineClient s;
+    LineRecorder log;
+    s.SetNetwork(&net);
+    s.AddLineListener(&log);
+    s.SetLogMask(mask);
+    ASSERT_EQ(s.Connect("mail.test", 110), rc::kOk);
+    std::string line;
+    ASSERT_EQ(s.SendSecretLine("PASS secret", "PASS ********"), rc::kOk);
+    ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+    {
+      LineClient::LineLevel listing(s, 4);
+      ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+      ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+    }
+    ASSERT_EQ(s.SendLine("LIST 1"), rc::kOk);
+    ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+    {
+      LineClient::LineLevel message(s, 32);  // not in the mask: the body line is not told
+      ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+      ASSERT_EQ(s.ReadLine(&line), rc::kOk);
+    }
+    const std::string pass = mask & kLogCredentials ? "S1 PASS secret" : "S1 PASS ********";
+    EXPECT_EQ(log.lines, (std::vector<std::string>{pass, "R1 +OK", "R4 one", "R1 .", "S1 LIST 1", "R1 +OK 1 2", "R1 ."}));
+    s.RemoveLineListener(&log);
+  }
+}
+
 }  // namespace
 }  // namespace trv
