@@ -13,6 +13,7 @@
 #include <chrono>
 #include <thread>
 
+#include "net/line_log.h"
 #include "net/scripted_transport.h"
 #include "tests/net/net_test_util.h"
 #include "tests/support/script_server.h"
@@ -329,11 +330,15 @@ class LineClient : public CMailSocket {
   using CMailSocket::SendSecretLine;
 };
 
-struct LineRecorder : LineListener {
-  std::vector<std::string> lines;
-  void OnLine(CMailSocket&, LineDirection direction, uint32_t level, std::string_view line) override {
+// Records "S<level> line" and "R<level> line"; also feeds a LineLog.
+struct LineRecorder : LineListener, LogSink {
+  std::vector<std::string> lines, logged;
+  LineLog log{*this};
+  void OnLine(CMailSocket& s, LineDirection direction, uint32_t level, std::string_view line) override {
     lines.push_back((direction == kLineSent ? "S" : "R") + std::to_string(level) + " " + std::string(line));
+    log.OnLine(s, direction, level, line);
   }
+  void Log(std::string_view text, int level) override { logged.push_back(std::to_string(level) + std::string(text)); }
 };
 
 TEST(LineLogTest, LevelsMaskAndCredentials) {
@@ -365,6 +370,8 @@ TEST(LineLogTest, LevelsMaskAndCredentials) {
     }
     const std::string pass = mask & kLogCredentials ? "S1 PASS secret" : "S1 PASS ********";
     EXPECT_EQ(log.lines, (std::vector<std::string>{pass, "R1 +OK", "R4 one", "R1 .", "S1 LIST 1", "R1 +OK 1 2", "R1 ."}));
+    EXPECT_EQ(log.logged.front(), std::to_string(kLogSent) + pass.substr(3));
+    EXPECT_EQ(log.logged.back(), std::to_string(kLogReceived) + ".");
     s.RemoveLineListener(&log);
   }
 }
