@@ -25,9 +25,9 @@ ClosedPort::ClosedPort() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
 
 ClosedPort::~ClosedPort() { ::close(fd_); }
 
-Result NetworkWithout::Resolve(std::string_view host, ResolveMode mode, IpAddress* out) {
+Result NetworkWithout::Resolve(std::string_view host, ResolveMode mode, std::stop_token stop, IpAddress* out) {
   if (names_.count(host)) return rc::kSockHostNotFound;
-  return Network::System().Resolve(host, mode, out);
+  return Network::System().Resolve(host, mode, std::move(stop), out);
 }
 
 void TrustTestCa() {

@@ -47,7 +47,8 @@ class NetworkWithout final : public Network {
   Result Open(const IpAddress* local, std::unique_ptr<Transport>* out) override {
     return Network::System().Open(local, out);
   }
-  Result Resolve(std::string_view host, ResolveMode mode, IpAddress* out) override;
+  using Network::Resolve;
+  Result Resolve(std::string_view host, ResolveMode mode, std::stop_token stop, IpAddress* out) override;
   Result NameOf(const IpAddress& address, std::string* name) override {
     return Network::System().NameOf(address, name);
   }
