@@ -21,10 +21,13 @@ Result MoveAll(size_t size, Step step) {
 }
 }  // namespace
 
-CMailSocket::CMailSocket() : engine_(std::make_unique<TlsEngine>()), network_(&Network::System()) {}
+CMailSocket::CMailSocket() : engine_(std::make_unique<TlsEngine>()), network_(&Network::System()) {
+  MutexLock lock(transport_mu_);
+  abort_token_ = abort_source_.get_token();
+}
 
 CMailSocket::~CMailSocket() {
-  Close().Ignore();
+  Disconnect(false);
   OPENSSL_cleanse(socks_password_.data(), socks_password_.size());
 }
 
@@ -41,7 +44,9 @@ void CMailSocket::SetSocksCredentials(bool auth, std::string_view user, std::str
   socks_password_ = password;
 }
 
-void CMailSocket::Notify(int state) {
+void CMailSocket::Notify(int state) { Tell(state); }
+
+void CMailSocket::Tell(int state) {
   listeners_.ForEach([&](SocketListener& listener) { listener.OnSocketState(*this, state); });
 }
 
@@ -49,6 +54,7 @@ bool CMailSocket::KeepWaiting() { return false; }
 
 void CMailSocket::Abort() {
   MutexLock lock(transport_mu_);
+  abort_source_.request_stop();  // also ends the wait for a name lookup
   if (transport_) transport_->Abort();
 }
 
@@ -97,8 +103,9 @@ Result CMailSocket::InEngine(F&& call) {
 // Connecting and closing
 
 Result CMailSocket::Connect(std::string_view host, uint16_t port) {
+  if (aborted()) return rc::kAbort;
   if (connected_) return rc::kOk;
-  Close().Ignore();  // a transport left from a failed attempt
+  Disconnect(true);  // a transport left from a failed attempt
 
   IpAddress local;
   const bool bind_local = !local_address_.empty();
@@ -108,31 +115,36 @@ Result CMailSocket::Connect(std::string_view host, uint16_t port) {
   std::unique_ptr<Transport> transport;
   if (Result r = network_->Open(bind_local ? &local : nullptr, &transport); r.failed()) return r;
   {
+    // From here on Abort() reaches the transport; before, only the mark.
     MutexLock lock(transport_mu_);
     transport_ = std::move(transport);
   }
   phase_ = Phase::kPlain;
+  Result r = ConnectSteps(host, port);
+  if (r.failed()) {
+    if (aborted()) r = rc::kAbort;  // whatever the abort broke first
+    Disconnect(true);
+  }
+  return r;
+}
 
+Result CMailSocket::ConnectSteps(std::string_view host, uint16_t port) {
+  if (aborted()) return rc::kAbort;
   Notify(kStateResolving);
   const bool via_socks = socks_version_ != kSocksNone;
   connected_host_ = via_socks ? socks_address_ : std::string(host);
   IpAddress address;
-  Result r = network_->Resolve(connected_host_, ResolveMode::kIpv4ThenIpv6, &address);
-  if (r.failed()) {
-    Close().Ignore();
+  if (Result r = network_->Resolve(connected_host_, ResolveMode::kIpv4ThenIpv6, abort_token_, &address); r.failed()) {
     return r;
   }
 
   Notify(kStateConnecting);
-  r = transport_->Connect(address, via_socks ? socks_port_ : port);
+  Result r = transport_->Connect(address, via_socks ? socks_port_ : port);
   if (r == rc::kSockInProgress) {
     r = WaitUntil(WaitFor::kWrite, false);
     if (r.ok()) r = transport_->FinishConnect();
   }
-  if (r.failed()) {
-    Close().Ignore();
-    return r;
-  }
+  if (r.failed()) return r;
   Notify(kStateConnected);
   connected_ = true;
   DropBuffer();
@@ -146,22 +158,35 @@ Result CMailSocket::Connect(std::string_view host, uint16_t port) {
   // when a proxy stands between.
   connected_host_ = host;
   if (r.ok() && !plain_mode_) r = StartTls();
-  if (r.failed()) Close().Ignore();
   return r;
 }
 
 Result CMailSocket::Close() {
-  if (closing()) return rc::kOk;  // a read inside the drain below saw the end
+  {
+    // Cleared first: an Abort while the close runs counts for what follows.
+    // The transport keeps its own abort, so the close does not wait.
+    MutexLock lock(transport_mu_);
+    if (abort_source_.stop_requested()) {
+      abort_source_ = std::stop_source();
+      abort_token_ = abort_source_.get_token();
+    }
+  }
+  Disconnect(true);
+  return rc::kOk;
+}
+
+void CMailSocket::Disconnect(bool orderly) {
+  if (closing()) return;  // a read inside the drain below saw the end
   if (transport_ && connected_) {
     const bool tls = tls_active();
     phase_ = tls ? Phase::kTlsClosing : Phase::kClosing;
-    Notify(kStateClosing);
-    if (tls && !tls_in_io_ && !tls_failed_) InEngine([&] {
+    orderly ? Notify(kStateClosing) : Tell(kStateClosing);
+    if (orderly && tls && !tls_in_io_ && !tls_failed_) InEngine([&] {
       engine_->SendClose(*this);
       return rc::kOk;
     }).Ignore();
     if (transport_) {
-      if (graceful_close_) {
+      if (orderly && graceful_close_) {
         transport_->Shutdown(ShutdownHow::kSending);
         char piece[kDrainPiece];
         size_t got = 0;
@@ -172,7 +197,7 @@ Result CMailSocket::Close() {
         transport_->Shutdown(ShutdownHow::kBoth);
       }
     }
-    Notify(kStateClosed);
+    orderly ? Notify(kStateClosed) : Tell(kStateClosed);
   }
   {
     MutexLock lock(transport_mu_);
@@ -186,7 +211,6 @@ Result CMailSocket::Close() {
   } else {
     engine_->Reset();
   }
-  return rc::kOk;
 }
 
 // ---------------------------------------------------------------------------
@@ -194,6 +218,7 @@ Result CMailSocket::Close() {
 
 Result CMailSocket::WaitUntil(WaitFor what, bool notify) {
   for (;;) {
+    if (aborted()) return rc::kAbort;
     if (!transport_) return rc::kSockNotConnected;
     if (notify) Notify(kStateWaiting);
     bool ready = false;
@@ -210,9 +235,10 @@ Result CMailSocket::RawReceive(char* buffer, size_t size, size_t* received) {
     Notify(kStateReceiving);
     const Result r = transport_->Read(buffer, size, received);
     if (r == rc::kSockWouldBlock) continue;  // readiness was spurious: wait again
+    if (aborted()) return rc::kAbort;        // what Abort's shutdown made of the read
     if (r.failed()) return r;
     if (*received == 0) {
-      Close().Ignore();
+      Disconnect(true);
       return rc::kSockClosed;
     }
     Notify(kStateConnected);
@@ -221,6 +247,7 @@ Result CMailSocket::RawReceive(char* buffer, size_t size, size_t* received) {
 }
 
 Result CMailSocket::FillBuffer() {
+  if (aborted()) return rc::kAbort;
   if (!transport_) return rc::kSockNotConnected;
   buffer_.erase(0, static_cast<size_t>(read_pos_));
   read_pos_ = 0;
@@ -230,7 +257,7 @@ Result CMailSocket::FillBuffer() {
     // Not inside another engine call (a graceful close that a TLS read ran into).
     if (!engine_->connected() || tls_in_io_) return rc::kSockNotConnected;
     r = InEngine([&] { return engine_->Read(*this, &buffer_); });
-    if (r == rc::kSockClosed) Close().Ignore();  // the server ended the TLS session
+    if (r == rc::kSockClosed) Disconnect(true);  // the server ended the TLS session
   } else {
     // Into a piece of its own: a peer that closes makes RawReceive close the
     // socket, which drops (and with a graceful close, reads) the buffer.
@@ -246,6 +273,7 @@ Result CMailSocket::FillBuffer() {
 Result CMailSocket::Receive(char* buffer, size_t size, size_t* received) {
   *received = 0;
   if (size == 0) return rc::kSockInvalidArg;
+  if (aborted()) return rc::kAbort;
   if (read_pos_ >= filled_) {
     if (Result r = FillBuffer(); r.failed()) return r;
   }
@@ -265,8 +293,36 @@ Result CMailSocket::ReceiveExact(char* buffer, size_t size) {
   return MoveAll(size, [&](size_t done, size_t* got) { return Receive(buffer + done, size - done, got); });
 }
 
+Result CMailSocket::ReceiveTo(size_t size, const std::function<Result(std::string_view)>& sink) {
+  while (size > 0) {
+    if (aborted()) return rc::kAbort;
+    std::string_view piece;
+    char direct[kReceivePiece];
+    if (read_pos_ < filled_) {
+      piece = Buffered().substr(0, size);
+      read_pos_ += static_cast<int32_t>(piece.size());
+    } else if (!tls_active()) {
+      // Past the buffer, in pieces larger than a fill and never beyond size.
+      size_t got = 0;
+      if (Result r = RawReceive(direct, std::min(size, sizeof direct), &got); r.failed()) return r;
+      piece = std::string_view(direct, got);
+    } else {
+      if (Result r = FillBuffer(); r.failed()) return r;
+      continue;
+    }
+    size -= piece.size();
+    if (Result r = sink(piece); r.failed()) return r;
+    if (read_pos_ >= filled_ && filled_ > 0) {
+      buffer_.clear();
+      read_pos_ = filled_ = 0;
+    }
+  }
+  return rc::kOk;
+}
+
 Result CMailSocket::ReadLine(std::string* text) {
   text->clear();
+  if (aborted()) return rc::kAbort;
   size_t scanned = 0;  // bytes after the read position known to hold no line end
   for (;;) {
     if (read_pos_ >= filled_ || need_more_) {
@@ -287,21 +343,23 @@ Result CMailSocket::ReadLine(std::string* text) {
       // A CR followed by anything else belongs to the line.
     }
     scanned = i;
-    const size_t max = max_line_length_ > 0 ? static_cast<size_t>(max_line_length_) : 0;
+    // A final CR is not yet part of the line: a line of exactly the maximum
+    // whose LF is late is still fine.
+    if (end == std::string::npos ? scanned > max_line_length_ : end > max_line_length_) {
+      Disconnect(true);  // the rest of the line would be read as the next one
+      return rc::kSockTooLong;
+    }
     if (end == std::string::npos) {
-      // A final CR is not yet part of the line: a line of exactly the maximum
-      // whose LF is late is still fine.
-      if (max && scanned > max) return rc::kSockTooLong;
       need_more_ = true;
       continue;
     }
-    if (max && end > max) return rc::kSockTooLong;
     text->assign(base, end);
     read_pos_ += static_cast<int32_t>(end + 2);
     if (read_pos_ >= filled_) {
       buffer_.clear();
       read_pos_ = filled_ = 0;
     }
+    ReportLine(kLineReceived, *text == "." ? kLogCommands : line_level_, *text);
     return rc::kOk;
   }
 }
@@ -322,6 +380,7 @@ Result CMailSocket::PlainSend(const char* buffer, size_t size, size_t* sent) {
 Result CMailSocket::Send(const char* buffer, size_t size, size_t* sent) {
   *sent = 0;
   if (size == 0) return rc::kSockInvalidArg;
+  if (aborted()) return rc::kAbort;
   if (!transport_) return rc::kSockNotConnected;
   if (!tls_active()) return PlainSend(buffer, size, sent);
   if (!engine_->connected()) return rc::kSockNotConnected;
@@ -341,7 +400,29 @@ Result CMailSocket::SendAll(const char* buffer, size_t size) {
   return rc::kOk;
 }
 
+void CMailSocket::ReportLine(LineDirection direction, uint32_t level, std::string_view line) {
+  if (!Reports(level)) return;
+  line_listeners_.ForEach([&](LineListener& listener) { listener.OnLine(*this, direction, level, line); });
+}
+
+Result CMailSocket::SendSecretLine(std::string_view text, std::string_view shown) {
+  const std::string_view* outer = shown_line_;
+  shown_line_ = &shown;
+  const Result r = SendLine(text);
+  shown_line_ = outer;
+  return r;
+}
+
 Result CMailSocket::SendLine(std::string_view text) {
+  // Reported before it goes out, so the log shows a command whose send failed.
+  if (shown_line_ && !(log_mask_ & kLogCredentials)) {
+    const std::string_view shown = *shown_line_;
+    shown_line_ = nullptr;  // a SendLine inside a listener is not the secret one
+    ReportLine(kLineSent, line_level_, shown);
+  } else {
+    shown_line_ = nullptr;
+    ReportLine(kLineSent, line_level_, text);
+  }
   std::string line;
   line.reserve(text.size() + 2);
   line.append(text).append("\r\n");
@@ -361,6 +442,7 @@ Result CMailSocket::SetPlainMode(bool plain) {
 }
 
 Result CMailSocket::StartTls() {
+  if (aborted()) return rc::kAbort;
   if (!connected_ || !transport_) return rc::kSockNotConnected;
   DropBuffer();
   if (transport_->TakesTls()) {
@@ -377,7 +459,7 @@ Result CMailSocket::StartTls() {
   options.host = connected_host_;
   // The handshake's records pass through the raw operations.
   const Result r = InEngine([&] { return engine_->Handshake(*this, options); });
-  // A Close() inside the handshake (the server hung up) has left kClosed.
+  // A close inside the handshake (the server hung up) has left kClosed.
   if (phase_ == Phase::kTlsHandshake) phase_ = r.ok() ? Phase::kTls : Phase::kPlain;
   if (r.failed() && !tls_failed_) {
     tls_failed_ = true;

@@ -3,8 +3,11 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
 #include <set>
 
+#include "base/thread_annotations.h"
 #include "net/socket_errors.h"
 
 namespace trv {
@@ -45,6 +48,7 @@ struct ScriptedNetwork::State {
   std::string connected_to;
   std::set<std::string, std::less<>> unresolvable;
   Result connect_failure = rc::kOk;
+  std::chrono::milliseconds lookup_delay{0};
 
   const Script::Step* Current() const {
     return step < script.steps().size() ? &script.steps()[step] : nullptr;
@@ -173,7 +177,7 @@ class ScriptedTransport final : public Transport {
   }
 
   void Shutdown(ShutdownHow) override {}
-  void Abort() override { aborted_ = true; }
+  void Abort() override { aborted_ = true; }  // any thread
 
   Result LocalAddress(IpAddress* out) const override {
     ParseIpv4Literal("192.0.2.2", out);
@@ -195,7 +199,7 @@ class ScriptedTransport final : public Transport {
  private:
   std::shared_ptr<ScriptedNetwork::State> s_;
   bool closed_ = false;
-  bool aborted_ = false;
+  std::atomic<bool> aborted_{false};
 };
 
 }  // namespace
@@ -207,15 +211,23 @@ ScriptedNetwork::~ScriptedNetwork() = default;
 
 void ScriptedNetwork::SetUnresolvable(std::string_view name) { state_->unresolvable.emplace(name); }
 void ScriptedNetwork::FailConnect(Result code) { state_->connect_failure = code; }
+void ScriptedNetwork::SetLookupDelay(std::chrono::milliseconds delay) { state_->lookup_delay = delay; }
 
 Result ScriptedNetwork::Open(const IpAddress*, std::unique_ptr<Transport>* out) {
   *out = std::make_unique<ScriptedTransport>(state_);
   return rc::kOk;
 }
 
-Result ScriptedNetwork::Resolve(std::string_view host, ResolveMode mode, IpAddress* out) {
+Result ScriptedNetwork::Resolve(std::string_view host, ResolveMode mode, std::stop_token stop, IpAddress* out) {
   if (ParseIpv4Literal(host, out)) return rc::kOk;
   if (mode == ResolveMode::kLiteralOnly) return rc::kSockBadAddress;
+  if (state_->lookup_delay.count() > 0) {
+    Mutex mu;
+    std::condition_variable_any woken;  // by the stop request only
+    MutexLock lock(mu);
+    woken.wait_until(mu, stop, std::chrono::steady_clock::now() + state_->lookup_delay, [] { return false; });
+  }
+  if (stop.stop_requested()) return rc::kAbort;
   if (host.empty() || state_->unresolvable.count(host)) return rc::kSockHostNotFound;
   ParseIpv4Literal("192.0.2.1", out);
   return rc::kOk;

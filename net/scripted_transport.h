@@ -8,6 +8,7 @@
 // (tests/support/script_server.h), which plays it on a real socket.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -60,9 +61,13 @@ class ScriptedNetwork final : public Network {
   // 192.0.2.1); the next Connect fails with code instead of connecting.
   void SetUnresolvable(std::string_view name);
   void FailConnect(Result code);
+  // Every lookup of a name (not of a literal) takes this long, unless a stop
+  // is requested first: a slow name server.
+  void SetLookupDelay(std::chrono::milliseconds delay);
 
+  using Network::Resolve;
   Result Open(const IpAddress* local, std::unique_ptr<Transport>* out) override;
-  Result Resolve(std::string_view host, ResolveMode mode, IpAddress* out) override;
+  Result Resolve(std::string_view host, ResolveMode mode, std::stop_token stop, IpAddress* out) override;
   Result NameOf(const IpAddress& address, std::string* name) override;
 
   // True when every step has been played.

@@ -17,7 +17,7 @@ void AppendPort(std::string* out, uint16_t port) {
 Result CMailSocket::Socks4(std::string_view host, uint16_t port) {
   // SOCKS 4A sends the name only when the client cannot resolve it itself.
   IpAddress address;
-  const Result resolved = network_->Resolve(host, ResolveMode::kIpv4, &address);
+  const Result resolved = network_->Resolve(host, ResolveMode::kIpv4, abort_token_, &address);
   if (resolved.failed() && socks_version_ == kSocks4) return resolved;
   const bool send_name = resolved.failed();
 
@@ -80,7 +80,7 @@ Result CMailSocket::Socks5(std::string_view host, uint16_t port) {
   // resolve here.
   std::string request("\x05\x01\x00", 3);
   IpAddress address;
-  if (network_->Resolve(host, ResolveMode::kIpv4, &address).ok()) {
+  if (network_->Resolve(host, ResolveMode::kIpv4, abort_token_, &address).ok()) {
     request.push_back(1);
     request.append(reinterpret_cast<const char*>(address.bytes.data()), 4);
   } else {

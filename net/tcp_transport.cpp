@@ -1,4 +1,5 @@
-// The system network: non-blocking TCP sockets waited on with poll().
+// The system network: non-blocking TCP sockets waited on with poll(); name
+// lookups on a thread of their own, so that a stop ends the wait for them.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
@@ -11,8 +12,12 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <system_error>
+#include <thread>
 
 #include "base/thread_annotations.h"
 #include "net/socket_errors.h"
@@ -219,8 +224,50 @@ Result ResolveFamily(const std::string& host, int family, IpAddress* out) {
   return r;
 }
 
+// The lookup of a name without a stop: literal, then IPv4, then (with
+// kIpv4ThenIpv6) IPv6 when the name has no IPv4 address.
+Result ResolveName(const std::string& name, ResolveMode mode, IpAddress* out) {
+  const Result r = ResolveFamily(name, AF_INET, out);
+  if (r.ok() || mode != ResolveMode::kIpv4ThenIpv6) return r;
+  if (r != rc::kSockHostNotFound && r != rc::kSockNoAddress) return r;
+  return ResolveFamily(name, AF_INET6, out).ok() ? rc::kOk : r;
+}
+
+// A lookup running on a detached thread, handed over through this shared
+// state: the thread keeps its own reference, so the state lives until the
+// lookup ends even when the waiting side gave up long before.
+class Lookup {
+ public:
+  void Finish(Result r, const IpAddress& address) EXCLUDES(mu_) {
+    {
+      MutexLock lock(mu_);
+      result_ = r;
+      address_ = address;
+      done_ = true;
+    }
+    cv_.notify_all();
+  }
+
+  // Until the lookup ends, or rc::kAbort as soon as a stop is requested.
+  Result Wait(const std::stop_token& stop, IpAddress* out) EXCLUDES(mu_) {
+    MutexLock lock(mu_);
+    if (!cv_.wait(mu_, stop, [this] { return done_.load(); })) return rc::kAbort;
+    if (result_.ok()) *out = address_;
+    return result_;
+  }
+
+ private:
+  Mutex mu_;
+  std::condition_variable_any cv_;  // woken by Finish and by a stop request
+  std::atomic<bool> done_{false};   // set under mu_
+  Result result_ GUARDED_BY(mu_);
+  IpAddress address_ GUARDED_BY(mu_);
+};
+
 class SystemNetwork final : public Network {
  public:
+  using Network::Resolve;
+
   Result Open(const IpAddress* local, std::unique_ptr<Transport>* out) override {
     auto t = std::make_unique<TcpTransport>();
     if (Result r = t->Create(local ? local->family : AF_INET, local); r.failed()) return r;
@@ -228,15 +275,25 @@ class SystemNetwork final : public Network {
     return rc::kOk;
   }
 
-  Result Resolve(std::string_view host, ResolveMode mode, IpAddress* out) override {
+  Result Resolve(std::string_view host, ResolveMode mode, std::stop_token stop, IpAddress* out) override {
     if (ParseIpv4Literal(host, out)) return rc::kOk;
     if (mode == ResolveMode::kLiteralOnly) return rc::kSockBadAddress;
     const std::string name(host);
     if (name.empty() || name.find('\0') != std::string::npos) return rc::kSockHostNotFound;
-    const Result r = ResolveFamily(name, AF_INET, out);
-    if (r.ok() || mode != ResolveMode::kIpv4ThenIpv6) return r;
-    if (r != rc::kSockHostNotFound && r != rc::kSockNoAddress) return r;
-    return ResolveFamily(name, AF_INET6, out).ok() ? rc::kOk : r;
+    if (stop.stop_requested()) return rc::kAbort;
+    if (!stop.stop_possible()) return ResolveName(name, mode, out);
+    // getaddrinfo cannot be interrupted; the wait for it can.
+    auto lookup = std::make_shared<Lookup>();
+    try {
+      std::thread([lookup, name, mode] {
+        IpAddress address;
+        const Result r = ResolveName(name, mode, &address);
+        lookup->Finish(r, address);
+      }).detach();
+    } catch (const std::system_error&) {
+      return ResolveName(name, mode, out);  // no thread to spare: wait here
+    }
+    return lookup->Wait(stop, out);
   }
 
   Result NameOf(const IpAddress& address, std::string* name) override {

@@ -5,13 +5,15 @@
 // TLS is layered over any transport by CMailSocket and its TlsEngine.
 //
 // Threads: a transport is used by one thread at a time, except Abort(), which
-// any thread may call to wake a blocked wait.
+// any thread may call to wake a blocked wait. A name lookup is stopped through
+// a std::stop_token (CMailSocket::Abort requests the stop).
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <stop_token>
 #include <string>
 #include <string_view>
 
@@ -86,7 +88,12 @@ class Network {
 
   // Resolves a host name or literal. Failures are 0x80C0 codes:
   // rc::kSockBadAddress for a name in kLiteralOnly mode, else the resolver's.
-  virtual Result Resolve(std::string_view host, ResolveMode mode, IpAddress* out) = 0;
+  // A stop requested on `stop` (before or during the call) ends the wait at
+  // once with rc::kAbort; a lookup already under way then finishes on its own
+  // and its result is dropped. Implementations say `using Network::Resolve;`.
+  virtual Result Resolve(std::string_view host, ResolveMode mode, std::stop_token stop, IpAddress* out) = 0;
+  // The same without a way to stop it (the certificate check's lookups).
+  Result Resolve(std::string_view host, ResolveMode mode, IpAddress* out) { return Resolve(host, mode, {}, out); }
 
   // The name the resolver gives for an address (reverse lookup).
   virtual Result NameOf(const IpAddress& address, std::string* name) = 0;

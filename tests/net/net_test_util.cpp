@@ -7,27 +7,34 @@
 
 #include <mutex>
 
-#include "net/sasl.h"
 #include "tests/support/certificates.h"
 
 namespace trv::test {
 
-ClosedPort::ClosedPort() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+LoopbackPort::LoopbackPort(Kind kind) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t len = sizeof a;
-  if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), len) == 0 &&
-      ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) == 0) {
-    port_ = ntohs(a.sin_port);
+  if (::bind(fd_, reinterpret_cast<sockaddr*>(&a), len) != 0 ||
+      ::getsockname(fd_, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+    return;
   }
+  port_ = ntohs(a.sin_port);
+  if (kind == kRefused) return;
+  ::listen(fd_, 0);
+  filler_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ::connect(filler_, reinterpret_cast<sockaddr*>(&a), len);  // the one connection the queue holds
 }
 
-ClosedPort::~ClosedPort() { ::close(fd_); }
+LoopbackPort::~LoopbackPort() {
+  if (filler_ >= 0) ::close(filler_);
+  ::close(fd_);
+}
 
-Result NetworkWithout::Resolve(std::string_view host, ResolveMode mode, IpAddress* out) {
+Result NetworkWithout::Resolve(std::string_view host, ResolveMode mode, std::stop_token stop, IpAddress* out) {
   if (names_.count(host)) return rc::kSockHostNotFound;
-  return Network::System().Resolve(host, mode, out);
+  return Network::System().Resolve(host, mode, std::move(stop), out);
 }
 
 void TrustTestCa() {
@@ -56,19 +63,6 @@ Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::strin
     lines->push_back(line);
     if (line.compare(0, prefix.size(), prefix) == 0) return rc::kOk;
   }
-}
-
-Result Pop3Mechanisms(CMailSocket& s, uint32_t* bits) {
-  *bits = 0;
-  std::string greeting;
-  if (Result r = s.ReadLine(&greeting); r.failed()) return r;
-  if (Result r = s.SendLine("CAPA"); r.failed()) return r;
-  std::vector<std::string> capa;
-  if (Result r = ReadUntil(s, ".", &capa); r.failed()) return r;
-  for (const std::string& c : capa) {
-    if (c.rfind("SASL ", 0) == 0) *bits = SaslClient::ParseMechanismList(c.substr(5));
-  }
-  return rc::kOk;
 }
 
 std::string Hex(std::string_view pairs) {

@@ -47,7 +47,8 @@ class NetworkWithout final : public Network {
   Result Open(const IpAddress* local, std::unique_ptr<Transport>* out) override {
     return Network::System().Open(local, out);
   }
-  Result Resolve(std::string_view host, ResolveMode mode, IpAddress* out) override;
+  using Network::Resolve;
+  Result Resolve(std::string_view host, ResolveMode mode, std::stop_token stop, IpAddress* out) override;
   Result NameOf(const IpAddress& address, std::string* name) override {
     return Network::System().NameOf(address, name);
   }
@@ -56,18 +57,20 @@ class NetworkWithout final : public Network {
   std::set<std::string, std::less<>> names_;
 };
 
-// A port on 127.0.0.1 that is bound but not listening, so it refuses
-// connections for as long as the object lives.
-class ClosedPort {
+// A port on 127.0.0.1 for as long as the object lives. kRefused: bound, not
+// listening, so connections are refused. kSilent: listening with a full
+// queue, so a connect stays in progress, unanswered.
+class LoopbackPort {
  public:
-  ClosedPort();
-  ~ClosedPort();
-  ClosedPort(const ClosedPort&) = delete;
-  ClosedPort& operator=(const ClosedPort&) = delete;
+  enum Kind { kRefused, kSilent };
+  explicit LoopbackPort(Kind kind);
+  ~LoopbackPort();
+  LoopbackPort(const LoopbackPort&) = delete;
+  LoopbackPort& operator=(const LoopbackPort&) = delete;
   uint16_t port() const { return port_; }
 
  private:
-  int fd_ = -1;
+  int fd_ = -1, filler_ = -1;
   uint16_t port_ = 0;
 };
 
@@ -82,10 +85,6 @@ std::string Line(CMailSocket& s);
 // Reads lines until one starts with prefix (that line included). Stops at
 // the first failure, which it returns.
 Result ReadUntil(CMailSocket& s, std::string_view prefix, std::vector<std::string>* lines);
-
-// Reads a POP3 greeting, sends CAPA and gives the bits of the SASL
-// mechanisms the server lists.
-Result Pop3Mechanisms(CMailSocket& s, uint32_t* bits);
 
 // Bytes written as hex pairs with one blank between, for readable
 // expectations: Hex("04 01 00 6e").

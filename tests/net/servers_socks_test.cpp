@@ -38,7 +38,7 @@ TEST(RealSocksTest, ToDovecotThroughEachProxy) {
   const test::MailUser& du = MailServers::DanteUser();
   const test::MailUser& mu = MailServers::MicrosocksUser();
   test::NetworkWithout no_localhost({"localhost"});
-  const test::ClosedPort closed;
+  const test::LoopbackPort closed(test::LoopbackPort::kRefused);
   struct Row {
     const char* name;
     const test::ServerStatus& status;

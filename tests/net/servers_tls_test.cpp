@@ -47,8 +47,6 @@ TEST_F(DovecotTlsTest, ImplicitOrAfterThePlainGreeting) {
        ports().microsocks_auth, "* OK", nullptr, "", "a LOGOUT", "a OK"},
       {"IMAP STARTTLS", {}, ports().imap, 0, "* OK", "a STARTTLS", "a OK", "b CAPABILITY", "b OK"},
       {"POP3 STLS", {}, ports().pop3, 0, "+OK", "STLS", "+OK", "CAPA", "."},
-      {"POP3 STLS through microsocks", servers().Microsocks(), ports().pop3, ports().microsocks, "+OK", "STLS",
-       "+OK", "CAPA", "."},
       {"POP3 STLS through Dante", servers().Dante(), ports().pop3, ports().dante, "+OK", "STLS", "+OK", "CAPA",
        "."},
   };
