@@ -198,6 +198,11 @@ Result CSmtpClient::SendData(CXmStream& message) {
   SmtpDotStuffer stuffer;
   std::string piece(kDataPiece, '\0');
   std::string out;
+  uint64_t reported = 0;
+  auto tell = [&](uint64_t sent) {
+    reported = sent;
+    progress_listeners_.ForEach([&](SmtpProgressListener& l) { l.OnDataProgress(*this, sent); });
+  };
   for (;;) {
     size_t got = 0;
     if (Result r = message.Read(piece.data(), piece.size(), &got); r.failed()) return r;
@@ -207,9 +212,9 @@ Result CSmtpClient::SendData(CXmStream& message) {
     if (!out.empty()) {
       if (Result r = SendAll(out.data(), out.size()); r.failed()) return r;
     }
-    const uint64_t sent = stuffer.consumed();
-    progress_listeners_.ForEach([&](SmtpProgressListener& l) { l.OnDataProgress(*this, sent); });
+    tell(stuffer.consumed());
   }
+  const uint64_t source = stuffer.consumed() + stuffer.held();
   // The terminator's CR LF goes through the transformation too, so a message
   // whose last line is a lone "." without CR LF does not end the data early.
   out.clear();
@@ -217,6 +222,7 @@ Result CSmtpClient::SendData(CXmStream& message) {
   stuffer.Flush(&out);
   out += ".\r\n";
   if (Result r = SendAll(out.data(), out.size()); r.failed()) return r;
+  if (reported != source) tell(source);  // the bytes held back for the terminator
   ReportLine(kLineSent, kLogCommands, ".");
   return rc::kOk;
 }

@@ -42,7 +42,12 @@ Result SmtpReplyError(std::string_view line) {
   return Result(0x80C30000u | cls << 14 | middle << 7 | low);
 }
 
-bool IsSmtpReplyError(Result r) { return r.family() == 0x80C3 && ((r.code() >> 7) & 127) != 0; }
+bool IsSmtpReplyError(Result r) {
+  // The middle field of a reply is 1 (digits that are no number) or d + 10;
+  // the fixed codes (0x80C30217 among them) fit neither.
+  const uint32_t middle = (r.code() >> 7) & 127, low = r.code() & 127;
+  return r.family() == 0x80C3 && ((middle == 1 && low == 0) || (low < 100 && middle == low + 10));
+}
 
 uint32_t SmtpReplyClass(Result r) { return IsSmtpReplyError(r) ? (r.code() >> 14) & 3 : 0; }
 

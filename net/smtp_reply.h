@@ -7,7 +7,7 @@
 // where d is the number of the code's second and third digits and class is
 // 1 for 2xx, 2 for 4xx, 3 for 5xx and the first digit itself otherwise (so
 // 3xx also gives 3). Digits that do not read as a number make the middle
-// field 1. A middle field of 0 marks a code that did not come from a reply;
+// field 1. The fixed codes below did not come from a reply;
 // class 2 is a transient failure and class 3 a permanent one.
 #pragma once
 
@@ -48,7 +48,8 @@ inline const bool kSmtpTextsRegistered = RegisterResultTexts(kSmtpTextTable);
 
 // The error code of a failed reply whose first line is `line` (formula above).
 Result SmtpReplyError(std::string_view line);
-// Whether r was made by SmtpReplyError (family 0x80C3, middle field not 0).
+// Whether r was made by SmtpReplyError: family 0x80C3 with a middle field
+// of 1 (and d 0) or d + 10. (0x80C30217 has a middle field of 4.)
 bool IsSmtpReplyError(Result r);
 // The class field of a reply error: 2 transient, 3 permanent (or 3xx), 1 for
 // a 2xx the command did not expect; 0 for any other code.
