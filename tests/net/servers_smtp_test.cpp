@@ -5,7 +5,7 @@
 
 #include <chrono>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <thread>
 
 #include "net/smtp_client.h"
@@ -18,10 +18,12 @@ namespace {
 using test::MailServers;
 using test::MailUser;
 
+// Every line of the log, and the AUTH commands apart.
 struct Lines final : LineListener {
-  std::string all;
-  void OnLine(CMailSocket&, LineDirection d, uint32_t, std::string_view line) override {
-    all += (d == kLineSent ? "S " : "R ") + std::string(line) + "\n";
+  std::string all, auth;
+  void OnLine(CMailSocket&, LineDirection, uint32_t, std::string_view line) override {
+    all += std::string(line) + "\n";
+    if (line.substr(0, 5) == "AUTH ") auth += std::string(line) + "\n";
   }
 };
 
@@ -29,12 +31,7 @@ TEST(SmtpServersTest, ExtensionsStartTlsAndAuth) {
   TRV_REQUIRE_SERVER(MailServers::Instance().Postfix());
   test::TrustTestCa();
   const MailUser& bob = MailServers::Bob();
-  struct Row {
-    bool use_sasl;
-    std::string password;
-    Result want;
-    const char* mechanisms_tried;
-  };
+  struct Row { bool use_sasl; std::string password; Result want; const char* mechanisms_tried; };
   const Row rows[] = {
       {false, bob.password, rc::kOk, "AUTH LOGIN\n"},
       {true, bob.password, rc::kOk, "AUTH CRAM-MD5\n"},
@@ -55,12 +52,8 @@ TEST(SmtpServersTest, ExtensionsStartTlsAndAuth) {
     ASSERT_EQ(c.Ehlo(), rc::kOk);
     EXPECT_EQ(c.sasl_mechanisms(), kSaslPlain | kSaslLogin | kSaslCramMd5);
     EXPECT_EQ(c.Authenticate(bob.name, row.password), row.want) << log.all;
-    if (row.want.failed()) EXPECT_EQ(c.last_reply().substr(0, 3), "535");
-    std::string tried;
-    for (size_t at = log.all.find("S AUTH "); at != std::string::npos; at = log.all.find("S AUTH ", at + 1)) {
-      tried += log.all.substr(at + 2, log.all.find('\n', at) + 1 - at - 2);
-    }
-    EXPECT_EQ(tried, row.mechanisms_tried);
+    EXPECT_EQ(c.last_reply().substr(0, 3), row.want.ok() ? "" : "535");
+    EXPECT_EQ(log.auth, row.mechanisms_tried);
     EXPECT_EQ(log.all.find(row.password), std::string::npos) << "a password reached the log";
     EXPECT_EQ(c.Quit(), rc::kOk);
   }
@@ -89,7 +82,8 @@ TEST(SmtpServersTest, MessageArrivesByteForByte) {
   ASSERT_EQ(c.Connect("127.0.0.1", servers.ports().smtp), rc::kOk);
   ASSERT_EQ(c.Greet(), rc::kOk);
   ASSERT_EQ(c.MailFromDsn("sender@localhost", "env-" + marker, false, message.size()), rc::kOk) << c.last_reply();
-  ASSERT_EQ(c.RcptToDsn("alice@localhost", "alice@localhost", "", true, CSmtpClient::kNotifyFailure), rc::kOk)
+  ASSERT_EQ(c.RcptToDsn("alice@localhost", "alice@localhost", "", true,
+                        CSmtpClient::kNotifySuccess | CSmtpClient::kNotifyFailure), rc::kOk)
       << c.last_reply();
   EXPECT_EQ(c.RcptTo("nobody@localhost"), Result(0x80C3DE32));
   EXPECT_EQ(c.last_reply().substr(0, 3), "550");
@@ -101,9 +95,8 @@ TEST(SmtpServersTest, MessageArrivesByteForByte) {
   for (int tries = 0; tries < 300 && stored.empty(); ++tries) {
     for (const auto& path : servers.Messages(MailServers::Alice().name)) {
       std::ifstream in(path, std::ios::binary);
-      std::stringstream text;
-      text << in.rdbuf();
-      if (text.str().find("X-Test: " + marker) != std::string::npos) stored = text.str();
+      const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+      if (text.find("X-Test: " + marker) != std::string::npos) stored = text;
     }
     if (stored.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
   }
