@@ -116,6 +116,7 @@ std::vector<Result> RegisteredResultCodes() {
 std::string ResultText(Result r) {
   (void)kSystemTextsRegistered;
   const char* prefix = nullptr;
+  std::string (*describe)(Result) = nullptr;
   {
     Registry& registry = TheRegistry();
     MutexLock lock(registry.mu);
@@ -123,10 +124,17 @@ std::string ResultText(Result r) {
       for (size_t i = 0; i < t->count; ++i) {
         if (t->entries[i].code == r.code()) return t->entries[i].text;
       }
-      for (size_t i = 0; i < t->family_count && prefix == nullptr; ++i) {
-        if (t->families[i].family == r.family()) prefix = t->families[i].prefix;
+      for (size_t i = 0; i < t->family_count; ++i) {
+        const ResultFamilyEntry& f = t->families[i];
+        if (f.family != r.family()) continue;
+        if (prefix == nullptr) prefix = f.prefix;
+        if (describe == nullptr) describe = f.describe;
       }
     }
+  }
+  if (describe != nullptr) {
+    std::string text = describe(r);  // outside the lock: it may call ResultText
+    if (!text.empty()) return text;
   }
   if (prefix != nullptr) return std::string(prefix) + " " + ResultHex(r) + ".";
   if (r.family() == 0x8007) return "System error " + std::to_string(r.code() & 0xFFFF) + ".";

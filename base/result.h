@@ -82,9 +82,14 @@ struct ResultTextEntry {
   const char* text;
 };
 // A family's fallback: "<prefix> 0x80C40077." for its codes without a text.
+// A family whose codes carry data (the SMTP reply errors hold the reply code)
+// may also give describe: ResultText asks it first, for codes without a text
+// of their own, and uses its answer unless it is empty. A family entry with
+// describe wins over one without, whichever table came first.
 struct ResultFamilyEntry {
   uint16_t family;
   const char* prefix;
+  std::string (*describe)(Result) = nullptr;
 };
 struct ResultTextTable {
   const ResultTextEntry* entries;
