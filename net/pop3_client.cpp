@@ -129,19 +129,19 @@ Result CPop3Client::Login() {
   };
   if (!use_sasl_) {
     for (uint32_t m : {kSaslLogin, kSaslPlain}) {
-      if ((sasl_mechanisms_ & m) && done(Auth(m))) return last;
+      if ((sasl_mechanisms_ & m) && done(LoginSasl(m))) return last;
     }
-    done(UserPass());
+    done(LoginUserPass());
     return last;
   }
   for (uint32_t m : {kSaslCramMd5, kSaslDigestMd5, kSaslNtlm, kSaslMsn}) {
-    if ((sasl_mechanisms_ & m) && done(Auth(m))) return last;
+    if ((sasl_mechanisms_ & m) && done(LoginSasl(m))) return last;
   }
-  done(Apop());
+  done(LoginApop());
   return last;
 }
 
-Result CPop3Client::UserPass() {
+Result CPop3Client::LoginUserPass() {
   std::string line = "USER " + user_;
   Result r = SendSecretLine(line, "USER ********");
   if (r.ok()) r = ReadStatus(rc::kPop3Login);
@@ -154,7 +154,7 @@ Result CPop3Client::UserPass() {
   return r;
 }
 
-Result CPop3Client::Apop() {
+Result CPop3Client::LoginApop() {
   if (apop_timestamp_.empty()) {
     last_reply_ = "Required APOP timestamp not found in greeting";
     ReportLine(kLineReceived, kLogCommands, last_reply_);
@@ -170,7 +170,7 @@ Result CPop3Client::Apop() {
   return Command("APOP " + user_ + " " + hex, rc::kPop3Login);
 }
 
-Result CPop3Client::Auth(uint32_t mechanism) {
+Result CPop3Client::LoginSasl(uint32_t mechanism) {
   if (sasl_.Start(mechanism, user_, password_).failed()) return rc::kPop3Login;
   std::string first;
   if (Result r = sasl_.FirstLine(&first); r.failed()) return r;

@@ -79,6 +79,15 @@ class CPop3Client : public CMailSocket {
   // the .cpp). rc::kPop3Login when nothing could be tried or the server
   // refused; a transport failure ends the attempts at once.
   Result Login();
+  // The methods Login chooses from, each on its own (refused: rc::kPop3Login).
+  // "USER", then "PASS".
+  Result LoginUserPass();
+  // "APOP" with the MD5 digest of the greeting's time stamp and the password;
+  // without a time stamp nothing is sent.
+  Result LoginApop();
+  // "AUTH" and the exchange of one mechanism bit (net/sasl.h); a SASL step
+  // that fails sends "*" and gives the SASL code.
+  Result LoginSasl(uint32_t mechanism);
 
   Result Stat(uint32_t* count, uint64_t* size);
   Result List(uint32_t number, uint64_t* size);
@@ -123,9 +132,6 @@ class CPop3Client : public CMailSocket {
   Result ReadListing(uint32_t level, Take&& take);
   Result ReadCapabilities();
   Result Message(std::string_view command);
-  Result UserPass();
-  Result Apop();
-  Result Auth(uint32_t mechanism);
 
   Pop3LineHandler* handler_ = nullptr;
   std::string last_reply_;
