@@ -214,9 +214,10 @@ Result CPop3Client::List(uint32_t number, uint64_t* size) {
   std::string text;
   if (Result r = Command("LIST " + std::to_string(number), rc::kPop3List, &text); r.failed()) return r;
   uint32_t answered = 0;
-  if (ParseNumberAndSize(text, &answered, size) && answered == number) return rc::kOk;
+  const bool parsed = ParseNumberAndSize(text, &answered, size);
+  if (parsed && answered == number) return rc::kOk;
   last_reply_ = status_line_;
-  return answered == number ? rc::kPop3Malformed : rc::kPop3List;
+  return parsed ? rc::kPop3List : rc::kPop3Malformed;
 }
 
 Result CPop3Client::ListAll() {
@@ -237,12 +238,13 @@ Result CPop3Client::Uidl(uint32_t number, std::string* uid) {
   if (Result r = Command("UIDL " + std::to_string(number), rc::kPop3Uidl, &text); r.failed()) return r;
   uint32_t answered = 0;
   std::string_view value;
-  if (ParseNumberAndUid(text, &answered, &value) && answered == number) {
+  const bool parsed = ParseNumberAndUid(text, &answered, &value);
+  if (parsed && answered == number) {
     uid->assign(value);
     return rc::kOk;
   }
   last_reply_ = status_line_;
-  return answered == number ? rc::kPop3Malformed : rc::kPop3Uidl;
+  return parsed ? rc::kPop3Uidl : rc::kPop3Malformed;
 }
 
 Result CPop3Client::UidlAll() {

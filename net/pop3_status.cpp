@@ -74,18 +74,27 @@ void ApplyCapaLine(std::string_view line, uint32_t* capabilities, uint32_t* sasl
 }
 
 bool ParseNumberAndSize(std::string_view text, uint32_t* number, uint64_t* size) {
+  uint32_t n = 0;
+  uint64_t s = 0;
   text = SkipBlanks(text);
-  if (!TakeNumber(&text, number)) return false;
+  if (!TakeNumber(&text, &n)) return false;
   text = SkipBlanks(text);
-  return TakeNumber(&text, size);
+  if (!TakeNumber(&text, &s)) return false;
+  *number = n;
+  *size = s;
+  return true;
 }
 
 bool ParseNumberAndUid(std::string_view text, uint32_t* number, std::string_view* uid) {
+  uint32_t n = 0;
   text = SkipBlanks(text);
-  if (!TakeNumber(&text, number)) return false;
+  if (!TakeNumber(&text, &n)) return false;
   text = SkipBlanks(text);
-  *uid = text.substr(0, text.find(' '));
-  return !uid->empty();
+  const std::string_view word = text.substr(0, text.find(' '));
+  if (word.empty()) return false;
+  *number = n;
+  *uid = word;
+  return true;
 }
 
 }  // namespace trv

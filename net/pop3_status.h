@@ -39,7 +39,8 @@ std::string ApopTimestamp(std::string_view greeting);
 void ApplyCapaLine(std::string_view line, uint32_t* capabilities, uint32_t* sasl_mechanisms);
 
 // "n size" with anything after a further blank (STAT, LIST n, LIST lines).
-// False unless both are decimal numbers that fit.
+// False unless both are decimal numbers that fit; the outputs are written
+// only on success (as for ParseNumberAndUid).
 bool ParseNumberAndSize(std::string_view text, uint32_t* number, uint64_t* size);
 
 // "n uid" (UIDL n, UIDL lines): the uid is the word after the number, cut at
