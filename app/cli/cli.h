@@ -70,6 +70,9 @@ bool ParseKey(std::string_view text, uint32_t* key);
 // offending text in *error. Repeated keys are kept once, in order.
 bool ParseKeys(const std::vector<std::string>& texts, std::vector<uint32_t>* keys, std::string* error);
 
+// "1 message", "2 messages".
+std::string MessageCount(uint64_t n);
+
 // UTF-8 forms of engine text.
 std::string Utf8(WStringView text);
 std::string FolderPathText(const MailFolder& folder);

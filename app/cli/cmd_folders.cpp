@@ -68,6 +68,8 @@ int RunStorages(CliContext& ctx, const ParsedArgs&) {
       json.String(s->id().ToRegistryString());
       json.Key("index");
       json.String(s->index_path().string());
+      json.Key("folders");
+      json.Int(static_cast<int64_t>(FolderCount(*s)));
       json.EndObject();
     }
     json.EndArray();
@@ -180,7 +182,7 @@ int RunRmdir(CliContext& ctx, const ParsedArgs& args) {
   const bool known = SubtreeMessages(*folder, &messages);
   if (!args.has("--force") && (!known || messages > 0)) {
     return Fail(ctx, "folder \"" + path + "\" " +
-                         (known ? "holds " + std::to_string(messages) + " messages"
+                         (known ? "holds " + MessageCount(messages)
                                 : "holds a folder whose file is unavailable") +
                          "; move them away first, or use --force to delete them with it",
                 rc::kInvalidArg);
