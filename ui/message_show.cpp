@@ -56,6 +56,20 @@ uint64_t DecodedSize(const CXmMessagePart& part) {
   return counter.Size();
 }
 
+std::string EscapeHtml(std::string_view text) {
+  std::string out;
+  for (char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
 std::string AttachmentLine(const CXmMessagePart& part) {
   std::string line = "[attachment";
   const WString name = part.GetFileName();
@@ -118,7 +132,7 @@ std::string RenderMessageHtml(const CXmMimeMessage& message, const MessageViewOp
   for (const CXmMessagePart* part : view.attachments) {
     std::string line = AttachmentLine(*part);
     line.pop_back();
-    list += WideToUtf8(TextToHtml(Utf8ToWide(line), true)) + "<BR>\n";
+    list += EscapeHtml(line) + "<BR>\n";
   }
   constexpr std::string_view kEnd = "</BODY></HTML>";
   if (!list.empty() && doc.ends_with(kEnd)) doc.insert(doc.size() - kEnd.size(), "\n<HR>\n" + list);

@@ -28,7 +28,12 @@ std::string UsageText() {
     else line += "\n" + std::string(48, ' ');
     text += line + c.summary + "\n";
   }
-  return text;
+  return text +
+         "\noptions:\n"
+         "  --data-dir DIR    the data directory for this run (created when missing, said first)\n"
+         "  --json            JSON output of storages, folders and list\n"
+         "  -h, --help        this text; after a command, that command's usage\n"
+         "  --version         the program's version\n";
 }
 
 std::string CommandUsage(const Command& command) {
