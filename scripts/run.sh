@@ -6,7 +6,11 @@
 set -eu
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh build >&2
-cmake -S . -B build-app -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRV_BUILD_TESTS=OFF -DTRV_BUILD_BENCH=OFF >/dev/null
+launcher=""
+command -v ccache >/dev/null 2>&1 && launcher="-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache"
+# shellcheck disable=SC2086
+cmake -S . -B build-app -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTRV_BUILD_TESTS=OFF -DTRV_BUILD_BENCH=OFF \
+  $launcher >/dev/null
 status_file=build-app/.build-status
 { cmake --build build-app 2>&1; echo $? >"$status_file"; } | grep -v '^ninja: no work to do\.$' >&2 || true
 status=$(cat "$status_file")
