@@ -28,13 +28,23 @@ class PosixAppendFile final : public AppendFile {
 
 }  // namespace
 
+Result TightenDirectoryMode(const std::filesystem::path& dir, bool* tightened) {
+  *tightened = false;
+  struct stat st;
+  if (::stat(dir.c_str(), &st) != 0) return LastError();
+  if ((st.st_mode & 077) == 0) return rc::kOk;
+  if (::chmod(dir.c_str(), (st.st_mode & 07777 & ~077u) | kPrivateDirectoryMode) != 0) return LastError();
+  *tightened = true;
+  return rc::kOk;
+}
+
 PosixFileSystem& PosixFileSystem::Instance() {
   static PosixFileSystem ops;
   return ops;
 }
 
 Result PosixFileSystem::WriteNewFile(const std::filesystem::path& path, std::string_view bytes) {
-  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kPrivateFileMode);
   if (fd < 0) return LastError();
   Result r = WriteAllBytes(fd, bytes);
   if (r.ok() && ::fsync(fd) != 0) r = LastError();
@@ -67,7 +77,7 @@ Result PosixFileSystem::FileSize(const std::filesystem::path& path, uint64_t* si
 Result PosixFileSystem::OpenForAppend(const std::filesystem::path& path, AppendOpen how,
                                       std::unique_ptr<AppendFile>* file) {
   const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (how == AppendOpen::kTruncate ? O_TRUNC : 0);
-  const int fd = ::open(path.c_str(), flags, 0600);
+  const int fd = ::open(path.c_str(), flags, kPrivateFileMode);
   if (fd < 0) return LastError();
   *file = std::make_unique<PosixAppendFile>(fd);
   return rc::kOk;
@@ -100,7 +110,7 @@ Result PosixFileSystem::CreateDirectories(const std::filesystem::path& dir) {
   if (parent != dir && !parent.empty()) {
     if (Result r = CreateDirectories(parent); r.failed()) return r;
   }
-  if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) return LastError();
+  if (::mkdir(dir.c_str(), kPrivateDirectoryMode) != 0 && errno != EEXIST) return LastError();
   return rc::kOk;
 }
 

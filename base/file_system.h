@@ -20,6 +20,16 @@
 
 namespace trv {
 
+// The modes of everything the program creates in the data directory: mail,
+// indexes, the log and the settings are private to their owner whatever the
+// umask. Every creation of a file or directory there uses these.
+inline constexpr unsigned kPrivateFileMode = 0600;
+inline constexpr unsigned kPrivateDirectoryMode = 0700;
+
+// Takes away the group's and others' access to an existing directory;
+// `*tightened` says whether its mode had to change.
+Result TightenDirectoryMode(const std::filesystem::path& dir, bool* tightened);
+
 // A file open for writing at its end (the activity log). Not thread-safe:
 // its owner serialises the calls.
 class AppendFile {

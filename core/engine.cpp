@@ -119,6 +119,13 @@ Result MailEngine::Start(std::string_view command_line) {
   Log(kLogStarting);
   Log(DateTimeLine(command_line));
   Log(kLogDataDir + data_dir_.string());
+  // Mail is private: a data directory others may read is closed to them.
+  bool tightened = false;
+  if (const Result r = TightenDirectoryMode(data_dir_, &tightened); r.failed()) {
+    Log("Cannot make data directory " + data_dir_.string() + " private: " + ResultText(r));
+  } else if (tightened) {
+    Log("Data directory " + data_dir_.string() + " was open to other users; its mode is now 0700");
+  }
 
   settings_path_ = data_dir_ / kSettingsFileName;
   Log(kLogLoading + settings_path_.string());

@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <thread>
 
+#include "base/file_system.h"
+
 namespace trv {
 
 namespace {
@@ -62,7 +64,7 @@ Result InstanceLock::Acquire(const std::filesystem::path& data_dir, const std::s
   path_ = LockPathFor(data_dir);
   holder_pid_ = 0;
   holder_name_.clear();
-  const int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  const int fd = ::open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kPrivateFileMode);
   if (fd < 0) return ResultFromErrno(errno);
 
   const auto deadline = std::chrono::steady_clock::now() + wait;

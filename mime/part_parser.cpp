@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "mime/charset/charset.h"
 #include "mime/field_line.h"
 #include "mime/header_split.h"
 #include "mime/message_part.h"
@@ -139,7 +140,10 @@ Result CXmPartParser::ReadHeader(CXmHeader* header) {
   Result status = header->Parse(block, reading_charset_);
   if (!(options_ & kParseIgnoreDeclaredCharset)) {
     const WString declared(TrimView(header->GetParam(field::kContentType, field::kParamCharset)));
-    if (!declared.empty() && !EqualsNoCase(declared, Latin1ToWide(reading_charset_))) {
+    // A set the converter does not know is the body's problem (its text
+    // conversion says so), not the header's: the header keeps its first reading.
+    if (!declared.empty() && !EqualsNoCase(declared, Latin1ToWide(reading_charset_)) &&
+        IsKnownCharset(WideToUtf8(declared))) {
       const Result again = header->Parse(block, WideToUtf8(declared));
       if (status.ok()) status = again;
     }

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "base/file_system.h"
 #include "store/container_db.h"
 #include "store/container_result.h"
 
@@ -103,6 +104,12 @@ Result OpenDatabase(const std::filesystem::path& path, bool read_only, sqlite3**
   const int flags = (read_only ? SQLITE_OPEN_READONLY : SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE) |
                     SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
   *db = nullptr;
+  if (!read_only) {
+    // Created here rather than by the database engine, which would make it
+    // 0644 less the umask; its journal files take the file's mode.
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFileMode);
+    if (fd >= 0) ::close(fd);
+  }
   const int code = sqlite3_open_v2(path.c_str(), db, flags, vfs_name.load());
   if (code != SQLITE_OK) {
     const Result r = SqliteResult(code, *db);

@@ -11,6 +11,7 @@
 #include <string>
 #include <unordered_map>
 
+#include "base/file_system.h"
 #include "store/container.h"
 #include "store/container_db.h"
 #include "store/container_file.h"
@@ -183,7 +184,7 @@ Result SyncDirectoryOf(const std::filesystem::path& path) {
 Result CopyFileSynced(const std::filesystem::path& from, const std::filesystem::path& to) {
   const int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
   if (in < 0) return errno == ENOENT ? rc::kOk : ResultFromErrno(errno);
-  const int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  const int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFileMode);
   if (out < 0) {
     const Result r = ResultFromErrno(errno);
     ::close(in);

@@ -85,7 +85,7 @@ Result Storage::Create(WStringView name, const std::filesystem::path& dir, bool 
   FileSystem& ops = host_.FileOps();
   const std::filesystem::path index_dir = WithTrailingSlash(dir.empty() ? host_.DataDirectory() : dir);
   std::error_code ec;
-  std::filesystem::create_directories(index_dir, ec);
+  ops.CreateDirectories(index_dir).Ignore();  // checked just below
   if (index_dir.empty() || !std::filesystem::is_directory(index_dir, ec)) return rc::kFileNotFound;
 
   const Guid id = local ? Guid::Nil() : Guid::NewRandom();

@@ -132,6 +132,11 @@ class Storage {
   // is saved, so a crash in between leaves them in place, still named by
   // the old index or its backup.
   Result DeleteFolder(MailFolder* folder) EXCLUDES(tree_mu_);
+  // Gives a folder whose file was not found at the load a new empty file, as
+  // the load does when the host answers kEventFolderFileNotFound with
+  // kAnswerDefault. kInvalidArg for the root, a folder of another storage or
+  // a folder whose file is open.
+  Result RecreateMissingFolderFile(MailFolder* folder) EXCLUDES(tree_mu_);
   // Moves a user folder with its subtree under another parent (not into
   // its own subtree). The root and special folders stay where they are.
   Result MoveFolder(MailFolder* folder, MailFolder* new_parent) EXCLUDES(tree_mu_);

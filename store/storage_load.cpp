@@ -208,6 +208,19 @@ Result Storage::OpenFolderFile(MailFolder& folder) {
   return rc::kOk;
 }
 
+Result Storage::RecreateMissingFolderFile(MailFolder* folder) {
+  MutexLock lock(tree_mu_);
+  Result r = CheckOwnFolder(folder);
+  if (r.ok() && (folder->is_root() || folder->available())) r = rc::kInvalidArg;
+  if (r.failed()) return r;
+  host_.StorageLog().Log(kLogRecreating);
+  const WString name_before = folder->file_name_;
+  r = RecreateFolderFile(*folder);
+  // Made under the last part of its name only: the index says so.
+  if (r.ok() && folder->file_name_ != name_before) r = SaveIndexLocked();
+  return r;
+}
+
 Result Storage::RecreateFolderFile(MailFolder& folder) {
   const std::filesystem::path name = StoredNamePath(folder.file_name_);
   const std::filesystem::path data_dir = WithTrailingSlash(host_.DataDirectory());

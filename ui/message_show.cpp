@@ -24,11 +24,57 @@ std::string TerminalText(WStringView text) {
   return out;
 }
 
+// Counts the bytes written to it and keeps none.
+class CountingStream final : public CXmStream {
+ public:
+  Result Read(void*, size_t, size_t* got) override {
+    *got = 0;
+    return rc::kNotImplemented;
+  }
+  Result Write(const void*, size_t size) override {
+    count_ += size;
+    return rc::kOk;
+  }
+  using CXmStream::Write;
+  Result Seek(int64_t, SeekOrigin) override { return rc::kNotImplemented; }
+  uint64_t Position() const override { return count_; }
+  uint64_t Size() const override { return count_; }
+
+ private:
+  uint64_t count_ = 0;
+};
+
+// The size of the content once its transfer encoding is undone: the size of
+// the file an attachment is saved as.
+uint64_t DecodedSize(const CXmMessagePart& part) {
+  const TransferEncoding e = part.encoding();
+  if (part.body().kind != PartBody::kSource || (e != kEncodingBase64 && e != kEncodingQuotedPrintable)) {
+    return part.GetBodySize();
+  }
+  CountingStream counter;
+  part.DecodeBody(counter).Ignore();  // damaged encoding: the size of what could be decoded
+  return counter.Size();
+}
+
+std::string EscapeHtml(std::string_view text) {
+  std::string out;
+  for (char c : text) {
+    switch (c) {
+      case '&': out += "&amp;"; break;
+      case '<': out += "&lt;"; break;
+      case '>': out += "&gt;"; break;
+      case '"': out += "&quot;"; break;
+      default: out += c;
+    }
+  }
+  return out;
+}
+
 std::string AttachmentLine(const CXmMessagePart& part) {
   std::string line = "[attachment";
   const WString name = part.GetFileName();
   if (!name.empty()) line += " \"" + WideToUtf8(name) + "\"";
-  line += ", " + WideToUtf8(part.GetContentType()) + ", " + std::to_string(part.GetBodySize()) + " bytes]\n";
+  line += ", " + WideToUtf8(part.GetContentType()) + ", " + std::to_string(DecodedSize(part)) + " bytes]\n";
   return line;
 }
 
@@ -42,7 +88,7 @@ std::string RenderMainHeaders(const CXmMimeMessage& message) {
       {"Date", field::kDate},
   };
   for (const auto& [label, name] : rows) {
-    if (!h.Find(name) && WStringView(name) == field::kCc) continue;
+    if (!h.Find(name)) continue;
     out += label;
     out += ": ";
     out += TerminalText(h.DisplayText(name));
@@ -74,7 +120,23 @@ std::string RenderMessageText(const CXmMimeMessage& message, const MessageViewOp
 }
 
 std::string RenderMessageHtml(const CXmMimeMessage& message, const MessageViewOptions& options, Result* status) {
-  return WideToUtf8(ReadingViewDocument(message, options, status));
+  const MessageView view = BuildMessageView(message, options);
+  if (status) *status = view.status;
+  std::string doc = WideToUtf8(BuildHtmlDocument(view.blocks));
+  // A document of its own: it says its character set, and the attachments
+  // the window shows beside the view are listed at its end.
+  constexpr std::string_view kHead = "<HTML><HEAD>";
+  if (doc.starts_with(kHead)) doc.insert(kHead.size(), "<META charset=\"utf-8\">");
+  doc.insert(0, "<!DOCTYPE html>\n");
+  std::string list;
+  for (const CXmMessagePart* part : view.attachments) {
+    std::string line = AttachmentLine(*part);
+    line.pop_back();
+    list += EscapeHtml(line) + "<BR>\n";
+  }
+  constexpr std::string_view kEnd = "</BODY></HTML>";
+  if (!list.empty() && doc.ends_with(kEnd)) doc.insert(doc.size() - kEnd.size(), "\n<HR>\n" + list);
+  return doc + "\n";
 }
 
 std::string RenderPartTree(const CXmMimeMessage& message) {
@@ -86,7 +148,11 @@ std::string RenderPartTree(const CXmMimeMessage& message) {
       line += "  " + std::to_string(part.children().size()) + " parts";
     } else {
       line += "  " + std::to_string(part.GetBodySize()) + " bytes";
-      if (part.body().kind == PartBody::kSource) line += "  " + std::string(TransferEncodingName(part.encoding()));
+      if (part.body().kind == PartBody::kSource) {
+        // No Content-Transfer-Encoding field means 7bit.
+        const bool named = !TrimView(part.header().GetContentTransferEncoding()).empty();
+        line += "  " + std::string(named ? TransferEncodingName(part.encoding()) : "7bit");
+      }
       if (part.IsText()) line += "  charset=" + part.GetCharset();
     }
     const WString name = part.GetFileName();

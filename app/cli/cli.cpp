@@ -4,8 +4,11 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <filesystem>
 #include <limits>
+#include <utility>
 
+#include "app/cli/cli_result.h"
 #include "app/cli/commands.h"
 #include "base/hex_digits.h"
 #include "core/instance_lock.h"
@@ -26,39 +29,73 @@ std::string UsageText() {
     else line += "\n" + std::string(48, ' ');
     text += line + c.summary + "\n";
   }
-  return text;
+  return text +
+         "\noptions:\n"
+         "  --data-dir DIR    the data directory for this run (created when missing, said first)\n"
+         "  --json            JSON output of storages, folders and list\n"
+         "  -h, --help        this text; after a command, that command's usage\n"
+         "  --version         the program's version\n";
+}
+
+std::string CommandUsage(const Command& command) {
+  return std::string("usage: trvmail-cli [--data-dir DIR]") + (command.json ? " [--json] " : " ") + command.name +
+         (*command.usage ? " " : "") + command.usage + "\n  " + command.summary + "\n";
 }
 
 int UsageError(const std::string& problem, const Command* command) {
   std::fprintf(stderr, "%s: %s\n", kProgramName, problem.c_str());
-  if (command != nullptr) {
-    std::fprintf(stderr, "usage: trvmail-cli [--data-dir DIR] [--json] %s %s\n", command->name, command->usage);
-  } else {
-    std::fputs(UsageText().c_str(), stderr);
-  }
+  std::fputs(command != nullptr ? CommandUsage(*command).c_str() : UsageText().c_str(), stderr);
   return kExitUsage;
+}
+
+bool IsHelp(const std::string& arg) { return arg == "-h" || arg == "--help"; }
+
+// Says on standard error that a data directory named on the command line
+// does not exist and will be created, so that a mistyped path does not pass
+// unnoticed.
+void AnnounceNewDataDirectory(const std::string& dir) {
+  std::error_code ec;
+  if (std::filesystem::exists(dir, ec) || ec) return;
+  std::fprintf(stderr, "%s: the data directory %s does not exist; creating it\n", kProgramName, dir.c_str());
 }
 
 // The engine's progress callback: a run without a person to ask leaves a
 // folder whose file is missing unopened (it is found again when its medium
-// is back) and goes on after load errors, saying so.
-int AnswerStorageEvent(CliContext& ctx, const StorageEvent& event) {
+// is back; WarnUnavailableFolders says what can be done) and goes on after
+// load errors, saying so.
+int AnswerStorageEvent(CliContext& ctx, const StorageEvent& event, bool* skipped_missing) {
   const std::string where = Utf8(event.storage_name) + (event.folder_name.empty() ? "" : "/" + Utf8(event.folder_name));
   switch (event.code) {
     case kEventFolderFileNotFound:
-      Warn(ctx, "folder file " + event.path.string() + " of \"" + where +
-                    "\" not found; the folder is left unopened");
+      *skipped_missing = true;
       return kAnswerSkip;
     case kEventStorageLoadingError:
       Warn(ctx, "storage index " + event.path.string() + " could not be opened: " + ResultHex(event.error) + " " +
                     ResultText(event.error) + (event.detail.empty() ? "" : " (" + event.detail + ")"));
       return kAnswerDefault;
     case kEventFolderLoadingError:
+      // The skipped folder's own report: said once, below.
+      if (std::exchange(*skipped_missing, false) && event.error == rc::kFileNotFound) return kAnswerDefault;
       Warn(ctx, "folder \"" + where + "\" could not be loaded: " + ResultHex(event.error) + " " +
                     ResultText(event.error));
       return kAnswerDefault;
     default:
       return kAnswerDefault;
+  }
+}
+
+// One line for each folder whose file was not found, with what can be done.
+void WarnUnavailableFolders(CliContext& ctx) {
+  for (Storage* s : ctx.engine->storages()) {
+    if (!s->is_open()) continue;
+    s->ForEachFolder([&](MailFolder& f) {
+      if (f.available()) return;
+      const std::string path = FolderPathText(f);
+      std::string text = "folder \"" + path + "\" has no folder file (" + Utf8(f.file_name()) +
+                         "); \"check --recreate '" + path + "'\" makes a new empty one";
+      if (!f.is_special()) text += ", \"rmdir --force '" + path + "'\" removes the folder";
+      Warn(ctx, text);
+    });
   }
 }
 
@@ -71,7 +108,9 @@ int RunWithEngine(const Command& command, const ParsedArgs& parsed, const std::s
   MailEngine* engine = AcquireEngine();
   if (engine == nullptr) return Fail(ctx, "cannot start the mail engine", rc::kOutOfMemory);
   if (!data_dir.empty()) engine->SetDataDirectoryOverride(data_dir);
-  engine->SetProgressCallback([&ctx](const StorageEvent& event) { return AnswerStorageEvent(ctx, event); });
+  bool skipped_missing = false;
+  engine->SetProgressCallback(
+      [&](const StorageEvent& event) { return AnswerStorageEvent(ctx, event, &skipped_missing); });
 
   InstanceLock lock;
   std::filesystem::path dir;
@@ -90,6 +129,7 @@ int RunWithEngine(const Command& command, const ParsedArgs& parsed, const std::s
     status = kExitFailed;
   } else {
     ctx.engine = engine;
+    if (command.run != RunCheck) WarnUnavailableFolders(ctx);  // check reports on its folder itself
     status = command.run(ctx, parsed);
     std::fflush(stdout);
   }
@@ -102,15 +142,15 @@ int RunWithEngine(const Command& command, const ParsedArgs& parsed, const std::s
 
 const std::vector<Command>& Commands() {
   static const std::vector<Command> commands = {
-      {"storages", "", "every storage: name, identifier, index file, folders", 0, 0, {}, nullptr, RunStorages},
-      {"folders", "[STORAGE]", "the folder tree with kinds and message counts", 0, 1, {}, nullptr, RunFolders},
+      {"storages", "", "every storage: name, identifier, index file, folders", 0, 0, {}, nullptr, RunStorages, true},
+      {"folders", "[STORAGE]", "the folder tree with kinds and message counts", 0, 1, {}, nullptr, RunFolders, true},
       {"mkdir", "PATH", "create a folder", 1, 1, {}, nullptr, RunMkdir},
       {"rename", "PATH NEWNAME", "rename a folder", 2, 2, {}, nullptr, RunRename},
       {"rmdir", "PATH [--force]", "delete a folder (one holding messages only with --force)", 1, 1, {{"--force"}, {}},
        nullptr, RunRmdir},
       {"import", "PATH FILE...", "append messages from .eml or mbox files, \"-\" for standard input", 2, kMany, {},
        nullptr, RunImport},
-      {"list", "PATH", "the folder's messages", 1, 1, {}, nullptr, RunList},
+      {"list", "PATH", "the folder's messages", 1, 1, {}, nullptr, RunList, true},
       {"show", "PATH KEY [--raw|--html|--parts]", "a message", 2, 2, {{"--raw", "--html", "--parts"}, {}},
        ValidateShow, RunShow},
       {"export", "PATH [KEY...] (--eml DIR | --mbox FILE)", "write messages out", 1, kMany,
@@ -119,7 +159,8 @@ const std::vector<Command>& Commands() {
        {{"--purge"}, {}}, ValidateRemove, RunRemove},
       {"mv", "PATH KEY... DEST", "move messages to another folder", 3, kMany, {}, ValidateMove, RunMove},
       {"mark", "PATH KEY... read|unread", "mark messages read or unread", 3, kMany, {}, ValidateMark, RunMark},
-      {"check", "PATH", "check and repair the folder file", 1, 1, {}, nullptr, RunCheck},
+      {"check", "PATH [--recreate]", "check and repair the folder file (--recreate: a new empty one when it is missing)",
+       1, 1, {{"--recreate"}, {}}, nullptr, RunCheck},
   };
   return commands;
 }
@@ -128,15 +169,18 @@ int RunCli(const std::vector<std::string>& args) {
   std::string data_dir;
   bool json = false;
   size_t i = 0;
-  for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
+  for (; i < args.size() && (args[i].rfind("--", 0) == 0 || args[i] == "-h"); ++i) {
     if (args[i] == "--json") {
       json = true;
     } else if (args[i] == "--data-dir" && i + 1 < args.size()) {
       data_dir = args[++i];
     } else if (args[i].rfind("--data-dir=", 0) == 0) {
       data_dir = args[i].substr(11);
-    } else if (args[i] == "--help") {
+    } else if (IsHelp(args[i])) {
       std::fputs(UsageText().c_str(), stdout);
+      return kExitOk;
+    } else if (args[i] == "--version") {
+      std::printf("%s %s\n", kProgramName, TRV_VERSION);
       return kExitOk;
     } else {
       return UsageError(args[i] == "--data-dir" ? "option --data-dir needs a value" : "unknown option " + args[i],
@@ -153,6 +197,12 @@ int RunCli(const std::vector<std::string>& args) {
     if (args[i] == c.name) command = &c;
   }
   if (command == nullptr) return UsageError("unknown command " + args[i], nullptr);
+  for (size_t j = i + 1; j < args.size() && args[j] != "--"; ++j) {
+    if (IsHelp(args[j])) {
+      std::fputs(CommandUsage(*command).c_str(), stdout);
+      return kExitOk;
+    }
+  }
 
   // The global options are understood after the command too.
   ArgOptions accepted = command->accepted;
@@ -174,6 +224,11 @@ int RunCli(const std::vector<std::string>& args) {
   if (n < command->min_args) return UsageError("too few arguments", command);
   if (n > command->max_args) return UsageError("too many arguments", command);
   if (command->validate != nullptr && !command->validate(parsed, &error)) return UsageError(error, command);
+  if (json && !command->json) {
+    return UsageError(std::string(command->name) + " has no --json form (storages, folders and list have one)",
+                      command);
+  }
+  if (!data_dir.empty()) AnnounceNewDataDirectory(data_dir);
   return RunWithEngine(*command, parsed, data_dir, json, args);
 }
 
@@ -210,7 +265,29 @@ MailFolder* FindFolderOrFail(CliContext& ctx, const std::string& path, int* stat
   std::string_view p = path;
   while (p.size() > 1 && p.back() == '/') p.remove_suffix(1);
   MailFolder* folder = ctx.engine->FindFolder(Utf8ToWide(p));
-  if (folder == nullptr) *status = Fail(ctx, "no folder \"" + std::string(p) + "\"", FromWin32(3));
+  if (folder == nullptr) {
+    // A folder named without its storage ("Inbox"): the full paths it may mean.
+    std::vector<std::string> meant;
+    const std::string tail = "/" + std::string(p);
+    for (Storage* s : ctx.engine->storages()) {
+      if (!s->is_open()) continue;
+      s->ForEachFolder([&](MailFolder& f) {
+        const WString full = f.PathText();
+        if (full.size() > tail.size() && EqualsNoCase(WStringView(full).substr(full.size() - tail.size()),
+                                                      Utf8ToWide(tail))) {
+          meant.push_back("\"" + FolderPathText(f) + "\"");
+        }
+      });
+    }
+    std::string hint;
+    for (size_t n = 0; n < meant.size(); ++n) hint += (n == 0 ? " (did you mean " : " or ") + meant[n];
+    if (!hint.empty()) {
+      hint += "?)";
+    } else if (p.find('/') == std::string_view::npos) {
+      hint = " (a folder is named by its storage and path: \"Local Folders/Inbox\")";
+    }
+    *status = Fail(ctx, "no folder \"" + std::string(p) + "\"" + hint, FromWin32(3));
+  }
   return folder;
 }
 
@@ -290,7 +367,7 @@ bool SelectMessages(CliContext& ctx, const ParsedArgs& args, size_t first, size_
   }
   for (uint32_t key : sel->keys) {
     if (!sel->file->FindMessage(key)) {
-      *status = Fail(ctx, "no message " + KeyText(key) + " in \"" + path + "\"", rc::kInvalidArg);
+      *status = Fail(ctx, "no message " + KeyText(key) + " in \"" + path + "\"", kNotFound);
       return false;
     }
   }
@@ -301,6 +378,8 @@ bool ValidateKeys(const ParsedArgs& args, size_t first, size_t end, std::string*
   std::vector<uint32_t> keys;
   return KeysOf(args, first, end, &keys, error);
 }
+
+std::string MessageCount(uint64_t n) { return std::to_string(n) + (n == 1 ? " message" : " messages"); }
 
 std::string Utf8(WStringView text) { return WideToUtf8(text); }
 

@@ -6,8 +6,11 @@
 // (waiting up to kLockWait for another process to let go), starts the engine
 // as the mail program does, runs one command and shuts the engine down.
 // Exit status: kExitOk, kExitFailed (standard error names what failed, the
-// code in hex and its text), kExitUsage (the command line is wrong; usage on
-// standard error).
+// code in hex and its text), kExitUsage (the command line is wrong, --json
+// given to a command without a JSON form; usage on standard error). "-h",
+// "--help" (alone or after a command) and "--version" print to standard
+// output and exit kExitOk without starting the engine. A --data-dir that does
+// not exist is announced on standard error before the engine creates it.
 #pragma once
 
 #include <chrono>
@@ -69,6 +72,9 @@ bool ParseKey(std::string_view text, uint32_t* key);
 // Keys given as arguments: each must read (ParseKey); false with the
 // offending text in *error. Repeated keys are kept once, in order.
 bool ParseKeys(const std::vector<std::string>& texts, std::vector<uint32_t>* keys, std::string* error);
+
+// "1 message", "2 messages".
+std::string MessageCount(uint64_t n);
 
 // UTF-8 forms of engine text.
 std::string Utf8(WStringView text);

@@ -1,4 +1,6 @@
 // check PATH: checks and repairs a folder file and says what it found.
+// check PATH --recreate: a folder whose file is missing gets a new empty one
+// (what the window program offers at the load); otherwise as without it.
 //
 // The folder's own file object is closed for the check; a second one, whose
 // log lines are watched on their way to the activity log, opens the file,
@@ -62,8 +64,23 @@ size_t CountMissing(const std::set<uint32_t>& of, const std::set<uint32_t>& in) 
 
 int RunCheck(CliContext& ctx, const ParsedArgs& args) {
   int status = kExitOk;
-  MailFolder* folder = nullptr;
-  FolderFile* file = FolderFileOrFail(ctx, args.positional[0], &folder, &status);
+  MailFolder* folder = FindFolderOrFail(ctx, args.positional[0], &status);
+  if (folder == nullptr) return status;
+  if (!folder->is_root() && !folder->available()) {
+    const std::string what = FolderPathText(*folder);
+    if (!args.has("--recreate")) {
+      std::string hint = "--recreate makes a new empty one";
+      if (!folder->is_special()) hint += ", \"rmdir --force\" removes the folder";
+      return Fail(ctx, "folder \"" + what + "\" has no folder file (" + Utf8(folder->file_name()) + "); " + hint,
+                  rc::kFileMissing);
+    }
+    if (Result r = folder->storage().RecreateMissingFolderFile(folder); r.failed()) {
+      return Fail(ctx, "cannot make a new folder file for \"" + what + "\"", r);
+    }
+    WriteOut(ctx, "made a new empty folder file for " + what + " (" + folder->file()->path().string() + ")\n");
+    return kExitOk;
+  }
+  FolderFile* file = FolderFileOrFail(ctx, *folder, &status);
   if (file == nullptr) return status;
   const std::string what = FolderPathText(*folder);
   const std::filesystem::path path = file->path();

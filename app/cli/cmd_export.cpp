@@ -3,7 +3,9 @@
 // --eml: one file per message named by its key ("0000001A.eml"), the bytes
 //   exactly as stored. An existing file is never overwritten.
 // --mbox: one mboxrd file (mime/mbox.h), written anew; an existing file is never
-//   overwritten, and a file left incomplete by a failure is removed.
+//   overwritten, and a file left incomplete by a failure is removed. Each
+//   message carries its read state in a "Status" field, which import reads.
+// Both are created 0600: exported mail stays as private as the stored mail.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -28,7 +30,7 @@ class NewFile {
     if (fd_ >= 0) ::close(fd_);
   }
   Result Create(const std::filesystem::path& path) {
-    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPrivateFileMode);
     return fd_ < 0 ? ResultFromErrno(errno) : rc::kOk;
   }
   Result Write(std::string_view bytes) { return WriteAllBytes(fd_, bytes); }
@@ -45,6 +47,35 @@ class NewFile {
  private:
   int fd_ = -1;
 };
+
+// The stored message with a "Status" field that carries its read state as an
+// mbox reader (and import) takes it: "RO" when read, "O" when unread. An
+// existing field that already tells the state is kept; one that tells the
+// other is replaced; a read message without one gets it at the end of its
+// header.
+std::string WithReadStatus(std::string_view stored, bool read) {
+  size_t header_end = stored.find("\r\n\r\n");
+  header_end = header_end == std::string_view::npos ? stored.size() : header_end + 2;
+  size_t pos = 0;
+  while (pos < header_end) {
+    size_t end = stored.find("\r\n", pos);
+    end = end == std::string_view::npos || end > header_end ? header_end : end + 2;
+    // The field's folded lines belong to it.
+    while (end < header_end && (stored[end] == ' ' || stored[end] == '\t')) {
+      const size_t next = stored.find("\r\n", end);
+      end = next == std::string_view::npos || next > header_end ? header_end : next + 2;
+    }
+    const std::string_view line = stored.substr(pos, end - pos);
+    if (line.size() >= 7 && EqualsNoCase(line.substr(0, 7), std::string_view("Status:"))) {
+      if ((line.find('R', 7) != std::string_view::npos) == read) return std::string(stored);
+      return std::string(stored.substr(0, pos)) + (read ? "Status: RO\r\n" : "Status: O\r\n") +
+             std::string(stored.substr(end));
+    }
+    pos = end;
+  }
+  if (!read) return std::string(stored);
+  return std::string(stored.substr(0, header_end)) + "Status: RO\r\n" + std::string(stored.substr(header_end));
+}
 
 double EnvelopeDate(const MessageRecord& record) {
   return record.sent_date != kNoDate ? record.sent_date : record.received_date;
@@ -71,12 +102,12 @@ int ExportEml(CliContext& ctx, FolderFile& file, const std::string& what, const 
     if (r.failed()) {
       return Fail(ctx, "cannot write " + path.string() +
                            (r == ResultFromErrno(EEXIST) ? " (it exists and is not overwritten)" : "") + "; " +
-                           std::to_string(written) + " messages written before it",
+                           MessageCount(written) + " written before it",
                   r);
     }
     ++written;
   }
-  WriteOut(ctx, std::to_string(written) + " messages of " + what + " written to " + dir.string() + "\n");
+  WriteOut(ctx, MessageCount(written) + " of " + what + " written to " + dir.string() + "\n");
   return kExitOk;
 }
 
@@ -97,6 +128,7 @@ int ExportMbox(CliContext& ctx, FolderFile& file, const std::string& what, const
       break;
     }
     const std::optional<MessageRecord> record = file.FindMessage(keys[i]);
+    if (record) text = WithReadStatus(text, record->is_read());
     AppendMboxMessage(text, record ? EnvelopeDate(*record) : kNoDate, &buffer);
     if (buffer.size() >= (1u << 20)) {
       r = out.Write(buffer);
@@ -110,7 +142,7 @@ int ExportMbox(CliContext& ctx, FolderFile& file, const std::string& what, const
     std::filesystem::remove(path, ec);
     return Fail(ctx, "cannot export " + what + " to " + path.string() + " (the incomplete file is removed)", r);
   }
-  WriteOut(ctx, std::to_string(keys.size()) + " messages of " + what + " written to " + path.string() + "\n");
+  WriteOut(ctx, MessageCount(keys.size()) + " of " + what + " written to " + path.string() + "\n");
   return kExitOk;
 }
 

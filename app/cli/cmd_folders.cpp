@@ -68,6 +68,8 @@ int RunStorages(CliContext& ctx, const ParsedArgs&) {
       json.String(s->id().ToRegistryString());
       json.Key("index");
       json.String(s->index_path().string());
+      json.Key("folders");
+      json.Int(static_cast<int64_t>(FolderCount(*s)));
       json.EndObject();
     }
     json.EndArray();
@@ -180,9 +182,10 @@ int RunRmdir(CliContext& ctx, const ParsedArgs& args) {
   const bool known = SubtreeMessages(*folder, &messages);
   if (!args.has("--force") && (!known || messages > 0)) {
     return Fail(ctx, "folder \"" + path + "\" " +
-                         (known ? "holds " + std::to_string(messages) + " messages"
-                                : "holds a folder whose file is unavailable") +
-                         "; move them away first, or use --force to delete them with it",
+                         (known ? "holds " + MessageCount(messages) +
+                                      "; move them away first, or use --force to delete them with it"
+                                : "is or holds a folder whose file is unavailable, so what it holds is not known; "
+                                  "--force deletes it all the same"),
                 rc::kInvalidArg);
   }
   const Result r = folder->storage().DeleteFolder(folder);

@@ -48,7 +48,7 @@ int ImportFile(CliContext& ctx, MessageImporter& importer, const std::string& fo
   Result r = ImportMailInput(source, importer, &kind, [&](ImportEvent event, const MboxMessage* entry) {
     if (event == ImportEvent::kStored) {
       ++messages;
-      if (entry) progress.Update("importing " + name + ": " + std::to_string(messages) + " messages");
+      if (entry) progress.Update("importing " + name + ": " + MessageCount(messages));
       return;
     }
     progress.Finish();  // the warning goes on a line of its own below the progress line
@@ -67,10 +67,10 @@ int ImportFile(CliContext& ctx, MessageImporter& importer, const std::string& fo
                 rc::kInvalidData);
   }
   if (r.failed()) {
-    return Fail(ctx, "importing " + name + " into \"" + folder_path + "\" stopped; " + std::to_string(stored) +
-                         " messages of it were stored before", r);
+    return Fail(ctx, "importing " + name + " into \"" + folder_path + "\" stopped; stored from it before: " +
+                         MessageCount(stored), r);
   }
-  WriteOut(ctx, name + ": " + std::to_string(stored) + " messages imported into " + folder_path + "\n");
+  WriteOut(ctx, name + ": " + MessageCount(stored) + " imported into " + folder_path + "\n");
   return kExitOk;
 }
 

@@ -69,9 +69,9 @@ int RunRemove(CliContext& ctx, const ParsedArgs& args) {
   const size_t n = sel.keys.size();
   if (args.has("--purge") || sel.folder->kind() == kFolderDeleted) {
     if (Result r = sel.file->Delete(sel.keys); r.failed()) {
-      return Fail(ctx, "cannot delete " + std::to_string(n) + " messages from \"" + path + "\"", r);
+      return Fail(ctx, "cannot delete " + MessageCount(n) + " from \"" + path + "\"", r);
     }
-    WriteOut(ctx, "deleted " + std::to_string(n) + " messages from " + path + " for good\n");
+    WriteOut(ctx, "deleted " + MessageCount(n) + " from " + path + " for good\n");
     return kExitOk;
   }
   MailFolder* deleted = sel.folder->storage().SpecialFolder(kFolderDeleted);
@@ -81,10 +81,10 @@ int RunRemove(CliContext& ctx, const ParsedArgs& args) {
                 rc::kFileMissing);
   }
   if (Result r = MoveMessages(*sel.folder, sel.keys, *deleted, nullptr); r.failed()) {
-    return Fail(ctx, "cannot move " + std::to_string(n) + " messages from \"" + path + "\" to \"" +
+    return Fail(ctx, "cannot move " + MessageCount(n) + " from \"" + path + "\" to \"" +
                          FolderPathText(*deleted) + "\"", r);
   }
-  WriteOut(ctx, "moved " + std::to_string(n) + " messages from " + path + " to " + FolderPathText(*deleted) + "\n");
+  WriteOut(ctx, "moved " + MessageCount(n) + " from " + path + " to " + FolderPathText(*deleted) + "\n");
   return kExitOk;
 }
 
@@ -128,7 +128,7 @@ int RunMark(CliContext& ctx, const ParsedArgs& args) {
     }
     ++changed;
   }
-  WriteOut(ctx, "marked " + std::to_string(changed) + " of " + std::to_string(sel.keys.size()) + " messages " +
+  WriteOut(ctx, "marked " + std::to_string(changed) + " of " + MessageCount(sel.keys.size()) + " " +
                     args.positional.back() + "\n");
   return kExitOk;
 }

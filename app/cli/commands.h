@@ -22,6 +22,7 @@ struct Command {
   ArgOptions accepted;         // the command's own options
   Validator validate;   // may be null
   Runner run;
+  bool json = false;    // has a --json form
 };
 
 // Every command, in the order of the usage text.

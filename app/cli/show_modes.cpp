@@ -57,8 +57,11 @@ int ShowMessage(CliContext& ctx, const std::string& what, FolderFile& file, uint
   }
   if (message.problems() != 0) {
     Warn(ctx, what + ": " + DescribeParseProblems(message.problems()) + "; what could be read is shown");
+  } else if (shown == rc::kMimeCharset) {
+    Warn(ctx, what + ": the text is in a character set that is unknown or does not fit it; it is shown as well "
+                     "as it could be converted");
   } else if (shown.failed()) {
-    Warn(ctx, what + ": " + ResultText(shown) + " what could be read is shown");
+    Warn(ctx, what + ": " + ResultText(shown) + " What could be read is shown.");
   }
   return kExitOk;
 }

@@ -64,7 +64,7 @@ TEST_F(CliTest, ImportGoesPastWhatIsNotMail) {
   EXPECT_EQ(run.status, 1);
   EXPECT_TRUE(Has(run.err, text.string() + " is not mail")) << run.err;
   EXPECT_TRUE(Has(run.err, "cannot open " + (root() / "missing.eml").string() + ": 0x80070002")) << run.err;
-  EXPECT_EQ(run.out, good.string() + ": 1 messages imported into Local Folders/Inbox\n");
+  EXPECT_EQ(run.out, good.string() + ": 1 message imported into Local Folders/Inbox\n");
   EXPECT_EQ(List(kInbox).size(), 1u);
 }
 

@@ -140,17 +140,24 @@ TEST(MessageShowTest, HeadersTextHtmlAndPartTree) {
   const std::string headers =
       "From: A <a@x>\nTo: b@x, c@x\nSubject: Grüße\nDate: Tue, 4 Jan 2005 09:05:07 +0100\n";
   EXPECT_EQ(RenderMainHeaders(m), headers);
-  EXPECT_EQ(RenderMessageText(m), headers + "\ncafé\n[attachment \"r.pdf\", application/pdf, 6 bytes]\n");
+  // The attachment's size is that of its content, "pdf", not of its base64.
+  EXPECT_EQ(RenderMessageText(m), headers + "\ncafé\n[attachment \"r.pdf\", application/pdf, 3 bytes]\n");
   MessageViewOptions html;
   html.prefer_html = true;
-  EXPECT_EQ(RenderMessageText(m, html), headers + "\nx\n[attachment \"r.pdf\", application/pdf, 6 bytes]\n");
-  EXPECT_EQ(RenderMessageHtml(m, html), "<HTML><HEAD></HEAD><BODY>\n<p>x</p></BODY></HTML>");
+  EXPECT_EQ(RenderMessageText(m, html), headers + "\nx\n[attachment \"r.pdf\", application/pdf, 3 bytes]\n");
+  EXPECT_EQ(RenderMessageHtml(m, html),
+            "<!DOCTYPE html>\n<HTML><HEAD><META charset=\"utf-8\"></HEAD><BODY>\n<p>x</p>\n<HR>\n"
+            "[attachment &quot;r.pdf&quot;, application/pdf, 3 bytes]<BR>\n</BODY></HTML>\n");
   EXPECT_EQ(RenderPartTree(m),
             "multipart/mixed  2 parts\n"
             "  multipart/alternative  2 parts\n"
             "    text/plain  9 bytes  quoted-printable  charset=utf-8\n"
-            "    text/html  8 bytes  8bit  charset=us-ascii\n"
+            "    text/html  8 bytes  7bit  charset=us-ascii\n"
             "  application/pdf  6 bytes  base64  \"r.pdf\"  attachment  id=<r@x>\n");
+  CXmMimeMessage bare;  // absent fields are left out; an unknown body charset is no header problem
+  EXPECT_TRUE(bare.ParseText(Crlf("Subject: s\nContent-Type: text/plain; charset=x-unknown\n\nhi\n")).ok());
+  EXPECT_EQ(RenderMainHeaders(bare), "Subject: s\n");
+  EXPECT_EQ(bare.problems(), 0u);
 }
 
 }  // namespace
