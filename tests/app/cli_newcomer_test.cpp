@@ -49,7 +49,7 @@ TEST_F(CliNewcomerTest, MboxRoundTripKeepsTheReadState) {
   Ok({"mkdir", "Local Folders/Again"});
   Ok({"export", kInbox, "--mbox", (root() / "out.mbox").string()});
   Ok({"import", "Local Folders/Again", (root() / "out.mbox").string()});
-  const JsonValue again = List("Local Folders/Again");
+  JsonList again = List("Local Folders/Again");
   ASSERT_EQ(again.size(), 2u);
   EXPECT_TRUE(again[0]["read"].boolean);
   EXPECT_FALSE(again[1]["read"].boolean);

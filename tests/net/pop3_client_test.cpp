@@ -120,7 +120,8 @@ TEST(Pop3ClientTest, Transcripts) {
     EXPECT_EQ(r.got, row.got);
     EXPECT_EQ(net.Mismatch(), "");
     EXPECT_TRUE(net.Finished() || row.want == rc::kSockTooLong);  // the rest of the long line stays unread
-    EXPECT_EQ(c.connected(), row.want != rc::kPop3Refused && row.want != rc::kSockClosed) << "only QUIT and the peer close";
+    // QUIT, the peer's close and a line over the bound (the stream is out of step) close it.
+    EXPECT_EQ(c.connected(), row.want != rc::kPop3Refused && row.want != rc::kSockClosed && row.want != rc::kSockTooLong);
   }
 }
 
