@@ -84,7 +84,10 @@ Result FolderFile::Open(const std::filesystem::path& path) {
     CloseLocked();
     path_ = path;
     std::error_code ec;
-    if (!std::filesystem::exists(path, ec)) return rc::kFileMissing;
+    if (!std::filesystem::exists(path, ec)) {
+      path_.clear();  // or a later Append would quietly create the file there
+      return rc::kFileMissing;
+    }
     if (OpenContainer().ok()) {
       Log(kLogLoadingCount);
       uint8_t raw[8];
