@@ -1,9 +1,9 @@
 #include "net/mail_socket.h"
 
-#include <openssl/crypto.h>
-
 #include <algorithm>
 #include <cstring>
+
+#include "net/secret.h"
 
 namespace trv {
 
@@ -28,7 +28,7 @@ CMailSocket::CMailSocket() : engine_(std::make_unique<TlsEngine>()), network_(&N
 
 CMailSocket::~CMailSocket() {
   Disconnect(false);
-  OPENSSL_cleanse(socks_password_.data(), socks_password_.size());
+  WipeSecret(&socks_password_);
 }
 
 void CMailSocket::SetSocks(uint32_t version, std::string_view address, uint16_t port) {
@@ -40,7 +40,7 @@ void CMailSocket::SetSocks(uint32_t version, std::string_view address, uint16_t 
 void CMailSocket::SetSocksCredentials(bool auth, std::string_view user, std::string_view password) {
   socks_auth_ = auth;
   socks_user_ = user;
-  OPENSSL_cleanse(socks_password_.data(), socks_password_.size());
+  WipeSecret(&socks_password_);
   socks_password_ = password;
 }
 

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "base/hex_digits.h"
+#include "net/secret.h"
 
 namespace trv {
 namespace {
@@ -13,20 +14,15 @@ namespace {
 // exchange failed on one side while the connection stayed in step.
 bool NextMethodMayWork(Result r) { return r.family() == 0x80C2 || r.family() == 0x80E1; }
 
-void Wipe(std::string* s) {
-  std::fill(s->begin(), s->end(), '\0');
-  s->clear();
-}
-
 }  // namespace
 
 CPop3Client::CPop3Client() { SetLogMask(kPop3InitialLogMask); }
 
-CPop3Client::~CPop3Client() { Wipe(&password_); }
+CPop3Client::~CPop3Client() { WipeSecret(&password_); }
 
 void CPop3Client::SetCredentials(std::string_view user, std::string_view password) {
   user_ = user;
-  Wipe(&password_);
+  WipeSecret(&password_);
   password_ = password;
 }
 
@@ -150,7 +146,7 @@ Result CPop3Client::LoginUserPass() {
     r = SendSecretLine(line, "PASS ********");
     if (r.ok()) r = ReadStatus(rc::kPop3Login);
   }
-  Wipe(&line);
+  WipeSecret(&line);
   return r;
 }
 
@@ -164,7 +160,7 @@ Result CPop3Client::LoginApop() {
   unsigned char digest[EVP_MAX_MD_SIZE];
   size_t length = 0;
   const bool hashed = EVP_Q_digest(nullptr, "MD5", nullptr, input.data(), input.size(), digest, &length) == 1;
-  Wipe(&input);
+  WipeSecret(&input);
   if (!hashed) return rc::kFail;
   const std::string hex = LowerHex(std::string_view(reinterpret_cast<const char*>(digest), length));
   return Command("APOP " + user_ + " " + hex, rc::kPop3Login);
@@ -174,11 +170,8 @@ Result CPop3Client::LoginSasl(uint32_t mechanism) {
   if (sasl_.Start(mechanism, user_, password_).failed()) return rc::kPop3Login;
   std::string first;
   if (Result r = sasl_.FirstLine(&first); r.failed()) return r;
-  const size_t blank = first.find(' ');
-  Result r = blank == std::string::npos
-                 ? SendLine("AUTH " + first)
-                 : SendSecretLine("AUTH " + first, "AUTH " + first.substr(0, blank) + " ********");
-  Wipe(&first);
+  Result r = SendSecretLine("AUTH " + first, MaskedAuthLine(first));
+  WipeSecret(&first);
   if (r.failed()) return r;
   while (!sasl_.IsComplete()) {
     if (Result s = ReadLine(&status_line_); s.failed()) return s;
@@ -196,7 +189,7 @@ Result CPop3Client::LoginSasl(uint32_t mechanism) {
       return step;
     }
     r = SendSecretLine(answer, "********");
-    Wipe(&answer);
+    WipeSecret(&answer);
     if (r.failed()) return r;
   }
   return ReadStatus(rc::kPop3Login);

@@ -1,10 +1,10 @@
 #include "net/sasl.h"
 
-#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include "base/wide_string.h"
 #include "mime/base64.h"
+#include "net/secret.h"
 #include "base/hex_digits.h"
 
 namespace trv {
@@ -29,15 +29,10 @@ constexpr Mechanism kMechanisms[] = {
 // Base64 on one line: a break inside an AUTH line would end the command.
 std::string Encode(std::string_view bytes) { return Base64Encode(bytes, 0); }
 
-void Wipe(std::string* s) {
-  OPENSSL_cleanse(s->data(), s->size());
-  s->clear();
-}
-
 }  // namespace
 
 SaslClient::SaslClient() = default;
-SaslClient::~SaslClient() { Wipe(&password_); }
+SaslClient::~SaslClient() { WipeSecret(&password_); }
 
 Result SaslClient::MechanismName(uint32_t bit, std::string* name) {
   for (const Mechanism& m : kMechanisms) {
@@ -72,7 +67,7 @@ Result SaslClient::Start(uint32_t mechanism, std::string_view user, std::string_
   }
   mechanism_ = mechanism;
   user_ = user;
-  Wipe(&password_);
+  WipeSecret(&password_);
   password_ = password;
   step_ = 0;
   // PLAIN says everything in its first line.
@@ -90,7 +85,7 @@ Result SaslClient::FirstLine(std::string* text) const {
     message.push_back('\0');
     message.append(password_);
     text->append(" ").append(Encode(message));
-    Wipe(&message);
+    WipeSecret(&message);
   }
   return rc::kOk;
 }
@@ -118,6 +113,12 @@ Result SaslClient::Step(std::string_view challenge, std::string* answer) {
   *answer = Encode(user_ + " " + LowerHex(std::string_view(reinterpret_cast<const char*>(digest), length)));
   complete_ = true;
   return rc::kOk;
+}
+
+std::string MaskedAuthLine(std::string_view first) {
+  const size_t blank = first.find(' ');
+  if (blank == std::string_view::npos) return "AUTH " + std::string(first);
+  return "AUTH " + std::string(first.substr(0, blank)) + " ********";
 }
 
 }  // namespace trv

@@ -67,4 +67,8 @@ class SaslClient {
   bool complete_ = false;
 };
 
+// How an AUTH line is shown in the log: "AUTH PLAIN ********" when the first
+// line carries an initial response, else "AUTH " + first as it is.
+std::string MaskedAuthLine(std::string_view first);
+
 }  // namespace trv

@@ -4,26 +4,17 @@
 #include <cctype>
 #include <utility>
 
+#include "base/wide_string.h"
+#include "net/secret.h"
+
 namespace trv {
-
-namespace {
-
-std::string_view Trim(std::string_view text) {
-  while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
-  while (!text.empty() && text.back() == ' ') text.remove_suffix(1);
-  return text;
-}
-
-}  // namespace
 
 CSmtpClient::CSmtpClient() : sasl_(std::make_unique<SaslClient>()) {
   (void)kSmtpTextsRegistered;
   SetMaxLineLength(kMaxReplyLine);
 }
 
-CSmtpClient::~CSmtpClient() {
-  std::fill(password_.begin(), password_.end(), '\0');
-}
+CSmtpClient::~CSmtpClient() { WipeSecret(&password_); }
 
 std::string CSmtpClient::Bracketed(std::string_view address) {
   if (!address.empty() && address.front() == '<') return std::string(address);
@@ -123,7 +114,7 @@ Result CSmtpClient::Verify(std::string_view name, std::string* result) {
     const size_t open = line.find('<');
     const size_t close = line.rfind('>');
     if (open != std::string_view::npos && close != std::string_view::npos && close > open) {
-      *result = Trim(line.substr(open + 1, close - open - 1));
+      *result = TrimView(line.substr(open + 1, close - open - 1));
     }
   } else if (reply_.Is("250")) {
     *result = line.substr(std::min<size_t>(4, line.size()), 1000);
@@ -232,7 +223,7 @@ Result CSmtpClient::SendData(CXmStream& message) {
 
 Result CSmtpClient::Authenticate(std::string_view user, std::string_view password) {
   user_ = user;
-  std::fill(password_.begin(), password_.end(), '\0');
+  WipeSecret(&password_);
   password_ = password;
   static constexpr uint32_t kPlainOrder[] = {kSaslLogin, kSaslPlain};
   static constexpr uint32_t kSecureOrder[] = {kSaslCramMd5, kSaslDigestMd5, kSaslNtlm, kSaslMsn};
@@ -256,10 +247,9 @@ Result CSmtpClient::AuthenticateWith(uint32_t mechanism) {
   if (sasl_->Start(mechanism, user_, password_).failed()) return rc::kSmtpNoMechanism;
   std::string first;
   if (sasl_->FirstLine(&first).failed()) return rc::kSmtpNoMechanism;
-  const std::string line = "AUTH " + first;
-  const size_t blank = first.find(' ');
-  const std::string shown = blank == std::string::npos ? line : "AUTH " + first.substr(0, blank) + " ********";
-  if (Result r = SendSecretLine(line, shown); r.failed()) return r;
+  const Result sent = SendSecretLine("AUTH " + first, MaskedAuthLine(first));
+  WipeSecret(&first);
+  if (sent.failed()) return sent;
   while (!sasl_->IsComplete()) {
     if (Result r = ReadReply(); r.failed()) return r;
     if (Result r = Check({"334", "235"}); r.failed()) return r;

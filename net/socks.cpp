@@ -1,7 +1,7 @@
 // The SOCKS 4, 4A and 5 handshakes of CMailSocket.
-#include <openssl/crypto.h>
 
 #include "net/mail_socket.h"
+#include "net/secret.h"
 
 namespace trv {
 
@@ -68,7 +68,7 @@ Result CMailSocket::Socks5(std::string_view host, uint16_t port) {
     auth.push_back(static_cast<char>(socks_password_.size()));
     auth.append(socks_password_);
     const Result sent = SendAll(auth.data(), auth.size());
-    OPENSSL_cleanse(auth.data(), auth.size());
+    WipeSecret(&auth);
     if (sent.failed()) return sent;
     unsigned char status[2];
     if (Result r = ReceiveExact(reinterpret_cast<char*>(status), sizeof status); r.failed()) return r;
