@@ -1,5 +1,6 @@
 #include "ui/message_show.h"
 
+#include "mime/stream.h"
 #include "ui/html_text.h"
 
 namespace trv {
@@ -24,26 +25,6 @@ std::string TerminalText(WStringView text) {
   return out;
 }
 
-// Counts the bytes written to it and keeps none.
-class CountingStream final : public CXmStream {
- public:
-  Result Read(void*, size_t, size_t* got) override {
-    *got = 0;
-    return rc::kNotImplemented;
-  }
-  Result Write(const void*, size_t size) override {
-    count_ += size;
-    return rc::kOk;
-  }
-  using CXmStream::Write;
-  Result Seek(int64_t, SeekOrigin) override { return rc::kNotImplemented; }
-  uint64_t Position() const override { return count_; }
-  uint64_t Size() const override { return count_; }
-
- private:
-  uint64_t count_ = 0;
-};
-
 // The size of the content once its transfer encoding is undone: the size of
 // the file an attachment is saved as.
 uint64_t DecodedSize(const CXmMessagePart& part) {
@@ -51,7 +32,7 @@ uint64_t DecodedSize(const CXmMessagePart& part) {
   if (part.body().kind != PartBody::kSource || (e != kEncodingBase64 && e != kEncodingQuotedPrintable)) {
     return part.GetBodySize();
   }
-  CountingStream counter;
+  CXmCountingStream counter;
   part.DecodeBody(counter).Ignore();  // damaged encoding: the size of what could be decoded
   return counter.Size();
 }
