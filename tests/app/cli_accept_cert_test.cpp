@@ -1,8 +1,8 @@
-// Certificate trust against the real Dovecot, whose IMAPS and POP3S ports
-// serve a self-signed certificate on 127.0.0.3 and an expired one (another
-// key) on 127.0.0.2: refused until `accept-cert` trusts it, then accepted;
-// accepted by key when the trusted certificate is another one with the same
-// key; refused loudly when the key differs from the trusted one.
+// Certificate trust against the real servers. Dovecot serves a self-signed
+// certificate on 127.0.0.3 and an expired one (another key) on 127.0.0.2:
+// refused until `accept-cert` trusts it; accepted by key when the trusted
+// certificate is another one with the same key; refused loudly, naming both
+// keys, when the key differs from the trusted one.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -16,19 +16,19 @@ namespace {
 
 using test::MailServers;
 
-class AcceptCertTest : public test::CliTestBase {
- protected:
-  // A TLS connection decided by the store as the data directory holds it.
-  Result Connect(const std::string& host, uint16_t port, CertificateTrust* trust) {
-    EXPECT_EQ(trust->Load(nullptr), rc::kOk);
-    CMailSocket s;
-    s.SetTimeout(5);
-    s.SetCertificateDecider(trust);
-    s.SetPlainMode(false).Ignore();  // before connecting it cannot fail
-    return s.Connect(host, port);
-  }
-  std::string Where(const char* host, uint16_t port) { return std::string(host) + ":" + std::to_string(port); }
-};
+std::string Where(const char* host, uint16_t port) { return std::string(host) + ":" + std::to_string(port); }
+
+// A TLS connection decided by the store as its file now stands.
+Result Connect(const char* host, uint16_t port, CertificateTrust& trust) {
+  EXPECT_EQ(trust.Load(nullptr), rc::kOk);
+  CMailSocket s;
+  s.SetTimeout(5);
+  s.SetCertificateDecider(&trust);
+  s.SetPlainMode(false).Ignore();  // before connecting it cannot fail
+  return s.Connect(host, port);
+}
+
+class AcceptCertTest : public test::CliTestBase {};
 
 TEST_F(AcceptCertTest, TrustByPublicKey) {
   TRV_REQUIRE_SERVER(MailServers::Instance().Postfix());  // and Dovecot
@@ -38,86 +38,71 @@ TEST_F(AcceptCertTest, TrustByPublicKey) {
   ASSERT_NE(certs, nullptr) << error;
   const auto self_signed = TlsCertificate::FromPemFile(certs->self_signed.cert);
   const auto expired = TlsCertificate::FromPemFile(certs->expired.cert);
-  ASSERT_TRUE(self_signed && expired);
+  const auto server = TlsCertificate::FromPemFile(certs->server.cert);
   const Result refused = SecureTransportError(kTlsEngineCertificateRefused);
-  const auto dir = root() / "data";
-  const auto file = dir / CertificateTrust::kFileName;
+  const std::string dir = (root() / "data").string();
+  const auto file = root() / "data" / CertificateTrust::kFileName;
   NullLogSink log;
   CertificateTrust trust(PosixFileSystem::Instance(), file, log);
 
-  // Refused without trust, naming the command to run.
-  EXPECT_EQ(Connect("127.0.0.3", ports.imaps, &trust), refused);
+  EXPECT_EQ(Connect("127.0.0.3", ports.imaps, trust), refused);
   const auto why = trust.LastRefusal("127.0.0.3", ports.imaps);
   ASSERT_TRUE(why.has_value());
   EXPECT_EQ(why->flags, kCertUntrustedRoot);
-  EXPECT_NE(why->Message().find("trvmail-cli accept-cert " + Where("127.0.0.3", ports.imaps)), std::string::npos)
-      << why->Message();
+  EXPECT_NE(why->Message().find("trvmail-cli accept-cert " + Where("127.0.0.3", ports.imaps)), std::string::npos);
 
-  // accept-cert gets the certificate with TLS from the first byte or after
-  // each protocol's upgrade; with neither a terminal nor --yes it shows it
-  // and stops with exit 2, trusting nothing. (The program does not trust the
-  // test CA, so the server's own certificate is flagged too.)
-  const auto server = TlsCertificate::FromPemFile(certs->server.cert);
-  struct Row {
-    const char* host;
-    uint16_t port;
-    const char* starttls;  // null: the default for the port
-    const TlsCertificate* cert;
-  };
-  const Row rows[] = {
-      {"127.0.0.3", ports.pop3s, nullptr, self_signed.get()},
+  // accept-cert, with TLS from the first byte or after each protocol's
+  // upgrade, shows the certificate; with neither a terminal nor --yes it
+  // stops with exit 2. (It does not trust the test CA: the server's own
+  // certificate is flagged too.)
+  const std::tuple<const char*, uint16_t, const char*, const TlsCertificate*> rows[] = {
+      {"127.0.0.3", ports.pop3s, nullptr, self_signed.get()},  // host, port, --starttls, served
       {"127.0.0.3", ports.imap, "imap", self_signed.get()},
       {"127.0.0.3", ports.pop3, "pop3", self_signed.get()},
       {"localhost", ports.smtp, "smtp", server.get()},
   };
-  for (const Row& row : rows) {
-    std::vector<std::string> args{"--data-dir", dir.string(), "accept-cert", Where(row.host, row.port)};
-    if (row.starttls) args.insert(args.end(), {"--starttls", row.starttls});
+  for (const auto& [host, port, starttls, cert] : rows) {
+    std::vector<std::string> args{"--data-dir", dir, "accept-cert", Where(host, port)};
+    if (starttls) args.insert(args.end(), {"--starttls", starttls});
     const test::CliRun run = Run(args);
     EXPECT_EQ(run.status, 2) << args[3] << ": " << run.err;
     EXPECT_NE(run.err.find("--yes"), std::string::npos) << run.err;
-    EXPECT_NE(run.out.find(row.cert->PublicKeySha256()), std::string::npos) << run.out;
+    EXPECT_NE(run.out.find(cert->PublicKeySha256()), std::string::npos) << run.out;
     EXPECT_FALSE(std::filesystem::exists(file));
   }
-  test::CliRun run = Ok({"--data-dir", dir.string(), "accept-cert", Where("127.0.0.3", ports.imaps), "--yes"});
+  test::CliRun run = Ok({"--data-dir", dir, "accept-cert", Where("127.0.0.3", ports.imaps), "--yes"});
   for (const std::string& part : {self_signed->Sha256(), self_signed->Sha1(), std::string("self-signed")}) {
     EXPECT_NE(run.out.find(part), std::string::npos) << part << " in\n" << run.out;
   }
   struct stat st {};
   ASSERT_EQ(::stat(file.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
-  EXPECT_EQ(Connect("127.0.0.3", ports.imaps, &trust), rc::kOk);
+  EXPECT_EQ(Connect("127.0.0.3", ports.imaps, trust), rc::kOk);
   EXPECT_FALSE(trust.LastRefusal("127.0.0.3", ports.imaps).has_value());
-  EXPECT_EQ(Connect("127.0.0.3", ports.pop3s, &trust), refused) << "trust is per port";
+  EXPECT_EQ(Connect("127.0.0.3", ports.pop3s, trust), refused) << "trust is per port";
 
-  // Another certificate of the same key, trusted for POP3S, lets the served
-  // one pass although its hash differs.
+  // Another certificate of the same key, trusted for POP3S, lets the served one pass.
   const auto renewed_path = root() / "renewed.pem";
   ASSERT_EQ(test::RunProcess({"/usr/bin/openssl", "req", "-x509", "-new", "-key", certs->self_signed.key.string(),
                               "-subj", "/CN=renewed", "-days", "30", "-out", renewed_path.string()},
                              root() / "openssl.log"),
             0);
   const auto renewed = TlsCertificate::FromPemFile(renewed_path);
-  ASSERT_TRUE(renewed);
   ASSERT_NE(renewed->Sha256(), self_signed->Sha256());
   ASSERT_EQ(trust.Trust("127.0.0.3", ports.pop3s, CertificateFacts::Of(*renewed)), rc::kOk);
-  EXPECT_EQ(Connect("127.0.0.3", ports.pop3s, &trust), rc::kOk);
+  EXPECT_EQ(Connect("127.0.0.3", ports.pop3s, trust), rc::kOk);
 
-  // A key other than the trusted one: refused, naming host and both keys.
   ASSERT_EQ(trust.Trust("127.0.0.2", ports.imaps, CertificateFacts::Of(*self_signed)), rc::kOk);
-  EXPECT_EQ(Connect("127.0.0.2", ports.imaps, &trust), refused);
+  EXPECT_EQ(Connect("127.0.0.2", ports.imaps, trust), refused);
   const auto changed = trust.LastRefusal("127.0.0.2", ports.imaps);
   ASSERT_TRUE(changed.has_value() && changed->key_changed());
-  const std::string message = changed->Message();
   for (const std::string& part :
        {Where("127.0.0.2", ports.imaps), self_signed->PublicKeySha256(), expired->PublicKeySha256()}) {
-    EXPECT_NE(message.find(part), std::string::npos) << part << " in " << message;
+    EXPECT_NE(changed->Message().find(part), std::string::npos) << part << " in " << changed->Message();
   }
-  // accept-cert says what it replaces; then the new key passes.
-  run = Ok({"--data-dir", dir.string(), "accept-cert", Where("127.0.0.2", ports.imaps), "--yes"});
-  EXPECT_NE(run.out.find("REPLACES the trusted public key " + self_signed->PublicKeySha256()), std::string::npos)
-      << run.out;
-  EXPECT_EQ(Connect("127.0.0.2", ports.imaps, &trust), rc::kOk);
+  run = Ok({"--data-dir", dir, "accept-cert", Where("127.0.0.2", ports.imaps), "--yes"});
+  EXPECT_NE(run.out.find("REPLACES the trusted public key " + self_signed->PublicKeySha256()), std::string::npos);
+  EXPECT_EQ(Connect("127.0.0.2", ports.imaps, trust), rc::kOk);
 }
 
 }  // namespace
