@@ -60,6 +60,17 @@ bool ParseEntry(std::string_view line, TrustedCertificate* out, std::string* why
   return true;
 }
 
+// The file's text: a comment line, then one line an entry.
+template <typename Map>
+std::string FileText(const Map& entries) {
+  std::string text = "# Trusted server certificates: host, port, key SHA-256, certificate SHA-256, subject\n";
+  for (const auto& [key, e] : entries) {
+    text += OneField(e.host) + "\t" + std::to_string(e.port) + "\t" + e.key_sha256 + "\t" + e.cert_sha256 + "\t" +
+            OneField(e.subject) + "\n";
+  }
+  return text;
+}
+
 }  // namespace
 
 CertificateFacts CertificateFacts::Of(const TlsCertificate& cert) {
@@ -90,19 +101,16 @@ std::string CertificateFlagsText(uint32_t flags) {
 
 std::string RefusedCertificate::Message() const {
   const std::string where = HostPort(host, port);
-  std::string text;
   if (key_changed()) {
-    text = "The certificate of " + where + " has a NEW PUBLIC KEY (trusted key SHA-256 " + trusted_key_sha256 +
+    return "The certificate of " + where + " has a NEW PUBLIC KEY (trusted key SHA-256 " + trusted_key_sha256 +
            ", offered key SHA-256 " + cert.key_sha256 +
            "). Someone may be impersonating the server. If its key really changed, run \"trvmail-cli accept-cert " +
            where + "\".";
-  } else {
-    text = "The certificate of " + where + " is not trusted (" + CertificateFlagsText(flags) + "; subject " +
-           cert.subject + ", issuer " + cert.issuer + ", valid from " + cert.not_before + " until " +
-           cert.not_after + ", key SHA-256 " + cert.key_sha256 + "). To see it and trust it, run \"trvmail-cli accept-cert " +
-           where + "\".";
   }
-  return text;
+  return "The certificate of " + where + " is not trusted (" + CertificateFlagsText(flags) + "; subject " +
+         cert.subject + ", issuer " + cert.issuer + ", valid from " + cert.not_before + " until " +
+         cert.not_after + ", key SHA-256 " + cert.key_sha256 +
+         "). To see it and trust it, run \"trvmail-cli accept-cert " + where + "\".";
 }
 
 CertificateTrust::CertificateTrust(FileSystem& fs, std::filesystem::path path, LogSink& log)
@@ -143,15 +151,6 @@ Result CertificateTrust::Load(std::vector<std::string>* problems) {
   return rc::kOk;
 }
 
-std::string CertificateTrust::Serialize(const std::map<Key, TrustedCertificate>& entries) const {
-  std::string text = "# Server certificates trusted by public key: host, port, key SHA-256, certificate SHA-256, subject\n";
-  for (const auto& [key, e] : entries) {
-    text += OneField(e.host) + "\t" + std::to_string(e.port) + "\t" + e.key_sha256 + "\t" + e.cert_sha256 + "\t" +
-            OneField(e.subject) + "\n";
-  }
-  return text;
-}
-
 Result CertificateTrust::Trust(std::string_view host, uint16_t port, const CertificateFacts& cert) {
   if (host.empty() || port == 0 || !IsSha256Hex(cert.key_sha256) || !IsSha256Hex(cert.sha256)) {
     return rc::kInvalidArg;
@@ -162,7 +161,7 @@ Result CertificateTrust::Trust(std::string_view host, uint16_t port, const Certi
     MutexLock lock(mu_);
     std::map<Key, TrustedCertificate> entries = entries_;
     entries[key] = {key.first, port, cert.key_sha256, cert.sha256, OneField(cert.subject)};
-    r = WriteFileDurably(fs_, path_, Serialize(entries));
+    r = WriteFileDurably(fs_, path_, FileText(entries));
     if (r.ok()) {
       entries_ = std::move(entries);
       refused_.erase(key);

@@ -107,7 +107,6 @@ class CertificateTrust final : public CertificateDecider {
  private:
   using Key = std::pair<std::string, uint16_t>;
   static Key KeyOf(std::string_view host, uint16_t port);
-  std::string Serialize(const std::map<Key, TrustedCertificate>& entries) const;
 
   FileSystem& fs_;
   const std::filesystem::path path_;
