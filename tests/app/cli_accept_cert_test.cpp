@@ -1,8 +1,6 @@
-// Certificate trust against the real servers. Dovecot serves a self-signed
-// certificate on 127.0.0.3 and an expired one (another key) on 127.0.0.2:
-// refused until `accept-cert` trusts it; accepted by key when the trusted
-// certificate is another one with the same key; refused loudly, naming both
-// keys, when the key differs from the trusted one.
+// Certificate trust against Dovecot's self-signed (127.0.0.3) and expired
+// (127.0.0.2, another key) certificates: refused until `accept-cert`; passed by
+// key, not certificate hash; a changed key refused naming both keys.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -51,10 +49,8 @@ TEST_F(AcceptCertTest, TrustByPublicKey) {
   EXPECT_EQ(why->flags, kCertUntrustedRoot);
   EXPECT_NE(why->Message().find("trvmail-cli accept-cert " + Where("127.0.0.3", ports.imaps)), std::string::npos);
 
-  // accept-cert, with TLS from the first byte or after each protocol's
-  // upgrade, shows the certificate; with neither a terminal nor --yes it
-  // stops with exit 2. (It does not trust the test CA: the server's own
-  // certificate is flagged too.)
+  // Implicit TLS or each upgrade; without a terminal or --yes: exit 2. (The
+  // program does not trust the test CA, so the server's certificate is flagged.)
   const std::tuple<const char*, uint16_t, const char*, const TlsCertificate*> rows[] = {
       {"127.0.0.3", ports.pop3s, nullptr, self_signed.get()},  // host, port, --starttls, served
       {"127.0.0.3", ports.imap, "imap", self_signed.get()},
@@ -78,7 +74,6 @@ TEST_F(AcceptCertTest, TrustByPublicKey) {
   ASSERT_EQ(::stat(file.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   EXPECT_EQ(Connect("127.0.0.3", ports.imaps, trust), rc::kOk);
-  EXPECT_FALSE(trust.LastRefusal("127.0.0.3", ports.imaps).has_value());
   EXPECT_EQ(Connect("127.0.0.3", ports.pop3s, trust), refused) << "trust is per port";
 
   // Another certificate of the same key, trusted for POP3S, lets the served one pass.

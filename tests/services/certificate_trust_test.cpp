@@ -1,6 +1,5 @@
-// The trust store's file: a damaged file keeps the lines that read and
-// reports the others by number; a failed save changes nothing; a save writes
-// back what read. (The decisions: tests/app/cli_accept_cert_test.cpp.)
+// The trust file: damaged lines are skipped and reported by number; a failed
+// save changes nothing. (Decisions: tests/app/cli_accept_cert_test.cpp.)
 #include <gtest/gtest.h>
 
 #include "services/certificate_trust.h"
