@@ -157,6 +157,7 @@ Result CMailSocket::ConnectSteps(std::string_view host, uint16_t port) {
   // The certificate check compares with the host the user asked for, also
   // when a proxy stands between.
   connected_host_ = host;
+  connected_port_ = port;
   if (r.ok() && !plain_mode_) r = StartTls();
   return r;
 }

@@ -222,6 +222,7 @@ class CMailSocket : private TlsEngine::Channel {
   bool plain_mode() const { return plain_mode_; }
   uint16_t timeout() const { return timeout_; }
   const std::string& connected_host() const { return connected_host_; }
+  uint16_t connected_port() const { return connected_port_; }  // the port given to Connect
   // The engine code of the last TLS failure (0 none) and OpenSSL's text of
   // it, for the activity log; the negotiated protocol and cipher.
   bool tls_failed() const { return tls_failed_; }
@@ -229,6 +230,8 @@ class CMailSocket : private TlsEngine::Channel {
   const std::string& tls_error_detail() const { return engine_->error_detail(); }
   std::string TlsProtocol() const { return engine_->Protocol(); }
   std::string TlsCipher() const { return engine_->Cipher(); }
+  // The server's certificate after a handshake (null before one).
+  std::unique_ptr<TlsCertificate> TlsPeerCertificate() const { return engine_->PeerCertificate(); }
 
  protected:
   // The bytes received and not yet read.
@@ -313,6 +316,7 @@ class CMailSocket : private TlsEngine::Channel {
   // thread, which may read it without the lock; Abort() reads it under it.
   std::unique_ptr<Transport> transport_;
   std::string connected_host_;
+  uint16_t connected_port_ = 0;
   bool socks_auth_ = false;
   std::string socks_address_;
   std::string socks_password_;

@@ -181,11 +181,31 @@ std::string TlsCertificate::NotAfter() const {
   return PrintedText([&](BIO* b) { ASN1_TIME_print(b, X509_get0_notAfter(x509_)); });
 }
 
-std::string TlsCertificate::Sha256() const {
+std::string TlsCertificate::NotBefore() const {
+  return PrintedText([&](BIO* b) { ASN1_TIME_print(b, X509_get0_notBefore(x509_)); });
+}
+
+namespace {
+std::string DigestHex(X509* x509, const EVP_MD* md_type) {
   unsigned char md[EVP_MAX_MD_SIZE];
   unsigned int len = 0;
-  if (!X509_digest(x509_, EVP_sha256(), md, &len)) return {};
+  if (!X509_digest(x509, md_type, md, &len)) return {};
   return LowerHex(std::string_view(reinterpret_cast<const char*>(md), len));
+}
+}  // namespace
+
+std::string TlsCertificate::Sha256() const { return DigestHex(x509_, EVP_sha256()); }
+std::string TlsCertificate::Sha1() const { return DigestHex(x509_, EVP_sha1()); }
+
+std::string TlsCertificate::PublicKeySha256() const {
+  unsigned char* der = nullptr;
+  const int n = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(x509_), &der);
+  if (n <= 0) return {};
+  unsigned char md[EVP_MAX_MD_SIZE];
+  unsigned int len = 0;
+  const bool ok = EVP_Digest(der, static_cast<size_t>(n), md, &len, EVP_sha256(), nullptr) == 1;
+  OPENSSL_free(der);
+  return ok ? LowerHex(std::string_view(reinterpret_cast<const char*>(md), len)) : std::string();
 }
 
 std::string TlsCertificate::Der() const {
@@ -435,6 +455,11 @@ void TlsEngine::SendClose(Channel& channel) {
 }
 
 std::string TlsEngine::Protocol() const { return ssl_ ? SSL_get_version(ssl_) : ""; }
+
+std::unique_ptr<TlsCertificate> TlsEngine::PeerCertificate() const {
+  X509* x = ssl_ ? SSL_get0_peer_certificate(ssl_) : nullptr;
+  return x ? std::make_unique<TlsCertificate>(x) : nullptr;
+}
 
 std::string TlsEngine::Cipher() const {
   const SSL_CIPHER* c = ssl_ ? SSL_get_current_cipher(ssl_) : nullptr;

@@ -68,8 +68,13 @@ class TlsCertificate {
   std::vector<std::string> DnsNames() const;
   std::string Subject() const;     // one-line form, for the question to the user
   std::string Issuer() const;
+  std::string NotBefore() const;   // "Jan  2 03:04:05 2020 GMT"
   std::string NotAfter() const;    // "Jan  2 03:04:05 2030 GMT"
-  std::string Sha256() const;      // 64 lower-case hex digits
+  std::string Sha256() const;      // of the whole certificate (DER): 64 lower-case hex digits
+  std::string Sha1() const;        // of the whole certificate: 40 lower-case hex digits
+  // Of the public key as the certificate carries it (SubjectPublicKeyInfo,
+  // DER): stays the same when a certificate is renewed with the same key.
+  std::string PublicKeySha256() const;
   std::string Der() const;
 
  private:
@@ -128,6 +133,8 @@ class TlsEngine {
   // Negotiated protocol and cipher, for the activity log ("" before a handshake).
   std::string Protocol() const;
   std::string Cipher() const;
+  // The server's certificate once a handshake got that far; null before.
+  std::unique_ptr<TlsCertificate> PeerCertificate() const;
 
   // Adds the certificates of a PEM file to the process-wide trust store that
   // holds the system's roots (tests; certificates the user chose to trust).

@@ -161,6 +161,9 @@ const std::vector<Command>& Commands() {
       {"mark", "PATH KEY... read|unread", "mark messages read or unread", 3, kMany, {}, ValidateMark, RunMark},
       {"check", "PATH [--recreate]", "check and repair the folder file (--recreate: a new empty one when it is missing)",
        1, 1, {{"--recreate"}, {}}, nullptr, RunCheck},
+      {"accept-cert", "HOST:PORT [--starttls smtp|pop3|imap|none] [--yes]",
+       "show a server's certificate and trust it for that host", 1, 1, {{"--yes"}, {"--starttls"}},
+       ValidateAcceptCert, RunAcceptCert},
   };
   return commands;
 }

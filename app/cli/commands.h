@@ -69,4 +69,8 @@ int RunImport(CliContext& ctx, const ParsedArgs& args);
 bool ValidateExport(const ParsedArgs& args, std::string* error);
 int RunExport(CliContext& ctx, const ParsedArgs& args);
 
+// cmd_accept_cert.cpp
+bool ValidateAcceptCert(const ParsedArgs& args, std::string* error);
+int RunAcceptCert(CliContext& ctx, const ParsedArgs& args);
+
 }  // namespace trv::cli
