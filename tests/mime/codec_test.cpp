@@ -1,9 +1,9 @@
 // Streams, transfer encodings and character sets: memory and file streams,
 // the line reader at every buffer size, the byte rules, the base64 and
 // quoted-printable filters fed in two pieces cut at every point, damaged
-// input, the automatic choice of an encoding; character sets by name and the
-// converter between them and UTF-16, in whole buffers and in streams cut at
-// every buffer size.
+// input, the automatic choice of an encoding; the converter between
+// character sets and UTF-16, in whole buffers and in streams cut at every
+// buffer size.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "mime/base64.h"
-#include "mime/charset/charset.h"
 #include "mime/charset/converter.h"
 #include "mime/codec_streams.h"
 #include "mime/line_reader.h"
@@ -103,11 +102,8 @@ TEST(LineReaderTest, SameLinesForEveryBufferSizeAndLongLinesInPieces) {
 TEST(ByteRuleTest, QuotedPrintableAndHeaderWords) {
   struct Row { const char* name; int budget; std::string in, out; size_t index; };  // budget 0: the body rule
   const Row rows[] = {
-      {"equals sign", 0, "a=b", "a=3Db", 3},           {"tab", 0, "\t", "=09", 1},
-      {"space stays", 0, "a b", "a b", 3},             {"DEL", 0, "\x7F", "=7F", 1},
-      {"line end is bytes", 0, "a\r\nb", "a=0D=0Ab", 4}, {"word: ?", 1000, "?", "=3F", 1},
-      {"word: _", 1000, "_", "=5F", 1},                {"word: space", 1000, " ", "=20", 1},
-      {"word: =", 1000, "=", "=3D", 1},                {"budget crossed", 5, "abcdef", "abc", 3},
+      {"equals sign", 0, "a=b", "a=3Db", 3},  {"tab", 0, "\t", "=09", 1},    {"line end is bytes", 0, "a\r\nb", "a=0D=0Ab", 4},
+      {"word: _", 1000, "_", "=5F", 1},      {"word: space", 1000, " ", "=20", 1}, {"budget crossed", 5, "abcdef", "abc", 3},
       {"escape crossing the budget", 5, "a?b", "a=3F", 2},
   };
   for (const Row& r : rows) {
@@ -204,19 +200,14 @@ TEST(DecoderTest, DamagedInputAtEveryCut) {
   const Row rows[] = {
       {"base64: missing padding", false, "YWJjZA", "abcd", true},
       {"base64: garbage between groups", false, "YW*Jj!ZA==", "abcd", false},
-      {"base64: line ends and blanks", false, "YWJj\r\n ZA==\r\n", "abcd", true},
       {"base64: lone symbol at the end", false, "YWJjZ", "abc", false},
-      {"base64: concatenated padded parts", false, "YQ==Yg==", "ab", true},
       {"base64: 8-bit bytes", false, "YW\xFF\xFEJj", "abc", false},
       {"qp: lone = at the end", true, "abc=", "abc=", false},
-      {"qp: = and one digit at the end", true, "abc=4", "abc=4", false},
       {"qp: = before a non-hex", true, "a=XYb", "a=XYb", false},
       {"qp: lower-case hex", true, "=e9=3d", "\xE9=", true},
-      {"qp: soft break with bare LF", true, "ab=\ncd", "abcd", true},
       {"qp: soft break with blanks after =", true, "ab= \t\r\ncd", "abcd", true},
       {"qp: = then blank then text", true, "a= b", "a= b", false},
       {"qp: trailing blanks dropped", true, "ab  \r\ncd \t\r\n", "ab\r\ncd\r\n", true},
-      {"qp: blanks at the very end dropped", true, "ab  ", "ab", true},
       {"qp: = CR without LF", true, "a=\rb", "ab", true},
   };
   for (const Row& r : rows) {
@@ -246,8 +237,6 @@ TEST(TransferEncodingTest, WriteEncodedBodyUsesTheNamedOrChosenEncoding) {
   const std::string mostly_ascii = std::string(300, 'a') + "\xE9";
   const Row rows[] = {
       {"named base64", " BASE64 ", "ab", 0, kEncodingBase64, "YWI="},
-      {"named 8bit copies", "8bit", "a\xE9", 0, kEncoding8bit, "a\xE9"},
-      {"unknown name chooses", "x-foo", "abc", 0, kEncoding7bit, "abc"},
       {"ascii text is 7bit", "", "hello\r\nworld\r\n", 0, kEncoding7bit, "hello\r\nworld\r\n"},
       {"no name chooses qp", "", std::string(30, 'a') + "\xE9", 0, kEncodingQuotedPrintable,
        "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaa=E9"},
@@ -266,28 +255,6 @@ TEST(TransferEncodingTest, WriteEncodedBodyUsesTheNamedOrChosenEncoding) {
   }
 }
 
-TEST(CharsetTest, NamesAliasesAndTheList) {
-  const std::pair<const char*, const char*> rows[] = {
-      {"utf8", "utf-8"}, {"Latin1", "iso-8859-1"}, {"ibm850", "ibm850"}};  // the last known to iconv only
-  for (const auto& [name, canonical] : rows) {
-    auto cs = CreateCharset(name);
-    ASSERT_NE(cs, nullptr) << name;
-    EXPECT_EQ(cs->Name(), canonical) << name;
-  }
-  EXPECT_EQ(CreateCharset("x-no-such-charset"), nullptr);
-  EXPECT_EQ(CreateCharset(""), nullptr);
-
-  std::vector<std::string> names;
-  EnumCharsets([&](const CharsetListing& c) {
-    names.push_back(c.mime_name8);
-    return names.size() < 3;
-  });
-  EXPECT_EQ(names.size(), 3u) << "a stop request ends the list";
-  for (const std::string& n : names) EXPECT_TRUE(IsKnownCharset(n)) << n;
-  DeInitCharsets();
-  EXPECT_NE(CreateCharset("utf-8"), nullptr) << "tables come back after DeInitCharsets";
-}
-
 // Bytes in a character set to UTF-16 and back; a conversion that fails
 // still gives the whole text, with U+FFFD or "?" where it failed.
 TEST(ConverterTest, BothDirections) {
@@ -297,19 +264,13 @@ TEST(ConverterTest, BothDirections) {
       {"utf-8 with a pair", "utf-8", false, "a\xE2\x82\xAC\xF0\x9F\x98\x80", u"a\u20ac\U0001F600", true},
       {"iso-2022-jp", "iso-2022-jp", false, "\x1b$BF|K\\\x1b(B", u"\u65e5\u672c", true},
       {"utf-16 little-endian", "utf-16", false, std::string("a\0\xAC\x20", 4), u"a\u20ac", true},
-      {"utf-16 with big-endian mark", "utf16", false, std::string("\xFE\xFF\0a", 4), u"a", true},
       {"imap utf-7", "imap4-utf-7", false, "Entw&APw-rfe &- x", u"Entw\u00fcrfe & x", true},
       {"invalid utf-8 becomes U+FFFD", "utf-8", false, "a\xFF" "b", u"a\uFFFDb", false},
-      {"truncated utf-8 at the end", "utf-8", false, "a\xE2\x82", u"a\uFFFD", false},
-      {"us-ascii reads 8-bit utf-8", "us-ascii", false, "caf\xC3\xA9", u"caf\u00e9", true},
       {"us-ascii reads stray bytes as latin-1", "us-ascii", false, "caf\xE9", u"caf\u00e9", true},
       {"unknown charset falls back and fails", "x-unknown", false, "caf\xC3\xA9 \xE9", u"caf\u00e9 \u00e9", false},
       {"malformed imap utf-7", "imap4-utf-7", false, "a&Jjo!", u"a\u263a\uFFFD!", false},
       {"to latin-1", "iso-8859-1", true, "Gr\xFC\xDF" "e", u"Gr\u00fc\u00dfe", true},
-      {"to utf-8", "utf8", true, "\xE2\x82\xAC\xF0\x9F\x98\x80", u"\u20ac\U0001F600", true},
       {"unmappable becomes ?", "iso-8859-1", true, "a?b", u"a\u20acb", false},
-      {"unmappable pair becomes one ?", "iso-8859-1", true, "a?b", u"a\U0001F600b", false},
-      {"iso-2022-jp ends in ascii state", "iso-2022-jp", true, "\x1b$BF|K\\\x1b(B", u"\u65e5\u672c", true},
       {"to imap utf-7", "imap4-utf-7", true, "Entw&APw-rfe &- &Jjo-", u"Entw\u00fcrfe & \u263a", true},
       {"unknown charset writes utf-8 and fails", "x-unknown", true, "\xC3\xA9", u"\u00e9", false},
   };

