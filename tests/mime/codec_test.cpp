@@ -1,9 +1,8 @@
-// Streams, transfer encodings and character sets: memory and file streams,
-// the line reader at every buffer size, the byte rules, the base64 and
-// quoted-printable filters fed in two pieces cut at every point, damaged
-// input, the automatic choice of an encoding; the converter between
-// character sets and UTF-16, in whole buffers and in streams cut at every
-// buffer size.
+// Transfer encodings and character sets: the line reader at every buffer
+// size, the byte rules, the base64 and quoted-printable filters fed in two
+// pieces cut at every point, damaged input, the automatic choice of an
+// encoding; the converter between character sets and UTF-16, in whole
+// buffers and in streams cut at every buffer size.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -17,7 +16,6 @@
 #include "mime/mime_result.h"
 #include "mime/quoted_printable.h"
 #include "mime/transfer_encoding.h"
-#include "tests/support/temp_dir.h"
 
 namespace trv {
 namespace {
@@ -54,31 +52,6 @@ std::string AllLines(const std::string& text, size_t buffer, size_t max_line = k
   EXPECT_TRUE(reader.AtEnd());
   EXPECT_EQ(reader.consumed(), text.size());
   return joined;
-}
-
-TEST(StreamTest, MemoryAndFileStreams) {
-  CXmMemoryStream s;
-  ASSERT_TRUE(s.Write("hello world").ok() && s.Seek(6, SeekOrigin::kBegin).ok() && s.Write("WORLD!").ok());
-  ASSERT_TRUE(s.Seek(-6, SeekOrigin::kEnd).ok());
-  std::string rest;
-  ASSERT_TRUE(ReadAll(s, &rest).ok());
-  EXPECT_EQ(rest, "WORLD!");
-  EXPECT_EQ(s.Seek(-1, SeekOrigin::kBegin), rc::kInvalidArg);
-  ASSERT_TRUE(s.Seek(20, SeekOrigin::kBegin).ok() && s.Write("x").ok());
-  EXPECT_EQ(s.data(), std::string("hello WORLD!") + std::string(8, '\0') + "x") << "a gap is filled with zeros";
-
-  test::TempDir dir;
-  CXmFileStream f, ro;
-  ASSERT_TRUE(f.Open(dir / "a.eml", CXmFileStream::kCreate).ok() && f.Write("one\r\ntwo\r\n").ok());
-  rest.clear();
-  ASSERT_TRUE(f.Rewind().ok() && ReadAll(f, &rest).ok() && f.Close().ok());
-  EXPECT_EQ(rest, "one\r\ntwo\r\n");
-  EXPECT_EQ(test::ReadFile(dir / "a.eml"), rest);
-  EXPECT_EQ(ro.Open(dir / "none.eml", CXmFileStream::kRead), FromWin32(2));
-  size_t got = 0;
-  EXPECT_EQ(ro.Read(&rest[0], 1, &got), rc::kInvalidArg) << "not open";
-  ASSERT_TRUE(ro.Open(dir / "a.eml", CXmFileStream::kRead).ok());
-  EXPECT_TRUE(ro.Write("x").failed()) << "read-only";
 }
 
 TEST(LineReaderTest, SameLinesForEveryBufferSizeAndLongLinesInPieces) {

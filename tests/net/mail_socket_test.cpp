@@ -61,12 +61,8 @@ TEST(ReadLineTest, EverySplitPointGivesTheSameLines) {
 }
 
 TEST(ReadLineTest, MaximumLineLength) {
-  struct Row {
-    const char* name;
-    int32_t max;  // 0: the default bound
-    std::vector<std::string> reads;
-    Result want;
-  };
+  // `max`: 0: the default bound
+  struct Row { const char* name; int32_t max; std::vector<std::string> reads; Result want; };
   const std::string ten(10, 'a'), mib(CMailSocket::kDefaultMaxLineLength, 'a');
   const Row rows[] = {
       {"exactly the maximum", 10, {ten + "\r\n"}, rc::kSockClosed},  // read, then the close
@@ -121,13 +117,8 @@ TEST(AbortTest, EndsTheWaitAtOnceAndIoFailsUntilClose) {
   slow.SetLookupDelay(std::chrono::seconds(30));
   const test::LoopbackPort silent(test::LoopbackPort::kSilent);
   ScriptServer server(Script().ServerLine("+OK").Silence());
-  struct Row {
-    const char* name;
-    Network* network;
-    const char* host;
-    uint16_t port;
-    int after_ms;  // the Abort from another thread; -1: before Connect
-  };
+  // `after_ms`: the Abort from another thread; -1: before Connect
+  struct Row { const char* name; Network* network; const char* host; uint16_t port; int after_ms; };
   const Row rows[] = {
       {"before Connect", &at_once, "mail.test", 110, -1},
       {"during the name lookup", &slow, "mail.test", 110, 100},
@@ -279,12 +270,7 @@ TEST(ConnectTest, NotificationsInOrderAndTheLocalAddress) {
 }
 
 TEST(ConnectTest, Failures) {
-  struct Row {
-    const char* name;
-    const char* host;
-    std::string local;
-    Result want;
-  };
+  struct Row { const char* name; const char* host; std::string local; Result want; };
   const test::LoopbackPort closed(test::LoopbackPort::kRefused);
   const Row rows[] = {
       {"refused", "127.0.0.1", "", rc::kSockRefused},

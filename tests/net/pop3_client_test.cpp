@@ -93,10 +93,6 @@ TEST(Pop3ClientTest, Transcripts) {
        Script(plain).ClientLine("LIST").ServerLine("+OK").ServerLine("1 120").ServerLine("two 5").ServerLine("3 9")
            .ServerLine(".").ClientLine("RSET").ServerLine("+OK"),
        [](C& c, R&) { return c.ListAll() == rc::kPop3Malformed ? c.Reset() : rc::kFail; }, rc::kOk, {"list 1 120"}},
-      {"dot rule: only a line of two dots loses one",
-       Script(plain).ClientLine("TOP 1 2").ServerLine("+OK").ServerLine("..").ServerLine("..x").ServerLine(".x")
-           .ServerLine("").ServerLine("."),
-       [](C& c, R&) { return c.Top(1, 2); }, rc::kOk, {".", "..x", ".x", ""}},
       {"a status line of megabytes ends at the line bound", Script(plain).ClientLine("STAT").Server(megabytes),
        [](C& c, R&) { return c.SetMaxLineLength(1 << 20), c.Stat(&count, &size); }, rc::kSockTooLong},
       {"a message that never ends: the close ends it", endless.Close(),

@@ -53,7 +53,7 @@ TEST(SaslTest, MechanismsThatAreNotAvailable) {
   SaslClient sasl;
   std::string line;
   EXPECT_EQ(sasl.FirstLine(&line), rc::kSaslUnavailable) << "nothing started";
-  for (uint32_t m : {kSaslDigestMd5, kSaslNtlm, kSaslMsn, 0u, 64u, kSaslPlain | kSaslLogin}) {
+  for (uint32_t m : {kSaslDigestMd5, 0u, kSaslPlain | kSaslLogin}) {
     EXPECT_EQ(sasl.Start(m, "u", "p"), rc::kSaslUnavailable) << m;
   }
   EXPECT_EQ(SaslClient::MechanismName(3, &line), rc::kSaslUnavailable);

