@@ -71,10 +71,6 @@ TEST(DateWriterTest, LocalZoneComesFromTz) {
     EXPECT_EQ(std::tie(summer.known, summer.bias_minutes, summer.daylight), std::make_tuple(true, -120, true));
     EXPECT_EQ(WriteDate(Utc(2005, 7, 4, 8, 5, 7)), "Mon, 4 Jul 2005 10:05:07 +0200");
   }
-  {
-    ScopedTz tz("UTC0");
-    EXPECT_EQ(WriteDate(Utc(2005, 1, 4, 8, 5, 7)), "Tue, 4 Jan 2005 08:05:07 -0000");
-  }
   double back = 0;
   ASSERT_TRUE(ReadDate(WriteDate(), &back));
   EXPECT_NEAR(back, CurrentDate(), 2.0 / 86400) << "the current time, read back, is now";

@@ -97,8 +97,6 @@ TEST(Pop3ClientTest, Transcripts) {
        [](C& c, R&) { return c.SetMaxLineLength(1 << 20), c.Stat(&count, &size); }, rc::kSockTooLong},
       {"a message that never ends: the close ends it", endless.Close(),
        [](C& c, R&) { return c.Retrieve(1); }, rc::kSockClosed, std::vector<std::string>(1000, "line")},
-      {"silent mid-listing", Script(plain).ClientLine("UIDL").ServerLine("+OK").ServerLine("1 a b").Silence(),
-       [](C& c, R&) { return c.UidlAll(); }, rc::kSockTimedOut, {"uidl 1 a"}},
       {"QUIT closes whatever the answer", Script(plain).ClientLine("QUIT").ServerLine("-ERR not all deleted"),
        [](C& c, R&) { return c.Quit(); }, rc::kPop3Refused},
   };
