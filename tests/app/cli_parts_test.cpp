@@ -47,6 +47,7 @@ TEST(ArgsTest, Table) {
       {"positional only", {"a", "b"}, "a b"},
       {"flags anywhere", {"a", "--purge", "b"}, "a b --purge="},
       {"value as next argument", {"--eml", "dir", "x"}, "x --eml=dir"},
+      {"value after =", {"--eml=dir"}, " --eml=dir"},
       {"value may start with a dash", {"--eml", "-d"}, " --eml=-d"},
       {"dash alone is standard input", {"-", "--raw"}, "- --raw="},
       {"double dash ends options", {"--", "--purge", "-x"}, "--purge -x"},

@@ -248,10 +248,10 @@ TEST(ComposeTest, TransportTextAndFacts) {
   EXPECT_EQ(facts.flags(), x.flags);
   EXPECT_EQ(SenderAddress(x.back.header()), u"assistant@example.org");
   EXPECT_TRUE(ReadHeaderFacts(x.back.header()).has_attachments) << "multipart/mixed is taken as a sign";
-  CXmMimeMessage plain;
+  CXmMimeMessage plain;  // no Sender: the From address; text/html alone is no attachment
   ASSERT_TRUE(plain.ParseText("From: x@y\r\nContent-Type: text/html\r\n\r\n<p>").ok());
-  EXPECT_FALSE(ReadMessageFacts(plain).has_attachments);
   EXPECT_EQ(SenderAddress(plain.header()), u"x@y");
+  EXPECT_FALSE(ReadMessageFacts(plain).has_attachments);
 }
 
 std::vector<std::string> FieldNames(const CXmHeader& h) {

@@ -139,7 +139,7 @@ TEST_F(StorageTreeTest, AnExistingFolderFileIsAttachedOnceAndFoundAgain) {
   EXPECT_TRUE(again.complete());
 }
 
-TEST_F(StorageTreeTest, FoldersAreFoundByPathKindAndWalk) {
+TEST_F(StorageTreeTest, FoldersAreFoundByPathAndKind) {
   Make(u"Inbox", u"Lists");
   Make(u"Inbox/Lists", u"Deep");
   Storage slash(host_);
