@@ -85,7 +85,6 @@ TEST(KeysTest, ParseAndFormat) {
   ASSERT_TRUE(ParseKeys({"2", "1", "02"}, &keys, &error));
   EXPECT_EQ(keys, (std::vector<uint32_t>{2, 1}));  // a repeated key counts once, order kept
   EXPECT_FALSE(ParseKeys({"1", "zz"}, &keys, &error));
-  EXPECT_NE(error.find("\"zz\""), std::string::npos);
 }
 
 // The listing comes from the index records alone, in pieces, as valid JSON.

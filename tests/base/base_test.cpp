@@ -8,7 +8,6 @@
 #include "base/guid.h"
 #include "base/result.h"
 #include "base/utf8.h"
-#include "base/wide_string.h"
 
 namespace trv {
 namespace {
@@ -121,14 +120,6 @@ TEST(Utf8Test, RoundTripAndEachMaximalSubpartBecomesOneReplacement) {
   std::string out;
   EXPECT_FALSE(EncodeUtf8(u"a\xD800" u"b\xDC00", &out)) << "unpaired surrogates";
   EXPECT_EQ(out, "a\xEF\xBF\xBD" "b\xEF\xBF\xBD");
-}
-
-TEST(WideStringTest, CaseFoldingIsAsciiOnly) {
-  EXPECT_TRUE(EqualsNoCase(u"Inbox", u"INBOX"));
-  EXPECT_FALSE(EqualsNoCase(u"\u00c9", u"\u00e9"));
-  EXPECT_TRUE(StartsWithNoCase("Service.{abc", "service.{"));
-  EXPECT_FALSE(StartsWithNoCase("Serv", "Service.{"));
-  EXPECT_EQ(TrimView(" \t x y \r\n"), "x y");
 }
 
 }  // namespace

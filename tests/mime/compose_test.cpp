@@ -1,6 +1,6 @@
 // Composition: the structure chosen for bodies, inline items and
 // attachments, written and parsed back; field copies on rebuild; character
-// sets; the new-message stamp; priority, unsent marks and list facts.
+// sets; the new-message stamp; unsent marks and list facts.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -315,24 +315,6 @@ TEST(StampTest, MessageIdFormatAndTheNewMessageStamp) {
   EXPECT_EQ(h.FindAll(field::kMessageId).size(), 1u);
   EXPECT_EQ(h.GetMessageId(), u"<202401020304050006@00440033>");
   EXPECT_EQ(h.GetDate(), W(WriteDate(stamp.Now())));
-}
-
-TEST(PriorityTest, SettingThePriority) {
-  struct Row { const char* name; uint16_t flags; int set; bool changed; uint16_t flags_after; const char16_t* x; };
-  const Row rows[] = {
-      {"normal to low", kFlagUnsent, 0, true, kFlagUnsent | kFlagPriorityLow, u"5 (lowest)"},
-      {"high to normal keeps the field", kFlagPriorityHigh, 1, true, 0, u"1 (highest)"},
-      {"same priority does nothing", kFlagPriorityLow, 0, false, kFlagPriorityLow, u"1 (highest)"},
-  };
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.name);
-    CXmHeader h;
-    h.SetValue(kFieldXPriority, u"1 (highest)");  // as left by an earlier change
-    uint16_t flags = row.flags;
-    EXPECT_EQ(SetPriority(&h, &flags, row.set), row.changed);
-    EXPECT_EQ(flags, row.flags_after);
-    EXPECT_EQ(h.GetValue(kFieldXPriority), row.x);
-  }
 }
 
 }  // namespace

@@ -289,6 +289,35 @@ TEST(ConnectTest, Failures) {
   }
 }
 
+TEST(ConnectTest, FallsBackToIpv6WhenTheNameHasNoIpv4Address) {
+  const int listener = ::socket(AF_INET6, SOCK_STREAM, 0);
+  sockaddr_in6 a{};
+  a.sin6_family = AF_INET6;
+  a.sin6_addr = in6addr_loopback;
+  socklen_t len = sizeof a;
+  if (::bind(listener, reinterpret_cast<sockaddr*>(&a), len) != 0) {
+    ::close(listener);
+    GTEST_SKIP() << "no IPv6 loopback on this machine";
+  }
+  ::listen(listener, 1);
+  ::getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len);
+  std::thread server([listener] {
+    const int c = ::accept(listener, nullptr, nullptr);
+    ::send(c, "+OK six\r\n", 9, 0);
+    ::close(c);
+  });
+  CMailSocket s;
+  s.SetTimeout(2);
+  EXPECT_EQ(s.Connect("::1", ntohs(a.sin6_port)), rc::kOk);
+  EXPECT_EQ(Line(s), "+OK six");
+  std::string local;
+  EXPECT_EQ(s.GetLocalAddress(&local), rc::kOk);
+  EXPECT_EQ(local, "::1");
+  s.Close().Ignore();
+  server.join();
+  ::close(listener);
+}
+
 // A client's view of the line hook: the levels, the mask and the masking.
 class LineClient : public CMailSocket {
  public:

@@ -60,15 +60,5 @@ TEST(SaslTest, MechanismsThatAreNotAvailable) {
   EXPECT_EQ(line, "");
 }
 
-TEST(SaslTest, ParseMechanismList) {
-  const std::pair<const char*, uint32_t> rows[] = {
-      {"PLAIN LOGIN DIGEST-MD5 NTLM", kSaslPlain | kSaslLogin},
-      {"  cram-MD5  ", kSaslCramMd5},
-      {"GSSAPI XOAUTH2 CRAM-MD5 plain", kSaslCramMd5 | kSaslPlain},
-      {"PLAINLOGIN", 0},
-  };
-  for (const auto& [text, bits] : rows) EXPECT_EQ(SaslClient::ParseMechanismList(text), bits) << text;
-}
-
 }  // namespace
 }  // namespace trv
