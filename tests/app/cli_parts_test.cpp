@@ -125,8 +125,6 @@ bool Near(double a, double b) { return std::fabs(a - b) < 1.0 / 86400.0; }
 TEST(RecordFromMessageTest, ListingFields) {
   struct Row { const char* name; std::string head; std::u16string subject, from, to, cc, message_id; };
   const Row rows[] = {
-      {"encoded words", "Subject: =?UTF-8?B?R3LDvMOfZQ==?= =?ISO-8859-1?Q?caf=E9?=\r\n\r\n", u"Grüßecafé", u"", u"",
-       u"", u""},
       {"raw UTF-8 and Latin-1 in the header", "Subject: Gr\xC3\xBC\xC3\x9F" "e \xE9t\xE9\r\n\r\n", u"Grüße été", u"",
        u"", u"", u""},
       {"names and several fields", "From: \"Doe, Jane\" <jane@x.org>\r\nTo: a@x, =?UTF-8?Q?J=C3=B6rg?= <j@x>\r\n"
