@@ -69,7 +69,7 @@ TEST(Pop3ClientTest, Transcripts) {
          return result;
        },
        rc::kPop3Login},
-      {"secure login: CRAM-MD5 first, then APOP (RFC 1939's example digest)",
+      {"secure login: CRAM-MD5 first, then APOP (RFC 1939's example digest), never USER/PASS",
        Greeted("+OK POP3 server ready <1896.697170952@dbc.mtview.ca.us>", {"SASL CRAM-MD5 PLAIN", "USER"})
            .ClientLine("AUTH").ServerLine("+OK").ServerLine(".")
            .ClientLine("AUTH CRAM-MD5").ServerLine("-ERR not today")
