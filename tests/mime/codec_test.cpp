@@ -1,8 +1,8 @@
 // Transfer encodings and character sets: the line reader at every buffer
-// size, the byte rules, the base64 and quoted-printable filters fed in two
-// pieces cut at every point, damaged input, the automatic choice of an
-// encoding; the converter between character sets and UTF-16, in whole
-// buffers and in streams cut at every buffer size.
+// size, the base64 and quoted-printable filters fed in two pieces cut at
+// every point, damaged input; the converter between character sets and
+// UTF-16, in whole buffers and in streams cut at every buffer size. (The
+// choice of an encoding is the composition tests'.)
 #include <gtest/gtest.h>
 
 #include <random>
@@ -14,8 +14,6 @@
 #include "mime/codec_streams.h"
 #include "mime/line_reader.h"
 #include "mime/mime_result.h"
-#include "mime/quoted_printable.h"
-#include "mime/transfer_encoding.h"
 
 namespace trv {
 namespace {
@@ -68,32 +66,6 @@ TEST(LineReaderTest, SameLinesForEveryBufferSizeAndLongLinesInPieces) {
   char buf[3];
   for (size_t got = 1; got > 0; rest.append(buf, got)) ASSERT_TRUE(reader.Read(buf, sizeof buf, &got).ok());
   EXPECT_EQ(line + rest, "head\r\nbody bytes");
-}
-
-// Header words are encoded under a budget that starts at 3: the byte that
-// crosses it is written whole and the next call goes on from the index.
-TEST(ByteRuleTest, QuotedPrintableAndHeaderWords) {
-  struct Row { const char* name; int budget; std::string in, out; size_t index; };  // budget 0: the body rule
-  const Row rows[] = {
-      {"equals sign", 0, "a=b", "a=3Db", 3},  {"tab", 0, "\t", "=09", 1},    {"line end is bytes", 0, "a\r\nb", "a=0D=0Ab", 4},
-      {"word: _", 1000, "_", "=5F", 1},      {"word: space", 1000, " ", "=20", 1}, {"budget crossed", 5, "abcdef", "abc", 3},
-      {"escape crossing the budget", 5, "a?b", "a=3F", 2},
-  };
-  for (const Row& r : rows) {
-    std::string out;
-    size_t index = 0;
-    r.budget ? EncodeHeaderWord(r.in, &index, r.budget, &out) : QpEncodeBytes(r.in, &out);
-    EXPECT_EQ(out, r.out) << r.name;
-    EXPECT_EQ(r.budget ? index : r.in.size(), r.index) << r.name;
-  }
-  std::string out = "abc";
-  size_t index = 3;
-  EncodeHeaderWord("abcdef", &index, 5, &out);
-  EXPECT_EQ(out, "abcdef");
-  CXmMemoryStream s;
-  EXPECT_TRUE(QpEncodeRun("abc", -5, s).ok());
-  EXPECT_TRUE(QpEncodeRun("a=", 2, s).ok());
-  EXPECT_EQ(s.data(), "a=3D") << "a length of zero or less writes nothing";
 }
 
 TEST(Base64Test, KnownValuesLineBreaksAndFinish) {
@@ -198,33 +170,6 @@ TEST(LineEndFilterTest, MakesEveryLineEndCrLfAtEveryCut) {
       {"a\nb\n", "a\r\nb\r\n"}, {"a\r\nb", "a\r\nb"}, {"a\rb\r", "a\r\nb\r\n"}, {"\n\n\r\n\r\r", "\r\n\r\n\r\n\r\n\r\n"}};
   for (const auto& [in, out] : rows) {
     for (size_t cut = 0; cut <= in.size(); ++cut) EXPECT_EQ(RunFilter<CXmLineEndFilter>(in, cut), out) << cut;
-  }
-}
-
-// A named encoding is used as it is; an empty or unknown name chooses: 7bit
-// for ASCII, else the shorter of quoted-printable and base64 (a tie goes to
-// base64), looking at `limit` bytes. A null `out` is not compared.
-TEST(TransferEncodingTest, WriteEncodedBodyUsesTheNamedOrChosenEncoding) {
-  struct Row { const char* name; const char* encoding; std::string body; int64_t limit; TransferEncoding used;
-               const char* out; };
-  const std::string mostly_ascii = std::string(300, 'a') + "\xE9";
-  const Row rows[] = {
-      {"named base64", " BASE64 ", "ab", 0, kEncodingBase64, "YWI="},
-      {"ascii text is 7bit", "", "hello\r\nworld\r\n", 0, kEncoding7bit, "hello\r\nworld\r\n"},
-      {"no name chooses qp", "", std::string(30, 'a') + "\xE9", 0, kEncodingQuotedPrintable,
-       "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaa=E9"},
-      {"binary is base64", "", RandomBytes(600, 11), 0, kEncodingBase64, nullptr},
-      {"a tie goes to base64 (=E9a and 6WE=)", "", "\xE9" "a", 0, kEncodingBase64, "6WE="},
-      {"8-bit byte beyond the limit is not seen", "", mostly_ascii, 300, kEncoding7bit, nullptr},
-      {"8-bit byte within the limit", "", mostly_ascii, 301, kEncodingQuotedPrintable, nullptr},
-  };
-  for (const Row& r : rows) {
-    CXmMemoryStream body(r.body), out;
-    ASSERT_TRUE(body.Seek(0, SeekOrigin::kEnd).ok());  // the writer reads from the start
-    TransferEncoding used = kEncodingBinary;
-    ASSERT_TRUE(WriteEncodedBody(body, r.encoding, r.limit, out, &used).ok()) << r.name;
-    EXPECT_EQ(used, r.used) << r.name;
-    EXPECT_TRUE(!r.out || out.data() == r.out) << r.name << ": " << out.data();
   }
 }
 

@@ -58,22 +58,6 @@ TEST(ClassifyInputTest, Table) {
   for (const Row& row : rows) EXPECT_EQ(ClassifyInput(row.head), row.kind) << row.name;
 }
 
-TEST(StoredFormTest, Table) {
-  struct Row { const char* name; std::string in; std::string stored; };
-  const Row rows[] = {
-      {"bare LF", "Subject: a\n\nb\n", "Subject: a\r\n\r\nb\r\n"},
-      {"bare CR", "Subject: a\r\rb\r\n", "Subject: a\r\n\r\nb\r\n"},
-      {"empty header kept", "\nbody\n", "\r\nbody\r\n"},
-      {"no header gets an empty one", "Just text\nFrom: me\n", "\r\nJust text\r\nFrom: me\r\n"},
-  };
-  for (const Row& row : rows) EXPECT_EQ(ToStoredForm(row.in), row.stored) << row.name;
-  EXPECT_EQ(HeaderStateOf("\r\nbody"), HeaderState::kEmptyHeader);  // with and without a header: FieldLineTest
-  const std::string text = "Subject: a\r\nstatus \t:  RO \r\n\r\nStatus: body\r\n";
-  EXPECT_EQ(RawHeaderValue(text, "Status"), "RO");
-  EXPECT_EQ(RawHeaderValue(text, "X-Missing"), "");
-  EXPECT_EQ(RawHeaderValue("\r\nStatus: R\r\n", "Status"), "");  // the body is not the header
-}
-
 // A message as read: its text, the line of its envelope, a broken envelope.
 using Split = std::tuple<std::string, uint64_t, bool>;
 

@@ -8,7 +8,6 @@
 #include <optional>
 
 #include "store/container_stream.h"
-#include "store/name_pattern.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv {
@@ -162,17 +161,6 @@ TEST_F(ContainerTest, RootListingFollowsPatternOrderAndLimit) {
   for (WString name; search->Next(&name); ++seen) ASSERT_EQ(c_.DeleteStream(name), rc::kOk);
   EXPECT_EQ(seen, 601);
   EXPECT_EQ(list(u"1*"), V{});
-}
-
-TEST(NamePatternTest, MatchesWildcardsEscapesAndCase) {
-  struct Row { const char16_t* pattern; const char16_t* name; bool match; } rows[] = {
-      {u"\\0*", u"0000002A", true}, {u"\\0*", u"1000002A", false}, {u"\\0*", u"", false},  {u"*", u"", true},
-      {u"a*b", u"axxbyb", true},    {u"a*b", u"axxbx", false},     {u"??", u"abc", false}, {u"\\*", u"x", false},
-      {u"\\?x", u"?x", true},       {u"x\\", u"x\\", true},        {u"Index", u"index", false}, {u"*\\0", u"10", true},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(MatchNamePattern(row.pattern, row.name), row.match) << WideToUtf8(row.pattern) << " " << WideToUtf8(row.name);
-  }
 }
 
 TEST_F(ContainerTest, StreamNamesAndErrors) {

@@ -79,17 +79,6 @@ TEST(MessageRecordTest, EncodedRecordsParseBack) {
   EXPECT_EQ(item.message.to, WString(kMaxRecordStringUnits - 1, u'x'));
 }
 
-TEST(MessageRecordTest, StreamNamesAreEightUpperCaseHexDigits) {
-  EXPECT_EQ(MessageStreamName(26), u"0000001A");
-  struct Row { const char16_t* name; uint32_t key; } rows[] = {  // key 0: not a key
-      {u"0000002A", 42}, {u"FFFFFFFF", 0xFFFFFFFF}, {u"00000000", 0}, {u"0000002a", 0}, {u"0000002", 0}, {u"000000002", 0}};
-  for (const Row& row : rows) {
-    uint32_t key = 0;
-    EXPECT_EQ(KeyFromStreamName(row.name, &key), row.key != 0) << WideToUtf8(row.name);
-    EXPECT_EQ(key, row.key) << WideToUtf8(row.name);
-  }
-}
-
 // Writes a record by hand: fixed part fields and raw string counts.
 std::string RawRecord(uint32_t length, uint32_t flags, uint32_t key, std::vector<int32_t> counts) {
   std::string out(kRecordFixedSize, '\0');
