@@ -193,28 +193,6 @@ TEST(SettingsTreeTest, ListCreateAndDeleteSections) {
   EXPECT_EQ(s.ReadInteger("Service.{a}\\Sub", "K", -1), -1);
 }
 
-// Writes replace in place; the change count moves on changes only, so that an
-// owner can skip saving an unchanged tree.
-TEST(SettingsTreeTest, WritesDeletesAndTheChangeCount) {
-  Settings s;
-  const uint64_t c0 = s.change_count();
-  (void)s.ReadString("S", "A"), (void)s.ListSections(""), (void)s.SaveToBytes();
-  EXPECT_EQ(s.change_count(), c0);
-  ASSERT_TRUE(s.WriteString("S", "A", "1x").ok());
-  ASSERT_TRUE(s.WriteString("S", "B", "2x").ok());
-  ASSERT_TRUE(s.WriteInteger("S", "A", 5).ok());
-  EXPECT_EQ(s.ListValues("S"), (Names{"A", "B"}));
-  const uint64_t c1 = s.change_count();
-  EXPECT_GT(c1, c0);
-  EXPECT_EQ(s.DeleteValue("S", "Missing"), Settings::kNotFound);
-  EXPECT_EQ(s.DeleteValue("Missing", "A"), Settings::kNotFound);
-  EXPECT_EQ(s.change_count(), c1);
-  EXPECT_TRUE(s.DeleteValue("S", "A").ok());
-  EXPECT_GT(s.change_count(), c1);
-  s.Clear();
-  EXPECT_EQ(s.SaveToBytes(), kHeader);
-}
-
 TEST(SettingsTreeTest, InvalidWritesAreRefused) {
   Settings s;
   for (const char* name : {"", "#1", "a=b", "a[0]", "x]", "line\nbreak", "cr\r"}) {

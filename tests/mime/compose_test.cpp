@@ -1,6 +1,6 @@
 // Composition: the structure chosen for bodies, inline items and
 // attachments, written and parsed back; field copies on rebuild; character
-// sets; the new-message stamp; unsent marks and list facts.
+// sets; unsent marks and list facts.
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -302,19 +302,6 @@ TEST(RebuildTest, UnreadableAttachmentLeavesTheOldMessage) {
   EXPECT_EQ(report.failed_file, dir / "missing.pdf");
   EXPECT_EQ(m.GetSubject(), u"keep");
   EXPECT_EQ(Texts(m), "old");
-}
-
-TEST(StampTest, MessageIdFormatAndTheNewMessageStamp) {
-  FixedStamp stamp;
-  stamp.randoms = {11, 22, 33, 44};
-  EXPECT_EQ(MakeMessageId(stamp), u"<202401020304050006@00220011>");
-  CXmHeader h;
-  h.SetMessageId(u"<old@x>");
-  h.Append(CXmHeaderField(u"Message-ID", u"<older@x>"));
-  StampNewMessage(&h, stamp);
-  EXPECT_EQ(h.FindAll(field::kMessageId).size(), 1u);
-  EXPECT_EQ(h.GetMessageId(), u"<202401020304050006@00440033>");
-  EXPECT_EQ(h.GetDate(), W(WriteDate(stamp.Now())));
 }
 
 }  // namespace

@@ -98,20 +98,6 @@ TEST(WaitTest, KeepWaitingDecidesAfterEachPeriod) {
   }
 }
 
-TEST(WaitTest, TimeOutOnASilentServer) {
-  ScriptServer server(Script().ServerLine("+OK hello").Silence());
-  CMailSocket s;
-  s.SetTimeout(1);
-  ASSERT_EQ(s.Connect("127.0.0.1", server.port()), rc::kOk);
-  ASSERT_EQ(Line(s), "+OK hello");
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Line(s), Error(rc::kSockTimedOut));
-  const double waited = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_GE(waited, 0.9);  // one period of the time-out...
-  EXPECT_LT(waited, 3.0);  // ...and not more
-  EXPECT_TRUE(s.connected()) << "a time-out leaves the connection to the caller";
-}
-
 TEST(AbortTest, EndsTheWaitAtOnceAndIoFailsUntilClose) {
   ScriptedNetwork at_once(Script().ServerLine("+OK")), slow(Script().ServerLine("+OK"));
   slow.SetLookupDelay(std::chrono::seconds(30));
