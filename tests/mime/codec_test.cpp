@@ -149,11 +149,9 @@ TEST(DecoderTest, DamagedInputAtEveryCut) {
       {"base64: 8-bit bytes", false, "YW\xFF\xFEJj", "abc", false},
       {"qp: lone = at the end", true, "abc=", "abc=", false},
       {"qp: = before a non-hex", true, "a=XYb", "a=XYb", false},
-      {"qp: lower-case hex", true, "=e9=3d", "\xE9=", true},
       {"qp: soft break with blanks after =", true, "ab= \t\r\ncd", "abcd", true},
       {"qp: = then blank then text", true, "a= b", "a= b", false},
       {"qp: trailing blanks dropped", true, "ab  \r\ncd \t\r\n", "ab\r\ncd\r\n", true},
-      {"qp: = CR without LF", true, "a=\rb", "ab", true},
   };
   for (const Row& r : rows) {
     for (size_t cut = 0; cut <= r.in.size(); ++cut) {
@@ -178,7 +176,6 @@ TEST(LineEndFilterTest, MakesEveryLineEndCrLfAtEveryCut) {
 TEST(ConverterTest, BothDirections) {
   struct Row { const char* name; const char* charset; bool to_bytes; std::string bytes; WString text; bool ok; };
   const Row rows[] = {
-      {"latin-1", "iso-8859-1", false, "Gr\xFC\xDF" "e", u"Gr\u00fc\u00dfe", true},
       {"utf-8 with a pair", "utf-8", false, "a\xE2\x82\xAC\xF0\x9F\x98\x80", u"a\u20ac\U0001F600", true},
       {"iso-2022-jp", "iso-2022-jp", false, "\x1b$BF|K\\\x1b(B", u"\u65e5\u672c", true},
       {"utf-16 little-endian", "utf-16", false, std::string("a\0\xAC\x20", 4), u"a\u20ac", true},
@@ -187,7 +184,6 @@ TEST(ConverterTest, BothDirections) {
       {"us-ascii reads stray bytes as latin-1", "us-ascii", false, "caf\xE9", u"caf\u00e9", true},
       {"unknown charset falls back and fails", "x-unknown", false, "caf\xC3\xA9 \xE9", u"caf\u00e9 \u00e9", false},
       {"malformed imap utf-7", "imap4-utf-7", false, "a&Jjo!", u"a\u263a\uFFFD!", false},
-      {"to latin-1", "iso-8859-1", true, "Gr\xFC\xDF" "e", u"Gr\u00fc\u00dfe", true},
       {"unmappable becomes ?", "iso-8859-1", true, "a?b", u"a\u20acb", false},
       {"to imap utf-7", "imap4-utf-7", true, "Entw&APw-rfe &- &Jjo-", u"Entw\u00fcrfe & \u263a", true},
       {"unknown charset writes utf-8 and fails", "x-unknown", true, "\xC3\xA9", u"\u00e9", false},
