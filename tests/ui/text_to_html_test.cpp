@@ -5,14 +5,9 @@
 namespace trv {
 namespace {
 
-struct Row { const char* name; WString in; WString out; };
-
-void CheckRows(const std::vector<Row>& rows, bool no_links) {
-  for (const Row& r : rows) EXPECT_EQ(WideToUtf8(TextToHtml(r.in, no_links)), WideToUtf8(r.out)) << r.name;
-}
-
 TEST(TextToHtmlTest, EscapesLineEndsWebLinksAndAddresses) {
-  CheckRows({
+  struct Row { const char* name; WString in; WString out; };
+  const Row rows[] = {
       {"reserved characters; a backslash becomes &quot;", u"a<b & c>d \"q\" C:\\x", u"a&lt;b &amp; c&gt;d \"q\" C:&quot;x"},
       {"CR LF is a break, CR alone is dropped, LF alone kept", u"1\r\n2\r3\n4", u"1<br>23\n4"},
       // Web links.
@@ -32,15 +27,8 @@ TEST(TextToHtmlTest, EscapesLineEndsWebLinksAndAddresses) {
       {"local part stops at a double quote", u"\"Me\"me@h", u"\"Me\"<a href=\"mailto:me@h\">me@h</a>"},
       {"local part after a link", u"http://a b@c", u"<a href=\"http://a\">http://a</a> <a href=\"mailto:b@c\">b@c</a>"},
       {"mailto not at a word start", u"xmailto:a@b", u"<a href=\"mailto:xmailto:a@b\">xmailto:a@b</a>"},
-  }, false);
-}
-
-TEST(TextToHtmlTest, NoLinksOnlyEscapes) {
-  CheckRows({
-      {"web link", u"http://a", u"http://a"},
-      {"address", u"me@host, mailto:x", u"me@host, mailto:x"},
-      {"escapes still done", u"<\\>\r\n", u"&lt;&quot;&gt;<br>"},
-  }, true);
+  };
+  for (const Row& r : rows) EXPECT_EQ(WideToUtf8(TextToHtml(r.in)), WideToUtf8(r.out)) << r.name;
 }
 
 // Texts and pictures in one document (text items and separators are
