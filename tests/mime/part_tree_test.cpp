@@ -26,10 +26,6 @@ TEST(PartTreeTest, StructureTextsAndStatus) {
       {"empty message", "", "T:text/plain", "", rc::kOk, 0},
       {"mbox separator before the header", Crlf("From someone@x Mon Jan  1 00:00:00 2024\nSubject: s\n\nbody"),
        "T:text/plain", "body", rc::kOk, 0},
-      {"mixed with preamble and epilogue",
-       Crlf("Content-Type: multipart/mixed; boundary=b\n\npreamble\n--b\nContent-Type: text/plain\n\none\n"
-            "--b\nContent-Type: application/octet-stream\n\ntwo\n--b--\nepilogue\n"),
-       "C:multipart/mixed{T:text/plain,P:application/octet-stream}", "one|two", rc::kOk, 0},
       {"nested alternative with its own preamble and epilogue",
        Crlf("Content-Type: multipart/mixed; boundary=\"outer\"\n\n--outer\n"
             "Content-Type: multipart/alternative; boundary=inner\n\ninner preamble\n--inner\n\nplain\n"
