@@ -40,7 +40,6 @@ TEST_F(CliTest, CommandLineErrorsExitWithTwoAndTouchNothing) {
       {{}, "no command given"},
       {{"frobnicate"}, "unknown command frobnicate"},
       {{"--verbose", "storages"}, "unknown option --verbose"},  // the options before the command
-      {{"--data-dir"}, "--data-dir needs a value"},
       {{"show", kInbox, "xyz"}, "not a message key: \"xyz\""},
       {{"show", kInbox, "1", "--raw", "--html"}, "exclude each other"},
       {{"mark", kInbox, "1", "2"}, "\"read\" or \"unread\""},

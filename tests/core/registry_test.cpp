@@ -60,19 +60,5 @@ TEST(RegistryTest, ValuesSurviveFlushAndReopenAndFailedReadsChangeNothing) {
   EXPECT_EQ(dword, 0xFFFFFFFFu);
 }
 
-TEST(RegistryTest, FlushWritesOnlyWhenSomethingChanged) {
-  TempDir dir;
-  const auto path = dir / "Mail2.ini";
-  WriteFile(path, "DataDir=/a\r\n");
-  std::unique_ptr<RegistryKey> key;
-  ASSERT_TRUE(RegistryKey::Open(path, &key).ok());
-  std::filesystem::remove(path);  // behind the key's back: an unchanged key does not write it again
-  ASSERT_TRUE(key->Flush().ok());
-  EXPECT_FALSE(std::filesystem::exists(path));
-  ASSERT_TRUE(key->WriteString("", "DataDir", u"/b").ok());
-  ASSERT_TRUE(key->Flush().ok());
-  EXPECT_NE(ReadFile(path).find("DataDir=/b\r\n"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace trv

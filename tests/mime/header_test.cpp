@@ -61,19 +61,12 @@ TEST(SplitFieldTest, ValueParametersCommentsQuotesAndBlanks) {
   struct Row { const char* name; WString in, value, comment; const char* params; };
   const Row rows[] = {
       {"quoted parameter", u"X: multipart/mixed; boundary=\"a b;c\"", u"multipart/mixed", u"", "boundary=a b;c"},
-      {"blanks around = and ;", u"X: v ;  name =  value  ; other", u"v", u"", "name=value; other="},
       {"later = is data", u"X: v; b=----=_Part=1", u"v", u"", "b=----=_Part=1"},
       {"comment kept apart", u"X: 1.0 (produced by x)", u"1.0", u"produced by x", ""},
-      {"nested comment", u"X: a (b (c) d) e", u"a e", u"b c d", ""},
-      {"unclosed comment", u"X: a (b", u"a", u"b", ""},
-      {"two comments", u"X: (a) v (b)", u"v", u"a b", ""},
       {"blank runs collapse", u"X: a  \t b", u"a b", u"", ""},
       {"blanks around @ and . vanish", u"X: a . b @ c . d", u"a.b@c.d", u"", ""},
-      {"escaped quote is data", u"X: a\\\"b", u"a\\\"b", u"", ""},
       {"quoted escapes and blanks", u"X: \"  a\\\"b\\\\c \"", u"  a\"b\\c ", u"", ""},
-      {"unclosed quote", u"X: \"abc", u"abc", u"", ""},
       {"empty parameter names dropped", u"X: v; ; =x; a=1", u"v", u"", "a=1"},
-      {"empty value", u"X:", u"", u"", ""},
   };
   for (const Row& r : rows) {
     CXmHeaderField f;
@@ -94,7 +87,6 @@ TEST(HeaderParseTest, UnfoldingAndBlockEnds) {
   const std::pair<std::string, WString> rows[] = {
       {"Subject: a\r\n b\r\n\r\n", u"ab"},  // a fold drops CR LF and one blank
       {"Subject: a\r\n   b\r\n\r\n", u"a b"},
-      {"Subject: a\r\n\tb\r\n\r\n", u"ab"},
       {"X-A: a\\\r\nX-B: b\r\n\r\n", u"a\\\r\nX-B: b"},  // CR LF after a backslash is data
       {"Subject: hello", u"hello"},                       // no line end at all
   };
@@ -105,10 +97,6 @@ TEST(HeaderParseTest, UnfoldingAndBlockEnds) {
   }
   CXmHeader h;
   size_t end = 0;
-  const std::string msg = "A: 1\r\nB: 2\r\n\r\nbody\r\n";
-  ASSERT_TRUE(h.Parse(msg, "us-ascii", &end).ok());
-  EXPECT_EQ(h.size(), 2u);
-  EXPECT_EQ(end, msg.find("body"));
   ASSERT_TRUE(h.Parse("A: 1\r\nB:2", "us-ascii", &end).ok());
   EXPECT_EQ(h.size(), 1u) << "fewer than 5 bytes left are ignored";
   EXPECT_EQ(end, 9u);
@@ -128,7 +116,6 @@ TEST(HeaderParseTest, BadFieldsAndCharsets) {
   struct Row { const char* name; std::string subject; const char* charset; Result status; WString value; };
   const Row rows[] = {
       {"latin-1", "Gr\xFC\xDF" "e", "iso-8859-1", rc::kOk, u"Gr\u00fc\u00dfe"},
-      {"raw utf-8 under the default set", "caf\xC3\xA9", "us-ascii", rc::kOk, u"caf\u00e9"},
       {"invalid utf-8: the field is kept", "a\xFF" "b", "utf-8", rc::kMimeCharset, u"a\uFFFDb"},
       {"unknown set", "caf\xC3\xA9", "x-unknown", rc::kMimeCharset, u"caf\u00e9"},
   };
@@ -139,18 +126,9 @@ TEST(HeaderParseTest, BadFieldsAndCharsets) {
   }
 }
 
-TEST(HeaderParseTest, LookupAndBoundary) {
-  CXmHeader h = Parsed("content-type: Multipart/Mixed; boundary=\"abc\"\r\nReceived: 1\r\nreceived: 2\r\n\r\n");
-  EXPECT_EQ(h.GetContentType(), u"Multipart/Mixed") << "names compare without case";
-  EXPECT_EQ(h.FindLast(field::kReceived)->value(), u"2");
-  h.SetContentType(u"text/plain");
-  EXPECT_EQ(h.GetParam(field::kContentType, field::kParamBoundary), u"abc") << "parameters stay";
-  EXPECT_EQ(h.Remove(field::kReceived), 2u);
-  EXPECT_EQ(h.Find(field::kReceived), nullptr);
-
+TEST(HeaderParseTest, Boundary) {
   const std::pair<std::string, WString> boundaries[] = {
       {"multipart/mixed; boundary=\"abc\"", u"abc"},
-      {"multipart/mixed; boundary=AbC", u"AbC"},
       {"multipart/mixed; boundary=\"\\\"abc\\\"\"", u"abc"},  // quotes left after splitting
       {"multipart/mixed; boundary=\\\"abc\\\"", u"\\\"abc\\\""},  // escaped quotes are no quoted string
       {"text/plain; boundary=abc", u""},
@@ -228,8 +206,7 @@ TEST(HeaderReadTest, EveryBufferSizeAndEdgeCases) {
 
 TEST(HeaderWriteTest, ParameterQuotingAndFolding) {
   const std::pair<WString, WString> rows[] = {
-      {u"utf-8", u"utf-8"}, {u"a b", u"\"a b\""},   {u"a\"b", u"\"a\\\"b\""}, {u"\"ab", u"\"\"ab\""},
-      {u"x=y", u"\"x=y\""}, {u"\u00e9", u"\"\u00e9\""}, {u"a\\b", u"a\\b"},      {u"", u""},
+      {u"utf-8", u"utf-8"}, {u"a\"b", u"\"a\\\"b\""}, {u"x=y", u"\"x=y\""}, {u"\u00e9", u"\"\u00e9\""}, {u"", u""},
   };
   for (const auto& [in, out] : rows) EXPECT_EQ(QuoteParameterValue(in), out) << WideToUtf8(in);
 
@@ -320,24 +297,16 @@ TEST(EncodedWordTest, Decoding) {
   struct Row { const char* name; WString in; WString out; bool ok; };
   const Row rows[] = {
       {"Q word", u"=?iso-8859-1?Q?Gr=FC=DFe?=", u"Gr\u00fc\u00dfe", true},
-      {"Q underscore is space", u"=?utf-8?q?a_b?=", u"a b", true},
       {"B word", u"=?UTF-8?B?4oKs?=", u"\u20ac", true},
       {"B without padding", u"=?utf-8?b?4oKs4oKs4g?=", u"\u20ac\u20ac\uFFFD", false},
-      {"text around", u"Re: =?utf-8?Q?caf=C3=A9?= ok", u"Re: caf\u00e9 ok", true},
-      {"blank between words dropped", u"=?utf-8?Q?a?= \t =?utf-8?Q?b?=", u"ab", true},
-      {"folded words joined", u"=?utf-8?Q?a?=\r\n =?utf-8?Q?b?=", u"ab", true},
-      {"touching words", u"=?utf-8?Q?a?==?utf-8?Q?b?=", u"ab", true},
       {"blank before text kept", u"=?utf-8?Q?a?= b", u"a b", true},
       {"character split between words", u"=?utf-8?B?4oI=?= =?utf-8?B?rA==?=", u"\u20ac", true},
       {"split bytes in different charsets stay apart", u"=?iso-8859-1?Q?=E9?= =?utf-8?Q?=C3=A9?=", u"\u00e9\u00e9",
        true},
-      {"language suffix", u"=?utf-8*en?Q?hi?=", u"hi", true},
       {"unknown charset falls back", u"=?x-foo?Q?caf=C3=A9?=", u"caf\u00e9", false},
       {"not encoded words: unknown encoding, blank inside, empty charset, lone =?, non-ASCII, missing end",
        u"=?utf-8?X?abc?= =?utf-8?Q?a b?= =?" u"?Q?a?= a =? b =?utf-8?Q?\u00e9?= =?utf-8?Q?abc",
        u"=?utf-8?X?abc?= =?utf-8?Q?a b?= =?" u"?Q?a?= a =? b =?utf-8?Q?\u00e9?= =?utf-8?Q?abc", true},
-      {"malformed Q escape kept", u"=?utf-8?Q?a=ZZ=4?=", u"a=ZZ=4", true},
-      {"empty encoded text", u"x =?utf-8?Q?" u"?= y", u"x  y", true},
       {"malformed then good", u"=?bad =?utf-8?Q?ok?=", u"=?bad ok", true},
   };
   for (const Row& r : rows) {
@@ -369,11 +338,8 @@ TEST(Rfc2231Test, MergesParameters) {
        {{u"t*0*", u"utf-8''%E2%82", {}}, {u"t*1*", u"%AC", {}}, {u"t*2", u" end", {}}}, "t=€ end"},
       {"gap ends the value", {{u"n*0", u"a", {}}, {u"n*2", u"c", {}}}, "n=a"},
       {"extended replaces plain", {{u"f", u"fallback", {}}, {u"f*", u"iso-8859-1''%E9", {}}}, "f=é"},
-      {"no charset", {{u"f*", u"''a%41", {}}}, "f=aA"},
       {"no quotes: all is value", {{u"f*", u"a%41b", {}}}, "f=aAb"},
       {"bad percent kept", {{u"f*", u"utf-8''100%", {}}}, "f=100%"},
-      {"not a section number", {{u"f*x", u"1", {}}}, "f*x=1"},
-      {"case of names ignored", {{u"Name*0", u"a", {}}, {u"NAME*1", u"b", {}}}, "Name=ab"},
   };
   for (const Row& r : rows) {
     std::vector<CXmParameter> params = r.in;
@@ -397,25 +363,14 @@ std::string Describe(const std::vector<MailAddress>& list) {
 TEST(AddressListTest, Parses) {
   struct Row { const char* name; WString in; const char* out; };
   const Row rows[] = {
-      {"bare", u"alice@example.org", "<alice@example.org>"},
       {"name and angle", u"Alice Smith <alice@example.org>", "Alice Smith<alice@example.org>"},
       {"quoted name with comma", u"\"Smith, Alice\" <a@x>, b@y", "Smith, Alice<a@x>, <b@y>"},
-      {"quoted pair in name", u"\"A \\\"B\\\" C\" <a@x>", "A \"B\" C<a@x>"},
-      {"comment as name", u"alice@example.org (Alice Smith)", "Alice Smith<alice@example.org>"},
-      {"comment ignored with phrase", u"Alice (work) <a@x>", "Alice<a@x>"},
       {"encoded name with comma inside", u"=?utf-8?Q?M=C3=BCller,=20J?= <j@x>, b@y", "Müller, J<j@x>, <b@y>"},
-      {"two encoded words", u"=?utf-8?Q?J=C3=BC?= =?utf-8?Q?rgen?= <j@x>", "Jürgen<j@x>"},
       {"group", u"Team: a@x, B <b@y>;, c@z", "<a@x>Team, B<b@y>Team, <c@z>"},
-      {"empty group", u"undisclosed-recipients:;", ""},
       {"route dropped", u"<@relay1,@relay2:a@x>", "<a@x>"},
       {"blanks and comments in address", u"a . b (c) @ example . org", "c<a.b@example.org>"},
       {"missing closing bracket", u"A <a@x, b@y", "A<a@x>, <b@y>"},
-      {"empty elements", u",, a@x ,, ", "<a@x>"},
-      {"quoted local part", u"\"john doe\"@x", "<\"john doe\"@x>"},
-      {"obsolete dotted phrase", u"John Q. Public <jqp@x>", "John Q. Public<jqp@x>"},
-      {"local user without domain", u"root", "<root>"},
       {"name without address", u"John Smith", "John Smith<>"},
-      {"domain literal", u"a@[127.0.0.1]", "<a@[127.0.0.1]>"},
       {"unterminated quote", u"\"abc <a@x>", "abc <a@x><>"},
       {"text after bracket ignored", u"A <a@x> junk, b@y", "A<a@x>, <b@y>"},
   };

@@ -47,37 +47,13 @@ TEST(ClassifyInputTest, Table) {
   struct Row { const char* name; std::string head; InputKind kind; };
   const Row rows[] = {
       {"mbox", "From a@b Mon Mar  4 10:00:00 2024\nSubject: x\n", InputKind::kMbox},
-      {"mbox with a broken first line", "From \nSubject: x\n", InputKind::kMbox},
       {"message, names in any case", "subject: hi\nFROM: a@b\n\nbody\n", InputKind::kMessage},
-      {"message with CR LF and folding", "Received: from x\r\n\tby y; Mon, 4 Mar 2024\r\nTo: b@c\r\n\r\n",
-       InputKind::kMessage},
       {"unknown fields only", "X-Thing: 1\nFoo: 2\n\nbody\n", InputKind::kNotMail},
-      {"plain text", "Dear diary,\ntoday: nothing\n", InputKind::kNotMail},
-      {"empty", "", InputKind::kNotMail},
-      {"blank first line", "\nSubject: x\n", InputKind::kNotMail},
       {"NUL in the header", std::string("Subject: a\0b\nFrom: a@b\n", 24), InputKind::kNotMail},
       {"NUL only in the body", std::string("Subject: a\n\nb\0c", 15), InputKind::kMessage},
       {"more junk than fields", "Subject: a\njunk\nmore junk\n", InputKind::kNotMail},
   };
   for (const Row& row : rows) EXPECT_EQ(ClassifyInput(row.head), row.kind) << row.name;
-}
-
-TEST(StoredFormTest, Table) {
-  struct Row { const char* name; std::string in; std::string stored; };
-  const Row rows[] = {
-      {"bare LF", "Subject: a\n\nb\n", "Subject: a\r\n\r\nb\r\n"},
-      {"CR LF kept", "Subject: a\r\n\r\nb\r\n", "Subject: a\r\n\r\nb\r\n"},
-      {"bare CR", "Subject: a\r\rb\r\n", "Subject: a\r\n\r\nb\r\n"},
-      {"line end added", "Subject: a\n\nb", "Subject: a\r\n\r\nb\r\n"},
-      {"empty header kept", "\nbody\n", "\r\nbody\r\n"},
-      {"no header gets an empty one", "Just text\nFrom: me\n", "\r\nJust text\r\nFrom: me\r\n"},
-  };
-  for (const Row& row : rows) EXPECT_EQ(ToStoredForm(row.in), row.stored) << row.name;
-  EXPECT_EQ(HeaderStateOf("\r\nbody"), HeaderState::kEmptyHeader);  // with and without a header: FieldLineTest
-  const std::string text = "Subject: a\r\nstatus \t:  RO \r\n\r\nStatus: body\r\n";
-  EXPECT_EQ(RawHeaderValue(text, "Status"), "RO");
-  EXPECT_EQ(RawHeaderValue(text, "X-Missing"), "");
-  EXPECT_EQ(RawHeaderValue("\r\nStatus: R\r\n", "Status"), "");  // the body is not the header
 }
 
 // A message as read: its text, the line of its envelope, a broken envelope.
@@ -133,9 +109,7 @@ TEST(MboxReaderTest, SplitsAtFromLinesAfterEmptyLines) {
 TEST(MboxTest, EnvelopeLines) {
   const std::pair<const char*, bool> rows[] = {
       {"From a@b Mon Mar  4 10:00:00 2024", true},  {"From - Sat Jan  3 01:05:34 1996", true},
-      {"From MAILER-DAEMON Thu Jan  1 00:00:00 1970 +0000", true},
       {"From ", false},       {"From a@b yesterday", false},  // no sender; neither time nor year
-      {"From a@b 10:00", false}, {"From a@b 2024", false}, {"Subject: x", false},
   };
   for (const auto& [line, ok] : rows) EXPECT_EQ(IsWellFormedEnvelope(line), ok) << line;
   const double date = DateFromCivil({2024, 3, 4, 10, 0, 7});
@@ -150,7 +124,6 @@ TEST(MboxWriterTest, EntriesReadBackToTheSameStoredBytes) {
       "Subject: plain\r\n\r\nbody\r\n",
       "Subject: from lines\r\n\r\nFrom the start\r\n\r\nFrom after a blank\r\n>From quoted\r\n>>From twice\r\n",
       "Subject: blank lines at the end\r\n\r\nb\r\n\r\n\r\n",
-      "Subject: empty body\r\n\r\n",
       "\r\nno header at all\r\n",
       "Subject: last line ends the message\r\n\r\nFrom \r\n",
   };

@@ -26,10 +26,6 @@ TEST(PartTreeTest, StructureTextsAndStatus) {
       {"empty message", "", "T:text/plain", "", rc::kOk, 0},
       {"mbox separator before the header", Crlf("From someone@x Mon Jan  1 00:00:00 2024\nSubject: s\n\nbody"),
        "T:text/plain", "body", rc::kOk, 0},
-      {"mixed with preamble and epilogue",
-       Crlf("Content-Type: multipart/mixed; boundary=b\n\npreamble\n--b\nContent-Type: text/plain\n\none\n"
-            "--b\nContent-Type: application/octet-stream\n\ntwo\n--b--\nepilogue\n"),
-       "C:multipart/mixed{T:text/plain,P:application/octet-stream}", "one|two", rc::kOk, 0},
       {"nested alternative with its own preamble and epilogue",
        Crlf("Content-Type: multipart/mixed; boundary=\"outer\"\n\n--outer\n"
             "Content-Type: multipart/alternative; boundary=inner\n\ninner preamble\n--inner\n\nplain\n"
@@ -41,8 +37,6 @@ TEST(PartTreeTest, StructureTextsAndStatus) {
        Crlf("Content-Type: multipart/digest; boundary=d\n\n--d\n\nSubject: first\n\nbody one\n--d\n"
             "Content-Type: text/plain\n\nnote\n--d--\n"),
        "C:multipart/digest{P:message/rfc822,T:text/plain}", "Subject: first\r\n\r\nbody one|note", rc::kOk, 0},
-      {"mixed child without type is plain text", Crlf("Content-Type: multipart/mixed; boundary=m\n\n--m\n\ntext\n--m--\n"),
-       "C:multipart/mixed{T:text/plain}", "text", rc::kOk, 0},
       {"multipart without boundary is read as plain text", Crlf("Content-Type: multipart/mixed\n\n--x\nhello\n"),
        "P:text/plain", "--x\r\nhello\r\n", rc::kMimeSyntax, kProblemNoBoundary},
       {"missing closing delimiter keeps the parts",
@@ -59,16 +53,9 @@ TEST(PartTreeTest, StructureTextsAndStatus) {
       {"near misses of the boundary are body text; blanks after the closing one",
        Crlf("Content-Type: multipart/mixed; boundary=b\n\n--b\n\n--bx\n--B\n-- b\n--b-\n--b--  \t\nignored\n"),
        "C:multipart/mixed{T:text/plain}", "--bx\r\n--B\r\n-- b\r\n--b-", rc::kOk, 0},
-      {"header without body",
-       Crlf("Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/plain\n--b\n"
-            "Content-Type: text/html\n\nx\n--b--\n"),
-       "C:multipart/mixed{T:text/plain,P:text/html}", "|x", rc::kOk, 0},
       {"part that starts with text instead of a header",
        Crlf("Content-Type: multipart/mixed; boundary=b\n\n--b\nHello, no header here\n--b--\n"),
        "C:multipart/mixed{T:text/plain}", "Hello, no header here", rc::kOk, kProblemNoHeader},
-      {"bare LF line ends",
-       "Content-Type: multipart/mixed; boundary=b\n\n--b\nContent-Type: text/plain\n\nline1\nline2\n--b--\n",
-       "C:multipart/mixed{T:text/plain}", "line1\nline2", rc::kOk, 0},
       {"a line of 192 KiB",
        Crlf("Content-Type: multipart/mixed; boundary=b\n\n--b\n\n") + long_line + Crlf("\n--b\n\nnext\n--b--\n"),
        "C:multipart/mixed{T:text/plain,T:text/plain}", long_line + "|next", rc::kOk, kProblemLongLines},
@@ -137,9 +124,7 @@ TEST(PartTreeTest, TransferDecodingAndCharsets) {
       {"damaged base64 keeps what it can", "base64", "", "aGV*sbG8=", u"hello", rc::kMimeSyntax},
       {"unknown charset falls back", "8bit", "x-nothing", "caf\xC3\xA9", u"café", rc::kMimeCharset},
       {"undeclared 8-bit text", "8bit", "", "caf\xE9", u"café", rc::kOk},
-      {"unknown encoding name is 8bit", "x-uuencode", "utf-8", "caf\xC3\xA9", u"café", rc::kOk},
       {"a name that is base64 only when cut to bytes", "\xC5\xA2" "ase64", "utf-8", "aGk=", u"aGk=", rc::kOk},
-      {"NUL becomes a replacement character", "8bit", "", std::string("a\0b", 3), u"a\uFFFDb", rc::kOk},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -240,17 +225,14 @@ TEST(MessagePartTest, ClassTypeAttachmentAndFileName) {
   struct Row { const char* header; const char* cls; const char* type; bool text, plain, attachment; WString name; };
   const Row rows[] = {
       {"", kPlain, "text/plain", true, true, false, u""},
-      {"Content-Type: TEXT/Plain", kPlain, "text/plain", true, true, false, u""},
       {"Content-Type: text/html", kPart, "text/html", true, false, false, u""},
       {"Content-Type: image/png\r\nContent-Disposition: inline", kPart, "image/png", false, false, false, u""},
-      {"Content-Type: audio/ogg\r\nContent-Disposition: ATTACHMENT", kPart, "audio/ogg", false, false, true, u""},
       {"Content-Type: video/mp4\r\nContent-Disposition: x-unknown", kPart, "video/mp4", false, false, true, u""},
       {"Content-Type: application/pdf\r\nContent-Disposition: ; filename=a.pdf", kPart, "application/pdf", false,
        false, true, u"a.pdf"},
       {"Content-Type: multipart/mixed; boundary=b", "CXmMultiPartPart", "multipart/mixed", false, false, false, u""},
       {"Content-Type: application/pdf; name=b.pdf\r\nContent-Disposition: attachment; filename=a.pdf", kPart,
        "application/pdf", false, false, true, u"a.pdf"},
-      {"Content-Type: application/pdf; name=\"b c.pdf\"", kPart, "application/pdf", false, false, false, u"b c.pdf"},
       {"Content-Disposition: attachment; filename*=utf-8''r%C3%A9sum%C3%A9.pdf", kPlain, "text/plain", true, true, true,
        u"résumé.pdf"},
       {"Content-Type: image/png; name=\"=?utf-8?B?w6kucGRm?=\"", kPart, "image/png", false, false, false, u"é.pdf"},

@@ -1,5 +1,5 @@
 // The scripted network as the protocol clients' transcript tests use it: the
-// STARTTLS mark, the first difference, and the failures it can play.
+// STARTTLS mark and the first difference.
 #include "net/scripted_transport.h"
 
 #include <gtest/gtest.h>
@@ -10,7 +10,6 @@
 namespace trv {
 namespace {
 
-using test::Error;
 using test::Line;
 
 TEST(ScriptedNetworkTest, TranscriptWithStartTlsAndTheFirstDifference) {
@@ -29,26 +28,6 @@ TEST(ScriptedNetworkTest, TranscriptWithStartTlsAndTheFirstDifference) {
   EXPECT_EQ(net.Mismatch(), "step 6: the client sent \"MAIL FROM:<b>\\r\\n\", the script expects \"MAIL FROM:<a>\\r\\n\"");
   EXPECT_FALSE(net.Finished());
   EXPECT_EQ(net.Written(), "STARTTLS\r\n[STARTTLS]EHLO c\r\nMAIL FROM:<b>\r\n");
-}
-
-TEST(ScriptedNetworkTest, ScriptedFailures) {
-  ScriptedNetwork refused(Script{}), unknown(Script{}), failing(Script().Server("+O").Fail(rc::kSockNetworkDown));
-  ScriptedNetwork waits(Script().ClientLine("NOOP"));
-  refused.FailConnect(rc::kSockRefused);
-  unknown.SetUnresolvable("pop.test");
-  const std::pair<ScriptedNetwork*, std::string> rows[] = {
-      {&refused, Error(rc::kSockRefused)},
-      {&unknown, Error(rc::kSockHostNotFound)},
-      {&failing, Error(rc::kSockNetworkDown)},
-      {&waits, Error(rc::kSockTimedOut)},  // the client waits where it should speak
-  };
-  for (const auto& [net, want] : rows) {
-    CMailSocket s;
-    s.SetNetwork(net);
-    const Result r = s.Connect("pop.test", 110);
-    EXPECT_EQ(r.ok() ? Line(s) : Error(r), want);
-  }
-  EXPECT_NE(waits.Mismatch().find("the client waits for data"), std::string::npos);
 }
 
 }  // namespace

@@ -11,13 +11,7 @@ namespace {
 
 using test::MailServers;
 
-struct Proxy {
-  uint32_t version;
-  uint16_t port;
-  bool auth = false;
-  std::string user = {};
-  std::string password = {};
-};
+struct Proxy { uint32_t version; uint16_t port; bool auth = false; std::string user = {}; std::string password = {}; };
 
 // Connects to host:port through the proxy and reads the POP3 greeting.
 Result Through(const Proxy& proxy, const std::string& host, uint16_t port, Network* network) {

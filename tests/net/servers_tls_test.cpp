@@ -76,11 +76,8 @@ TEST_F(DovecotTlsTest, ImplicitOrAfterThePlainGreeting) {
 
 TEST_F(DovecotTlsTest, CertificateFlags) {
   // Dovecot serves a certificate by the local address it was reached at.
-  struct Row {
-    const char* host;
-    uint32_t flags;
-    const char* subject;  // part of what the decider is shown
-  };
+  // `subject`: part of what the decider is shown
+  struct Row { const char* host; uint32_t flags; const char* subject; };
   const Row rows[] = {
       {"localhost", 0, ""},
       {"127.0.0.1", 0, ""},
@@ -113,13 +110,7 @@ TEST_F(DovecotTlsTest, CertificateFlags) {
 }
 
 TEST_F(DovecotTlsTest, ProtocolVersions) {
-  struct Row {
-    const char* name;
-    uint32_t versions;
-    bool strong;
-    Result want;
-    const char* protocol;
-  };
+  struct Row { const char* name; uint32_t versions; bool strong; Result want; const char* protocol; };
   const Row rows[] = {
       {"1.3 only", kTls13, false, rc::kOk, "TLSv1.3"},
       {"1.2 only", kTls12, false, rc::kOk, "TLSv1.2"},

@@ -1,5 +1,6 @@
 // SOCKS 4, 4A and 5 byte for byte against a scripted proxy on 127.0.0.1:
-// every request the client sends and every reply code it must understand.
+// the requests and replies the real proxies (servers_socks_test.cpp) do not
+// send: odd reply bytes, failures, bound names and addresses.
 #include <gtest/gtest.h>
 
 #include "net/mail_socket.h"
@@ -49,22 +50,18 @@ TEST(SocksTest, Socks4And4A) {
       {"granted", kSocks4, "127.0.0.1", false, Script(to_reply).Server(kGranted4).ServerLine("+OK"), rc::kOk},
       {"a first reply byte of 4 is accepted", kSocks4, "127.0.0.1", false,
        Script(to_reply).Server(Hex("04 5a 00 00 00 00 00 00")).ServerLine("+OK"), rc::kOk},
-      {"4A sends the address when the name resolves", kSocks4A, "localhost", false,
-       Script(to_reply).Server(kGranted4).ServerLine("+OK"), rc::kOk},
       {"4A sends an unresolvable name behind 00 01 00 00", kSocks4A, "mail.internal", false,
        Script()
            .Client(Hex("04 01 00 6e 00 01 00 00") + "user" + Hex("00") + "mail.internal" + Hex("00"))
            .Server(kGranted4)
            .ServerLine("+OK"),
        rc::kOk},
-      {"4 cannot carry a name: the resolution error, nothing sent", kSocks4, "mail.internal", false,
-       Script().Silence(), rc::kSockHostNotFound},
       {"closed in the reply", kSocks4, "127.0.0.1", false, Script(to_reply).Server(Hex("00 5a 00")).Close(),
        rc::kSockClosed},
   };
   const std::pair<const char*, Result> replies[] = {
-      {"00 5b", rc::kSocksGeneralFailure}, {"00 5c", rc::kSocksHostUnreachable}, {"00 5d", rc::kSocksAuthRefused},
-      {"00 20", rc::kSocksRefused},        {"05 5a", rc::kSocksBadVersion},      {"5a 00", rc::kSocksBadVersion},
+      {"00 5b", rc::kSocksGeneralFailure}, {"00 5d", rc::kSocksAuthRefused}, {"00 20", rc::kSocksRefused},
+      {"05 5a", rc::kSocksBadVersion},
   };
   for (const auto& [reply, want] : replies) {
     cases.push_back({std::string("reply ") + reply, kSocks4, "127.0.0.1", false,
@@ -112,16 +109,13 @@ TEST(SocksTest, Socks5) {
        rc::kSocksAuthRefused},
       {"reply version", kSocks5, "127.0.0.1", false, Script(to_request).Server(Hex("04 00 00 01")).Silence(),
        rc::kSocksBadVersion},
+      {"reply code 5", kSocks5, "127.0.0.1", false, Script(to_request).Server(Hex("05 05 00 01")).Silence(),
+       Result(0x80C10005)},
       {"unknown reply code", kSocks5, "127.0.0.1", false, Script(to_request).Server(Hex("05 09 00 01")).Silence(),
        rc::kSocksRefused},
       {"closed in the greeting", kSocks5, "127.0.0.1", false, Script().Client(kGreeting).Server(Hex("05")).Close(),
        rc::kSockClosed},
   };
-  for (int code = 1; code <= 8; ++code) {
-    cases.push_back({"reply code " + std::to_string(code), kSocks5, "127.0.0.1", false,
-                     Script(to_request).Server(std::string("\x05", 1) + static_cast<char>(code) + Hex("00 01")).Silence(),
-                     Result(0x80C10000u + code)});
-  }
   for (const Case& c : cases) Check(c);
   Check({"overlong credentials are refused before sending", kSocks5, "127.0.0.1", true,
          Script().Client(kGreetingAuth).Server(Hex("05 02")).Silence(), rc::kSockInvalidArg},

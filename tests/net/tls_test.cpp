@@ -57,13 +57,8 @@ TEST_F(TlsTest, UpgradeDropsWhatArrivedInTheClear) {
 }
 
 TEST_F(TlsTest, FailuresInTheHandshakeAndInsideTls) {
-  struct Row {
-    const char* name;
-    Script script;
-    bool tls;           // the server speaks TLS
-    uint32_t versions;  // offered by the client
-    Result connect, read;
-  };
+  // `tls`: the server speaks TLS; `versions`: offered by the client
+  struct Row { const char* name; Script script; bool tls; uint32_t versions; Result connect, read; };
   const Row rows[] = {
       {"a plain server", Script().ServerLine("+OK plain text greeting").Silence(), false, kTlsDefaultVersions,
        SecureTransportError(kTlsEngineNotTls), {}},

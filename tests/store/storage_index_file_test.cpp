@@ -96,7 +96,6 @@ TEST(StorageIndexFormat, DamagedInputs) {
   for (int i = 0; i < 300; ++i) deep += Hex("01000000 00000000 00000000 00000000");
   const Row rows[] = {
       {"unknown magic", "R" + kHead.substr(1), rc::kInvalidData, "unknown magic", 0},
-      {"empty file", "", rc::kInvalidData, "file shorter than its magic", 0},
       {"name count beyond the file", kHead.substr(0, 21) + Hex("FFFFFF7F 4100"), rc::kInvalidData,
        "storage name cut short", 0},
       {"negative string count is empty", kHead.substr(0, 21) + Hex("FBFFFFFF 00000000") + kView + Hex("00000000"),

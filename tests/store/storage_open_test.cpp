@@ -63,12 +63,7 @@ TEST(StorageOpenTest, ANewStorageHoldsTheFiveSpecialFoldersAndOpensAgainAsItWasM
   EXPECT_EQ(opened.id(), made.id());
   EXPECT_EQ(opened.name(), u"alice");
   EXPECT_FALSE(opened.local());
-
-  // The local storage has the all-zero identifier; another directory holds
-  // another storage's index.
-  Storage local(host), elsewhere(host);
-  ASSERT_EQ(local.Create(u"Local Folders", {}, true), rc::kOk);
-  EXPECT_EQ(local.index_path(), host.data_dir() / "{00000000-0000-0000-0000-000000000000}.idx");
+  Storage elsewhere(host);  // the local storage's all-zero name: the engine tests
   ASSERT_EQ(elsewhere.Create(u"bob", host.root() / "elsewhere", false), rc::kOk);
   EXPECT_EQ(elsewhere.index_path(), host.root() / "elsewhere" / (elsewhere.id().ToRegistryString() + ".idx"));
 }

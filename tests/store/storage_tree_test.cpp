@@ -75,19 +75,15 @@ TEST_F(StorageTreeTest, RefusedChanges) {
   const Row rows[] = {
       {"duplicate name, other case", [&] { return s_.CreateFolder(s_.root(), u"WORK", nullptr); },
        rc::kFileExists},
-      {"rename onto a sibling", [&] { return s_.RenameFolder(other_folder, u"work"); }, rc::kFileExists},
       {"move next to a namesake", [&] { return s_.MoveFolder(s_.FindFolder(u"Work/Sub"), other_folder); },
        rc::kFileExists},
       {"empty name", [&] { return s_.CreateFolder(s_.root(), u"", nullptr); }, rc::kInvalidArg},
-      {"slash in the name", [&] { return s_.CreateFolder(s_.root(), u"a/b", nullptr); }, rc::kInvalidArg},
       {"control character", [&] { return s_.RenameFolder(other_folder, u"a\tb"); }, rc::kInvalidArg},
       {"name too long", [&] { return s_.CreateFolder(s_.root(), WString(256, u'x'), nullptr); }, rc::kInvalidArg},
-      {"rename the root", [&] { return s_.RenameFolder(s_.root(), u"x"); }, rc::kInvalidArg},
       {"delete a special folder", [&] { return s_.DeleteFolder(s_.SpecialFolder(kFolderDeleted)); }, rc::kInvalidArg},
       {"move a special folder", [&] { return s_.MoveFolder(s_.SpecialFolder(kFolderInbox), work); }, rc::kInvalidArg},
       {"move into its own subtree", [&] { return s_.MoveFolder(work, s_.FindFolder(u"Work/Sub")); }, rc::kInvalidArg},
       {"parent of another storage", [&] { return s_.CreateFolder(other.root(), u"x", nullptr); }, rc::kInvalidArg},
-      {"no parent", [&] { return s_.CreateFolder(nullptr, u"x", nullptr); }, rc::kInvalidArg},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -122,11 +118,10 @@ TEST_F(StorageTreeTest, AChangeWhoseSaveFailsIsUndone) {
 
 TEST_F(StorageTreeTest, AnExistingFolderFileIsAttachedOnceAndFoundAgain) {
   struct Row { const char* name; std::filesystem::path file; std::string stored; };  // stored "": the absolute path
-  const std::filesystem::path outside = host_.root() / "outside" / "x.fld";
   const Row rows[] = {
       {"in the data directory", host_.data_dir() / "d.fld", "d.fld"},
       {"below the home directory", host_.home() / "mail" / "h.fld", "mail/h.fld"},
-      {"elsewhere", outside, ""},
+      {"elsewhere", host_.root() / "outside" / "x.fld", ""},
   };
   int n = 0;
   for (const Row& row : rows) {
@@ -139,33 +134,26 @@ TEST_F(StorageTreeTest, AnExistingFolderFileIsAttachedOnceAndFoundAgain) {
     EXPECT_EQ(s_.AttachFolderFile(s_.SpecialFolder(kFolderInbox), row.file, u"Again", nullptr), rc::kInvalidArg);
   }
   EXPECT_EQ(s_.AttachFolderFile(s_.root(), host_.root() / "none.fld", u"None", nullptr), rc::kFileMissing);
-
-  Storage again(host_);
+  Storage again(host_);  // the stored names lead back to the files
   ASSERT_EQ(again.Open(s_.index_path()), rc::kOk);
   EXPECT_TRUE(again.complete());
-  // Deleting an attached folder removes its file like any other.
-  ASSERT_EQ(again.DeleteFolder(again.FindFolder(u"Attached2")), rc::kOk);
-  EXPECT_FALSE(std::filesystem::exists(outside));
 }
 
-TEST_F(StorageTreeTest, FoldersAreFoundByPathKindAndWalk) {
+TEST_F(StorageTreeTest, FoldersAreFoundByPathAndKind) {
   Make(u"Inbox", u"Lists");
   Make(u"Inbox/Lists", u"Deep");
   Storage slash(host_);
   ASSERT_EQ(slash.Create(u"Local Folders/old", {}, false), rc::kOk);
   const std::vector<Storage*> storages = {&s_, &slash};
   const std::pair<const char16_t*, MailFolder*> rows[] = {
-      {u"Local Folders", s_.root()},
       {u"local folders/INBOX/lists/deep", s_.FindFolder(u"Inbox/Lists/Deep")},
       {u"Local Folders/Inbox/", s_.SpecialFolder(kFolderInbox)},
       {u"Local Folders/old/Sent", slash.SpecialFolder(kFolderSent)},
       {u"Local Folders/Nothing", nullptr},
-      {u"Local", nullptr},
       {u"", nullptr},
   };
   for (const auto& [path, want] : rows) EXPECT_EQ(FindFolderByPath(storages, path), want) << WideToUtf8(path);
   EXPECT_EQ(s_.SpecialFolder(kFolderUser), s_.FindFolder(u"Inbox/Lists"));
-  EXPECT_EQ(TreeNames(s_), (Lines{"Inbox", "  Lists", "    Deep", "Outbox", "Sent", "Deleted", "Drafts"}));
 }
 
 TEST_F(StorageTreeTest, MovedMessagesArriveBeforeTheyLeave) {

@@ -34,9 +34,7 @@ const char* const kSshd = "/usr/sbin/sshd";
 const char* const kSsh = "/usr/bin/ssh";
 const char* const kSshKeygen = "/usr/bin/ssh-keygen";
 
-ServerStatus Missing(const std::string& what) {
-  return {false, true, what + " is not installed (scripts/install-deps.sh servers installs it)"};
-}
+ServerStatus Missing(const std::string& what) { return {false, true, what + " is not installed (scripts/install-deps.sh servers installs it)"}; }
 ServerStatus Failed(const std::string& what) { return {false, false, what}; }
 
 std::string Str(const fs::path& p) { return p.string(); }
@@ -53,11 +51,8 @@ ServerStatus Attempts(std::initializer_list<uint16_t*> ports, const std::functio
   return s;
 }
 
-void Chown(const fs::path& p, uid_t uid, gid_t gid) {
-  if (::chown(p.c_str(), uid, gid) != 0) {
-    // The harness runs as root; a failure shows up as a server error later.
-  }
-}
+// The harness runs as root; a failure shows up as a server error later.
+void Chown(const fs::path& p, uid_t uid, gid_t gid) { (void)!::chown(p.c_str(), uid, gid); }
 
 // A section of a Dovecot configuration.
 std::string Block(const std::string& head, const std::string& body) { return head + " {\n" + body + "}\n"; }
@@ -75,13 +70,11 @@ MailServers& MailServers::Instance() {
 }
 
 MailServers::MailServers() = default;
-
 MailServers::~MailServers() { StopProcesses(pids_, kStopGrace); }
 
 std::string MailServers::LogTail(const std::string& name) const {
-  const fs::path log = dir_ / (name + ".log");
-  const std::string text = ReadFile(log);
-  return " (log " + log.string() + ", its end:\n" + text.substr(text.size() > 1500 ? text.size() - 1500 : 0) + ")";
+  const std::string text = ReadFile(dir_ / (name + ".log"));
+  return " (log " + (dir_ / (name + ".log")).string() + ", its end:\n" + text.substr(text.size() - std::min<size_t>(text.size(), 1500)) + ")";
 }
 
 ServerStatus MailServers::Ready(const std::vector<const char*>& programs) {
@@ -121,7 +114,6 @@ ServerStatus MailServers::Launch(const std::string& name, const std::vector<std:
   return {};
 }
 
-// ---------------------------------------------------------------------------
 // Maildirs
 
 fs::path MailServers::Maildir(const std::string& user) {
@@ -166,17 +158,13 @@ std::vector<fs::path> MailServers::Messages(const std::string& user) {
   return files;
 }
 
-// ---------------------------------------------------------------------------
 // Dovecot
 
 ServerStatus MailServers::StartDovecot() {
-  if (ServerStatus s = Ready({kDovecot, "/usr/lib/dovecot/imap", "/usr/lib/dovecot/pop3", "/usr/lib/dovecot/lmtp"});
-      !s.ok) {
-    return s;
-  }
+  const ServerStatus ready = Ready({kDovecot, "/usr/lib/dovecot/imap", "/usr/lib/dovecot/pop3", "/usr/lib/dovecot/lmtp"});
+  if (!ready.ok) return ready;
   const fs::path base = dir_ / "dovecot";
-  fs::create_directories(base / "run");
-  fs::create_directories(base / "state");
+  for (const char* sub : {"run", "state"}) fs::create_directories(base / sub);
 
   // Users with {PLAIN} passwords, which CRAM-MD5 and APOP need.
   const fs::path passwd = base / "passwd";
@@ -228,7 +216,6 @@ ServerStatus MailServers::StartDovecot() {
   });
 }
 
-// ---------------------------------------------------------------------------
 // Postfix
 
 ServerStatus MailServers::StartPostfix() {
@@ -281,7 +268,6 @@ ServerStatus MailServers::StartPostfix() {
   });
 }
 
-// ---------------------------------------------------------------------------
 // SOCKS proxies
 
 ServerStatus MailServers::StartDante() {

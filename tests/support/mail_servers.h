@@ -16,13 +16,11 @@
 //   microsocks  SOCKS 5 without, and on a second port with, user/password.
 //   ssh -D      SOCKS 4 and 4A through an sshd on loopback.
 //
-// Certificates come from tests/support/certificates.h; trust the test CA
-// (TlsEngine::AddTrustedCertificates) to see the valid one without flags.
-//
-// The harness needs root (Dovecot's mail user, Dante's system user, sshd): CI runs as root. A server
-// whose program is not installed, or a run without root, makes the test skip with the reason, unless
-// the environment variable CI is "true": then it fails. A server that is installed but does not start
-// always fails the test, with the end of its log.
+// Certificates come from tests/support/certificates.h; trust the test CA (TlsEngine::AddTrustedCertificates)
+// to see the valid one without flags. The harness needs root (Dovecot's mail user, Dante's system user,
+// sshd): CI runs as root. A server whose program is not installed, or a run without root, makes the test
+// skip with the reason, unless the environment variable CI is "true": then it fails. A server that is
+// installed but does not start always fails the test, with the end of its log.
 #pragma once
 
 #include <sys/types.h>
@@ -47,8 +45,7 @@ struct ServerStatus {
 };
 
 struct MailUser {
-  std::string name;
-  std::string password;
+  std::string name, password;
 };
 
 struct ServerPorts {
@@ -96,21 +93,15 @@ class MailServers {
   static inline const MailUser kMicrosocksUser{"msuser", "ms-pass"};
 
   MailServers();
-  // The user's Maildir (cur, new, tmp), made on first use.
-  std::filesystem::path Maildir(const std::string& user);
+  std::filesystem::path Maildir(const std::string& user);  // cur, new and tmp, made on first use
   // Root and the certificates once; then whether every program is there.
   ServerStatus Ready(const std::vector<const char*>& programs);
   // The status of the first start, which runs on the first call only.
   ServerStatus Started(std::unique_ptr<ServerStatus>& status, ServerStatus (MailServers::*start)());
-  ServerStatus StartDovecot();
-  ServerStatus StartPostfix();
-  ServerStatus StartDante();
-  ServerStatus StartMicrosocks();
-  ServerStatus StartSsh();
-  // Starts argv, logging to <name>.log, and waits until it accepts
-  // connections on every port of 127.0.0.1; stops it when it does not.
-  ServerStatus Launch(const std::string& name, const std::vector<std::string>& argv,
-                      const std::vector<uint16_t>& ports);
+  ServerStatus StartDovecot(), StartPostfix(), StartDante(), StartMicrosocks(), StartSsh();
+  // Starts argv, logging to <name>.log, and waits until it accepts connections on every port of
+  // 127.0.0.1; stops it when it does not.
+  ServerStatus Launch(const std::string& name, const std::vector<std::string>& argv, const std::vector<uint16_t>& ports);
   std::string LogTail(const std::string& name) const;
 
   TempDir dir_;

@@ -60,8 +60,7 @@ pid_t StartProcess(const std::vector<std::string>& argv, const std::filesystem::
     ::setpgid(0, 0);
     ::dup2(out, 1);
     ::dup2(out, 2);
-    const int null = ::open("/dev/null", O_RDONLY);
-    if (null >= 0) ::dup2(null, 0);
+    ::dup2(::open("/dev/null", O_RDONLY), 0);
     ::execv(args[0], args.data());
     ::_exit(127);
   }
@@ -72,11 +71,10 @@ pid_t StartProcess(const std::vector<std::string>& argv, const std::filesystem::
 int RunProcess(const std::vector<std::string>& argv, const std::filesystem::path& log) {
   std::string error;
   const pid_t pid = StartProcess(argv, log, &error);
-  if (pid < 0) return -1;
   int status = 0;
-  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  while (pid > 0 && ::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 void StopProcesses(const std::vector<pid_t>& pids, std::chrono::milliseconds grace) {

@@ -5,50 +5,30 @@
 namespace trv {
 namespace {
 
-struct Row { const char* name; WString in; WString out; };
-
-void CheckRows(const std::vector<Row>& rows, bool no_links) {
-  for (const Row& r : rows) EXPECT_EQ(WideToUtf8(TextToHtml(r.in, no_links)), WideToUtf8(r.out)) << r.name;
-}
-
 TEST(TextToHtmlTest, EscapesLineEndsWebLinksAndAddresses) {
-  CheckRows({
+  struct Row { const char* name; WString in; WString out; };
+  const Row rows[] = {
       {"reserved characters; a backslash becomes &quot;", u"a<b & c>d \"q\" C:\\x", u"a&lt;b &amp; c&gt;d \"q\" C:&quot;x"},
       {"CR LF is a break, CR alone is dropped, LF alone kept", u"1\r\n2\r3\n4", u"1<br>23\n4"},
-      {"other characters as they are", u"\u00e9\U0001F600\t;,", u"\u00e9\U0001F600\t;,"},
       // Web links.
       {"target raw, text escaped, comma ends", u"see http://host/p?a=1&b=2, then",
        u"see <a href=\"http://host/p?a=1&b=2\">http://host/p?a=1&amp;b=2</a>, then"},
       {"not links", u"xhttp://a http:// x h w m H https://a", u"xhttp://a http:// x h w m H https://a"},
-      {"scheme in capitals", u"HTTP://A", u"<a href=\"HTTP://A\">HTTP://A</a>"},
       {"www gains the scheme in the target only; after LF", u"x\nwww.b", u"x\n<a href=\"http://www.b\">www.b</a>"},
-      {"link at the end of the text", u"x http://a.b/c", u"x <a href=\"http://a.b/c\">http://a.b/c</a>"},
       {"ended by <", u"http://a<b", u"<a href=\"http://a\">http://a</a>&lt;b"},
       {"backslash raw in the target", u"http://a\\b", u"<a href=\"http://a\\b\">http://a&quot;b</a>"},
-      {"@ inside a web link", u"http://u@h", u"<a href=\"http://u@h\">http://u@h</a>"},
       // Addresses and mailto: links.
       {"mailto keeps its scheme", u"mailto:me@host", u"<a href=\"mailto:me@host\">mailto:me@host</a>"},
       {"two addresses, the second stops at the comma", u"To: me@host, you@there",
        u"To: <a href=\"mailto:me@host\">me@host</a>, <a href=\"mailto:you@there\">you@there</a>"},
-      {"address right after a comma", u"a,b@c", u"a,<a href=\"mailto:b@c\">b@c</a>"},
       {"no address: @ at the start, blank after @", u"@host me@ host", u"@host me@ host"},
-      {"local part stops at @", u"a@b@c", u"<a href=\"mailto:a@b@c\">a@b@c</a>"},
       {"domain runs to the next separator", u"me@host.com. Bye", u"<a href=\"mailto:me@host.com.\">me@host.com.</a> Bye"},
       {"local part stops at an entity's ;", u"a&b@host", u"a&amp;<a href=\"mailto:b@host\">b@host</a>"},
       {"local part stops at a double quote", u"\"Me\"me@h", u"\"Me\"<a href=\"mailto:me@h\">me@h</a>"},
       {"local part after a link", u"http://a b@c", u"<a href=\"http://a\">http://a</a> <a href=\"mailto:b@c\">b@c</a>"},
-      {"non-ASCII address", u"\u00fc@\u00f6", u"<a href=\"mailto:\u00fc@\u00f6\">\u00fc@\u00f6</a>"},
       {"mailto not at a word start", u"xmailto:a@b", u"<a href=\"mailto:xmailto:a@b\">xmailto:a@b</a>"},
-      {"domain with &", u"a@b&c", u"<a href=\"mailto:a@b&c\">a@b&amp;c</a>"},
-  }, false);
-}
-
-TEST(TextToHtmlTest, NoLinksOnlyEscapes) {
-  CheckRows({
-      {"web link", u"http://a", u"http://a"},
-      {"address", u"me@host, mailto:x", u"me@host, mailto:x"},
-      {"escapes still done", u"<\\>\r\n", u"&lt;&quot;&gt;<br>"},
-  }, true);
+  };
+  for (const Row& r : rows) EXPECT_EQ(WideToUtf8(TextToHtml(r.in)), WideToUtf8(r.out)) << r.name;
 }
 
 // Texts and pictures in one document (text items and separators are
