@@ -193,9 +193,11 @@ class CImap4Client : public CMailSocket {
   // Reads one response with its literals into *response.
   Result ReadResponse(Imap4Response* response);
   Result TakeLiteral(Imap4Response* response, uint64_t size, uint64_t* held);
-  // Reads and dispatches until `tag` is answered ("" for the greeting).
-  Result ReadUntil(std::string_view tag);
-  Result Dispatch(const Imap4Response& response, std::string_view wanted, bool* done, Result* outcome);
+  // Reads and dispatches until `tag` is answered ("" for the greeting), or,
+  // with continuation, until a "+" arrives.
+  Result ReadUntil(std::string_view tag, bool continuation = false);
+  Result Dispatch(const Imap4Response& response, std::string_view wanted, bool continuation, bool* done,
+                  Result* outcome);
   Result Outcome(const Imap4CommandResult& record);
   Pending* Oldest();
   void ForgetPending();
