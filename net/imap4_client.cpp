@@ -192,7 +192,7 @@ Result CImap4Client::TakeLiteral(Imap4Response* response, uint64_t size, uint64_
     return rc::kImap4LiteralTooLarge;
   }
   literal.bytes.resize(size);
-  if (Result r = ReceiveExact(literal.bytes.data(), size); r.failed()) return r;
+  if (Result r = size ? ReceiveExact(literal.bytes.data(), size) : rc::kOk; r.failed()) return r;  // {0}: nothing to read
   *held += size;
   if (Reports(kImap4LogLiterals)) ReportLine(kLineReceived, kImap4LogLiterals, literal.bytes);
   response->literals.push_back(std::move(literal));
