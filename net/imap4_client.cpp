@@ -371,6 +371,7 @@ Result CImap4Client::Login(std::string_view user, std::string_view password) {
 
 Result CImap4Client::Logout() {
   Result r = Command("LOGOUT");
+  Close().Ignore();  // the server ends the session; a later Connect opens a new one
   // A server may close right after its BYE, before the tagged OK.
   if (r == rc::kSockClosed && last_kind_ == Imap4Status::kBye) return rc::kOk;
   return r;
