@@ -45,7 +45,7 @@ WString Unique(std::u16string_view stem) {
 }
 
 const std::string kDots = "Subject: dots\r\nX-8bit: \xe4\xf6\xfc\r\n\r\nfirst\r\n.\r\n..\r\n.x\r\n\xff\x80 end\r\n";
-const std::string kTwo = "Subject: two\r\n\r\nbody\r\n";
+const std::string kTwo = "Subject: two\r\nMessage-ID: <two@test>\r\n\r\nbody\r\n";
 
 TEST(Imap4ServersTest, EveryWayIn) {
   MailServers& servers = MailServers::Instance();
@@ -112,6 +112,9 @@ TEST(Imap4ServersTest, FolderTreeWithNonAsciiNames) {
   TRV_REQUIRE_SERVER(servers.Dovecot());
   const test::MailUser& alice = MailServers::Alice();
   CImap4Client c;
+  ASSERT_EQ(c.Connect("127.0.0.1", servers.ports().imap), rc::kOk);
+  ASSERT_EQ(c.Login(MailServers::Bob().name, MailServers::Bob().password), rc::kOk) << "quoted: a blank inside";
+  ASSERT_EQ(c.Logout(), rc::kOk);
   ASSERT_EQ(c.Connect("127.0.0.1", servers.ports().imap), rc::kOk);
   ASSERT_EQ(c.Login(alice.name, alice.password), rc::kOk) << c.lastReply();
   ASSERT_EQ(c.List(u"", u""), rc::kOk);
@@ -187,10 +190,12 @@ TEST(Imap4ServersTest, MessageCommandsOnDeliveredMessages) {
   };
   const Item items[] = {
       {"BODY.PEEK[HEADER]", "HEADER", std::nullopt, kDots.substr(0, kDots.find("\r\n\r\n") + 4),
-       "Subject: two\r\n\r\n"},
+       kTwo.substr(0, kTwo.find("\r\n\r\n") + 4)},
+      {"BODY.PEEK[HEADER.FIELDS (Message-ID)]", "HEADER.FIELDS (MESSAGE-ID)", std::nullopt, "\r\n",
+       "Message-ID: <two@test>\r\n\r\n"},
       {"BODY.PEEK[]", "", std::nullopt, kDots, kTwo},
       {"BODY.PEEK[]<0.20>", "", 0, kDots.substr(0, 20), kTwo.substr(0, 20)},
-      {"BODY.PEEK[]<40.9>", "", 40, kDots.substr(40, 9), ""},
+      {"BODY.PEEK[]<50.9>", "", 50, kDots.substr(50, 9), ""},  // past the end of kTwo: {0}
   };
   for (const Item& item : items) {
     SCOPED_TRACE(item.items);
@@ -204,6 +209,7 @@ TEST(Imap4ServersTest, MessageCommandsOnDeliveredMessages) {
     }
   }
   const uint32_t uid1 = *c.result().fetch[0].uid, uid2 = *c.result().fetch[1].uid;
+  EXPECT_EQ(c.Fetch(n + 1, n + 1, "UID", false), rc::kImap4Bad) << "no such message";
 
   ASSERT_EQ(c.Copy(uid1, uid2, box, true), rc::kOk) << c.lastReply();
   ASSERT_TRUE(c.result().copy_uid);
@@ -228,9 +234,18 @@ TEST(Imap4ServersTest, MessageCommandsOnDeliveredMessages) {
   EXPECT_EQ(c.mailbox().permanent_flags.value_or(0), 0u);
   ASSERT_EQ(c.Select(box), rc::kOk);
   EXPECT_EQ(c.mailbox().read_only, false);
+  {
+    CImap4Client other;
+    ASSERT_EQ(other.Connect("127.0.0.1", servers.ports().imap), rc::kOk);
+    ASSERT_EQ(other.Login(alice.name, alice.password), rc::kOk);
+    ASSERT_EQ(other.Append(box, 0, kNoDate, &third, 0), rc::kOk);
+    ASSERT_EQ(c.Noop(), rc::kOk);
+    EXPECT_EQ(c.mailbox().exists, 4u) << "seen by NOOP";
+    ASSERT_EQ(other.Logout(), rc::kOk);
+  }
   ASSERT_EQ(c.Store(1, 2, 1, kImap4FlagDeleted, false, false), rc::kOk);
   ASSERT_EQ(c.Store(3, 3, 0, kImap4FlagAnswered, true, false), rc::kOk);
-  ASSERT_EQ(c.Fetch(1, CImap4Client::kAll, "FLAGS INTERNALDATE", false), rc::kOk);
+  ASSERT_EQ(c.Fetch(1, 3, "FLAGS INTERNALDATE", false), rc::kOk);
   std::vector<uint32_t> flags;
   for (const Imap4FetchData& f : c.result().fetch) flags.push_back(f.flags.value_or(99) & ~kImap4FlagRecent);
   EXPECT_EQ(flags, (std::vector<uint32_t>{kImap4FlagDeleted, kImap4FlagDeleted, kImap4FlagAnswered}));
@@ -240,7 +255,7 @@ TEST(Imap4ServersTest, MessageCommandsOnDeliveredMessages) {
   EXPECT_EQ(c.result().expunged, std::vector<uint32_t>{2});
   ASSERT_EQ(c.Expunge(), rc::kOk);
   EXPECT_EQ(c.result().expunged, std::vector<uint32_t>{1});
-  EXPECT_EQ(c.mailbox().exists, 1u);
+  EXPECT_EQ(c.mailbox().exists, 2u);
   ASSERT_EQ(c.Fetch(1, 1, "UID BODY.PEEK[]", false), rc::kOk);
   EXPECT_EQ(c.result().fetch.at(0).uid, 3u);
   EXPECT_EQ(c.result().fetch.at(0).Section("")->bytes, "Subject: appended\r\n\r\n.\r\n");
