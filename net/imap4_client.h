@@ -200,6 +200,12 @@ class CImap4Client : public CMailSocket {
                   Result* outcome);
   Result Outcome(const Imap4CommandResult& record);
   Pending* Oldest();
+  // The outstanding command untagged data belongs to. Servers may run
+  // pipelined commands side by side and answer them out of order, so the
+  // oldest command is only the fallback: FETCH data goes to the FETCH whose
+  // set holds its number (or its UID), STATUS, LIST, LSUB and SEARCH data to
+  // the oldest command of that verb.
+  Pending* Owner(std::string_view keyword, uint32_t number, std::optional<uint32_t> uid);
   void ForgetPending();
 
   Imap4LiteralHook* literal_hook_ = nullptr;
