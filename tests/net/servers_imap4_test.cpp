@@ -264,5 +264,53 @@ TEST(Imap4ServersTest, MessageCommandsOnDeliveredMessages) {
   EXPECT_EQ(c.Logout(), rc::kOk);
 }
 
+// Several commands outstanding, finished out of order: each gets its own
+// answer, and each body reaches the hook under its own command's tag.
+// Dovecot runs them side by side: every untagged answer comes before the
+// first tagged one, and STATUS is answered first.
+TEST(Imap4ServersTest, PipelinedCommandsKeepTheirAnswers) {
+  MailServers& servers = MailServers::Instance();
+  TRV_REQUIRE_SERVER(servers.Dovecot());
+  const test::MailUser& alice = MailServers::Alice();
+  ASSERT_NE(servers.Deliver(alice.name, kDots), "");
+  ASSERT_NE(servers.Deliver(alice.name, kTwo), "");
+  struct Bodies final : Imap4LiteralHook {
+    std::vector<std::string> got;  // "tag number bytes"
+    bool TakeLiteral(const Imap4LiteralContext& c) override {
+      return got.push_back(std::string(c.tag) + " " + std::to_string(c.number) + " "), true;
+    }
+    Result OnLiteralBytes(std::string_view piece) override { return got.back().append(piece), rc::kOk; }
+  } bodies;
+  CImap4Client c;
+  c.SetLiteralHook(&bodies);
+  ASSERT_EQ(c.Connect("127.0.0.1", servers.ports().imap), rc::kOk);
+  ASSERT_EQ(c.Login(alice.name, alice.password), rc::kOk);
+  ASSERT_EQ(c.Examine(u"INBOX"), rc::kOk);
+  const uint32_t n = c.mailbox().exists.value_or(0);
+  ASSERT_GE(n, 2u);
+  std::string first, second, noop, status;
+  ASSERT_EQ(c.BeginFetch(n - 1, n - 1, "BODY.PEEK[]", false, &first), rc::kOk);
+  const uint32_t last_uid = c.mailbox().uid_next.value_or(1) - 1;  // nothing was expunged from this INBOX
+  ASSERT_EQ(c.BeginFetch(last_uid, last_uid, "BODY.PEEK[]", true, &second), rc::kOk);
+  ASSERT_EQ(c.Begin("NOOP", &noop), rc::kOk);
+  ASSERT_EQ(c.Begin("STATUS INBOX (MESSAGES)", &status), rc::kOk);
+  EXPECT_EQ(c.outstanding(), 4u);
+  ASSERT_EQ(c.Finish(status), rc::kOk);
+  ASSERT_EQ(c.result().status_items.size(), 1u);
+  EXPECT_EQ(c.result().status_items[0].messages, n);
+  ASSERT_EQ(c.Finish(second), rc::kOk);
+  ASSERT_EQ(c.result().fetch.size(), 1u);
+  EXPECT_EQ(c.result().fetch[0].number, n);
+  EXPECT_TRUE(c.result().fetch[0].uid == last_uid && c.result().fetch[0].Section("")->streamed);
+  ASSERT_EQ(c.Finish(first), rc::kOk);
+  EXPECT_EQ(c.result().fetch.at(0).number, n - 1);
+  ASSERT_EQ(c.Finish(noop), rc::kOk);
+  EXPECT_EQ(c.Finish(first), rc::kImap4NoAnswer) << "finished once";
+  EXPECT_EQ(c.outstanding(), 0u);
+  EXPECT_EQ(bodies.got, (std::vector<std::string>{first + " " + std::to_string(n - 1) + " " + kDots,
+                                                  second + " " + std::to_string(n) + " " + kTwo}));
+  EXPECT_EQ(c.Logout(), rc::kOk);
+}
+
 }  // namespace
 }  // namespace trv
