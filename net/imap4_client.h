@@ -39,6 +39,7 @@
 #include <string>
 #include <string_view>
 
+#include "base/date_value.h"
 #include "base/result.h"
 #include "base/wide_string.h"
 #include "mime/stream.h"
