@@ -20,7 +20,9 @@ struct CImap4Client::Pending {
 
 CImap4Client::CImap4Client() = default;
 
-CImap4Client::~CImap4Client() { Close().Ignore(); }
+// The socket's destructor closes at once; the command records go with the
+// object, so there is nothing to forget first.
+CImap4Client::~CImap4Client() = default;
 
 Result CImap4Client::Connect(std::string_view host, uint16_t port) {
   if (connected()) return rc::kOk;
@@ -60,7 +62,7 @@ std::string CImap4Client::QuoteArgument(std::string_view text) {
 
 std::string CImap4Client::EncodeFolder(WStringView folder) {
   std::string out;
-  // Every UTF-16 text has an encoding; a lone surrogate is written as it is.
+  // Every UTF-16 text encodes: the units go through base64 as they are.
   CXmConverter("utf-16", "imap4-utf-7").Convert(folder, &out);
   return out;
 }

@@ -154,6 +154,11 @@ class CImap4Client : public CMailSocket {
   // returns the command's outcome, its record in result(). Finish of a tag
   // that is not outstanding and not kept gives rc::kImap4NoAnswer. The
   // one-command calls above are Begin + Finish.
+  // Keep a window: a client that sends without reading while the server
+  // answers can fill both directions' buffers and wait for ever (until the
+  // time-out), so a long run Begins a few dozen commands ahead and Finishes
+  // the oldest before Beginning more. Untagged data is filed under the
+  // oldest outstanding command.
   Result Begin(std::string_view command, std::string* tag);
   Result BeginFetch(uint32_t first, uint32_t last, std::string_view items, bool uid, std::string* tag);
   Result Finish(std::string_view tag);
