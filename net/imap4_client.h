@@ -158,7 +158,8 @@ class CImap4Client : public CMailSocket {
   // answers can fill both directions' buffers and wait for ever (until the
   // time-out), so a long run Begins a few dozen commands ahead and Finishes
   // the oldest before Beginning more. Untagged data is filed under the
-  // oldest outstanding command.
+  // command it answers (see Owner), else under the oldest outstanding one:
+  // servers may answer pipelined commands out of order.
   Result Begin(std::string_view command, std::string* tag);
   Result BeginFetch(uint32_t first, uint32_t last, std::string_view items, bool uid, std::string* tag);
   Result Finish(std::string_view tag);
