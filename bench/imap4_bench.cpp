@@ -18,6 +18,7 @@
 // ending in CR LF. Runs are interleaved; figures are medians.
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -227,6 +228,8 @@ struct Bare {
 uint64_t BarePass(uint16_t port, uint32_t count, size_t window) {
   Bare b;
   b.fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  const int one = 1;  // as the client's transport does
+  ::setsockopt(b.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_port = htons(port);
