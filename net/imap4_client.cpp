@@ -13,6 +13,9 @@ namespace trv {
 struct CImap4Client::Pending {
   std::string verb;  // first word of the command, upper-case ("UID" for UID commands)
   Imap4CommandResult record;
+  bool fetch = false;  // sent by BeginFetch: the set below
+  bool uid = false;
+  uint32_t first = 0, last = 0;
 };
 
 CImap4Client::CImap4Client() = default;
@@ -120,7 +123,13 @@ Result CImap4Client::Begin(std::string_view command, std::string* tag) { return 
 Result CImap4Client::BeginFetch(uint32_t first, uint32_t last, std::string_view items, bool uid, std::string* tag) {
   std::string line = SequenceSet("FETCH", first, last, uid);
   line += items.find(' ') == std::string_view::npos ? std::string(items) : "(" + std::string(items) + ")";
-  return Begin(line, tag);
+  if (Result r = Begin(line, tag); r.failed()) return r;
+  Pending& p = *pending_.back();
+  p.fetch = true;
+  p.uid = uid;
+  p.first = std::max<uint32_t>(first, 1);
+  p.last = std::max(last, p.first);
+  return rc::kOk;
 }
 
 Result CImap4Client::Finish(std::string_view tag) {
@@ -163,6 +172,28 @@ Result CImap4Client::Outcome(const Imap4CommandResult& record) {
 
 CImap4Client::Pending* CImap4Client::Oldest() { return pending_.empty() ? nullptr : pending_.front().get(); }
 
+CImap4Client::Pending* CImap4Client::Owner(std::string_view keyword, uint32_t number, std::optional<uint32_t> uid) {
+  for (const auto& p : pending_) {
+    if (keyword == "FETCH" ? p->fetch && (p->uid ? uid.has_value() : true) &&
+                                 (p->uid ? *uid : number) >= p->first && (p->uid ? *uid : number) <= p->last
+                           : p->verb == keyword || (keyword == "SEARCH" && p->verb == "UID")) {
+      return p.get();
+    }
+  }
+  return Oldest();
+}
+
+// The UID of a FETCH response read so far ("UID n" before the literal), if any.
+static std::optional<uint32_t> UidSoFar(std::string_view text) {
+  const size_t at = text.find("UID ", text.find('('));
+  if (at == std::string_view::npos || (text[at - 1] != '(' && text[at - 1] != ' ')) return std::nullopt;
+  uint64_t n = 0;
+  size_t i = at + 4;
+  for (; i < text.size() && text[i] >= '0' && text[i] <= '9' && n <= 0xFFFFFFFFu; ++i) n = n * 10 + (text[i] - '0');
+  if (i == at + 4 || n > 0xFFFFFFFFu) return std::nullopt;
+  return static_cast<uint32_t>(n);
+}
+
 Result CImap4Client::TakeLiteral(Imap4Response* response, uint64_t size, uint64_t* held) {
   Imap4Literal literal;
   literal.offset = response->text.size();
@@ -171,7 +202,8 @@ Result CImap4Client::TakeLiteral(Imap4Response* response, uint64_t size, uint64_
     Imap4LiteralPlace place;
     FindLiteralPlace(*response, &place);
     Imap4LiteralContext context;
-    context.tag = Oldest() ? std::string_view(Oldest()->record.tag) : std::string_view();
+    const Pending* owner = Owner("FETCH", place.number, UidSoFar(response->text));
+    context.tag = owner ? std::string_view(owner->record.tag) : std::string_view();
     context.number = place.number;
     context.item = place.item;
     context.section = place.section;
@@ -194,7 +226,7 @@ Result CImap4Client::TakeLiteral(Imap4Response* response, uint64_t size, uint64_
     return rc::kImap4LiteralTooLarge;
   }
   literal.bytes.resize(size);
-  if (Result r = ReceiveExact(literal.bytes.data(), size); r.failed()) return r;
+  if (Result r = size ? ReceiveExact(literal.bytes.data(), size) : rc::kOk; r.failed()) return r;  // {0}: nothing to read
   *held += size;
   if (Reports(kImap4LogLiterals)) ReportLine(kLineReceived, kImap4LogLiterals, literal.bytes);
   response->literals.push_back(std::move(literal));
@@ -239,6 +271,7 @@ Result CImap4Client::Dispatch(const Imap4Response& response, std::string_view wa
   Imap4Head head;
   Pending* oldest = Oldest();
   Imap4CommandResult& target = oldest ? oldest->record : greeting_;
+  const auto into = [this](Pending* p) -> Imap4CommandResult& { return p ? p->record : greeting_; };
   if (ParseHead(response.text, &head).failed()) {
     if (!oldest) {
       last_reply_ = response.text;
@@ -292,10 +325,10 @@ Result CImap4Client::Dispatch(const Imap4Response& response, std::string_view wa
         const bool known = head.number > 0 && (!mailbox_.exists || head.number <= *mailbox_.exists);
         if (!known || !ParseFetchData(response, head.rest, &data)) {
           target.malformed = true;
-        } else if (fetch_listener_) {
-          fetch_listener_->OnFetch(target.tag, data);
+        } else if (Imap4CommandResult& owner = into(Owner("FETCH", data.number, data.uid)); fetch_listener_) {
+          fetch_listener_->OnFetch(owner.tag, data);
         } else {
-          target.fetch.push_back(std::move(data));
+          owner.fetch.push_back(std::move(data));
         }
       }
       return rc::kOk;
@@ -325,13 +358,13 @@ Result CImap4Client::Dispatch(const Imap4Response& response, std::string_view wa
   } else if (head.keyword == "LIST" || head.keyword == "LSUB") {
     Imap4ListEntry entry;
     ok = ParseListEntry(response, head.rest + 1, &entry);
-    if (ok) target.list.push_back(std::move(entry));
+    if (ok) into(Owner(head.keyword, 0, std::nullopt)).list.push_back(std::move(entry));
   } else if (head.keyword == "STATUS") {
     Imap4StatusData data;
     ok = ParseStatusData(response, head.rest, &data);
-    if (ok) target.status_items.push_back(std::move(data));
+    if (ok) into(Owner("STATUS", 0, std::nullopt)).status_items.push_back(std::move(data));
   } else if (head.keyword == "SEARCH") {
-    ok = ParseSearch(rest, &target.search);
+    ok = ParseSearch(rest, &into(Owner("SEARCH", 0, std::nullopt)).search);
   } else if (head.keyword == "FLAGS") {
     uint32_t bits = 0;
     ok = ParseFlagsData(response, head.rest, &bits, &mailbox_.flag_keywords);
@@ -373,6 +406,7 @@ Result CImap4Client::Login(std::string_view user, std::string_view password) {
 
 Result CImap4Client::Logout() {
   Result r = Command("LOGOUT");
+  Close().Ignore();  // the server ends the session; a later Connect opens a new one
   // A server may close right after its BYE, before the tagged OK.
   if (r == rc::kSockClosed && last_kind_ == Imap4Status::kBye) return rc::kOk;
   return r;

@@ -158,7 +158,8 @@ class CImap4Client : public CMailSocket {
   // answers can fill both directions' buffers and wait for ever (until the
   // time-out), so a long run Begins a few dozen commands ahead and Finishes
   // the oldest before Beginning more. Untagged data is filed under the
-  // oldest outstanding command.
+  // command it answers (see Owner), else under the oldest outstanding one:
+  // servers may answer pipelined commands out of order.
   Result Begin(std::string_view command, std::string* tag);
   Result BeginFetch(uint32_t first, uint32_t last, std::string_view items, bool uid, std::string* tag);
   Result Finish(std::string_view tag);
@@ -206,6 +207,12 @@ class CImap4Client : public CMailSocket {
                   Result* outcome);
   Result Outcome(const Imap4CommandResult& record);
   Pending* Oldest();
+  // The outstanding command untagged data belongs to. Servers may run
+  // pipelined commands side by side and answer them out of order, so the
+  // oldest command is only the fallback: FETCH data goes to the FETCH whose
+  // set holds its number (or its UID), STATUS, LIST, LSUB and SEARCH data to
+  // the oldest command of that verb.
+  Pending* Owner(std::string_view keyword, uint32_t number, std::optional<uint32_t> uid);
   void ForgetPending();
 
   Imap4LiteralHook* literal_hook_ = nullptr;

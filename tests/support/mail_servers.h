@@ -83,6 +83,9 @@ class MailServers {
   // Dovecot finds it on the next IMAP or POP3 session. Fast mailbox filling
   // for tests and benchmarks. Returns the file's path, "" on failure.
   std::filesystem::path Deliver(const std::string& user, const std::string& message);
+  // The user's Maildir (cur, new, tmp), made on first use; Dovecot keeps a
+  // folder "A/B" in it as ".A.B", its name in modified UTF-7.
+  std::filesystem::path Maildir(const std::string& user);
   // The message files in Maildir/new and cur.
   std::vector<std::filesystem::path> Messages(const std::string& user);
 
@@ -93,7 +96,6 @@ class MailServers {
   static inline const MailUser kMicrosocksUser{"msuser", "ms-pass"};
 
   MailServers();
-  std::filesystem::path Maildir(const std::string& user);  // cur, new and tmp, made on first use
   // Root and the certificates once; then whether every program is there.
   ServerStatus Ready(const std::vector<const char*>& programs);
   // The status of the first start, which runs on the first call only.
