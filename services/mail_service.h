@@ -172,6 +172,8 @@ class MailService : public EngineService {
   virtual Result SaveIncoming(Settings& settings, const std::string& section, const ServiceSettings& s) = 0;
 
  private:
+  friend class SendRun;  // the sending session reports events and holds the current client
+
   void WorkerMain();
   void RunOnce();
 

@@ -50,6 +50,17 @@ struct OutgoingMessage {
 Result CollectOutgoing(MailService& service, FolderFile& outbox, std::vector<OutgoingMessage>* messages,
                        uint64_t* total_bytes);
 
+// Marks an accepted message sent (msgflag::kSent), committed and flushed to
+// the disk on return: from then on no run sends it again, even after a crash.
+Result MarkSent(FolderFile& outbox, uint32_t key);
+
+// Moves a message into `sent`: appended there marked sent and read, no
+// longer unsent, its text without "X-Unsent" (it keeps "BCC" for the
+// sender's eyes); then deleted from the outbox. A copy already in `sent`
+// (same Message-ID, marked sent: a crash came between the two steps) is not
+// appended again.
+Result MoveToSent(FolderFile& outbox, FolderFile& sent, uint32_t key);
+
 // Whether a record belongs to `service`; `unmarked_is_ours` says whether a
 // record without a mark does (see above).
 bool IsOutgoingFor(const MessageRecord& record, const Guid& service, bool unmarked_is_ours);
