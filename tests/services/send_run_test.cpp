@@ -94,7 +94,7 @@ TEST_F(SendRunTest, RefusedStartTlsGoesOnInTheClearOnlyWhenAllowed) {
     EXPECT_EQ(Folder(kFolderOutbox).size(), allow ? 0u : 1u);
     const std::string log = Log().substr(logged);
     EXPECT_EQ(log.find("Warning: STARTTLS failed") != std::string::npos, allow);
-    EXPECT_EQ(log.find("Error: ") != std::string::npos, !allow);
+    EXPECT_EQ(log.find("- Error: ") != std::string::npos, !allow);
   }
 }
 

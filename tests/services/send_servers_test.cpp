@@ -138,7 +138,7 @@ TEST_F(SendServersTest, RefusedCredentialsAskTheUser) {
     EXPECT_EQ(service_.Send(), row.want);
     EXPECT_EQ(prompt.asked, 1);
     EXPECT_EQ(Folder(kFolderOutbox).size(), row.left);
-    EXPECT_EQ(Log().find("Error: "), std::string::npos);
+    EXPECT_EQ(Log().find("\n- Error: "), std::string::npos) << Log();
     EXPECT_EQ(service_.settings().smtp.password, row.answer.empty() ? "wrong" : bob.password);
   }
   service_.SetCredentialsPrompt(nullptr);
