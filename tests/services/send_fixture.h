@@ -32,6 +32,7 @@ class SendFixture : public ::testing::Test, public SyncObserver {
     service_.observers().Add(this);
   }
   ~SendFixture() override {
+    service_.Shutdown();
     service_.observers().Remove(this);
     storage_.Close();
     ReleaseEngine();

@@ -49,6 +49,7 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
   struct Row {
     const char* name; SmtpAuthMode mode; bool ssl, implicit, sasl; uint16_t port, socks;
     std::string password, prompt; Result want;
+    bool worker = false;  // a whole run of the worker: Start(true, false)
   };
   const Row rows[] = {
       {"no AUTH, plain", SmtpAuthMode::kNotRequired, false, false, false, p.smtp, 0, "", "", rc::kOk},
@@ -58,6 +59,7 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
       {"CRAM-MD5 through SOCKS 5", SmtpAuthMode::kCredentials, false, false, true, p.smtp, p.microsocks, good, "",
        rc::kOk},
       {"prompt cancelled", SmtpAuthMode::kCredentials, false, false, false, p.smtp, 0, "wrong", "", rc::kAbort},
+      {"after a POP3 login", SmtpAuthMode::kAfterIncoming, false, false, false, p.smtp, 0, good, "", rc::kOk, true},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
@@ -73,7 +75,9 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
       s.smtp.socks_version = row.socks ? kSocks5 : kSocksNone;
       s.smtp.socks_address = "127.0.0.1";
       s.smtp.socks_port = row.socks;
-      ProtocolSettings& login = row.mode == SmtpAuthMode::kSameAsIncoming ? s.incoming : s.smtp;
+      s.incoming.host = "127.0.0.1";
+      s.incoming.port = p.pop3;
+      ProtocolSettings& login = row.mode == SmtpAuthMode::kCredentials ? s.smtp : s.incoming;
       login.user_name = MailServers::Bob().name;
       login.password = row.password;
     });
@@ -87,13 +91,18 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
                                         "X-Unsent: 1\r\n\r\n.\r\n..two\r\n.x\r\nend\r\n"), rc::kOk);
     const size_t logged = Log().size();
     events_.clear();
-    EXPECT_EQ(service_.Send(), row.want);
+    if (row.worker) {
+      ASSERT_EQ(service_.Start(true, false), rc::kOk);
+      service_.WaitIdle();
+    }
+    EXPECT_EQ(row.worker ? service_.pending_error() : service_.Send(), row.want);
     const std::string log = Log().substr(logged);
+    EXPECT_EQ(log.find("(POP3)") < log.find("(SMTP)"), row.worker);  // logged in to receive first
     EXPECT_EQ(log.find(good), std::string::npos) << "a password reached the log";
     const std::vector<MessageRecord> left = Folder(kFolderOutbox);
     ASSERT_FALSE(events_.empty());
     EXPECT_EQ(events_.front(), kEventConnecting);
-    EXPECT_EQ(events_.back(), kEventClosed);
+    EXPECT_EQ(events_.back(), row.worker ? kEventRunFinished : kEventClosed);
     if (row.want.failed()) {
       EXPECT_EQ(left.size(), 2u);
       EXPECT_EQ(log.find("- Error: "), std::string::npos);
