@@ -7,11 +7,8 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
-#include <string>
-#include <vector>
 
 #include "core/engine.h"
-#include "services/mail_service.h"
 #include "services/service_registry.h"
 #include "tests/support/temp_dir.h"
 
@@ -38,8 +35,8 @@ class ServiceEngineTest : public ::testing::Test {
   MailEngine* engine_ = nullptr;
 };
 
-// Receive and Send record their calls ("connect" for connect-only) and run
-// on_receive / on_send; events are read while the service is idle.
+// Receive and Send append " receive" (" connect" when connect-only) or
+// " send" to calls() and run on_receive / on_send. Events are read while idle.
 class TestService final : public MailService, public SyncObserver {
  public:
   TestService(MailEngine& engine, Storage& storage) : MailService(engine, storage) { observers().Add(this); }
@@ -65,9 +62,10 @@ class TestService final : public MailService, public SyncObserver {
 
  private:
   Result Call(const char* what, const std::function<Result()>& fn) {
-    std::unique_lock lock(mu_);
-    calls_ += what;
-    lock.unlock();
+    {
+      std::lock_guard lock(mu_);
+      calls_ += what;
+    }
     return fn ? fn() : rc::kOk;
   }
   std::mutex mu_;

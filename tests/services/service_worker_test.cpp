@@ -2,12 +2,9 @@
 // run) and the scheduler's start-up and periodic runs.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
-#include <condition_variable>
+#include <semaphore>
 #include <stdexcept>
 #include <thread>
 
@@ -23,29 +20,6 @@ using test::TestService;
 using M = SmtpAuthMode;
 const std::vector<int> kEnd = {kEventRunFinished};
 
-// Holds a run until opened.
-struct Gate {
-  std::mutex mu;
-  std::condition_variable cv;
-  bool open = false, entered = false;
-  Result Hold() {
-    std::unique_lock lock(mu);
-    entered = true;
-    cv.notify_all();
-    cv.wait(lock, [&] { return open; });
-    return rc::kOk;
-  }
-  void AwaitEntered() {
-    std::unique_lock lock(mu);
-    cv.wait(lock, [&] { return entered; });
-  }
-  void Open() {
-    std::lock_guard lock(mu);
-    open = true;
-    cv.notify_all();
-  }
-};
-
 class ServiceWorkerTest : public test::ServiceEngineTest {
  protected:
   TestService& Add(M mode = M::kNotRequired, int minutes = 0, bool startup = true, bool synchronize = true) {
@@ -53,14 +27,19 @@ class ServiceWorkerTest : public test::ServiceEngineTest {
     ServiceSettings s;
     s.guid = Guid::NewRandom();
     s.smtp_authentication = mode;
-    s.sync_minutes = minutes;
-    s.sync_at_startup = startup;
-    s.synchronize = synchronize;
+    std::tie(s.sync_minutes, s.sync_at_startup, s.synchronize) = std::tuple(minutes, startup, synchronize);
     owned->SetSettings(s);
     TestService& service = *owned;
     EXPECT_EQ(local().AddService(&service), rc::kOk);
     engine_->AddService(std::move(owned));
     return service;
+  }
+  // A run held in on_receive until `release`; `entered` says it got there.
+  std::binary_semaphore entered{0}, release{0};
+  Result Hold() {
+    entered.release();
+    release.acquire();
+    return rc::kOk;
   }
 };
 
@@ -81,13 +60,12 @@ TEST_F(ServiceWorkerTest, RunOrderAndASecondStart) {
   EXPECT_EQ(LogCount("- Synchronization done\r\n"), 5u);
 
   TestService& service = Add();
-  Gate gate;
-  service.on_receive = [&] { return gate.Hold(); };
+  service.on_receive = [&] { return Hold(); };
   ASSERT_EQ(service.Start(false, true), rc::kOk);
-  gate.AwaitEntered();
+  entered.acquire();
   ASSERT_EQ(service.Start(true, true), rc::kOk);  // queues nothing
   EXPECT_EQ(service.events, kEnd);
-  gate.Open();
+  release.release();
   service.WaitIdle();
   EXPECT_EQ(service.calls(), " receive");
   EXPECT_EQ(service.events.size(), 2u);
@@ -95,27 +73,25 @@ TEST_F(ServiceWorkerTest, RunOrderAndASecondStart) {
 
 TEST_F(ServiceWorkerTest, StopsAndFailures) {
   TestService& service = Add();
-  // A hard stop aborts the connection under a blocked read.
+  // A hard stop aborts the connection under a blocked read (time-out 60 s).
   const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t len = sizeof addr;
   ASSERT_TRUE(::bind(listener, reinterpret_cast<sockaddr*>(&addr), len) == 0 && ::listen(listener, 1) == 0 &&
               ::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) == 0);
-  Gate connected;
   Result read;
   service.on_receive = [&] {
     CMailSocket socket;
     Result r = socket.Connect("127.0.0.1", ntohs(addr.sin_port));
     service.SetCurrentClient(&socket);
-    connected.open = true;
-    connected.Hold().Ignore();  // always 0
+    entered.release();
     std::string line;
-    if (r.ok()) r = read = socket.ReadLine(&line);  // the default time-out is 60 s
+    if (r.ok()) r = read = socket.ReadLine(&line);
     service.SetCurrentClient(nullptr);
     return r;
   };
   ASSERT_EQ(service.Start(false, true), rc::kOk);
-  connected.AwaitEntered();
+  entered.acquire();
   std::this_thread::sleep_for(50ms);  // into the read
   const auto stopped = std::chrono::steady_clock::now();
   service.Stop(true);
@@ -138,16 +114,15 @@ TEST_F(ServiceWorkerTest, StopsAndFailures) {
   EXPECT_TRUE(service.pending_error().ok());
 
   // Stop(false) is seen at the run's next check; Shutdown ends a run as terminated, without event 1000.
-  std::atomic<int> runs = 0;
   service.on_receive = [&] {
-    ++runs;
+    entered.release();
     while (!service.interrupted()) std::this_thread::sleep_for(1ms);
     return rc::kAbort;
   };
   for (bool shutdown : {false, true}) {
     service.events.clear();
     ASSERT_EQ(service.Start(false, true), rc::kOk);
-    while (runs != 1 + shutdown) std::this_thread::sleep_for(1ms);
+    entered.acquire();
     shutdown ? service.Shutdown() : service.Stop(false);
     service.WaitIdle();
     EXPECT_EQ(service.events, shutdown ? std::vector<int>{} : kEnd);
@@ -171,13 +146,13 @@ TEST_F(ServiceWorkerTest, SchedulerStartupAndPeriods) {
   EXPECT_EQ(scheduler.Tick(t0 + 9min), 0);
   EXPECT_EQ(scheduler.Tick(t0 + 10min), 1);
   periodic.WaitIdle();
-  Gate gate;
-  periodic.on_receive = [&] { return gate.Hold(); };
+  periodic.on_receive = [&] { return Hold(); };
   EXPECT_EQ(scheduler.Tick(t0 + 20min), 1);
-  gate.AwaitEntered();
+  entered.acquire();
   EXPECT_EQ(scheduler.Tick(t0 + 30min), 0);  // busy: this period is skipped
-  gate.Open();
+  release.release();
   periodic.WaitIdle();
+  periodic.on_receive = nullptr;
   EXPECT_EQ(scheduler.Tick(t0 + 35min), 0);
   EXPECT_EQ(scheduler.Tick(t0 + 40min), 1);
   periodic.WaitIdle();
