@@ -34,19 +34,19 @@ TEST_F(SendRunTest, OnlyMovesWhatWasAcceptedAndLeavesOtherServicesMail) {
   MessageRecord other = RecordFromMessage(kMessage);
   SetSendingService(&other, Guid::NewRandom());
   ASSERT_EQ(File(kFolderOutbox).Append(other, kMessage, &other.key), rc::kOk);
-  EXPECT_FALSE(service_.HasOutgoingMail());
+  EXPECT_FALSE(service_->HasOutgoingMail());
   std::string second = kMessage;
   second.replace(second.find("m1"), 2, "m2");
   uint32_t copied = 0, accepted = 0;
-  ASSERT_EQ(QueueForSending(service_, kMessage, &copied), rc::kOk);
-  ASSERT_EQ(QueueForSending(service_, second, &accepted), rc::kOk);
+  ASSERT_EQ(QueueForSending(*service_, kMessage, &copied), rc::kOk);
+  ASSERT_EQ(QueueForSending(*service_, second, &accepted), rc::kOk);
   for (uint32_t key : {copied, accepted}) ASSERT_EQ(MarkSent(File(kFolderOutbox), key), rc::kOk);
   MessageRecord copy = *File(kFolderOutbox).FindMessage(copied);
   copy.flags = (copy.flags | msgflag::kSent) & ~msgflag::kUnsent;
   ASSERT_EQ(File(kFolderSent).Append(copy, kMessage, &copy.key), rc::kOk);
-  EXPECT_TRUE(service_.HasOutgoingMail());
+  EXPECT_TRUE(service_->HasOutgoingMail());
 
-  EXPECT_EQ(service_.Send(), rc::kOk);
+  EXPECT_EQ(service_->Send(), rc::kOk);
   EXPECT_EQ(Log().find("Synchronizing"), std::string::npos);
   EXPECT_TRUE(events_.empty());
   const std::vector<MessageRecord> left = Folder(kFolderOutbox), sent = Folder(kFolderSent);
@@ -76,9 +76,9 @@ TEST_F(SendRunTest, RefusedStartTlsGoesOnInTheClearOnlyWhenAllowed) {
       s.smtp.use_ssl = true;
       s.smtp.ssl_allow_insecure = allow;
     });
-    ASSERT_EQ(QueueForSending(service_, kMessage), rc::kOk);
+    ASSERT_EQ(QueueForSending(*service_, kMessage), rc::kOk);
     const size_t logged = Log().size();
-    EXPECT_EQ(service_.Send(), allow ? rc::kOk : Result(0x80C3A036));
+    EXPECT_EQ(service_->Send(), allow ? rc::kOk : Result(0x80C3A036));
     EXPECT_EQ(server.Finish(), "");
     EXPECT_EQ(Folder(kFolderOutbox).size(), allow ? 0u : 1u);
     const std::string log = Log().substr(logged);

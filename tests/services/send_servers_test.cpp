@@ -65,7 +65,7 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
     SCOPED_TRACE(row.name);
     Prompt prompt;
     prompt.answer = row.prompt;
-    service_.SetCredentialsPrompt(&prompt);
+    service_->SetCredentialsPrompt(&prompt);
     Edit([&](ServiceSettings& s) {
       s.smtp_authentication = row.mode;
       s.smtp.port = row.port;
@@ -85,17 +85,17 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
     for (const MessageRecord& r : Folder(kFolderOutbox)) keys.push_back(r.key);
     EXPECT_TRUE(keys.empty() || File(kFolderOutbox).Delete(keys).ok());
     const std::string marker = "m" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
-    ASSERT_EQ(QueueForSending(service_, "To: nobody@localhost\r\nSubject: refused\r\n\r\nx\r\n"), rc::kOk);
-    ASSERT_EQ(QueueForSending(service_, "From: Me <me@localhost>\r\nTo: alice@localhost\r\nBcc: bob@localhost\r\n"
+    ASSERT_EQ(QueueForSending(*service_, "To: nobody@localhost\r\nSubject: refused\r\n\r\nx\r\n"), rc::kOk);
+    ASSERT_EQ(QueueForSending(*service_, "From: Me <me@localhost>\r\nTo: alice@localhost\r\nBcc: bob@localhost\r\n"
                                         "Subject: " + marker + "\r\nMessage-ID: <" + marker + "@localhost>\r\n"
                                         "X-Unsent: 1\r\n\r\n.\r\n..two\r\n.x\r\nend\r\n"), rc::kOk);
     const size_t logged = Log().size();
     events_.clear();
     if (row.worker) {
-      ASSERT_EQ(service_.Start(true, false), rc::kOk);
-      service_.WaitIdle();
+      ASSERT_EQ(service_->Start(true, false), rc::kOk);
+      service_->WaitIdle();
     }
-    EXPECT_EQ(row.worker ? service_.pending_error() : service_.Send(), row.want);
+    EXPECT_EQ(row.worker ? service_->pending_error() : service_->Send(), row.want);
     const std::string log = Log().substr(logged);
     EXPECT_EQ(log.find("(POP3)") < log.find("(SMTP)"), row.worker);  // logged in to receive first
     EXPECT_EQ(log.find(good), std::string::npos) << "a password reached the log";
@@ -112,19 +112,19 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
     EXPECT_EQ(left[0].subject, u"refused");
     EXPECT_NE(log.find("- Error: The SMTP server refused the command (reply 550)."), std::string::npos);
     EXPECT_EQ(Folder(kFolderSent).back().flags & (msgflag::kSent | msgflag::kUnsent), msgflag::kSent);
-    EXPECT_TRUE(row.prompt.empty() || service_.settings().smtp.password == row.prompt);  // kept for later runs
+    EXPECT_TRUE(row.prompt.empty() || service_->settings().smtp.password == row.prompt);  // kept for later runs
     for (const std::string user : {"alice", "bob"}) {
       const std::string got = Delivered(user, marker);
       const size_t body = got.find("\n\n");
       ASSERT_NE(body, std::string::npos) << user << " got nothing";
       EXPECT_EQ(got.substr(body), "\n\n.\n..two\n.x\nend\n");
       for (const std::string& hidden : {std::string("Bcc"), std::string("X-Unsent"),
-                                        service_.settings().guid.ToLowerString().substr(1, 8)}) {
+                                        service_->settings().guid.ToLowerString().substr(1, 8)}) {
         EXPECT_EQ(got.find(hidden), std::string::npos) << hidden;
       }
     }
   }
-  service_.SetCredentialsPrompt(nullptr);
+  service_->SetCredentialsPrompt(nullptr);
 }
 
 }  // namespace
