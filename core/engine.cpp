@@ -1,5 +1,6 @@
 #include "core/engine.h"
 
+#include <algorithm>
 #include <ctime>
 #include <new>
 #include <optional>
@@ -335,6 +336,53 @@ std::vector<EngineService*> MailEngine::services() {
   std::vector<EngineService*> out;
   for (auto& service : services_) out.push_back(service.get());
   return out;
+}
+
+void MailEngine::AddService(std::unique_ptr<EngineService> service) {
+  EngineService* added = service.get();
+  {
+    RecursiveLock lock(services_mu_);
+    services_.push_back(std::move(service));
+  }
+  service_added_.ForEach([&](ServiceAddedListener& l) { l.OnServiceAdded(*added); });
+}
+
+Result MailEngine::RemoveService(EngineService* service) {
+  std::unique_ptr<EngineService> removed;
+  {
+    RecursiveLock lock(services_mu_);
+    auto it = std::find_if(services_.begin(), services_.end(), [&](const auto& s) { return s.get() == service; });
+    if (it == services_.end()) return rc::kInvalidArg;
+    removed = std::move(*it);
+    services_.erase(it);
+  }
+  // Outside the lock: the worker being joined may still look services up.
+  removed->Shutdown();
+  for (Storage* storage : storages()) storage->RemoveService(removed.get());
+  return rc::kOk;
+}
+
+Result MailEngine::DeleteStorage(Storage* storage) {
+  std::unique_ptr<Storage> owned;
+  {
+    RecursiveLock lock(storages_mu_);
+    auto it = std::find_if(storages_map_.begin(), storages_map_.end(),
+                           [&](const auto& entry) { return entry.second.get() == storage; });
+    if (it == storages_map_.end() || storage->local() || !storage->services().empty()) return rc::kInvalidArg;
+    owned = std::move(it->second);
+    storages_map_.erase(it);
+  }
+  std::vector<std::filesystem::path> files = {owned->index_path(), IndexBackupPath(owned->index_path())};
+  owned->ForEachFolder([&](MailFolder& folder) {
+    if (!folder.file_path().empty()) files.push_back(folder.file_path());
+  });
+  owned->Close();
+  Result result;
+  for (const std::filesystem::path& file : files) {
+    if (!file_ops_->Exists(file)) continue;
+    if (const Result r = file_ops_->RemoveFile(file); r.failed() && result.ok()) result = r;
+  }
+  return result;
 }
 
 MailFolder* MailEngine::FindFolder(WStringView path) { return FindFolderByPath(storages(), path); }

@@ -139,6 +139,23 @@ class MailEngine final : public StorageHost {
   // The same directory, or none, is rc::kInvalidArg.
   Result MoveDataDirectory(const std::filesystem::path& new_dir, const DataMoveCallback& callback);
 
+  // Services made and removed after start-up (the account operations of
+  // services/service_registry.h). Interface thread.
+  //
+  // Takes a loaded and initialized service (already on its storage's list)
+  // into the engine's list and tells the service-added listeners.
+  void AddService(std::unique_ptr<EngineService> service);
+  // Takes the service off the list, shuts it down (its worker joined; no
+  // engine lock is held meanwhile), drops it from every storage's list and
+  // deletes it. rc::kInvalidArg when it is not on the list.
+  Result RemoveService(EngineService* service);
+  // A new, open storage named `name` for a new service; *created gets it.
+  Result CreateServiceStorage(WStringView name, Storage** created) { return CreateStorage(name, false, created); }
+  // Closes a storage that no service uses and deletes its files (index,
+  // index backup, folder files). rc::kInvalidArg for the local storage, one
+  // still in use, or one the engine does not hold.
+  Result DeleteStorage(Storage* storage);
+
   ListenerList<ServiceAddedListener>& service_added_listeners() { return service_added_; }
   ListenerList<ServiceLoadedListener>& service_loaded_listeners() { return service_loaded_; }
   ListenerList<StorageOpeningListener>& storage_opening_listeners() { return storage_opening_; }

@@ -4,7 +4,8 @@
 //
 // Settings live in the section "Service.{guid}" of the engine's settings
 // file (lower-case GUID, braces included), keys in a fixed order
-// (services/service_keys.cpp). Passwords are kept only enciphered there
+// (services/service_keys.cpp): one walk over them loads and saves. A value
+// that is missing, of the wrong type or out of its range loads as the default. Passwords are kept only enciphered there
 // (services/password_cipher.h).
 //
 // Threads. The interface thread loads, saves, edits and starts services;
@@ -108,7 +109,10 @@ class MailService : public EngineService {
   // Writes every key in order, deletes the plain password keys, and asks
   // the engine to flush the settings file.
   Result Save();
-  // Deletes the section and tells the engine (which drops the service).
+  // Deletes the section, leaves the storage's list and tells the engine,
+  // which shuts the service down and DELETES it: nothing may use the object
+  // after Delete returns (unless it was not on the engine's list).
+  // Interface thread, never the service's own worker.
   Result Delete();
 
   ServiceSettings settings() const EXCLUDES(settings_mu_);
@@ -125,27 +129,39 @@ class MailService : public EngineService {
   // service through one SMTP session, each accepted one marked sent and
   // moved to "Sent". Runs only when sending was requested and no error is
   // pending.
-  Result Send();
+  // Virtual so that tests can stand in for the run.
+  virtual Result Send();
   // Whether the outbox holds a message whose sending service is this one.
-  bool HasOutgoingMail();
+  virtual bool HasOutgoingMail();
   // The receiving run; with connect_only it logs in, writes the log header
   // and ends (for "saSMTPAfterIncoming").
   virtual Result Receive(bool connect_only) = 0;
 
   // ---- Worker (services/service_worker.cpp) ----
-  // Starts a run on the worker thread; event 1000 and 0 when there is
-  // nothing to do or a run is under way. Any thread.
-  Result Start(bool send, bool receive);
+  // Starts a run on the worker thread (made at the first Start); event 1000
+  // and 0 when the storage is not open, there is nothing to do (send counts
+  // only with outgoing mail) or a run is under way: a second Start never
+  // queues work. The system error when the thread cannot be made. Any thread.
+  //
+  // A run: pending_error() cleared; with "saSMTPAfterIncoming" the
+  // receiving run first (connect-only when receiving was not asked), then
+  // sending; otherwise sending, then receiving. Then event 1000 (unless
+  // terminated) and "Synchronization done" (or "... terminated by user").
+  // An exception escaping a run is logged as "*** Fatal Error: " + what. A
+  // failed run that set no pending error leaves its result there.
+  Result Start(bool send, bool receive) EXCLUDES(worker_mu_);
   // Sets the interrupted flag; hard also aborts the connection under the
   // running command. Any thread.
-  void Stop(bool hard);
-  // Blocks until no run is under way. Any thread but the worker.
-  void WaitIdle();
+  void Stop(bool hard) EXCLUDES(client_mu_);
+  // Blocks until no run is under way (returns at once when none is). Any
+  // thread but the worker.
+  void WaitIdle() EXCLUDES(worker_mu_);
   bool running() const { return status_.load() != kStatusClosed || busy_.load(); }
   Result pending_error() const { return Result(pending_error_.load()); }
   bool interrupted() const { return interrupted_.load(); }
-  // EngineService: terminates and joins the worker.
-  void Shutdown() override;
+  // EngineService: terminates the worker (a hard Stop) and joins it.
+  // Idempotent; also called by ~MailService as a last resort.
+  void Shutdown() override EXCLUDES(worker_mu_, client_mu_);
   void Idle() override {}
 
   ListenerList<SyncObserver>& observers() { return observers_; }
@@ -172,8 +188,8 @@ class MailService : public EngineService {
   virtual Result SaveIncoming(Settings& settings, const std::string& section, const ServiceSettings& s) = 0;
 
  private:
-  void WorkerMain();
-  void RunOnce();
+  void WorkerMain() EXCLUDES(worker_mu_);
+  void RunOnce() EXCLUDES(worker_mu_);
 
   MailEngine& engine_;
   Storage& storage_;
@@ -197,11 +213,13 @@ class MailService : public EngineService {
   std::atomic<uint32_t> status_{kStatusClosed};
   std::atomic<uint32_t> pending_error_{0};
 
-  // The worker sleeps on wake_ between runs.
+  // The worker sleeps on wake_ between runs; WaitIdle sleeps on idle_.
+  // busy_ goes true in Start and false after the run, both under worker_mu_.
   Mutex worker_mu_;
   std::condition_variable_any wake_;
+  std::condition_variable_any idle_;
   bool wake_pending_ GUARDED_BY(worker_mu_) = false;
-  std::thread worker_;
+  std::thread worker_ GUARDED_BY(worker_mu_);
 };
 
 }  // namespace trv
