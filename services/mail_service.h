@@ -188,6 +188,8 @@ class MailService : public EngineService {
   virtual Result SaveIncoming(Settings& settings, const std::string& section, const ServiceSettings& s) = 0;
 
  private:
+  friend class SendRun;  // the sending session reports events and holds the current client
+
   void WorkerMain() EXCLUDES(worker_mu_);
   void RunOnce() EXCLUDES(worker_mu_);
 

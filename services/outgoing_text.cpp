@@ -1,0 +1,57 @@
+#include "services/outgoing_text.h"
+
+#include "mime/field_line.h"
+
+namespace trv {
+
+namespace {
+
+bool Named(std::string_view name, std::initializer_list<std::string_view> lower_case_names) {
+  for (std::string_view candidate : lower_case_names) {
+    if (name.size() != candidate.size()) continue;
+    size_t i = 0;
+    while (i < name.size() && (name[i] >= 'A' && name[i] <= 'Z' ? name[i] + 32 : name[i]) == candidate[i]) ++i;
+    if (i == name.size()) return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+std::string WithoutHeaderFields(std::string_view text, std::initializer_list<std::string_view> lower_case_names) {
+  std::string out;
+  out.reserve(text.size());
+  bool dropping = false;
+  size_t pos = 0;
+  while (pos < text.size()) {
+    size_t end = text.find('\n', pos);
+    end = end == std::string_view::npos ? text.size() : end + 1;
+    const std::string_view line = text.substr(pos, end - pos);
+    if (line == "\r\n" || line == "\n") break;  // the body follows as it is
+    pos = end;
+    if (line[0] != ' ' && line[0] != '\t') {
+      FieldLineSplit split;
+      dropping = StartsHeaderField(line, &split) && Named(line.substr(0, split.name_length), lower_case_names);
+    }
+    if (!dropping) out.append(line);
+  }
+  out.append(text.substr(pos));
+  return out;
+}
+
+std::string OutgoingText(std::string_view stored) {
+  const std::string text = WithoutHeaderFields(stored, {"bcc", "resent-bcc", "x-unsent"});
+  std::string out;
+  out.reserve(text.size() + text.size() / 64);
+  for (size_t pos = 0; pos < text.size();) {
+    size_t end = text.find('\n', pos);
+    end = end == std::string::npos ? text.size() : end + 1;
+    if (text[pos] == '.') out += '.';
+    out.append(text, pos, end - pos);
+    pos = end;
+  }
+  if (out.size() >= 2 && out.compare(out.size() - 2, 2, "\r\n") == 0) out.resize(out.size() - 2);
+  return out;
+}
+
+}  // namespace trv
