@@ -18,6 +18,7 @@ class Pop3Service final : public MailService {
   Result Receive(bool connect_only) override;
 
  protected:
+  friend class Pop3Run;  // the run's state (services/pop3_sync.cpp)
   void LoadIncoming(Settings& settings, const std::string& section, ServiceSettings& s) override;
   Result SaveIncoming(Settings& settings, const std::string& section, const ServiceSettings& s) override;
 };

@@ -35,6 +35,7 @@ inline constexpr uint32_t kDeletedOnServer = 0x0200;  // marked deleted on the s
 inline constexpr uint32_t kHasAttachments = 0x0400;
 inline constexpr uint32_t kDraft = 0x0800;
 inline constexpr uint32_t kReadChanged = 0x1000;      // read state changed here, not yet uploaded
+inline constexpr uint32_t kFullDownloadRequested = 0x2000;  // partial: the user asked for the rest
 inline constexpr uint32_t kNeedsHeaderRefresh = 0x8000;  // rebuilt by a repair from the stream alone
 }  // namespace msgflag
 

@@ -1,0 +1,65 @@
+// The record of messages the user deleted here from a POP3 inbox while the
+// server may still hold them: their UIDs and the dates of the deletions, so
+// that a run never downloads them again and deletes them on the server by
+// the account's rules. Kept next to the inbox's folder file, as
+// "<folder file>.deleted": one line per entry, "<date> <uid>" (the date in
+// record units, days since 30 Dec 1899), written whole and durably (0600)
+// on every change.
+//
+// How a deletion gets here: an explicit call, DeleteReceivedMessages, which
+// whoever deletes messages of a POP3 inbox uses instead of FolderFile's
+// Delete (the command line does). The record is written before the
+// messages are deleted, so a crash in between leaves a local copy that is
+// also recorded (it is not downloaded again, and goes on the server by the
+// rules), never a message that the next run downloads again.
+//
+// Threads: an object belongs to one thread. The run reads the file at its
+// start and writes it after its deletes; a deletion by the interface during
+// a run may be overwritten by the run's write (the entry is then missing
+// and that message is downloaded again: nothing is lost).
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "base/file_system.h"
+#include "base/result.h"
+
+namespace trv {
+
+class FolderFile;
+
+class DeletedUids {
+ public:
+  DeletedUids(FileSystem& fs, std::filesystem::path folder_file)
+      : fs_(fs), path_(std::move(folder_file) += ".deleted") {}
+
+  // Reads the file; a missing file is an empty record. Lines that do not
+  // parse are skipped.
+  Result Load();
+  // Writes the record durably; an empty record removes the file.
+  Result Save();
+
+  // The deletion date of `uid`, or nullptr.
+  const double* Find(std::string_view uid) const;
+  void Add(std::string_view uid, double date) { entries_[std::string(uid)] = date; }
+  bool Remove(std::string_view uid);
+  size_t size() const { return entries_.size(); }
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  FileSystem& fs_;
+  std::filesystem::path path_;
+  std::map<std::string, double, std::less<>> entries_;
+};
+
+// Deletes messages of a POP3 service's inbox here: records the server UIDs
+// of those that have one (durably, first), then FolderFile::Delete. Codes:
+// rc::kInvalidArg for an unknown key (nothing recorded or deleted), the
+// record's write failure (nothing deleted), or Delete's.
+Result DeleteReceivedMessages(FileSystem& fs, FolderFile& inbox, const std::vector<uint32_t>& keys);
+
+}  // namespace trv
