@@ -9,6 +9,7 @@
 #include "core/message_import.h"
 #include "mime/compose.h"
 #include "mime/message_text.h"
+#include "services/outbox.h"
 #include "services/service_registry.h"
 
 namespace trv::cli {
@@ -50,12 +51,14 @@ bool ReadBodies(CliContext& ctx, const ParsedArgs& args, ComposedParts* parts, i
   return true;
 }
 
-// Puts the stored form of a composed message into `folder`; its key.
-Result StoreUnsent(MailFolder& folder, const std::string& text, uint16_t flags, uint32_t* key) {
+// Puts a draft into `folder`, marked for the service as the outbox marks
+// its messages; its key.
+Result StoreDraft(MailService& service, MailFolder& folder, const std::string& text, uint16_t flags, uint32_t* key) {
   if (!folder.available()) return rc::kFileMissing;
   const std::string stored = ToStoredForm(text);
   MessageRecord record = RecordFromMessage(stored);
   record.flags |= flags | msgflag::kUnsent | msgflag::kRead;
+  SetSendingService(&record, service.settings().guid);
   return folder.file()->Append(record, stored, key);
 }
 
@@ -114,10 +117,14 @@ int RunCompose(CliContext& ctx, const ParsedArgs& args) {
   if (folder == nullptr) return Fail(ctx, "the account's storage has no " + std::string(draft ? "Drafts" : "Outbox"),
                                      rc::kFileMissing);
   uint32_t key = 0;
-  if (Result r = StoreUnsent(*folder, text, flags, &key); r.failed()) {
+  if (Result r = draft ? StoreDraft(*service, *folder, text, flags, &key) : QueueForSending(*service, text, &key);
+      r.failed()) {
     return Fail(ctx, "cannot store the message in \"" + FolderPathText(*folder) + "\"", r);
   }
-  if (report.charset_changed) Warn(ctx, "the text does not fit " + s.sending_charset + "; written in " + report.charset);
+  if (report.charset_changed) {
+    Warn(ctx, "the text does not fit " + (s.sending_charset.empty() ? "us-ascii" : s.sending_charset) + "; written in " +
+                  report.charset);
+  }
   WriteOut(ctx, FolderPathText(*folder) + " " + KeyText(key) + "\n");
   return kExitOk;
 }

@@ -8,6 +8,7 @@
 
 #include "app/cli/commands.h"
 #include "app/cli/sync_console.h"
+#include "services/full_download.h"
 #include "services/service_registry.h"
 #include "services/sync_scheduler.h"
 
@@ -109,6 +110,20 @@ int RunSync(CliContext& ctx, const ParsedArgs& args) {
     }
   }
   return status;
+}
+
+int RunFetch(CliContext& ctx, const ParsedArgs& args) {
+  int status = kExitOk;
+  Selection sel;
+  if (!SelectMessages(ctx, args, 1, args.positional.size(), &sel, &status)) return status;
+  for (uint32_t key : sel.keys) {
+    if (Result r = RequestFullDownload(*sel.file, key); r.failed()) {
+      return Fail(ctx, "message " + KeyText(key) + " in \"" + FolderPathText(*sel.folder) + "\" is not partially "
+                       "loaded, or cannot be marked", r);
+    }
+  }
+  WriteOut(ctx, MessageCount(sel.keys.size()) + " to be downloaded whole at the next sync\n");
+  return kExitOk;
 }
 
 int RunWatch(CliContext& ctx, const ParsedArgs&) {

@@ -87,6 +87,8 @@ void BlockStopSignals();
 bool ValidateSync(const ParsedArgs& args, std::string* error);
 int RunSync(CliContext& ctx, const ParsedArgs& args);
 int RunWatch(CliContext& ctx, const ParsedArgs& args);
+// fetch PATH KEY...: the rest of partially loaded messages, at the next sync.
+int RunFetch(CliContext& ctx, const ParsedArgs& args);
 
 // cmd_log.cpp
 bool ValidateLog(const ParsedArgs& args, std::string* error);
