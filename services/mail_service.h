@@ -79,9 +79,9 @@ struct ServiceSettings {
   std::string body_encoding;
   WString connection;
   SmtpAuthMode smtp_authentication = SmtpAuthMode::kNotRequired;
-  ProtocolSettings smtp;  // port 25 by default
+  ProtocolSettings smtp{25};
   // The receiving protocol's block (POP3 or IMAP4 keys).
-  ProtocolSettings incoming;  // port 110 by default (also for IMAP4)
+  ProtocolSettings incoming{110};  // 110 also for IMAP4 (kept as it is)
   WString imap4_root_path;    // IMAP4 only
 };
 

@@ -35,6 +35,7 @@ struct ProtocolSettings {
   bool ssl_strong = false;
 
   ProtocolSettings() = default;
+  explicit ProtocolSettings(int32_t default_port) : port(default_port) {}
   ProtocolSettings(const ProtocolSettings&) = default;
   ProtocolSettings& operator=(const ProtocolSettings&) = default;
   ~ProtocolSettings();

@@ -35,9 +35,13 @@ class KeyWalk {
     if (saving_) return Write(name, [&] { return settings_.WriteBoolean(section_, name, v); });
     v = settings_.ReadBoolean(section_, name, def);
   }
-  // A value that is not a number, or lies outside lo..hi, loads as the default.
+  // A value that is not a number, or lies outside lo..hi, loads (and saves)
+  // as the default.
   void Int(const std::string& name, int32_t& v, int32_t def, int32_t lo = 0, int32_t hi = kMaxInt) {
-    if (saving_) return Write(name, [&] { return settings_.WriteInteger(section_, name, v); });
+    if (saving_) {
+      if (v < lo || v > hi) v = def;  // saved as it would load
+      return Write(name, [&] { return settings_.WriteInteger(section_, name, v); });
+    }
     int32_t read = def;
     v = settings_.ReadInteger(section_, name, &read).ok() && read >= lo && read <= hi ? read : def;
   }
@@ -53,8 +57,8 @@ class KeyWalk {
   // Unicode text; an 8-bit value (a hand-edited file) is taken as UTF-8.
   void Wide(const std::string& name, WString& v) {
     if (saving_) return Write(name, [&] { return settings_.WriteWideString(section_, name, v); });
-    v = settings_.ReadWideString(section_, name);
-    if (v.empty()) v = Utf8ToWide(settings_.ReadString(section_, name));
+    const std::string text = settings_.ReadString(section_, name);
+    v = text.starts_with(kSettingsWideMark) ? settings_.ReadWideString(section_, name) : Utf8ToWide(text);
   }
   // Save only: binary values are read by their owners.
   void Binary(const std::string& name, std::span<const uint8_t> bytes) {

@@ -51,6 +51,8 @@ Result CreateService(MailEngine& engine, std::string_view service_class, const S
   service->SetSettings(s);
   Result r = service->Initialize();
   if (r.ok()) r = service->Save();
+  // Read back: the service holds what the file says (out-of-range values saved as defaults).
+  if (r.ok()) r = service->Load(engine.settings(), s.guid);
   if (r.ok()) r = storage->AddService(service.get());
   if (r.failed()) {
     engine.settings().DeleteSection(MailService::SectionName(s.guid)).Ignore();  // may not have been made
