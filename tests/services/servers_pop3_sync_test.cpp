@@ -1,0 +1,195 @@
+// Whole POP3 runs against the harness's Dovecot: the limits and delete rules
+// checked in the folder file and the maildir, the ways to connect, and runs
+// killed at random moments.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+
+#include <map>
+#include <random>
+#include <thread>
+
+#include "base/file_io.h"
+#include "base/file_system.h"
+#include "core/activity_log.h"
+#include "services/deleted_uids.h"
+#include "services/full_download.h"
+#include "tests/net/net_test_util.h"
+#include "tests/services/pop3_test_account.h"
+#include "tests/support/process.h"
+#include "tests/support/temp_dir.h"
+
+namespace trv {
+namespace {
+
+using test::MailServers;
+
+// A message whose size with CR LF line ends is exactly `size`.
+std::string Sized(std::string subject, int size) {
+  std::string head, body;
+  do {
+    head = "Subject: " + subject + "\r\nMessage-ID: <" + subject + "@t>\r\n\r\n";
+    subject += "x";
+  } while ((size - static_cast<int>(head.size())) % 40 == 1);
+  int rest = size - static_cast<int>(head.size());
+  for (; rest >= 40; rest -= 40) body += std::string(38, 'x') + "\r\n";
+  if (rest >= 2) body += std::string(rest - 2, 'y') + "\r\n";
+  return head + body;
+}
+
+void Deliver(const std::string& crlf_text) {
+  std::string lf;
+  for (const char c : crlf_text) {
+    if (c != '\r') lf += c;
+  }
+  ASSERT_FALSE(MailServers::Instance().Deliver(MailServers::Alice().name, lf).empty());
+}
+size_t OnServer() { return MailServers::Instance().Messages(MailServers::Alice().name).size(); }
+void EmptyMaildrop() {
+  for (const auto& p : MailServers::Instance().Messages(MailServers::Alice().name)) std::filesystem::remove(p);
+}
+
+// Subject -> how many messages carry it: the inbox's and the server's.
+std::map<std::string, int> Subjects(FolderFile* inbox) {
+  std::map<std::string, int> out;
+  if (inbox != nullptr) {
+    EXPECT_EQ(inbox->LoadIndex(), rc::kOk);
+    for (const MessageRecord& m : inbox->Messages()) ++out[WideToUtf8(m.subject)];
+  }
+  for (const auto& p : MailServers::Instance().Messages(MailServers::Alice().name)) {
+    std::string text;
+    EXPECT_EQ(ReadWholeFile(p, &text), rc::kOk);
+    const size_t at = text.find("Subject: ") + 9;
+    ++out[text.substr(at, text.find('\n', at) - at)];
+  }
+  return out;
+}
+
+class Pop3SyncServersTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    TRV_REQUIRE_SERVER(MailServers::Instance().Dovecot());
+    EmptyMaildrop();
+    ASSERT_EQ(account_.Start(dir_.path(), MailServers::Instance().ports().pop3), rc::kOk);
+  }
+  std::optional<MessageRecord> Find(const char* subject) {
+    for (const MessageRecord& m : account_.inbox->Messages()) {
+      if (WideToUtf8(m.subject) == subject) return m;
+    }
+    return std::nullopt;
+  }
+  test::TempDir dir_;
+  test::Pop3TestAccount account_;
+};
+
+TEST_F(Pop3SyncServersTest, LimitsDeleteRulesAndLocalDeletion) {
+  Pop3Service& service = *account_.service;
+  FolderFile& inbox = *account_.inbox;
+  EXPECT_EQ(service.Receive(false), rc::kOk) << "an empty maildrop";
+  Deliver(Sized("whole", 2847));
+  Deliver(Sized("partial", 2848));
+  ASSERT_EQ(service.Receive(false), rc::kOk);
+  const std::optional<MessageRecord> whole = Find("whole"), partial = Find("partial");
+  ASSERT_TRUE(whole && partial);
+  EXPECT_EQ(std::make_tuple(whole->size, whole->server_size, whole->flags & msgflag::kPartial), std::make_tuple(2847u, 2847u, 0u));
+  EXPECT_EQ(partial->flags & msgflag::kPartial, msgflag::kPartial);
+  std::string text;
+  ASSERT_EQ(inbox.ReadMessage(partial->key, &text), rc::kOk);
+  const std::string body = text.substr(text.find("\r\n\r\n") + 4);
+  EXPECT_EQ(std::count(body.begin(), body.end(), '\n'), 51) << "TOP n 51";
+
+  account_.Set([](ServiceSettings& s) { s.delete_on_server = true; });
+  ASSERT_EQ(service.Receive(false), rc::kOk);
+  EXPECT_EQ(inbox.MessageCount(), 2u) << "nothing downloaded twice";
+  EXPECT_EQ(OnServer(), 1u) << "the partial message stays on the server";
+
+  ASSERT_EQ(RequestFullDownload(inbox, partial->key), rc::kOk);
+  ASSERT_EQ(service.Receive(false), rc::kOk);
+  const std::optional<MessageRecord> reloaded = inbox.FindMessage(partial->key);
+  ASSERT_TRUE(reloaded);
+  EXPECT_EQ(std::make_tuple(reloaded->size, reloaded->flags & (msgflag::kPartial | msgflag::kFullDownloadRequested)),
+            std::make_tuple(2848u, 0u));
+  EXPECT_EQ(OnServer(), 0u);
+
+  account_.Set([](ServiceSettings& s) { s.delete_on_server = false; });
+  Deliver(Sized("deleted here", 500));
+  ASSERT_EQ(service.Receive(false), rc::kOk);
+  const std::optional<MessageRecord> gone = Find("deleted here");
+  ASSERT_TRUE(gone);
+  ASSERT_EQ(DeleteReceivedMessages(PosixFileSystem::Instance(), inbox, {gone->key}), rc::kOk);
+  ASSERT_EQ(service.Receive(false), rc::kOk);
+  EXPECT_EQ(inbox.MessageCount(), 2u) << "a message deleted here is not downloaded again";
+  EXPECT_EQ(OnServer(), 1u);
+  account_.Set([](ServiceSettings& s) { s.delete_after_local_deletion = true; });
+  ASSERT_EQ(service.Receive(false), rc::kOk);
+  EXPECT_EQ(OnServer(), 0u);
+  EXPECT_FALSE(std::filesystem::exists(DeletedUids(PosixFileSystem::Instance(), inbox.path()).path()));
+
+  // A message of zero bytes arrives as one empty line and is stored; a
+  // refused login ends the run with the error line.
+  ASSERT_FALSE(MailServers::Instance().Deliver(MailServers::Alice().name, "").empty());
+  EXPECT_EQ(service.Receive(false), rc::kOk);
+  EXPECT_EQ(inbox.MessageCount(), 3u);
+  account_.Set([](ServiceSettings& s) { s.incoming.password = "wrong"; });
+  EXPECT_EQ(service.Receive(false), Result(0x80C20003));
+  std::string log;
+  ASSERT_EQ(ReadWholeFile(account_.engine->data_directory() / ActivityLog::kFileName, &log), rc::kOk);
+  EXPECT_NE(log.find("(0x80C20003) Account: Test Host: 127.0.0.1 Port: "), std::string::npos);
+  EXPECT_NE(log.find("- Load MaxSize: 2147483647 LastDays: 2147483647 BodySize: 2048"), std::string::npos);
+  EXPECT_EQ(log.find("TOP 1 0"), std::string::npos) << "no header mode with UIDL and the default LastDays";
+}
+
+TEST_F(Pop3SyncServersTest, ImplicitTlsStlsAndSocks5) {
+  TRV_REQUIRE_SERVER(MailServers::Instance().Microsocks());
+  test::TrustTestCa();
+  const test::ServerPorts& p = MailServers::Instance().ports();
+  const std::function<void(ServiceSettings&)> ways[] = {
+      [&](ServiceSettings& s) { s.incoming.use_ssl = true, s.incoming.ssl_explicit = false, s.incoming.port = p.pop3s; },
+      [&](ServiceSettings& s) { s.incoming.use_ssl = s.incoming.ssl_explicit = true, s.incoming.port = p.pop3; },
+      [&](ServiceSettings& s) { s.incoming.socks_version = kSocks5, s.incoming.socks_address = "127.0.0.1",
+                                s.incoming.socks_port = p.microsocks, s.incoming.use_ssl = false; },
+  };
+  for (int i = 0; i < 3; ++i) {
+    SCOPED_TRACE(i);
+    Deliver(Sized("way " + std::to_string(i), 300));
+    account_.Set([&](ServiceSettings& s) {
+      s.incoming.host = "localhost";
+      s.delete_on_server = true;
+      ways[i](s);
+    });
+    EXPECT_EQ(account_.service->Receive(false), rc::kOk);
+    EXPECT_TRUE(Find(("way " + std::to_string(i)).c_str()));
+    EXPECT_EQ(OnServer(), 0u);
+  }
+}
+
+// Runs with delete on server killed at random moments, then one to its end:
+// every message is in exactly one place, here or on the server.
+TEST(Pop3SyncCrashTest, KilledRunsLoseAndDoubleNothing) {
+  TRV_REQUIRE_SERVER(MailServers::Instance().Dovecot());
+  EmptyMaildrop();
+  test::TempDir dir;
+  const std::string port = std::to_string(MailServers::Instance().ports().pop3);
+  std::mt19937 random(std::random_device{}());
+  int delivered = 0;
+  for (int round = 0; round < 25; ++round) {
+    // Whole messages (below 2,848 bytes): partial ones stay on the server.
+    for (int i = 0; i < 20; ++i) Deliver(Sized("crash " + std::to_string(delivered++), 600 + i * 100));
+    std::string error;
+    const pid_t pid = test::StartProcess({POP3_SYNC_CHILD, dir.path().string(), port}, dir.path() / "child.log", &error);
+    ASSERT_GT(pid, 0) << error;
+    std::this_thread::sleep_for(std::chrono::milliseconds(random() % 400));
+    ::kill(pid, SIGKILL);
+    ::waitpid(pid, nullptr, 0);
+  }
+  ASSERT_EQ(test::RunProcess({POP3_SYNC_CHILD, dir.path().string(), port}, dir.path() / "child.log"), 0);
+  test::Pop3TestAccount account;
+  ASSERT_EQ(account.Start(dir.path(), 0), rc::kOk);
+  const std::map<std::string, int> subjects = Subjects(account.inbox);
+  EXPECT_EQ(OnServer(), 0u);
+  ASSERT_EQ(subjects.size(), static_cast<size_t>(delivered));
+  for (const auto& [subject, count] : subjects) EXPECT_EQ(count, 1) << subject;
+}
+
+}  // namespace
+}  // namespace trv
