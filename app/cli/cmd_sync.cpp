@@ -4,6 +4,7 @@
 // here, by sigtimedwait, and turned into a clean stop.
 #include <signal.h>
 
+#include <cstdio>
 #include <ctime>
 
 #include "app/cli/commands.h"
@@ -95,7 +96,8 @@ int RunSync(CliContext& ctx, const ParsedArgs& args) {
   while (console.finished() < started) {
     if (!StopSignalWithin(100)) continue;
     console.FinishProgress();
-    Warn(ctx, ++signals == 1 ? "stopping the runs (again to abort them)" : "aborting the runs");
+    std::fprintf(ctx.err, "%s: %s\n", kProgramName,
+                 ++signals == 1 ? "stopping the runs (again to abort them)" : "aborting the runs");
     for (MailService* s : services) s->Stop(signals > 1);
   }
   for (MailService* s : services) s->WaitIdle();
@@ -131,7 +133,7 @@ int RunWatch(CliContext& ctx, const ParsedArgs&) {
   SyncConsole console(ctx, true);
   Attached attached(services, console);
   SyncScheduler scheduler(*ctx.engine);
-  Warn(ctx, "watching " + std::to_string(services.size()) + " account(s); SIGINT or SIGTERM stops");
+  std::fprintf(ctx.err, "%s: watching %zu account(s); SIGINT or SIGTERM stops\n", kProgramName, services.size());
   scheduler.Start();
   while (!StopSignalWithin(1000)) {
   }
