@@ -4,6 +4,7 @@
 // here, by sigtimedwait, and turned into a clean stop.
 #include <signal.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 
@@ -72,13 +73,14 @@ int RunSync(CliContext& ctx, const ParsedArgs& args) {
   for (const std::string& name : args.positional) {
     MailService* s = FindService(*ctx.engine, name);
     if (s == nullptr) return Fail(ctx, "no account \"" + name + "\" (\"account list\")", FromWin32(1168));
-    services.push_back(s);
+    if (std::find(services.begin(), services.end(), s) == services.end()) services.push_back(s);
   }
   if (args.positional.empty()) {
     for (MailService* s : MailServices(*ctx.engine)) {
       if (s->settings().synchronize) services.push_back(s);
     }
   }
+  if (services.empty()) std::fprintf(ctx.err, "%s: no account to synchronize\n", kProgramName);
   SyncConsole console(ctx, false);
   Attached attached(services, console);
   int started = 0;
