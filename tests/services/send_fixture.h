@@ -4,10 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "core/engine.h"
 #include "services/outbox.h"
@@ -23,7 +20,7 @@ class SendFixture : public ::testing::Test, public SyncObserver {
  protected:
   SendFixture() {
     std::filesystem::create_directories(dir_ / "home");
-    EXPECT_EQ(engine_->Start("send test"), rc::kOk) << engine_->start_problem();
+    EXPECT_EQ(engine_->Start("send test"), rc::kOk);
     EXPECT_EQ(storage_.Create(u"Work", engine_->data_directory(), false), rc::kOk);
     Edit([](ServiceSettings& s) {
       s.guid = Guid::NewRandom();
@@ -35,6 +32,7 @@ class SendFixture : public ::testing::Test, public SyncObserver {
     service_.observers().Add(this);
   }
   ~SendFixture() override {
+    service_.Shutdown();
     service_.observers().Remove(this);
     storage_.Close();
     ReleaseEngine();
