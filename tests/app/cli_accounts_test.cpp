@@ -4,7 +4,11 @@
 // account's outbox or drafts. The settings themselves are the services'
 // tests.
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <thread>
 
 #include "tests/app/cli_runner.h"
 
@@ -132,6 +136,23 @@ TEST_F(CliAccountsTest, ComposeQueuesInTheAccountsOutboxOrDrafts) {
   EXPECT_EQ(missing.status, 1);
   EXPECT_TRUE(Has(missing.err, "gone.bin")) << missing.err;
   EXPECT_EQ(List("Work/Outbox").size(), 1u);
+}
+
+// The stop signals reach watch's own wait, not the default action, in every
+// thread the engine and the scheduler started.
+TEST_F(CliAccountsTest, WatchEndsCleanlyOnEachStopSignal) {
+  ASSERT_EQ(Add({"--port", "1"}).status, 0);  // a start-up run that fails at once
+  for (const int signal : {SIGTERM, SIGINT}) {
+    int input = -1;
+    const pid_t pid = Start({"watch"}, &input);
+    ASSERT_GT(pid, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    ::kill(pid, signal);
+    ::close(input);
+    const CliRun run = Wait(pid);
+    EXPECT_EQ(run.status, 0) << signal << ": " << run.err;
+    EXPECT_TRUE(Has(run.out, "Work: sent 0, downloaded 0; ended with")) << run.out;
+  }
 }
 
 }  // namespace
