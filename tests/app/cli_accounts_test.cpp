@@ -136,6 +136,7 @@ TEST_F(CliAccountsTest, ComposeQueuesInTheAccountsOutboxOrDrafts) {
   EXPECT_EQ(missing.status, 1);
   EXPECT_TRUE(Has(missing.err, "gone.bin")) << missing.err;
   EXPECT_EQ(List("Work/Outbox").size(), 1u);
+  EXPECT_EQ(Run({"fetch", "Work/Outbox", "1"}).status, 1) << "only a partially loaded message can be completed";
 }
 
 // The stop signals reach watch's own wait, not the default action, in every
