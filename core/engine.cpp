@@ -90,15 +90,17 @@ void MailEngine::SetFileOps(FileSystem* ops) {
 }
 
 void MailEngine::Shutdown() {
+  std::vector<std::unique_ptr<EngineService>> services;
   {
     RecursiveLock lock(services_mu_);
-    RecursiveLock storages(storages_mu_);
-    for (auto& service : services_) {
-      service->Shutdown();
-      for (auto& [path, storage] : storages_map_) storage->RemoveService(service.get());
-    }
-    services_.clear();
+    services.swap(services_);
   }
+  // Outside the lock: a worker being joined may still look services up.
+  for (auto& service : services) {
+    service->Shutdown();
+    for (Storage* storage : storages()) storage->RemoveService(service.get());
+  }
+  services.clear();
   {
     RecursiveLock lock(storages_mu_);
     storages_map_.clear();

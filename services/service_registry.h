@@ -19,7 +19,10 @@ void InstallServiceFactory(MailEngine& engine);
 
 // A new service of class "POP3" or "IMAP4" from `settings` (a new GUID when
 // settings.guid is zero), with a new storage named after the service, saved
-// to the settings file and added to the engine. *created gets it.
+// to the settings file, read back (so it holds what the file says) and
+// added to the engine. *created gets it. rc::kInvalidArg for another class,
+// rc::kFileExists when a section of that GUID exists; on failure nothing
+// is left behind.
 Result CreateService(MailEngine& engine, std::string_view service_class, const ServiceSettings& settings,
                      MailService** created);
 
@@ -30,7 +33,9 @@ std::vector<MailService*> MailServices(MailEngine& engine);
 MailService* FindService(MailEngine& engine, std::string_view name);
 
 // Stops the service's runs, deletes its section, drops it from the engine;
-// its storage is deleted too when `delete_storage`.
+// its storage is deleted too when `delete_storage` (unless another service
+// uses it: rc::kInvalidArg). The service object is gone afterwards. Stop a
+// running SyncScheduler first.
 Result RemoveService(MailEngine& engine, MailService* service, bool delete_storage);
 
 }  // namespace trv
