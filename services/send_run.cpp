@@ -52,12 +52,10 @@ Result MailService::Send() {
   }
   if (to_send.empty()) return rc::kOk;
 
+  // rc::kAbort (a cancel in the credentials prompt, a hard Stop) is not an
+  // error: nothing is logged and nothing is left pending.
   r = run.OpenSession();
-  if (r == rc::kAbort) {
-    run.CloseSession();
-    return r;  // a cancel in the credentials prompt: not an error
-  }
-  SetPendingError(r);
+  if (r != rc::kAbort) SetPendingError(r);
   if (r.ok()) {
     uint64_t done = 0;
     int64_t count = 0;
@@ -69,12 +67,13 @@ Result MailService::Send() {
       std::string text;
       Result sent_r = outbox->ReadMessage(m.key, &text);
       if (sent_r.ok()) sent_r = run.SendMessage(text);
+      if (sent_r == rc::kAbort) break;
       if (sent_r.failed()) {
         if (!run.connected()) {  // the session is gone: no later message can go either
           SetPendingError(sent_r);
           break;
         }
-        if (sent_r != rc::kAbort) run.LogError(sent_r);
+        run.LogError(sent_r);
         continue;  // it stays in the outbox
       }
       if (Result marked = MarkSent(*outbox, m.key); marked.failed()) {
@@ -86,7 +85,7 @@ Result MailService::Send() {
     }
     if (pending_error().ok()) Report(kEventAllSent, {count});
   }
-  r = pending_error();
+  if (r != rc::kAbort) r = pending_error();
   if (r.failed() && r != rc::kAbort) run.LogError(r);
   run.CloseSession();
   if (interrupted()) log().Log("Synchronization interrupted by user");
