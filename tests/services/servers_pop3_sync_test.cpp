@@ -77,19 +77,6 @@ void Deliver(const std::string& crlf_text) {
 }
 std::vector<std::filesystem::path> OnServer() { return MailServers::Instance().Messages(MailServers::Alice().name); }
 
-// Subject -> how many messages carry it, here and on the server.
-std::map<std::string, int> Subjects(FolderFile& inbox) {
-  std::map<std::string, int> out;
-  for (const MessageRecord& m : inbox.Messages()) ++out[WideToUtf8(m.subject)];
-  for (const auto& p : OnServer()) {
-    std::string text;
-    EXPECT_EQ(ReadWholeFile(p, &text), rc::kOk);
-    const size_t at = text.find("Subject: ") + 9;
-    ++out[text.substr(at, text.find('\n', at) - at)];
-  }
-  return out;
-}
-
 class Pop3SyncServersTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -220,8 +207,10 @@ TEST(Pop3SyncCrashTest, KilledRunsLoseAndDoubleNothing) {
   ASSERT_EQ(test::RunProcess(child, dir.path() / "child.log"), 0);
   Account account;
   ASSERT_EQ(account.Start(dir.path(), 0), rc::kOk);
-  const std::map<std::string, int> subjects = Subjects(*account.inbox);
+  // The final run deletes every message on the server: each must be here once.
   EXPECT_EQ(OnServer().size(), 0u);
+  std::map<std::string, int> subjects;
+  for (const MessageRecord& m : account.inbox->Messages()) ++subjects[WideToUtf8(m.subject)];
   ASSERT_EQ(subjects.size(), static_cast<size_t>(delivered));
   for (const auto& [subject, count] : subjects) EXPECT_EQ(count, 1) << subject;
 }
