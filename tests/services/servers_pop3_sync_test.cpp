@@ -12,6 +12,7 @@
 #include "base/file_io.h"
 #include "core/activity_log.h"
 #include "core/engine.h"
+#include "net/pop3_errors.h"
 #include "services/deleted_uids.h"
 #include "services/full_download.h"
 #include "services/pop3_service.h"
@@ -19,6 +20,7 @@
 #include "tests/net/net_test_util.h"
 #include "tests/support/mail_servers.h"
 #include "tests/support/process.h"
+#include "tests/support/script_server.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv {
@@ -169,6 +171,30 @@ TEST_F(Pop3SyncServersTest, ImplicitTlsStlsAndSocks5) {
     EXPECT_EQ(account_.service->Receive(false), rc::kOk);
     EXPECT_TRUE(Find("way " + std::to_string(i)));
     EXPECT_EQ(OnServer().size(), 0u);
+  }
+}
+
+// Bad answers from a scripted server: the run ends with its code, keeps what
+// it stored and sends no DELE.
+TEST_F(Pop3SyncServersTest, DuplicateUidsAndADropMidRetr) {
+  const auto session = [](const char* uidl, const char* then) {
+    return Script()
+        .ServerLine("+OK ready").ClientLine("CAPA").ServerLine("-ERR no")
+        .ClientLine("USER alice").ServerLine("+OK").ClientLine("PASS alice-secret").ServerLine("+OK")
+        .ClientLine("LIST").Server("+OK\r\n1 40\r\n2 40\r\n.\r\n").ClientLine("UIDL").Server(uidl)
+        .ClientLine(then);
+  };
+  struct Row { Script script; Result want; size_t stored; } rows[] = {
+      {session("+OK\r\n1 a\r\n2 a\r\n.\r\n", "QUIT").ServerLine("+OK"), rc::kPop3Malformed, 0},
+      {session("+OK\r\n1 a\r\n2 b\r\n.\r\n", "RETR 1").Server("+OK\r\nSubject: a\r\n\r\nbody\r\n.\r\n")
+           .ClientLine("RETR 2").Server("+OK\r\nSubject: b\r\n").Close(), rc::kSockClosed, 1},
+  };
+  for (Row& row : rows) {
+    test::ScriptServer server(std::move(row.script));
+    account_.Set([&](ServiceSettings& s) { s.incoming.port = server.port(), s.delete_on_server = true; });
+    EXPECT_EQ(account_.service->Receive(false), row.want);
+    EXPECT_EQ(server.Finish(), "");
+    EXPECT_EQ(account_.inbox->MessageCount(), row.stored);
   }
 }
 
