@@ -12,6 +12,7 @@
 #include "base/file_io.h"
 #include "core/activity_log.h"
 #include "core/engine.h"
+#include "net/pop3_errors.h"
 #include "services/deleted_uids.h"
 #include "services/full_download.h"
 #include "services/pop3_service.h"
@@ -19,6 +20,7 @@
 #include "tests/net/net_test_util.h"
 #include "tests/support/mail_servers.h"
 #include "tests/support/process.h"
+#include "tests/support/script_server.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv {
@@ -76,19 +78,6 @@ void Deliver(const std::string& crlf_text) {
   ASSERT_FALSE(MailServers::Instance().Deliver(MailServers::Alice().name, lf).empty());
 }
 std::vector<std::filesystem::path> OnServer() { return MailServers::Instance().Messages(MailServers::Alice().name); }
-
-// Subject -> how many messages carry it, here and on the server.
-std::map<std::string, int> Subjects(FolderFile& inbox) {
-  std::map<std::string, int> out;
-  for (const MessageRecord& m : inbox.Messages()) ++out[WideToUtf8(m.subject)];
-  for (const auto& p : OnServer()) {
-    std::string text;
-    EXPECT_EQ(ReadWholeFile(p, &text), rc::kOk);
-    const size_t at = text.find("Subject: ") + 9;
-    ++out[text.substr(at, text.find('\n', at) - at)];
-  }
-  return out;
-}
 
 class Pop3SyncServersTest : public ::testing::Test {
  protected:
@@ -185,6 +174,30 @@ TEST_F(Pop3SyncServersTest, ImplicitTlsStlsAndSocks5) {
   }
 }
 
+// Bad answers from a scripted server: the run ends with its code, keeps what
+// it stored and sends no DELE.
+TEST_F(Pop3SyncServersTest, DuplicateUidsAndADropMidRetr) {
+  const auto session = [](const char* uidl, const char* then) {
+    return Script()
+        .ServerLine("+OK ready").ClientLine("CAPA").ServerLine("-ERR no")
+        .ClientLine("USER alice").ServerLine("+OK").ClientLine("PASS alice-secret").ServerLine("+OK")
+        .ClientLine("LIST").Server("+OK\r\n1 40\r\n2 40\r\n.\r\n").ClientLine("UIDL").Server(uidl)
+        .ClientLine(then);
+  };
+  struct Row { Script script; Result want; size_t stored; } rows[] = {
+      {session("+OK\r\n1 a\r\n2 a\r\n.\r\n", "QUIT").ServerLine("+OK"), rc::kPop3Malformed, 0},
+      {session("+OK\r\n1 a\r\n2 b\r\n.\r\n", "RETR 1").Server("+OK\r\nSubject: a\r\n\r\nbody\r\n.\r\n")
+           .ClientLine("RETR 2").Server("+OK\r\nSubject: b\r\n").Close(), rc::kSockClosed, 1},
+  };
+  for (Row& row : rows) {
+    test::ScriptServer server(std::move(row.script));
+    account_.Set([&](ServiceSettings& s) { s.incoming.port = server.port(), s.delete_on_server = true; });
+    EXPECT_EQ(account_.service->Receive(false), row.want);
+    EXPECT_EQ(server.Finish(), "");
+    EXPECT_EQ(account_.inbox->MessageCount(), row.stored);
+  }
+}
+
 // The crash test's child: one run with delete on server, when started by it.
 TEST(Pop3SyncCrashTest, Child) {
   const char* dir = std::getenv("TRV_POP3_CHILD_DIR");
@@ -220,8 +233,10 @@ TEST(Pop3SyncCrashTest, KilledRunsLoseAndDoubleNothing) {
   ASSERT_EQ(test::RunProcess(child, dir.path() / "child.log"), 0);
   Account account;
   ASSERT_EQ(account.Start(dir.path(), 0), rc::kOk);
-  const std::map<std::string, int> subjects = Subjects(*account.inbox);
+  // The final run deletes every message on the server: each must be here once.
   EXPECT_EQ(OnServer().size(), 0u);
+  std::map<std::string, int> subjects;
+  for (const MessageRecord& m : account.inbox->Messages()) ++subjects[WideToUtf8(m.subject)];
   ASSERT_EQ(subjects.size(), static_cast<size_t>(delivered));
   for (const auto& [subject, count] : subjects) EXPECT_EQ(count, 1) << subject;
 }
