@@ -57,6 +57,7 @@ bool DeletedUids::Remove(std::string_view uid) {
 
 Result DeleteReceivedMessages(FileSystem& fs, FolderFile& inbox, const std::vector<uint32_t>& keys) {
   DeletedUids record(fs, inbox.path());
+  if (Result r = inbox.LoadIndex(); r.failed()) return r;
   if (Result r = record.Load(); r.failed()) return r;
   const size_t before = record.size();
   const double now = DateNow();

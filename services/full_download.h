@@ -13,6 +13,7 @@ namespace trv {
 
 // rc::kInvalidArg for an unknown key or a message that is not partial.
 inline Result RequestFullDownload(FolderFile& inbox, uint32_t key) {
+  if (Result r = inbox.LoadIndex(); r.failed()) return r;
   const std::optional<MessageRecord> m = inbox.FindMessage(key);
   if (!m || !(m->flags & msgflag::kPartial)) return rc::kInvalidArg;
   return inbox.SetFlags(key, msgflag::kFullDownloadRequested, 0);

@@ -280,8 +280,9 @@ Result Pop3Run::DeleteOnServer(const std::vector<Pop3DownloadJob>& jobs, bool* r
 }
 
 Result Pop3Run::Finish(Result r) {
-  if (r == rc::kAbort && Interrupted()) {
-    Log("Synchronization interrupted by user");
+  if (r == rc::kAbort) {
+    // The user stopped the run, or cancelled the credentials prompt.
+    if (Interrupted()) Log("Synchronization interrupted by user");
   } else if (r.failed()) {
     LogRunError(service_.log(), r, service_.DisplayName(), s_.incoming.host, s_.incoming.port,
                 client_.last_reply());

@@ -16,6 +16,12 @@ const std::string& ParsedArgs::value(std::string_view name) const {
   return it == options.end() ? kEmpty : it->second;
 }
 
+const std::vector<std::string>& ParsedArgs::values(std::string_view name) const {
+  static const std::vector<std::string> kNone;
+  const auto it = lists.find(std::string(name));
+  return it == lists.end() ? kNone : it->second;
+}
+
 bool ParseArgs(const std::vector<std::string>& args, const ArgOptions& accepted, ParsedArgs* out, std::string* error) {
   *out = ParsedArgs();
   bool options_end = false;
@@ -37,13 +43,14 @@ bool ParseArgs(const std::vector<std::string>& args, const ArgOptions& accepted,
       value = a.substr(eq + 1);
       has_inline_value = true;
     }
-    if (out->options.count(name)) {
+    const bool repeatable = Listed(accepted.repeatable, name);
+    if (out->options.count(name) && !repeatable) {
       *error = "option " + name + " given twice";
       return false;
     }
     if (Listed(accepted.flags, name) && !has_inline_value) {
       out->options[name] = "";
-    } else if (Listed(accepted.with_value, name)) {
+    } else if (repeatable || Listed(accepted.with_value, name)) {
       if (!has_inline_value) {
         if (i + 1 >= args.size()) {
           *error = "option " + name + " needs a value";
@@ -52,6 +59,7 @@ bool ParseArgs(const std::vector<std::string>& args, const ArgOptions& accepted,
         value = args[++i];
       }
       out->options[name] = value;
+      if (repeatable) out->lists[name].push_back(value);
     } else {
       *error = "unknown option " + a;
       return false;

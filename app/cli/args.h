@@ -14,14 +14,19 @@ namespace trv::cli {
 struct ArgOptions {
   std::vector<std::string> flags;         // options without a value ("--purge")
   std::vector<std::string> with_value;    // options followed by a value ("--eml DIR")
+  std::vector<std::string> repeatable;    // with a value, and may be given again ("--to A --to B")
 };
 
 struct ParsedArgs {
   std::vector<std::string> positional;
   std::map<std::string, std::string> options;  // "--purge" -> "", "--eml" -> "DIR"
+  // Every value of a repeatable option, in order (options holds the last).
+  std::map<std::string, std::vector<std::string>> lists;
 
   bool has(std::string_view name) const { return options.count(std::string(name)) != 0; }
   const std::string& value(std::string_view name) const;
+  // The values of a repeatable option; empty when it was not given.
+  const std::vector<std::string>& values(std::string_view name) const;
 };
 
 // Parses `args` by `accepted`. False with `*error` set (for the usage message)

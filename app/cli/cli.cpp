@@ -12,6 +12,7 @@
 #include "app/cli/commands.h"
 #include "base/hex_digits.h"
 #include "core/instance_lock.h"
+#include "services/service_registry.h"
 
 namespace trv::cli {
 
@@ -20,6 +21,31 @@ namespace {
 constexpr size_t kMany = std::numeric_limits<size_t>::max();
 // InstanceLock::Acquire's answer when another process holds the lock.
 constexpr Result kLockHeld = FromWin32(32);
+
+constexpr const char* kAccountDetails =
+    "  account add --class POP3|IMAP4 --name NAME --email ADDR --host HOST [--port N]\n"
+    "      [--user U] [--password-stdin] [--ssl none|implicit|explicit]\n"
+    "      [--smtp-host HOST] [--smtp-port N] [--smtp-ssl none|implicit|explicit]\n"
+    "      [--smtp-auth none|after-incoming|same|credentials] [--smtp-user U] [--smtp-password-stdin]\n"
+    "      [--socks 4|4a|5 --socks-host H --socks-port N [--socks-user U --socks-password P]]\n"
+    "  account list | account show NAME\n"
+    "  account set NAME [KEY=VALUE...] [--password-stdin] [--smtp-password-stdin]\n"
+    "  account remove NAME [--delete-storage]\n"
+    "Passwords are never arguments: --password-stdin reads the incoming password from the first\n"
+    "line of standard input, --smtp-password-stdin the SMTP password from the next line; without\n"
+    "them, sync asks on the terminal. Ports not given follow the SSL mode (SMTP 25/465, POP3\n"
+    "110/995, IMAP4 143/993); the SMTP host and SSL mode default to the incoming ones; the SOCKS\n"
+    "proxy serves both. set takes the settings file's key names as account show lists them.\n";
+constexpr const char* kComposeUsage =
+    "--account NAME --to ADDR... [--cc ADDR...] [--bcc ADDR...] --subject TEXT [--body-file F] "
+    "[--html-file F] [--inline F...] [--attach F...] [--priority low|normal|high] [--draft]";
+constexpr const char* kComposeDetails =
+    "Address and file options may be repeated; an address option may hold a list (\"a@x, b@y\").\n"
+    "Without --body-file or --html-file the plain text body is read from standard input.\n";
+constexpr const char* kSyncDetails =
+    "Without names, every account with Synchronize=1. A user name and password the server needs\n"
+    "are asked on the terminal (the password without echo); without a terminal such a run fails.\n"
+    "SIGINT stops the runs after the current command, a second one aborts them.\n";
 
 std::string UsageText() {
   std::string text = "usage: trvmail-cli [--data-dir DIR] [--json] COMMAND [ARGS...]\n\ncommands:\n";
@@ -39,7 +65,8 @@ std::string UsageText() {
 
 std::string CommandUsage(const Command& command) {
   return std::string("usage: trvmail-cli [--data-dir DIR]") + (command.json ? " [--json] " : " ") + command.name +
-         (*command.usage ? " " : "") + command.usage + "\n  " + command.summary + "\n";
+         (*command.usage ? " " : "") + command.usage + "\n  " + command.summary + "\n" +
+         (command.details != nullptr ? command.details : "");
 }
 
 int UsageError(const std::string& problem, const Command* command) {
@@ -102,12 +129,14 @@ void WarnUnavailableFolders(CliContext& ctx) {
 // Engine and lock for one command; shut down in order.
 int RunWithEngine(const Command& command, const ParsedArgs& parsed, const std::string& data_dir, bool json,
                   const std::vector<std::string>& all_args) {
+  if (command.takes_stop_signals) BlockStopSignals();
   CliContext ctx;
   ctx.json = json;
   ctx.progress = ::isatty(STDERR_FILENO) == 1;
   MailEngine* engine = AcquireEngine();
   if (engine == nullptr) return Fail(ctx, "cannot start the mail engine", rc::kOutOfMemory);
   if (!data_dir.empty()) engine->SetDataDirectoryOverride(data_dir);
+  InstallServiceFactory(*engine);
   bool skipped_missing = false;
   engine->SetProgressCallback(
       [&](const StorageEvent& event) { return AnswerStorageEvent(ctx, event, &skipped_missing); });
@@ -146,24 +175,37 @@ const std::vector<Command>& Commands() {
       {"folders", "[STORAGE]", "the folder tree with kinds and message counts", 0, 1, {}, nullptr, RunFolders, true},
       {"mkdir", "PATH", "create a folder", 1, 1, {}, nullptr, RunMkdir},
       {"rename", "PATH NEWNAME", "rename a folder", 2, 2, {}, nullptr, RunRename},
-      {"rmdir", "PATH [--force]", "delete a folder (one holding messages only with --force)", 1, 1, {{"--force"}, {}},
+      {"rmdir", "PATH [--force]", "delete a folder (one holding messages only with --force)", 1, 1, {{"--force"}, {}, {}},
        nullptr, RunRmdir},
       {"import", "PATH FILE...", "append messages from .eml or mbox files, \"-\" for standard input", 2, kMany, {},
        nullptr, RunImport},
       {"list", "PATH", "the folder's messages", 1, 1, {}, nullptr, RunList, true},
-      {"show", "PATH KEY [--raw|--html|--parts]", "a message", 2, 2, {{"--raw", "--html", "--parts"}, {}},
+      {"show", "PATH KEY [--raw|--html|--parts]", "a message", 2, 2, {{"--raw", "--html", "--parts"}, {}, {}},
        ValidateShow, RunShow},
       {"export", "PATH [KEY...] (--eml DIR | --mbox FILE)", "write messages out", 1, kMany,
-       {{}, {"--eml", "--mbox"}}, ValidateExport, RunExport},
+       {{}, {"--eml", "--mbox"}, {}}, ValidateExport, RunExport},
       {"rm", "PATH KEY... [--purge]", "delete messages (into \"Deleted\"; --purge for good)", 2, kMany,
-       {{"--purge"}, {}}, ValidateRemove, RunRemove},
+       {{"--purge"}, {}, {}}, ValidateRemove, RunRemove},
       {"mv", "PATH KEY... DEST", "move messages to another folder", 3, kMany, {}, ValidateMove, RunMove},
       {"mark", "PATH KEY... read|unread", "mark messages read or unread", 3, kMany, {}, ValidateMark, RunMark},
       {"check", "PATH [--recreate]", "check and repair the folder file (--recreate: a new empty one when it is missing)",
-       1, 1, {{"--recreate"}, {}}, nullptr, RunCheck},
+       1, 1, {{"--recreate"}, {}, {}}, nullptr, RunCheck},
       {"accept-cert", "HOST:PORT [--starttls smtp|pop3|imap|none] [--yes]",
-       "show a server's certificate and trust it for that host", 1, 1, {{"--yes"}, {"--starttls"}},
+       "show a server's certificate and trust it for that host", 1, 1, {{"--yes"}, {"--starttls"}, {}},
        ValidateAcceptCert, RunAcceptCert},
+      {"account", "add|list|show|set|remove ...", "accounts: add, list, show, change and remove them", 1, kMany,
+       AccountOptions(), ValidateAccount, RunAccount, true, kAccountDetails},
+      {"compose", kComposeUsage, "a new message into the account's \"Outbox\" (or \"Drafts\")", 0, 0,
+       {{"--draft"}, {"--account", "--subject", "--body-file", "--html-file", "--priority"},
+        {"--to", "--cc", "--bcc", "--inline", "--attach"}},
+       ValidateCompose, RunCompose, false, kComposeDetails},
+      {"sync", "[NAME...] [--send-only|--receive-only]", "send and receive, with progress; exit 1 when a run failed",
+       0, kMany, {{"--send-only", "--receive-only"}, {}, {}}, ValidateSync, RunSync, false, kSyncDetails, true},
+      {"fetch", "PATH KEY...", "download partially loaded messages whole at the next sync", 2, kMany, {},
+       [](const ParsedArgs& a, std::string* e) { return ValidateKeys(a, 1, a.positional.size(), e); }, RunFetch},
+      {"log", "[--tail N]", "the activity log", 0, 0, {{}, {"--tail"}, {}}, ValidateLog, RunLog},
+      {"watch", "", "synchronize on the accounts' schedules until SIGINT or SIGTERM", 0, 0, {}, nullptr, RunWatch,
+       false, nullptr, true},
   };
   return commands;
 }

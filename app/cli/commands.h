@@ -23,6 +23,10 @@ struct Command {
   Validator validate;   // may be null
   Runner run;
   bool json = false;    // has a --json form
+  const char* details = nullptr;  // more lines for the command's own --help
+  // SIGINT and SIGTERM are blocked in every thread from before the engine
+  // starts; the command takes them with sigtimedwait (cmd_sync.cpp).
+  bool takes_stop_signals = false;
 };
 
 // Every command, in the order of the usage text.
@@ -72,5 +76,26 @@ int RunExport(CliContext& ctx, const ParsedArgs& args);
 // cmd_accept_cert.cpp
 bool ValidateAcceptCert(const ParsedArgs& args, std::string* error);
 int RunAcceptCert(CliContext& ctx, const ParsedArgs& args);
+
+// cmd_account.cpp
+bool ValidateAccount(const ParsedArgs& args, std::string* error);
+ArgOptions AccountOptions();
+int RunAccount(CliContext& ctx, const ParsedArgs& args);
+
+// cmd_compose.cpp
+bool ValidateCompose(const ParsedArgs& args, std::string* error);
+int RunCompose(CliContext& ctx, const ParsedArgs& args);
+
+// cmd_sync.cpp
+void BlockStopSignals();
+bool ValidateSync(const ParsedArgs& args, std::string* error);
+int RunSync(CliContext& ctx, const ParsedArgs& args);
+int RunWatch(CliContext& ctx, const ParsedArgs& args);
+// fetch PATH KEY...: the rest of partially loaded messages, at the next sync.
+int RunFetch(CliContext& ctx, const ParsedArgs& args);
+
+// cmd_log.cpp
+bool ValidateLog(const ParsedArgs& args, std::string* error);
+int RunLog(CliContext& ctx, const ParsedArgs& args);
 
 }  // namespace trv::cli

@@ -41,7 +41,7 @@ std::string Describe(const ParsedArgs& parsed) {
 }
 
 TEST(ArgsTest, Table) {
-  const ArgOptions accepted{{"--purge", "--raw"}, {"--eml"}};
+  const ArgOptions accepted{{"--purge", "--raw"}, {"--eml"}, {}};
   struct Row { const char* name; std::vector<std::string> args; const char* parsed; };  // null: refused
   const Row rows[] = {
       {"flags anywhere", {"a", "--purge", "b"}, "a b --purge="},

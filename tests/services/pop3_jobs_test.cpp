@@ -11,7 +11,7 @@ constexpr double kNow = 46000.5;
 struct Row {
   const char* name;
   int32_t size;
-  std::function<void(Pop3Rules&)> rules;
+  Pop3Rules rules;
   std::optional<Pop3LocalCopy> local;
   std::optional<double> deleted;
   bool job, download, whole, del;
@@ -22,49 +22,34 @@ struct Row {
 };
 
 TEST(Pop3JobsTest, DecisionsByLimitsAndRules) {
-  const auto rules = [](auto f) { return std::function<void(Pop3Rules&)>(f); };
-  const auto on_server = rules([](Pop3Rules& r) { r.delete_on_server = true; });
-  const Pop3LocalCopy whole_copy{7, kNow - 5, false, false};
-  const Pop3LocalCopy partial_copy{7, kNow - 5, true, false};
+  const Pop3LocalCopy whole{7, kNow - 5, false, false}, partial{7, kNow - 5, true, false};
+  const Pop3Rules on_server{.delete_on_server = true}, last_days{.load_last_days = 10, .header_mode = true};
   const Row rows[] = {
       {"2,847 bytes by RETR", 2847, {}, {}, {}, true, true, true, false},
       {"2,848 bytes by TOP n 51", 2848, {}, {}, {}, true, true, false, false, 51},
-      {"LoadBodySize 0: headers only", 100, rules([](Pop3Rules& r) { r.load_body_size = 0; }), {}, {},
-       true, true, false, false, 0},
-      {"at LoadMaxSize: left alone", 5000, rules([](Pop3Rules& r) { r.load_max_size = 5000; }), {}, {},
+      {"LoadBodySize 0: headers only", 100, {.load_body_size = 0}, {}, {}, true, true, false, false, 0},
+      {"at LoadMaxSize: left alone", 5000, {.load_max_size = 5000}, {}, {}, false, false, false, false},
+      {"too big and DeleteOnServer: kept", 5000, {.load_max_size = 5000, .delete_on_server = true}, {}, {},
        false, false, false, false},
-      {"too big and DeleteOnServer: kept", 5000, rules([](Pop3Rules& r) {
-         r.load_max_size = 5000;
-         r.delete_on_server = true;
-       }), {}, {}, false, false, false, false},
       {"default LastDays with UIDL: no TOP 0", 100, {}, {}, {}, true, true, true, false, 0, 0},
-      {"older than LastDays", 100, rules([](Pop3Rules& r) { r.load_last_days = 10, r.header_mode = true; }), {},
-       {}, false, false, false, false, 0, 1, kNow - 12},
-      {"within LastDays", 100, rules([](Pop3Rules& r) { r.load_last_days = 10, r.header_mode = true; }), {}, {},
-       true, true, true, false, 0, 1, kNow - 10},
-      {"no UIDL: UID from the header, known here", 100, rules([](Pop3Rules& r) { r.header_mode = true; }),
-       whole_copy, {}, false, false, false, false, 0, 1, kNow, ""},
+      {"older than LastDays", 100, last_days, {}, {}, false, false, false, false, 0, 1, kNow - 12},
+      {"within LastDays", 100, last_days, {}, {}, true, true, true, false, 0, 1, kNow - 10},
+      {"no UIDL: UID from the header, known here", 100, {.header_mode = true}, whole, {},
+       false, false, false, false, 0, 1, kNow, ""},
       {"DeleteOnServer, new message", 100, on_server, {}, {}, true, true, true, true},
-      {"DeleteOnServer, whole copy here", 100, on_server, whole_copy, {}, true, false, false, true},
-      {"DeleteOnServer, partial copy here: kept", 100, on_server, partial_copy, {}, false, false, false, false},
+      {"DeleteOnServer, whole copy here", 100, on_server, whole, {}, true, false, false, true},
+      {"DeleteOnServer, partial copy here: kept", 100, on_server, partial, {}, false, false, false, false},
       {"partial copy, rest asked for: whole again", 5000, {}, Pop3LocalCopy{7, 0, true, true}, {},
        true, true, true, false},
-      {"AfterDays 3, copy 5 days old", 100, rules([](Pop3Rules& r) { r.delete_after_days = 3; }), whole_copy, {},
-       true, false, false, true},
-      {"AfterDays 6, copy 5 days old", 100, rules([](Pop3Rules& r) { r.delete_after_days = 6; }), whole_copy, {},
-       false, false, false, false},
+      {"AfterDays 3, copy 5 days old", 100, {.delete_after_days = 3}, whole, {}, true, false, false, true},
+      {"AfterDays 6, copy 5 days old", 100, {.delete_after_days = 6}, whole, {}, false, false, false, false},
       {"deleted here: never downloaded again", 100, {}, {}, kNow, false, false, false, false},
-      {"deleted here, AfterLocal", 100, rules([](Pop3Rules& r) { r.delete_after_local_deletion = true; }), {},
-       kNow, true, false, false, true},
-      {"AfterLocal, not deleted here: kept despite AfterDays", 100, rules([](Pop3Rules& r) {
-         r.delete_after_local_deletion = true;
-         r.delete_after_days = 1;
-       }), whole_copy, {}, false, false, false, false},
+      {"deleted here, AfterLocal", 100, {.delete_after_local_deletion = true}, {}, kNow, true, false, false, true},
+      {"AfterLocal, not deleted here: kept despite AfterDays", 100,
+       {.delete_after_days = 1, .delete_after_local_deletion = true}, whole, {}, false, false, false, false},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.name);
-    Pop3Rules r;
-    if (row.rules) row.rules(r);
     int heads = 0;
     Pop3PlanSources sources;
     sources.local = [&](std::string_view uid) { return uid.empty() ? std::nullopt : row.local; };
@@ -77,7 +62,7 @@ TEST(Pop3JobsTest, DecisionsByLimitsAndRules) {
       return rc::kOk;
     };
     std::vector<Pop3DownloadJob> jobs;
-    ASSERT_EQ(PlanPop3Jobs({{3, row.size, row.uid}}, r, kNow, sources, &jobs), rc::kOk);
+    ASSERT_EQ(PlanPop3Jobs({{3, row.size, row.uid}}, row.rules, kNow, sources, &jobs), rc::kOk);
     EXPECT_EQ(heads, row.heads);
     ASSERT_EQ(jobs.size(), row.job ? 1u : 0u);
     if (!row.job) continue;

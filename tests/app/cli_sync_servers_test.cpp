@@ -1,0 +1,72 @@
+// The command line end to end against the harness's servers: an account made
+// by `account add`, a message composed to the harness user, `sync` sending it
+// through Postfix and, once delivered, downloading it by POP3 into the inbox;
+// the log shows the logins masked.
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "tests/app/cli_runner.h"
+#include "tests/support/mail_servers.h"
+
+namespace trv::test {
+namespace {
+
+bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
+// The delivered text holding `subject` in the user's maildir; "" after 30 s.
+std::string Delivered(const std::string& user, const std::string& subject) {
+  for (int tries = 0; tries < 300; ++tries) {
+    for (const auto& path : MailServers::Instance().Messages(user)) {
+      const std::string text = ReadFile(path);
+      if (Has(text, "Subject: " + subject)) return text;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return "";
+}
+
+class CliSyncServersTest : public CliTestBase {};
+
+TEST_F(CliSyncServersTest, ComposeSyncDeliversAndDownloads) {
+  TRV_REQUIRE_SERVER(MailServers::Instance().Postfix());
+  const ServerPorts& p = MailServers::Instance().ports();
+  const MailUser& alice = MailServers::Alice();
+  Ok({"account", "add", "--class", "POP3", "--name", "Alice", "--email", "alice@localhost", "--host", "127.0.0.1",
+      "--port", std::to_string(p.pop3), "--user", alice.name, "--password-stdin", "--smtp-port",
+      std::to_string(p.smtp), "--smtp-auth", "same"},
+     alice.password + "\n");
+  Ok({"compose", "--account", "Alice", "--to", "alice@localhost", "--bcc", "bob@localhost", "--subject",
+      "Round trip"},
+     "Line one.\n.leading dot\n");
+
+  const CliRun sent = Ok({"sync", "--send-only"});
+  EXPECT_EQ(sent.out, "Alice: sent 1, downloaded 0\n");
+  const std::string delivered = Delivered(alice.name, "Round trip");
+  ASSERT_FALSE(delivered.empty());
+  EXPECT_TRUE(Has(delivered, "\n.leading dot\n")) << delivered;
+  EXPECT_FALSE(Has(delivered, "BCC:") || Has(delivered, "X-Unsent")) << delivered;
+  EXPECT_FALSE(Delivered(MailServers::Bob().name, "Round trip").empty()) << "the Bcc recipient";
+
+  const CliRun received = Ok({"sync", "Alice"});
+  EXPECT_TRUE(Has(received.out, "downloaded 1")) << received.out;
+  const JsonList inbox = List("Alice/Inbox");
+  ASSERT_EQ(inbox.size(), 1u);
+  EXPECT_EQ(inbox[0]["subject"].text, "Round trip");
+  EXPECT_EQ(List("Alice/Outbox").size(), 0u);
+  EXPECT_EQ(List("Alice/Sent").size(), 1u);
+
+  const std::string log = Ok({"log"}).out;
+  EXPECT_FALSE(Has(log, alice.password)) << log;
+  EXPECT_TRUE(Has(log, "S AUTH LOGIN") && Has(log, "S ********")) << log;
+
+  // A refused login without a terminal to ask on: exit 1 naming the account.
+  Ok({"account", "set", "Alice", "--password-stdin"}, "wrong-password\n");
+  const CliRun refused = Run({"sync", "--receive-only"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(Has(refused.err, "\"Alice\"") && Has(refused.err, "trvmail-cli log")) << refused.err;
+  EXPECT_FALSE(Has(Ok({"log"}).out, "wrong-password"));
+}
+
+}  // namespace
+}  // namespace trv::test
