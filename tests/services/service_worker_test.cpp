@@ -157,6 +157,7 @@ TEST_F(ServiceWorkerTest, SchedulerStartupAndPeriods) {
   EXPECT_EQ(scheduler.Tick(t0 + 40min), 1);
   periodic.WaitIdle();
   scheduler.Start();  // the start-up runs again, and the timer
+  periodic.WaitIdle();  // a stop before the run began would skip its receiving
   scheduler.Stop(true);
   EXPECT_FALSE(periodic.running());
   EXPECT_EQ(periodic.calls(), " receive receive receive receive receive");
