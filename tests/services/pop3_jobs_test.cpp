@@ -69,7 +69,9 @@ TEST(Pop3JobsTest, DecisionsByLimitsAndRules) {
     const Pop3DownloadJob& j = jobs[0];
     EXPECT_EQ(j.uid, row.uid.empty() ? "from-head" : row.uid);
     EXPECT_EQ(std::make_tuple(j.download, j.download && j.whole, j.del), std::make_tuple(row.download, row.whole, row.del));
-    if (row.download && !row.whole) EXPECT_EQ(j.top_lines(), row.top_lines);
+    if (row.download && !row.whole) {
+      EXPECT_EQ(j.top_lines(), row.top_lines);
+    }
     EXPECT_EQ(j.local_key, row.local && row.download ? row.local->key : 0u);
   }
 }
