@@ -55,14 +55,15 @@ bool DeletedUids::Remove(std::string_view uid) {
   return true;
 }
 
-Result DeleteReceivedMessages(FileSystem& fs, FolderFile& inbox, const std::vector<uint32_t>& keys) {
+Result DeleteReceivedMessages(FileSystem& fs, FolderFile& inbox, FolderFile& folder,
+                              const std::vector<uint32_t>& keys) {
   DeletedUids record(fs, inbox.path());
-  if (Result r = inbox.LoadIndex(); r.failed()) return r;
+  if (Result r = folder.LoadIndex(); r.failed()) return r;
   if (Result r = record.Load(); r.failed()) return r;
   const size_t before = record.size();
   const double now = DateNow();
   for (const uint32_t key : keys) {
-    const std::optional<MessageRecord> m = inbox.FindMessage(key);
+    const std::optional<MessageRecord> m = folder.FindMessage(key);
     if (!m) return rc::kInvalidArg;
     // Only POP3 messages: an IMAP4 UID is no UIDL.
     if (!m->server_uid.empty() && m->imap_uid == 0) record.Add(WideToUtf8(m->server_uid), now);
@@ -70,7 +71,7 @@ Result DeleteReceivedMessages(FileSystem& fs, FolderFile& inbox, const std::vect
   if (record.size() != before) {
     if (Result r = record.Save(); r.failed()) return r;
   }
-  return inbox.Delete(keys);
+  return folder.Delete(keys);
 }
 
 }  // namespace trv

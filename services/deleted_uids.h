@@ -7,8 +7,11 @@
 // on every change.
 //
 // How a deletion gets here: an explicit call, DeleteReceivedMessages, which
-// whoever deletes messages of a POP3 inbox uses instead of FolderFile's
-// Delete (the command line does). The record is written before the
+// whoever deletes for good messages of a storage that receives over POP3
+// uses instead of FolderFile's Delete (the command line's rm does, from any
+// folder: a message moved out of the inbox keeps its UID). A message that
+// is only moved, into "Deleted" or elsewhere, needs no entry: the run finds
+// it in the storage's folders. The record is written before the
 // messages are deleted, so a crash in between leaves a local copy that is
 // also recorded (it is not downloaded again, and goes on the server by the
 // rules), never a message that the next run downloads again.
@@ -56,10 +59,16 @@ class DeletedUids {
   std::map<std::string, double, std::less<>> entries_;
 };
 
-// Deletes messages of a POP3 service's inbox here: records the server UIDs
-// of those that have one (durably, first), then FolderFile::Delete. Codes:
-// rc::kInvalidArg for an unknown key (nothing recorded or deleted), the
-// record's write failure (nothing deleted), or Delete's.
-Result DeleteReceivedMessages(FileSystem& fs, FolderFile& inbox, const std::vector<uint32_t>& keys);
+// Deletes messages of `folder` (the inbox or another folder of its storage)
+// for good: records the POP3 UIDs of those that have one with the inbox
+// (durably, first; nothing is written when none has), then
+// FolderFile::Delete. Codes: rc::kInvalidArg for an unknown key (nothing
+// recorded or deleted), the record's write failure (nothing deleted), or
+// Delete's.
+Result DeleteReceivedMessages(FileSystem& fs, FolderFile& inbox, FolderFile& folder,
+                              const std::vector<uint32_t>& keys);
+inline Result DeleteReceivedMessages(FileSystem& fs, FolderFile& inbox, const std::vector<uint32_t>& keys) {
+  return DeleteReceivedMessages(fs, inbox, inbox, keys);
+}
 
 }  // namespace trv

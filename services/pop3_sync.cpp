@@ -86,6 +86,13 @@ class Pop3Run final : public Pop3LineHandler {
   Result Commit(AppendBatch& batch);
   Result DeleteOnServer(const std::vector<Pop3DownloadJob>& jobs, bool* record_changed);
   std::optional<Pop3LocalCopy> LocalCopy(std::string_view uid) const;
+  // A copy the user moved out of the inbox: into "Deleted" it counts as
+  // deleted here (its arrival date as the deletion's), anywhere else as a
+  // local copy; either way it is not downloaded again.
+  std::optional<MessageRecord> MovedCopy(std::string_view uid, bool* in_deleted) const;
+  // The other folders of the inbox's storage, their indexes loaded; a folder
+  // whose index cannot be read is left out (its messages may come again).
+  void CollectOtherFolders();
   bool Interrupted() const { return service_.interrupted(); }
   // The end of the run: the error line (unless interrupted), QUIT when the
   // connection stands.
@@ -96,6 +103,7 @@ class Pop3Run final : public Pop3LineHandler {
   FolderFile& inbox_;
   LineLog line_log_;
   DeletedUids deleted_;
+  std::vector<std::pair<FolderFile*, bool>> other_folders_;  // file, is the "Deleted" folder
   CPop3Client client_;
 
   std::vector<Pop3ServerMessage> list_;
@@ -200,11 +208,40 @@ Result Pop3Run::ReadHead(int32_t number, Pop3Head* head) {
 
 std::optional<Pop3LocalCopy> Pop3Run::LocalCopy(std::string_view uid) const {
   uint32_t key = 0;
-  if (!inbox_.FindByServerUid(Utf8ToWide(uid), &key)) return std::nullopt;
+  if (!inbox_.FindByServerUid(Utf8ToWide(uid), &key)) {
+    bool in_deleted = false;
+    const std::optional<MessageRecord> moved = MovedCopy(uid, &in_deleted);
+    if (!moved || in_deleted) return std::nullopt;
+    // Reloading whole works in the inbox only: a copy elsewhere stays as it is.
+    return Pop3LocalCopy{0, moved->received_date, (moved->flags & msgflag::kPartial) != 0, false};
+  }
   const std::optional<MessageRecord> m = inbox_.FindMessage(key);
   if (!m) return std::nullopt;
   return Pop3LocalCopy{key, m->received_date, (m->flags & msgflag::kPartial) != 0,
                        (m->flags & msgflag::kFullDownloadRequested) != 0};
+}
+
+std::optional<MessageRecord> Pop3Run::MovedCopy(std::string_view uid, bool* in_deleted) const {
+  const WString wide = Utf8ToWide(uid);
+  for (const auto& [file, deleted_folder] : other_folders_) {
+    uint32_t key = 0;
+    if (!file->FindByServerUid(wide, &key)) continue;
+    std::optional<MessageRecord> m = file->FindMessage(key);
+    // An IMAP4 UID in the same field is no UIDL.
+    if (!m || m->imap_uid != 0) continue;
+    *in_deleted = deleted_folder;
+    return m;
+  }
+  return std::nullopt;
+}
+
+void Pop3Run::CollectOtherFolders() {
+  service_.storage().ForEachFolder([this](MailFolder& folder) {
+    FolderFile* file = folder.file();
+    if (file == nullptr || file == &inbox_ || folder.is_root()) return;
+    if (!file->index_loaded() && file->LoadIndex().failed()) return;
+    other_folders_.emplace_back(file, folder.kind() == kFolderDeleted);
+  });
 }
 
 Result Pop3Run::Commit(AppendBatch& batch) {
@@ -318,9 +355,14 @@ Result Pop3Run::Run(bool connect_only) {
                   uidl.failed() || s_.load_last_days != 2147483647};
   Pop3PlanSources sources;
   sources.local = [this](std::string_view uid) { return LocalCopy(uid); };
+  CollectOtherFolders();
   sources.deleted = [this](std::string_view uid) -> std::optional<double> {
-    const double* date = deleted_.Find(uid);
-    return date ? std::optional<double>(*date) : std::nullopt;
+    if (const double* date = deleted_.Find(uid)) return *date;
+    uint32_t key = 0;
+    if (inbox_.FindByServerUid(Utf8ToWide(uid), &key)) return std::nullopt;
+    bool in_deleted = false;
+    const std::optional<MessageRecord> moved = MovedCopy(uid, &in_deleted);
+    return moved && in_deleted ? std::optional<double>(moved->received_date) : std::nullopt;
   };
   sources.read_head = [this](int32_t number, Pop3Head* head) { return ReadHead(number, head); };
   sources.progress = [this](size_t i, size_t last) {

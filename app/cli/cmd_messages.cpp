@@ -2,6 +2,8 @@
 #include "app/cli/commands.h"
 #include "app/cli/listing.h"
 #include "app/cli/show_modes.h"
+#include "core/engine.h"
+#include "services/deleted_uids.h"
 #include "store/storage_messages.h"
 
 namespace trv::cli {
@@ -68,7 +70,13 @@ int RunRemove(CliContext& ctx, const ParsedArgs& args) {
   const std::string path = FolderPathText(*sel.folder);
   const size_t n = sel.keys.size();
   if (args.has("--purge") || sel.folder->kind() == kFolderDeleted) {
-    if (Result r = sel.file->Delete(sel.keys); r.failed()) {
+    // Messages downloaded by POP3 are remembered as deleted here, so that
+    // the next run neither downloads them again nor forgets the delete rules.
+    MailFolder* inbox = sel.folder->storage().SpecialFolder(kFolderInbox);
+    const Result r = inbox != nullptr && inbox->available()
+                         ? DeleteReceivedMessages(ctx.engine->FileOps(), *inbox->file(), *sel.file, sel.keys)
+                         : sel.file->Delete(sel.keys);
+    if (r.failed()) {
       return Fail(ctx, "cannot delete " + MessageCount(n) + " from \"" + path + "\"", r);
     }
     WriteOut(ctx, "deleted " + MessageCount(n) + " from " + path + " for good\n");

@@ -17,6 +17,7 @@
 #include "services/full_download.h"
 #include "services/pop3_service.h"
 #include "store/storage.h"
+#include "store/storage_messages.h"
 #include "tests/net/net_test_util.h"
 #include "tests/support/mail_servers.h"
 #include "tests/support/process.h"
@@ -135,6 +136,20 @@ TEST_F(Pop3SyncServersTest, LimitsDeleteRulesAndLocalDeletion) {
   ASSERT_EQ(service.Receive(false), rc::kOk);
   EXPECT_EQ(OnServer().size(), 0u);
   EXPECT_FALSE(std::filesystem::exists(DeletedUids(PosixFileSystem::Instance(), inbox.path()).path()));
+
+  // Moved out of the inbox, elsewhere or into "Deleted": never downloaded
+  // again; the copy in "Deleted" counts as deleted here, the other stays.
+  Deliver(Sized("moved away", 500));
+  Deliver(Sized("into deleted", 500));
+  ASSERT_EQ(service.Receive(false), rc::kOk);
+  Storage& storage = *account_.engine->storages().front();
+  MailFolder& in = *storage.SpecialFolder(kFolderInbox);
+  ASSERT_EQ(MoveMessages(in, {Find("moved away")->key}, *storage.SpecialFolder(kFolderDrafts), nullptr), rc::kOk);
+  ASSERT_EQ(MoveMessages(in, {Find("into deleted")->key}, *storage.SpecialFolder(kFolderDeleted), nullptr), rc::kOk);
+  ASSERT_EQ(service.Receive(false), rc::kOk);
+  EXPECT_EQ(inbox.MessageCount(), 2u) << "moved messages are not downloaded again";
+  EXPECT_EQ(OnServer().size(), 1u);
+  for (const auto& p : OnServer()) std::filesystem::remove(p);
 
   // A message of zero bytes arrives as one empty line and is stored; a
   // refused login ends the run with the error line.
