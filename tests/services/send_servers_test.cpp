@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "tests/net/net_test_util.h"
-#include "tests/services/send_fixture.h"
+#include "tests/services/service_fixture.h"
 #include "tests/support/mail_servers.h"
 
 namespace trv {
