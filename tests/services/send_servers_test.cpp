@@ -68,15 +68,9 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
     service_->SetCredentialsPrompt(&prompt);
     Edit([&](ServiceSettings& s) {
       s.smtp_authentication = row.mode;
-      s.smtp.port = row.port;
-      s.smtp.use_ssl = row.ssl;
-      s.smtp.ssl_explicit = !row.implicit;
-      s.smtp.use_sasl = row.sasl;
-      s.smtp.socks_version = row.socks ? kSocks5 : kSocksNone;
-      s.smtp.socks_address = "127.0.0.1";
-      s.smtp.socks_port = row.socks;
-      s.incoming.host = "127.0.0.1";
-      s.incoming.port = p.pop3;
+      s.smtp.port = row.port, s.smtp.use_ssl = row.ssl, s.smtp.ssl_explicit = !row.implicit, s.smtp.use_sasl = row.sasl;
+      s.smtp.socks_version = row.socks ? kSocks5 : kSocksNone, s.smtp.socks_address = "127.0.0.1";
+      s.smtp.socks_port = row.socks, s.incoming.host = "127.0.0.1", s.incoming.port = p.pop3;
       ProtocolSettings& login = row.mode == SmtpAuthMode::kCredentials ? s.smtp : s.incoming;
       login.user_name = MailServers::Bob().name;
       login.password = row.password;

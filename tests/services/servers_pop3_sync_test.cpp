@@ -146,8 +146,6 @@ TEST_F(Pop3SyncServersTest, LimitsDeleteRulesAndLocalDeletion) {
   std::string log;
   ASSERT_EQ(ReadWholeFile(account_.engine->data_directory() / ActivityLog::kFileName, &log), rc::kOk);
   EXPECT_NE(log.find("(0x80C20003) Account: Test Host: 127.0.0.1 Port: "), std::string::npos);
-  EXPECT_NE(log.find("- Load MaxSize: 2147483647 LastDays: 2147483647 BodySize: 2048"), std::string::npos);
-  EXPECT_EQ(log.find("TOP 1 0"), std::string::npos) << "no header mode with UIDL and the default LastDays";
 }
 
 TEST_F(Pop3SyncServersTest, ImplicitTlsStlsAndSocks5) {
