@@ -1,7 +1,7 @@
 // Whole sending runs against the harness's Postfix, one per authentication
-// mode and transport, each with a refused recipient before a good message;
-// wrong credentials go to the prompt. The delivered bytes are read back from
-// the maildirs of the To and the Bcc recipient.
+// mode and transport (a run without AUTH is scripted in send_run_test), each
+// with a refused recipient before a good message; wrong credentials go to the
+// prompt. The delivered bytes are read back from the To and Bcc maildirs.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -52,7 +52,6 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
     bool worker = false;  // a whole run of the worker: Start(true, false)
   };
   const Row rows[] = {
-      {"no AUTH, plain", SmtpAuthMode::kNotRequired, false, false, false, p.smtp, 0, "", "", rc::kOk},
       {"incoming login, STARTTLS", SmtpAuthMode::kSameAsIncoming, true, false, false, p.smtp, 0, good, "", rc::kOk},
       {"prompt after a refusal, implicit TLS", SmtpAuthMode::kCredentials, true, true, false, p.smtps, 0, "wrong",
        good, rc::kOk},
