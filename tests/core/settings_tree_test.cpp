@@ -108,8 +108,8 @@ TEST(SettingsReadTest, LoadThenSave) {
   const Row rows[] = {
       {"comments survive unchanged and in place",
        kHeader + "# about the root\r\nVersion=2\r\n\n[A]\n#   note = with separator\r\nKey=1\r\n#\r\nOther=x\r\n", "", {}},
-      {"the header is added first", "\n[A]\nK=v\r\n", kHeader + "\n[A]\nK=v\r\n", {}},
-      {"bare LF, parents of a heading", "[a\\b]\nK=v\n[c]\nL=w", kHeader + "\n[a]\n\n[a\\b]\nK=v\r\n\n[c]\nL=w\r\n", {}},
+      {"the header is added first; bare LF, parents of a heading", "[a\\b]\nK=v\n[c]\nL=w",
+       kHeader + "\n[a]\n\n[a\\b]\nK=v\r\n\n[c]\nL=w\r\n", {}},
       {"empty names in a heading skipped, [] is the root", "[\\a\\\\b\\]\nK=1\r\n[]\nR=2\r\n",
        kHeader + "R=2\r\n\n[a]\n\n[a\\b]\nK=1\r\n", {}},
       {"only the line end is taken off a value", "K= v \r\r\n", kHeader + "K= v \r\r\n", {}},
@@ -130,13 +130,6 @@ TEST(SettingsReadTest, LoadThenSave) {
     EXPECT_EQ(reported, r.reported);
     EXPECT_EQ(s.SaveToBytes(), r.saved.empty() ? r.in : r.saved);
     EXPECT_EQ(Reloaded(s), s.SaveToBytes());
-  }
-  // Whatever the text, the second save equals the first.
-  for (const char* t : {"x\ny=1\n[a]\n[a]\nz\n[]\nw=2\n", "[s]\nk[3]=a\nk=b\nk[0]=c\n", "TRUE=TRUE\nv=-0\nn=0x1\n[\\\\]\n=\n;c\n#c\n",
-                        "[a\\b\\c]\n[A\\B]\nq=\xEF\xBB\xBF\xC0\x8A\n", "\r\n\r\n  \n[s]\n a = b \r\n"}) {
-    Settings once;
-    once.LoadFromBytes(t);
-    EXPECT_EQ(Reloaded(once), once.SaveToBytes()) << t;
   }
 }
 

@@ -1,12 +1,12 @@
 // CImap4Client on transcripts, for the exact bytes and the bad input a real
-// server will not send (the real sessions are in the servers tests).
+// server will not send (the real sessions, with LOGIN and APPEND, are in the
+// servers tests).
 #include "net/imap4_client.h"
 
 #include <gtest/gtest.h>
 
 #include <functional>
 
-#include "mime/stream.h"
 #include "net/scripted_transport.h"
 #include "tests/net/net_test_util.h"
 
@@ -114,29 +114,6 @@ TEST(Imap4ClientTest, Transcripts) {
          return c.StartTls();
        },
        rc::kImap4NoStartTls},
-      {"LOGIN masked in the log, capabilities read again",
-       Script(kGreeted).ClientLine("0 LOGIN joe \"se cret\"").ServerLine("0 OK").ClientLine("1 CAPABILITY")
-           .ServerLine("* CAPABILITY IMAP4rev1 IDLE").ServerLine("1 OK"),
-       [](C& c, R& r) {
-         const Result result = c.Login("joe", "se cret");
-         EXPECT_EQ(r.log.at(1), "S 0 LOGIN ******** ********");
-         EXPECT_TRUE(c.HasCapability("idle") && c.authenticated() && !(c.capabilities() & kImap4CapUidPlus));
-         return result;
-       },
-       rc::kOk},
-      {"APPEND with flags and date, then without the continuation",
-       Script(kGreeted).ClientLine("0 APPEND Sent (\\Seen) \"04-Jan-2005 09:05:07 +0000\" {5}").ServerLine("+ go")
-           .Client("hello\r\n").ServerLine("0 OK [APPENDUID 3 17] done").ClientLine("1 APPEND X {5}")
-           .ServerLine("1 NO [TRYCREATE] no mailbox"),
-       [](C& c, R&) {
-         CXmMemoryStream m("hello");
-         EXPECT_EQ(c.Append(u"Sent", kImap4FlagSeen, DateFromTimeT(1104829507), &m, 0), rc::kOk);
-         EXPECT_EQ(c.result().append_uid->destination.At(0), 17u);
-         const Result r = c.Append(u"X", 0, kNoDate, &m, 0);
-         EXPECT_TRUE(c.result().codes & kImap4CodeTryCreate);
-         return r;
-       },
-       rc::kImap4Bad},
       {"a literal over the limit is not read",
        Script(kGreeted).ClientLine("0 FETCH 1 BODY.PEEK[HEADER]").ServerLine("* 1 FETCH (BODY[HEADER] {5000000000}"),
        [&](C& c, R&) { return fetch1(c); }, rc::kImap4LiteralTooLarge, false},

@@ -25,13 +25,12 @@ TEST(Pop3JobsTest, DecisionsByLimitsAndRules) {
   const Pop3LocalCopy whole{7, kNow - 5, false, false}, partial{7, kNow - 5, true, false};
   const Pop3Rules on_server{.delete_on_server = true}, last_days{.load_last_days = 10, .header_mode = true};
   const Row rows[] = {
-      {"2,847 bytes by RETR", 2847, {}, {}, {}, true, true, true, false},
+      {"2,847 bytes by RETR; with UIDL and default LastDays no TOP n 0", 2847, {}, {}, {}, true, true, true, false},
       {"2,848 bytes by TOP n 51", 2848, {}, {}, {}, true, true, false, false, 51},
       {"LoadBodySize 0: headers only", 100, {.load_body_size = 0}, {}, {}, true, true, false, false, 0},
       {"at LoadMaxSize: left alone", 5000, {.load_max_size = 5000}, {}, {}, false, false, false, false},
       {"too big and DeleteOnServer: kept", 5000, {.load_max_size = 5000, .delete_on_server = true}, {}, {},
        false, false, false, false},
-      {"default LastDays with UIDL: no TOP 0", 100, {}, {}, {}, true, true, true, false, 0, 0},
       {"older than LastDays", 100, last_days, {}, {}, false, false, false, false, 0, 1, kNow - 12},
       {"within LastDays", 100, last_days, {}, {}, true, true, true, false, 0, 1, kNow - 10},
       {"no UIDL: UID from the header, known here", 100, {.header_mode = true}, whole, {},

@@ -5,7 +5,7 @@
 
 #include "core/message_import.h"
 #include "services/outgoing_text.h"
-#include "tests/services/send_fixture.h"
+#include "tests/services/service_fixture.h"
 #include "tests/support/script_server.h"
 
 namespace trv {

@@ -1,14 +1,14 @@
 // Whole sending runs against the harness's Postfix, one per authentication
-// mode and transport, each with a refused recipient before a good message;
-// wrong credentials go to the prompt. The delivered bytes are read back from
-// the maildirs of the To and the Bcc recipient.
+// mode and transport (a run without AUTH is scripted in send_run_test), each
+// with a refused recipient before a good message; wrong credentials go to the
+// prompt. The delivered bytes are read back from the To and Bcc maildirs.
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <thread>
 
 #include "tests/net/net_test_util.h"
-#include "tests/services/send_fixture.h"
+#include "tests/services/service_fixture.h"
 #include "tests/support/mail_servers.h"
 
 namespace trv {
@@ -52,7 +52,6 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
     bool worker = false;  // a whole run of the worker: Start(true, false)
   };
   const Row rows[] = {
-      {"no AUTH, plain", SmtpAuthMode::kNotRequired, false, false, false, p.smtp, 0, "", "", rc::kOk},
       {"incoming login, STARTTLS", SmtpAuthMode::kSameAsIncoming, true, false, false, p.smtp, 0, good, "", rc::kOk},
       {"prompt after a refusal, implicit TLS", SmtpAuthMode::kCredentials, true, true, false, p.smtps, 0, "wrong",
        good, rc::kOk},
@@ -68,15 +67,9 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
     service_->SetCredentialsPrompt(&prompt);
     Edit([&](ServiceSettings& s) {
       s.smtp_authentication = row.mode;
-      s.smtp.port = row.port;
-      s.smtp.use_ssl = row.ssl;
-      s.smtp.ssl_explicit = !row.implicit;
-      s.smtp.use_sasl = row.sasl;
-      s.smtp.socks_version = row.socks ? kSocks5 : kSocksNone;
-      s.smtp.socks_address = "127.0.0.1";
-      s.smtp.socks_port = row.socks;
-      s.incoming.host = "127.0.0.1";
-      s.incoming.port = p.pop3;
+      s.smtp.port = row.port, s.smtp.use_ssl = row.ssl, s.smtp.ssl_explicit = !row.implicit, s.smtp.use_sasl = row.sasl;
+      s.smtp.socks_version = row.socks ? kSocks5 : kSocksNone, s.smtp.socks_address = "127.0.0.1";
+      s.smtp.socks_port = row.socks, s.incoming.host = "127.0.0.1", s.incoming.port = p.pop3;
       ProtocolSettings& login = row.mode == SmtpAuthMode::kCredentials ? s.smtp : s.incoming;
       login.user_name = MailServers::Bob().name;
       login.password = row.password;

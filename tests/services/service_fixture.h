@@ -1,5 +1,6 @@
 // A started engine in a data directory of its own (service factory
-// installed), and a service whose runs a test controls.
+// installed), a service whose runs a test controls, and a POP3 service on the
+// local storage for the sending tests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,7 +10,11 @@
 #include <mutex>
 
 #include "core/engine.h"
+#include "services/outbox.h"
+#include "services/pop3_service.h"
 #include "services/service_registry.h"
+#include "store/mail_folder.h"
+#include "store/storage.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv::test {
@@ -70,6 +75,39 @@ class TestService final : public MailService, public SyncObserver {
   }
   std::mutex mu_;
   std::string calls_;
+};
+
+// The POP3 service's settings are filled by the test; its events are recorded.
+class SendFixture : public ServiceEngineTest, public SyncObserver {
+ protected:
+  void SetUp() override {
+    ServiceEngineTest::SetUp();
+    service_ = std::make_unique<Pop3Service>(*engine_, local());
+    service_->observers().Add(this);
+    Edit([](ServiceSettings& s) {
+      s.guid = Guid::NewRandom();
+      s.service_name = u"Work";
+      s.email_address = u"me@localhost";
+      s.smtp.host = "127.0.0.1";
+      s.smtp.timeout = 10;
+    });
+  }
+  void TearDown() override { service_.reset(), ServiceEngineTest::TearDown(); }
+  void OnSyncEvent(MailService&, const SyncEvent& e) override { events_.push_back(e.code); }
+  void Edit(const std::function<void(ServiceSettings&)>& change) {
+    ServiceSettings s = service_->settings();
+    change(s);
+    service_->SetSettings(s);
+  }
+  FolderFile& File(uint32_t kind) { return *local().SpecialFolder(kind)->file(); }
+  std::vector<MessageRecord> Folder(uint32_t kind) {
+    EXPECT_EQ(File(kind).LoadIndex(), rc::kOk);
+    return File(kind).Messages();
+  }
+  std::string Log() { return ReadFile(dir_ / "TarvoMail.log"); }
+
+  std::unique_ptr<Pop3Service> service_;
+  std::vector<int> events_;
 };
 
 }  // namespace trv::test

@@ -1,8 +1,6 @@
 // The worker of a service (run order, a second Start, stops, a throwing
 // run) and the scheduler's start-up and periodic runs.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <semaphore>
 #include <stdexcept>
@@ -11,6 +9,7 @@
 #include "net/mail_socket.h"
 #include "services/sync_scheduler.h"
 #include "tests/services/service_fixture.h"
+#include "tests/support/script_server.h"
 
 namespace trv {
 namespace {
@@ -74,15 +73,11 @@ TEST_F(ServiceWorkerTest, RunOrderAndASecondStart) {
 TEST_F(ServiceWorkerTest, StopsAndFailures) {
   TestService& service = Add();
   // A hard stop aborts the connection under a blocked read (time-out 60 s).
-  const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-  socklen_t len = sizeof addr;
-  ASSERT_TRUE(::bind(listener, reinterpret_cast<sockaddr*>(&addr), len) == 0 && ::listen(listener, 1) == 0 &&
-              ::getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &len) == 0);
+  test::ScriptServer silent(Script().Silence());
   Result read;
   service.on_receive = [&] {
     CMailSocket socket;
-    Result r = socket.Connect("127.0.0.1", ntohs(addr.sin_port));
+    Result r = socket.Connect("127.0.0.1", silent.port());
     service.SetCurrentClient(&socket);
     entered.release();
     std::string line;
@@ -96,7 +91,6 @@ TEST_F(ServiceWorkerTest, StopsAndFailures) {
   const auto stopped = std::chrono::steady_clock::now();
   service.Stop(true);
   service.WaitIdle();
-  ::close(listener);
   EXPECT_LT(std::chrono::steady_clock::now() - stopped, 10s);
   EXPECT_TRUE(read.failed());
 
