@@ -22,6 +22,7 @@
 #include "services/pop3_jobs.h"
 #include "services/pop3_service.h"
 #include "services/run_log.h"
+#include "services/run_trust.h"
 #include "store/append_batch.h"
 #include "store/storage.h"
 
@@ -322,7 +323,8 @@ Result Pop3Run::Finish(Result r) {
     if (Interrupted()) Log("Synchronization interrupted by user");
   } else if (r.failed()) {
     LogRunError(service_.log(), r, service_.DisplayName(), s_.incoming.host, s_.incoming.port,
-                client_.last_reply());
+                client_.last_reply(), CertificateRefusalText(service_.certificate_decider(), r, s_.incoming.host,
+                                                             s_.incoming.port));
   }
   if (client_.connected()) {
     service_.Report(kEventClosing);

@@ -1,8 +1,12 @@
 #include "services/service_registry.h"
 
 #include "core/engine.h"
+#include "services/deleted_uids.h"
 #include "services/imap4_service.h"
 #include "services/pop3_service.h"
+#include "services/run_trust.h"
+#include "store/mail_folder.h"
+#include "store/storage.h"
 
 namespace trv {
 
@@ -30,7 +34,12 @@ MailService* FindUnique(const std::vector<MailService*>& services, const WString
 }  // namespace
 
 void InstallServiceFactory(MailEngine& engine) {
-  engine.SetServiceFactory([](WStringView service_class, MailEngine& e, Storage& storage) {
+  // The factory holds the engine's one RunTrust: the engine destroys its
+  // listener lists and its services before its factory, so the trust outlives
+  // both its registration and every run that decides with it.
+  auto trust = std::make_shared<RunTrust>(engine);
+  engine.service_added_listeners().Add(trust.get());
+  engine.SetServiceFactory([trust](WStringView service_class, MailEngine& e, Storage& storage) {
     return std::unique_ptr<EngineService>(MakeService(service_class, e, storage));
   });
 }
@@ -88,7 +97,19 @@ Result RemoveService(MailEngine& engine, MailService* service, bool delete_stora
   service->WaitIdle();
   Storage* storage = &service->storage();
   Result r = service->Delete();  // deletes the service
-  if (r.ok() && delete_storage) r = engine.DeleteStorage(storage);
+  if (r.failed() || !delete_storage) return r;
+  // The POP3 run's records of locally deleted messages lie next to the folder files.
+  FileSystem& fs = engine.FileOps();
+  std::vector<std::pair<std::filesystem::path, std::filesystem::path>> records;  // folder file, record
+  storage->ForEachFolder([&](MailFolder& folder) {
+    if (folder.file_path().empty()) return;
+    records.emplace_back(folder.file_path(), DeletedUids(fs, folder.file_path()).path());
+  });
+  r = engine.DeleteStorage(storage);
+  for (const auto& [folder_file, record] : records) {
+    if (fs.Exists(folder_file) || !fs.Exists(record)) continue;  // its folder file stays (or none to remove)
+    if (const Result removed = fs.RemoveFile(record); removed.failed() && r.ok()) r = removed;
+  }
   return r;
 }
 

@@ -14,7 +14,9 @@ namespace trv {
 
 class MailEngine;
 
-// Installs the factory on the engine; call before MailEngine::Start.
+// Installs the factory on the engine, once, before MailEngine::Start. Every
+// MailService the engine adds (loaded or created) decides on certificates
+// with the engine's one RunTrust (services/run_trust.h).
 void InstallServiceFactory(MailEngine& engine);
 
 // A new service of class "POP3" or "IMAP4" from `settings` (a new GUID when
@@ -34,7 +36,8 @@ MailService* FindService(MailEngine& engine, std::string_view name);
 
 // Stops the service's runs, deletes its section, drops it from the engine;
 // its storage is deleted too when `delete_storage` (unless another service
-// uses it: rc::kInvalidArg). The service object is gone afterwards. Stop a
+// uses it: rc::kInvalidArg), with the POP3 records of locally deleted
+// messages ("<folder file>.deleted") of the folder files it removed. The service object is gone afterwards. Stop a
 // running SyncScheduler first.
 Result RemoveService(MailEngine& engine, MailService* service, bool delete_storage);
 

@@ -9,6 +9,7 @@
 #include "net/secret.h"
 #include "services/outgoing_text.h"
 #include "services/run_log.h"
+#include "services/run_trust.h"
 
 namespace trv {
 
@@ -33,7 +34,8 @@ uint16_t SendRun::port() const {
 
 void SendRun::LogError(Result r) {
   const std::string& reply = failed_reply_.empty() ? client_.last_reply() : failed_reply_;
-  LogRunError(service_.log(), r, service_.DisplayName(), settings_.smtp.host, port(), reply);
+  LogRunError(service_.log(), r, service_.DisplayName(), settings_.smtp.host, port(), reply,
+              CertificateRefusalText(service_.certificate_decider(), r, settings_.smtp.host, port()));
   failed_reply_.clear();
 }
 

@@ -11,6 +11,7 @@
 #include "app/cli/commands.h"
 #include "app/cli/sync_console.h"
 #include "services/full_download.h"
+#include "services/run_trust.h"
 #include "services/service_registry.h"
 #include "services/sync_scheduler.h"
 
@@ -107,8 +108,9 @@ int RunSync(CliContext& ctx, const ParsedArgs& args) {
   for (MailService* s : services) {
     const Result r = s->pending_error();
     if (r.failed()) {
-      status = Fail(ctx, "the run of \"" + s->DisplayName() + "\" ended in an error (\"trvmail-cli log\" has the "
-                         "server's replies)", r);
+      const std::string refusal = RunRefusalText(*s, r);
+      status = Fail(ctx, "the run of \"" + s->DisplayName() + "\" ended in an error (" +
+                             (refusal.empty() ? "\"trvmail-cli log\" has the server's replies" : refusal) + ")", r);
     } else {
       WriteOut(ctx, console.Summary(*s) + "\n");
     }

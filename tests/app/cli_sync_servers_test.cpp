@@ -68,5 +68,22 @@ TEST_F(CliSyncServersTest, ComposeSyncDeliversAndDownloads) {
   EXPECT_FALSE(Has(Ok({"log"}).out, "wrong-password"));
 }
 
+// A self-signed POP3S server: refused with the accept-cert hint until trusted.
+TEST_F(CliSyncServersTest, RefusedCertificateUntilAccepted) {
+  TRV_REQUIRE_SERVER(MailServers::Instance().Dovecot());
+  const std::string where = "127.0.0.3:" + std::to_string(MailServers::Instance().ports().pop3s);
+  const MailUser& alice = MailServers::Alice();
+  Ok({"account", "add", "--class", "POP3", "--name", "Alice", "--email", "alice@localhost", "--host", "127.0.0.3",
+      "--port", std::to_string(MailServers::Instance().ports().pop3s), "--ssl", "implicit", "--user", alice.name,
+      "--password-stdin"},
+     alice.password + "\n");
+  const CliRun refused = Run({"sync", "--receive-only"});
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_TRUE(Has(refused.err, "self-signed") && Has(refused.err, "trvmail-cli accept-cert " + where)) << refused.err;
+  EXPECT_TRUE(Has(Ok({"log"}).out, "Certificate: The certificate of " + where));
+  Ok({"accept-cert", where, "--yes"});
+  Ok({"sync", "--receive-only"});
+}
+
 }  // namespace
 }  // namespace trv::test

@@ -118,8 +118,10 @@ TEST_F(ServiceSettingsTest, CreateFindAndRemove) {
   EXPECT_EQ(FindService(*engine_, "HOME"), home);
   EXPECT_EQ(FindService(*engine_, "nobody"), nullptr);
   const std::filesystem::path home_index = home->storage().index_path();
+  const auto deleted_record = home->storage().SpecialFolder(kFolderInbox)->file_path().string() + ".deleted";
+  test::WriteFile(deleted_record, "45000 uid-1\n");
   ASSERT_EQ(RemoveService(*engine_, home, true), rc::kOk);
-  EXPECT_FALSE(std::filesystem::exists(home_index));
+  EXPECT_FALSE(std::filesystem::exists(home_index) || std::filesystem::exists(deleted_record));
   EXPECT_EQ(MailServices(*engine_), std::vector<MailService*>{work});
   EXPECT_EQ(engine_->storages().size(), 2u);
   EXPECT_EQ(engine_->settings().ListSections("\\").size(), 1u);
