@@ -7,12 +7,12 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "app/cli/account_keys.h"
 #include "app/cli/cli_result.h"
 #include "app/cli/commands.h"
 #include "app/cli/json_writer.h"
 #include "app/cli/text_table.h"
 #include "services/port_rules.h"
+#include "services/service_keys.h"
 #include "services/service_registry.h"
 
 namespace trv::cli {
@@ -228,19 +228,9 @@ int RunAccountShow(CliContext& ctx, const std::string& name) {
   MailService* service = FindOrFail(ctx, name, &status);
   if (service == nullptr) return status;
   const ServiceSettings s = service->settings();
-  std::vector<std::pair<std::string, std::string>> lines = {{"Class", service->ServiceClass()}};
-  for (const AccountKey& key : AccountKeys(service->ServiceClass())) {
-    lines.emplace_back(key.name, KeyValueText(key, s));
-    // The password of a block follows its user name, shown only as stored or not.
-    if (key.name.ends_with("UserName")) {
-      const bool smtp = key.name.starts_with("SMTP");
-      lines.emplace_back(key.name.substr(0, key.name.size() - 8) + "Psswd",
-                         Stored(smtp ? s.smtp.password : s.incoming.password));
-    }
-    if (key.name.ends_with("SocksUserID")) {
-      lines.emplace_back(key.name.substr(0, key.name.size() - 6) + "Password",
-                         Stored(key.name.starts_with("SMTP") ? s.smtp.socks_password : s.incoming.socks_password));
-    }
+  std::vector<std::pair<std::string, std::string>> lines;
+  for (const ServiceKey& key : ServiceKeys(service->ServiceClass())) {
+    lines.emplace_back(key.name, KeyText(key, s, service->ServiceClass()));
   }
   JsonWriter json;
   json.BeginObject();
@@ -264,9 +254,9 @@ int RunSet(CliContext& ctx, const ParsedArgs& args) {
     const std::string& pair = args.positional[i];
     const size_t eq = pair.find('=');
     const std::string key_name = pair.substr(0, eq);
-    const AccountKey* key = FindAccountKey(service->ServiceClass(), key_name);
+    const ServiceKey* key = FindServiceKey(service->ServiceClass(), key_name);
     std::string error;
-    if (IsPasswordKey(key_name)) {
+    if (key != nullptr && key->role == KeyRole::kPassword) {
       error = key_name + " is a password: give it with \"account set NAME --password-stdin\" (or "
                          "--smtp-password-stdin), or at the question of \"sync\"";
     } else if (eq == std::string::npos) {
@@ -274,7 +264,7 @@ int RunSet(CliContext& ctx, const ParsedArgs& args) {
     } else if (key == nullptr) {
       error = "no setting " + key_name + " for a " + service->ServiceClass() + " account (\"account show\" lists them)";
     } else {
-      SetKeyValue(*key, std::string_view(pair).substr(eq + 1), &s, &error);
+      SetKeyFromText(*key, std::string_view(pair).substr(eq + 1), &s, &error);
     }
     if (!error.empty()) return Fail(ctx, error, rc::kInvalidArg);
   }

@@ -57,6 +57,7 @@ TEST_F(CliAccountsTest, PasswordsStayOutOfFileAndLogWhileSettingsRoundTrip) {
       {"Bogus=1", "no setting Bogus"},
       {"SMTPPassword=x", "--password-stdin"},
       {"SMTPPort=70000", "SMTPPort takes a number from 1 to 65535"},
+      {"POP3Timeout=0", "POP3Timeout takes a number from 1 to 65535"},  // would save as 60
       {"DeleteOnServer=maybe", "DeleteOnServer takes 1 or 0"},
       {"GUID={00000000-0000-0000-0000-000000000000}", "GUID cannot be changed"},
       {"LoadBodySize", "is not KEY=VALUE"},
