@@ -32,6 +32,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/mail_generator.h"
 #include "net/imap4_client.h"
 #include "tests/support/mail_servers.h"
 
@@ -41,63 +42,8 @@ using trv::CImap4Client;
 using trv::Result;
 using trv::test::MailServers;
 using Clock = std::chrono::steady_clock;
-
-// A small deterministic generator, so every run serves the same mailbox.
-struct Random {
-  uint64_t state = 0x9E3779B97F4A7C15ull;
-  uint32_t Next(uint32_t bound) {
-    state = state * 6364136223846793005ull + 1442695040888963407ull;
-    return static_cast<uint32_t>((state >> 33) % bound);
-  }
-};
-
-std::string Text(Random& rnd, size_t bytes) {
-  static const char* const kWords[] = {"mail", "the", "offline", "client", "reads", "server", "message",
-                                       "folder", "a", "and", "sync", "header", ".dot", "of", "to"};
-  std::string out, line;
-  while (out.size() < bytes) {
-    line += kWords[rnd.Next(15)];
-    if (line.size() > 66 || rnd.Next(40) == 0) {
-      out += line + "\r\n";
-      line.clear();
-    } else {
-      line += ' ';
-    }
-  }
-  return out + line + "\r\n";
-}
-
-std::string Base64Lines(Random& rnd, size_t bytes) {
-  static const char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  out.reserve(bytes + bytes / 38 + 2);
-  for (size_t i = 0; i < bytes; ++i) {
-    out += kAlphabet[rnd.Next(64)];
-    if (i % 76 == 75) out += "\r\n";
-  }
-  return out + "\r\n";
-}
-
-std::string Message(Random& rnd, int i) {
-  std::string m = "From: Sender " + std::to_string(i % 97) + " <s" + std::to_string(i % 97) +
-                  "@example.test>\r\nTo: alice@example.test\r\nSubject: Message " + std::to_string(i) +
-                  "\r\nDate: Mon, 3 Jun 2024 10:" + std::to_string(10 + i % 50) + ":00 +0000\r\nMessage-ID: <" +
-                  std::to_string(i) + "@bench.test>\r\nMIME-Version: 1.0\r\n";
-  const uint32_t kind = rnd.Next(10);
-  if (kind < 7) return m + "Content-Type: text/plain; charset=utf-8\r\n\r\n" + Text(rnd, 800 + rnd.Next(3200));
-  const std::string b = "b" + std::to_string(i);
-  m += "Content-Type: multipart/" + std::string(kind < 9 ? "mixed" : "alternative") + "; boundary=\"" + b +
-       "\"\r\n\r\n";
-  m += "--" + b + "\r\nContent-Type: text/plain\r\n\r\n" + Text(rnd, 1000 + rnd.Next(2000)) + "--" + b + "\r\n";
-  if (kind < 9) {
-    m += "Content-Type: application/octet-stream; name=\"a.bin\"\r\nContent-Transfer-Encoding: base64\r\n\r\n" +
-         Base64Lines(rnd, 20000 + rnd.Next(80000));
-  } else {
-    m += "Content-Type: text/html\r\n\r\n<html><body><p>" + Text(rnd, 2000 + rnd.Next(6000)) +
-         "</p></body></html>\r\n";
-  }
-  return m + "--" + b + "--\r\n";
-}
+using trv::bench::Median;
+using trv::bench::Random;
 
 [[noreturn]] void Fail(const char* what, Result r, const std::string& detail) {
   std::fprintf(stderr, "imap4_bench: %s: %s %s\n", what, trv::ResultHex(r).c_str(), detail.c_str());
@@ -261,11 +207,6 @@ uint64_t BarePass(uint16_t port, uint32_t count, size_t window) {
   return bytes;
 }
 
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -281,7 +222,7 @@ int main(int argc, char** argv) {
   Random rnd;
   uint64_t delivered = 0;
   for (int i = 0; i < messages; ++i) {
-    const std::string m = Message(rnd, i);
+    const std::string m = trv::bench::WithCrLf(trv::bench::Message(rnd, i));
     delivered += m.size();
     if (servers.Deliver(MailServers::Alice().name, m).empty()) {
       std::fprintf(stderr, "imap4_bench: delivery failed\n");

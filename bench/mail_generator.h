@@ -1,11 +1,14 @@
-// The maildrop the POP3 benchmarks serve: a small deterministic generator,
-// so that every run (and every benchmark) sees the same messages. 70% short
-// text messages, 20% with a base64 attachment of 20 to 100 KB, 10% text and
-// HTML.
+// The mailbox the POP3 and IMAP4 benchmarks serve: a small deterministic
+// generator, so that every run (and every benchmark) sees the same messages.
+// 70% short text messages, 20% with a base64 attachment of 20 to 100 KB, 10%
+// text and HTML; lines end in LF, or in CR LF through WithCrLf. Median for
+// the figures.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace trv::bench {
 
@@ -61,6 +64,21 @@ inline std::string Message(Random& rnd, int i) {
     m += "Content-Type: text/html\n\n<html><body><p>" + Text(rnd, 2000 + rnd.Next(6000)) + "</p></body></html>\n";
   }
   return m + "--" + b + "--\n";
+}
+
+inline std::string WithCrLf(const std::string& lf_text) {
+  std::string out;
+  out.reserve(lf_text.size() + lf_text.size() / 40);
+  for (const char c : lf_text) {
+    if (c == '\n') out += '\r';
+    out += c;
+  }
+  return out;
+}
+
+inline double Median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v[v.size() / 2];
 }
 
 }  // namespace trv::bench

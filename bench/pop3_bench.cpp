@@ -110,11 +110,6 @@ size_t BarePass(uint16_t port, uint32_t count) {
   return bytes;
 }
 
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -157,7 +152,7 @@ int main(int argc, char** argv) {
   }
   std::printf("pop3_bench: %u messages, %.1f MB (LIST sizes) from Dovecot on loopback, median of %d runs\n", count,
               size / 1e6, runs);
-  const double c = Median(client), b = Median(bare);
+  const double c = trv::bench::Median(client), b = trv::bench::Median(bare);
   std::printf("  %-40s %7.2f s %8.0f msg/s %7.1f MB/s  (%zu bytes read)\n", "bare recv loop, RETR one at a time", b,
               count / b, size / b / 1e6, bare_bytes);
   std::printf("  %-40s %7.2f s %8.0f msg/s %7.1f MB/s  (%zu bytes of lines)\n", "CPop3Client::Retrieve, counting hook",

@@ -88,11 +88,6 @@ uintmax_t FetchmailPass(const std::string& fetchmail, uint16_t port) {
   return size;
 }
 
-double Median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  return v[v.size() / 2];
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -125,13 +120,13 @@ int main(int argc, char** argv) {
   if (stored != static_cast<size_t>(messages)) Fail("stored " + std::to_string(stored) + " messages");
   std::printf("pop3_sync_bench: %d messages, %.1f MB (LF form) from Dovecot on loopback, plain POP3, kept on the "
               "server; median of %d runs\n", messages, bytes / 1e6, runs);
-  const double o = Median(ours);
+  const double o = trv::bench::Median(ours);
   std::printf("  %-44s %7.2f s %8.0f msg/s\n", "Pop3Service::Receive into a folder file", o, messages / o);
   if (!peer) {
     std::printf("  fetchmail not installed: no peer figures\n");
     return 0;
   }
-  const double t = Median(theirs);
+  const double t = trv::bench::Median(theirs);
   std::printf("  %-44s %7.2f s %8.0f msg/s  (%.1f MB of BSMTP)\n", "fetchmail --bsmtp, keep, fetchall", t,
               messages / t, bsmtp / 1e6);
   std::printf("  our run takes %.2f x fetchmail's time\n", o / t);
