@@ -27,7 +27,7 @@ constexpr const char* kAccountDetails =
     "      [--user U] [--password-stdin] [--ssl none|implicit|explicit]\n"
     "      [--smtp-host HOST] [--smtp-port N] [--smtp-ssl none|implicit|explicit]\n"
     "      [--smtp-auth none|after-incoming|same|credentials] [--smtp-user U] [--smtp-password-stdin]\n"
-    "      [--socks 4|4a|5 --socks-host H --socks-port N [--socks-user U --socks-password P]]\n"
+    "      [--socks 4|4a|5 --socks-host H --socks-port N [--socks-user U --socks-password-stdin]]\n"
     "  account list | account show NAME\n"
     "  account set NAME [KEY=VALUE...] [--password-stdin] [--smtp-password-stdin]\n"
     "  account remove NAME [--delete-storage]\n"

@@ -2,7 +2,8 @@
 //
 // Passwords come only from standard input (--password-stdin: the first line
 // is the incoming password; --smtp-password-stdin: the next line is the SMTP
-// password) or from the question a synchronization asks on the terminal.
+// password; --socks-password-stdin: the next the SOCKS proxy's) or from the
+// question a synchronization asks on the terminal; never from an argument.
 // They are never printed: list and show say "stored" or "not stored".
 #include <algorithm>
 #include <cstdio>
@@ -10,6 +11,7 @@
 #include "app/cli/cli_result.h"
 #include "app/cli/commands.h"
 #include "app/cli/json_writer.h"
+#include "net/secret.h"
 #include "app/cli/text_table.h"
 #include "services/port_rules.h"
 #include "services/service_keys.h"
@@ -30,7 +32,7 @@ const std::vector<SubcommandOptions>& Subcommands() {
   static const std::vector<SubcommandOptions> subcommands = {
       {"add", 0, {"--class", "--name", "--email", "--host", "--port", "--user", "--password-stdin", "--ssl",
                   "--smtp-host", "--smtp-port", "--smtp-ssl", "--smtp-auth", "--smtp-user", "--smtp-password-stdin",
-                  "--socks", "--socks-host", "--socks-port", "--socks-user", "--socks-password"}},
+                  "--socks", "--socks-host", "--socks-port", "--socks-user", "--socks-password-stdin"}},
       {"list", 0, {}},
       {"show", 1, {}},
       {"set", kAny, {"--password-stdin", "--smtp-password-stdin"}},
@@ -79,8 +81,8 @@ bool ValidateAdd(const ParsedArgs& args, std::string* error) {
     *error = "--socks takes 4, 4a or 5";
   } else if (args.has("--socks") != (args.has("--socks-host") && args.has("--socks-port"))) {
     *error = "a SOCKS proxy needs --socks, --socks-host and --socks-port together";
-  } else if (args.has("--socks-password") && !args.has("--socks-user")) {
-    *error = "--socks-password needs --socks-user";
+  } else if (args.has("--socks-password-stdin") && !args.has("--socks-user")) {
+    *error = "--socks-password-stdin needs --socks-user";
   } else if (args.has("--password-stdin") && !args.has("--user")) {
     *error = "--password-stdin needs --user";
   } else if (args.has("--smtp-password-stdin") && !args.has("--smtp-user")) {
@@ -108,17 +110,24 @@ bool ReadSecretLine(std::string* line) {
   return any && !line->empty();
 }
 
-// The passwords of --password-stdin and --smtp-password-stdin, in that order.
+// The passwords of --password-stdin, --smtp-password-stdin and
+// --socks-password-stdin, in that order; the SOCKS one serves both protocols.
 bool ReadPasswords(CliContext& ctx, const ParsedArgs& args, ProtocolSettings* incoming, ProtocolSettings* smtp,
                    int* status) {
-  for (auto [option, protocol] : {std::pair{"--password-stdin", incoming}, std::pair{"--smtp-password-stdin", smtp}}) {
+  std::string socks;
+  for (auto [option, target] : {std::pair{"--password-stdin", &incoming->password},
+                                std::pair{"--smtp-password-stdin", &smtp->password},
+                                std::pair{"--socks-password-stdin", &socks}}) {
     if (!args.has(option)) continue;
-    if (!ReadSecretLine(&protocol->password)) {
+    if (!ReadSecretLine(target)) {
       *status = Fail(ctx, std::string(option) + ": no password on standard input (one line each)", rc::kInvalidArg);
       return false;
     }
-    protocol->store_password = true;
   }
+  if (args.has("--password-stdin")) incoming->store_password = true;
+  if (args.has("--smtp-password-stdin")) smtp->store_password = true;
+  if (!socks.empty()) incoming->socks_password = smtp->socks_password = socks;
+  WipeSecret(&socks);
   return true;
 }
 
@@ -140,7 +149,6 @@ void SetSocks(ProtocolSettings& p, const ParsedArgs& args) {
   p.socks_port = std::stoi(args.value("--socks-port"));
   p.socks_auth = args.has("--socks-user");
   p.socks_user = args.value("--socks-user");
-  p.socks_password = args.value("--socks-password");
 }
 
 std::string Name(const MailService& service) { return Utf8(service.settings().service_name); }

@@ -31,15 +31,16 @@ TEST_F(CliAccountsTest, PasswordsStayOutOfFileAndLogWhileSettingsRoundTrip) {
   Ok({"--json", "storages"});  // the data directory, before the first account
   const CliRun add = Add({"--user", "me", "--password-stdin", "--smtp-auth", "credentials", "--smtp-user", "me2",
                           "--smtp-password-stdin", "--socks", "5", "--socks-host", "127.0.0.1", "--socks-port",
-                          "1080", "--socks-user", "su", "--socks-password", "Socks-Pw-3"},
-                         "Pop-Pw-1\r\nSmtp-Pw-2\n");
+                          "1080", "--socks-user", "su", "--socks-password-stdin"},
+                         "Pop-Pw-1\r\nSmtp-Pw-2\nSocks-Pw-3\n");
   ASSERT_EQ(add.status, 0) << add.err;
   EXPECT_FALSE(Has(SettingsBytes(), "Pop-Pw-1") || Has(SettingsBytes(), "Smtp-Pw-2")) << SettingsBytes();
   EXPECT_FALSE(Has(Ok({"log"}).out, "Socks-Pw-3"));
 
   const std::string shown = Ok({"account", "show", "work"}).out;
   for (const char* line : {"POP3Psswd                 stored", "SMTPPsswd                 stored",
-                           "POP3UserName              me\n", "SMTPAuthentication        3"}) {
+                           "POP3UserName              me\n", "SMTPAuthentication        3",
+                           "POP3SocksPassword         stored"}) {
     EXPECT_TRUE(Has(shown, line)) << line << "\n" << shown;
   }
   EXPECT_FALSE(Has(shown, "Pop-Pw-1") || Has(shown, "Smtp-Pw-2") || Has(shown, "Socks-Pw-3"));
