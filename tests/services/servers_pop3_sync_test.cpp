@@ -22,6 +22,7 @@
 #include "tests/support/mail_servers.h"
 #include "tests/support/process.h"
 #include "tests/support/script_server.h"
+#include "tests/store/fault_vfs.h"
 #include "tests/support/temp_dir.h"
 
 namespace trv {
@@ -207,6 +208,28 @@ TEST_F(Pop3SyncServersTest, DuplicateUidsAndADropMidRetr) {
     EXPECT_EQ(server.Finish(), "");
     EXPECT_EQ(account_.inbox->MessageCount(), row.stored);
   }
+}
+
+// A disk that refuses every write while a message is stored: the run ends
+// with the error line and sends no DELE, so the server keeps the message.
+TEST(Pop3SyncFullDiskTest, AFailedCommitEndsTheRunBeforeAnyDele) {
+  test::FaultVfs vfs;  // before the engine opens its folder files
+  test::TempDir dir;
+  Account account;
+  test::ScriptServer server(Script()
+      .ServerLine("+OK ready").ClientLine("CAPA").ServerLine("-ERR no")
+      .ClientLine("USER alice").ServerLine("+OK").ClientLine("PASS alice-secret").ServerLine("+OK")
+      .ClientLine("LIST").Server("+OK\r\n1 40\r\n.\r\n").ClientLine("UIDL").Server("+OK\r\n1 a\r\n.\r\n")
+      .ClientLine("RETR 1").Server("+OK\r\nSubject: a\r\n\r\nbody\r\n.\r\n")
+      .ClientLine("QUIT").ServerLine("+OK"));
+  ASSERT_EQ(account.Start(dir.path(), server.port()), rc::kOk);
+  account.Set([](ServiceSettings& s) { s.delete_on_server = true; });
+  vfs.FreezeAfter(0);
+  EXPECT_TRUE(account.service->Receive(false).failed());
+  EXPECT_EQ(server.Finish(), "");
+  std::string log;
+  ASSERT_EQ(ReadWholeFile(account.engine->data_directory() / ActivityLog::kFileName, &log), rc::kOk);
+  EXPECT_NE(log.find("Account: Test Host: 127.0.0.1 Port: " + std::to_string(server.port())), std::string::npos);
 }
 
 // The crash test's child: one run with delete on server, when started by it.
