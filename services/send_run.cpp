@@ -69,7 +69,9 @@ Result MailService::Send() {
       if (sent_r.ok()) sent_r = run.SendMessage(text);
       if (sent_r == rc::kAbort) break;
       if (sent_r.failed()) {
-        if (!run.connected()) {  // the session is gone: no later message can go either
+        // The session is gone (the socket may not know it yet when the
+        // server hung up under a reply): no later message can go either.
+        if (!run.connected() || IsSocketError(sent_r) || IsSecureTransportError(sent_r)) {
           SetPendingError(sent_r);
           break;
         }

@@ -1,6 +1,6 @@
 // The sending run without a real server: the transmitted text, which
-// messages a service sends, messages accepted before a crash, and STARTTLS
-// refused by a scripted server.
+// messages a service sends, messages accepted before a crash, STARTTLS
+// refused and a hang-up in DATA by a scripted server.
 #include <gtest/gtest.h>
 
 #include "core/message_import.h"
@@ -85,6 +85,25 @@ TEST_F(SendRunTest, RefusedStartTlsGoesOnInTheClearOnlyWhenAllowed) {
     EXPECT_EQ(log.find("Warning: STARTTLS failed") != std::string::npos, allow);
     EXPECT_EQ(log.find("- Error: ") != std::string::npos, !allow);
   }
+}
+
+// The server hangs up in the middle of DATA: the message stays in the
+// outbox, not marked sent, and the run ends with the error line.
+TEST_F(SendRunTest, AHangUpInDataLeavesTheMessageUnsent) {
+  Script script;
+  script.ServerLine("220 scripted").ClientLine("EHLO [127.0.0.1]").ServerLine("250 scripted")
+      .ClientLine("MAIL FROM:<me@localhost>").ServerLine("250 ok").ClientLine("RCPT TO:<to@localhost>")
+      .ServerLine("250 ok").ClientLine("DATA").ServerLine("354 go").Close();
+  test::ScriptServer server(script);
+  Edit([&](ServiceSettings& s) { s.smtp.port = server.port(); });
+  ASSERT_EQ(QueueForSending(*service_, kMessage), rc::kOk);
+  EXPECT_TRUE(service_->Send().failed());
+  EXPECT_EQ(server.Finish(), "");
+  const std::vector<MessageRecord> left = Folder(kFolderOutbox);
+  ASSERT_EQ(left.size(), 1u);
+  EXPECT_EQ(left[0].flags & msgflag::kSent, 0u);
+  EXPECT_TRUE(Folder(kFolderSent).empty());
+  EXPECT_NE(Log().find("- Error: "), std::string::npos);
 }
 
 }  // namespace
