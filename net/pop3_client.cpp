@@ -255,10 +255,11 @@ Result CPop3Client::UidlAll() {
 
 Result CPop3Client::Message(std::string_view command) {
   if (Result r = Command(command, rc::kPop3Retrieve); r.failed()) return r;
-  // Only a line of exactly two dots loses one; "..x" stays as it is, the
-  // same rule the sending side uses when it doubles dots.
-  return ReadListing(kPop3LogMessage,
-                     [this](std::string_view line) { return OnMessageLine(line == ".." ? line.substr(1) : line); });
+  // Servers double every leading dot, so every line that begins with two
+  // dots loses one ("..x" is ".x"); a line with one leading dot stays.
+  return ReadListing(kPop3LogMessage, [this](std::string_view line) {
+    return OnMessageLine(line.starts_with("..") ? line.substr(1) : line);
+  });
 }
 
 Result CPop3Client::Retrieve(uint32_t number) { return Message("RETR " + std::to_string(number)); }

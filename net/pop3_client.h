@@ -51,7 +51,8 @@ class Pop3LineHandler {
  public:
   virtual ~Pop3LineHandler() = default;
   virtual Result OnUidl(uint32_t number, std::string_view uid) { return rc::kOk; }
-  // One line of a message without CR LF, dot-unstuffed ("..": "."); valid
+  // One line of a message without CR LF, dot-unstuffed (a leading ".." loses
+  // one dot: "..x" is ".x", ".." is "."); valid
   // only during the call.
   virtual Result OnMessageLine(std::string_view line) { return rc::kOk; }
   virtual Result OnList(uint32_t number, uint64_t size) { return rc::kOk; }
