@@ -1,7 +1,10 @@
 // The sending run without a real server: the transmitted text, which
 // messages a service sends, messages accepted before a crash, STARTTLS
-// refused and a hang-up in DATA by a scripted server.
+// refused, a hang-up in DATA and a hard stop by a scripted server.
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
 
 #include "core/message_import.h"
 #include "services/outgoing_text.h"
@@ -104,6 +107,27 @@ TEST_F(SendRunTest, AHangUpInDataLeavesTheMessageUnsent) {
   EXPECT_EQ(left[0].flags & msgflag::kSent, 0u);
   EXPECT_TRUE(Folder(kFolderSent).empty());
   EXPECT_NE(Log().find("- Error: "), std::string::npos);
+}
+
+// A hard stop while the server is silent after DATA ends the run at once,
+// without an error line; the message stays in the outbox.
+TEST_F(SendRunTest, AHardStopInDataEndsQuietly) {
+  Script script;
+  script.ServerLine("220 scripted").ClientLine("EHLO [127.0.0.1]").ServerLine("250 scripted")
+      .ClientLine("MAIL FROM:<me@localhost>").ServerLine("250 ok").ClientLine("RCPT TO:<to@localhost>")
+      .ServerLine("250 ok").ClientLine("DATA").ServerLine("354 go").Silence();
+  test::ScriptServer server(script);
+  Edit([&](ServiceSettings& s) { s.smtp.port = server.port(); });
+  ASSERT_EQ(QueueForSending(*service_, kMessage), rc::kOk);
+  std::thread stopper([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    service_->Stop(true);
+  });
+  EXPECT_EQ(service_->Send(), rc::kOk) << "an interruption is no error";
+  stopper.join();
+  EXPECT_EQ(Folder(kFolderOutbox).size(), 1u);
+  EXPECT_EQ(Log().find("- Error: "), std::string::npos);
+  EXPECT_NE(Log().find("Synchronization interrupted by user"), std::string::npos);
 }
 
 }  // namespace
