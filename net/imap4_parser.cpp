@@ -2,25 +2,12 @@
 
 #include <algorithm>
 
+#include "base/wide_string.h"
 #include "mime/charset/converter.h"
 #include "mime/rfc822_date.h"
 
 namespace trv {
 namespace {
-
-char Upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; }
-
-std::string UpperCopy(std::string_view s) {
-  std::string out(s);
-  for (char& c : out) c = Upper(c);
-  return out;
-}
-
-bool SameNoCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return Upper(x) == Upper(y);
-         });
-}
 
 bool Digits(std::string_view s) {
   return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
@@ -149,7 +136,7 @@ class Reader {
     if (Peek() == '{' || Peek() == '~') return Literal(out);
     const size_t start = pos_;
     std::string_view w;
-    if (Word(&w) && SameNoCase(w, "NIL")) {
+    if (Word(&w) && EqualsNoCase(w, "NIL")) {
       *out = Value{};
       out->nil = true;
       return true;
@@ -225,7 +212,7 @@ class Reader {
         ++pos_;
       }
       if (!Take(']')) return false;
-      *section = UpperCopy(t_.substr(open, pos_ - 1 - open));
+      *section = ToUpperAscii(t_.substr(open, pos_ - 1 - open));
       *has_section = true;
       if (Take('<')) {
         uint32_t n = 0;
@@ -257,7 +244,7 @@ uint32_t AttributeBit(std::string_view word) {
       {"\\HasChildren", kImap4AttrHasChildren}, {"\\HasNoChildren", kImap4AttrHasNoChildren},
   };
   for (const auto& [name, bit] : kAttributes) {
-    if (SameNoCase(word, name)) return bit;
+    if (EqualsNoCase(word, name)) return bit;
   }
   return 0;
 }
@@ -281,16 +268,16 @@ bool SectionOf(std::string_view item, bool has_section, const std::string& secti
     *out = section;
     return true;
   }
-  if (SameNoCase(item, "RFC822")) return out->clear(), true;
-  if (SameNoCase(item, "RFC822.HEADER")) return *out = "HEADER", true;
-  if (SameNoCase(item, "RFC822.TEXT")) return *out = "TEXT", true;
+  if (EqualsNoCase(item, "RFC822")) return out->clear(), true;
+  if (EqualsNoCase(item, "RFC822.HEADER")) return *out = "HEADER", true;
+  if (EqualsNoCase(item, "RFC822.TEXT")) return *out = "TEXT", true;
   return false;
 }
 
 // Reads one FETCH item's value into out.
 bool FetchValue(Reader& in, const std::string& item, bool has_section, const std::string& section,
                 const std::optional<uint32_t>& origin, Imap4FetchData* out) {
-  const std::string key = UpperCopy(item);
+  const std::string key = ToUpperAscii(item);
   if (key == "UID") {
     uint32_t uid = 0;
     if (!in.Number(&uid)) return false;
@@ -337,12 +324,12 @@ bool FetchValue(Reader& in, const std::string& item, bool has_section, const std
 }  // namespace
 
 bool Imap4Capabilities::Has(std::string_view word) const {
-  return std::any_of(words.begin(), words.end(), [word](const std::string& w) { return SameNoCase(w, word); });
+  return std::any_of(words.begin(), words.end(), [word](const std::string& w) { return EqualsNoCase(w, word); });
 }
 
 const Imap4Section* Imap4FetchData::Section(std::string_view name) const {
   for (const Imap4Section& s : sections) {
-    if (SameNoCase(s.name, name)) return &s;
+    if (EqualsNoCase(s.name, name)) return &s;
   }
   return nullptr;
 }
@@ -423,11 +410,11 @@ Result ParseHead(std::string_view text, Imap4Head* head) {
       head->kind = Imap4Kind::kUntagged;
     }
     if (first.empty()) return rc::kImap4Malformed;
-    head->keyword = UpperCopy(first);
+    head->keyword = ToUpperAscii(first);
   } else {
     head->kind = Imap4Kind::kTagged;
     head->tag = text.substr(0, blank);
-    head->keyword = UpperCopy(word());
+    head->keyword = ToUpperAscii(word());
   }
   head->rest = pos;
   static constexpr std::pair<std::string_view, Imap4Status> kStatus[] = {
@@ -450,7 +437,7 @@ Imap4StatusText ParseStatusText(std::string_view rest) {
     if (close != std::string_view::npos) {
       std::string_view inside = rest.substr(1, close - 1);
       const size_t blank = std::min(inside.find(' '), inside.size());
-      out.code = UpperCopy(inside.substr(0, blank));
+      out.code = ToUpperAscii(inside.substr(0, blank));
       out.args = inside.substr(std::min(blank + 1, inside.size()));
       rest.remove_prefix(close + 1);
       while (rest.starts_with(' ')) rest.remove_prefix(1);
@@ -523,7 +510,7 @@ void ParseCapabilities(std::string_view words, Imap4Capabilities* out) {
     if (w.empty()) continue;
     out->words.emplace_back(w);
     for (const auto& [name, bit] : kCaps) {
-      if (SameNoCase(w, name)) out->bits |= bit;
+      if (EqualsNoCase(w, name)) out->bits |= bit;
     }
   }
 }
@@ -535,7 +522,7 @@ uint32_t Imap4FlagBit(std::string_view word) {
       {"\\Recent", kImap4FlagRecent},
   };
   for (const auto& [name, bit] : kFlags) {
-    if (SameNoCase(word, name)) return bit;
+    if (EqualsNoCase(word, name)) return bit;
   }
   return 0;
 }
@@ -571,7 +558,7 @@ bool ParseStatusData(const Imap4Response& response, size_t pos, Imap4StatusData*
     std::string_view word;
     uint32_t n = 0;
     if (!in.Word(&word) || !in.Take(' ') || !in.Number(&n)) return false;
-    const std::string key = UpperCopy(word);
+    const std::string key = ToUpperAscii(word);
     if (key == "MESSAGES") out->messages = n;
     if (key == "RECENT") out->recent = n;
     if (key == "UIDNEXT") out->uid_next = n;
@@ -674,7 +661,7 @@ bool FindLiteralPlace(const Imap4Response& so_far, Imap4LiteralPlace* out) {
     if (in.pos() == start) {
       out->number = head.number;
       out->item = std::move(item);
-      if (SectionOf(UpperCopy(out->item), has_section, section, &out->section)) out->origin = origin;
+      if (SectionOf(ToUpperAscii(out->item), has_section, section, &out->section)) out->origin = origin;
       return true;
     }
     if (in.pos() > start || !FetchValue(in, item, has_section, section, origin, &scratch)) return false;

@@ -1,8 +1,8 @@
 #include "net/smtp_reply.h"
 
 #include <algorithm>
-#include <cctype>
 
+#include "base/wide_string.h"
 #include "net/sasl.h"
 
 namespace trv {
@@ -10,18 +10,6 @@ namespace trv {
 namespace {
 
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-
-std::string Lower(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return out;
-}
-
-std::string_view Trim(std::string_view text) {
-  while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-  while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-  return text;
-}
 
 }  // namespace
 
@@ -73,7 +61,7 @@ std::string DescribeSmtpResult(Result r) {
 
 void ParseEhloLine(std::string_view line, uint32_t* extensions, uint32_t* mechanisms, uint32_t* max_size) {
   if (line.size() <= 4) return;
-  const std::string keyword = Lower(line.substr(4));
+  const std::string keyword = ToLowerAscii(line.substr(4));
   if (keyword == "expn") *extensions |= kSmtpExpn;
   else if (keyword == "vrfy") *extensions |= kSmtpVrfy;
   else if (keyword == "dsn") *extensions |= kSmtpDsn;
@@ -87,7 +75,7 @@ void ParseEhloLine(std::string_view line, uint32_t* extensions, uint32_t* mechan
     if (keyword.size() >= 5) {
       // Leading digits of the trimmed rest; a number past 32 bits stays at the largest.
       uint64_t n = 0;
-      for (char c : Trim(std::string_view(keyword).substr(4))) {
+      for (char c : TrimView(std::string_view(keyword).substr(4))) {
         if (!IsDigit(c)) break;
         n = std::min<uint64_t>(n * 10 + static_cast<uint64_t>(c - '0'), UINT32_MAX);
       }

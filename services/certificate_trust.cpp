@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "base/durable_write.h"
+#include "base/wide_string.h"
 #include "net/certificate_check.h"
 
 namespace trv {
@@ -16,14 +17,6 @@ constexpr size_t kSha256Digits = 64;
 bool IsSha256Hex(std::string_view s) {
   return s.size() == kSha256Digits &&
          std::all_of(s.begin(), s.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
-}
-
-std::string Lower(std::string_view s) {
-  std::string out(s);
-  for (char& c : out) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return out;
 }
 
 // A field may hold neither the separator nor a line break.
@@ -56,7 +49,7 @@ bool ParseEntry(std::string_view line, TrustedCertificate* out, std::string* why
     return *why = "bad port \"" + std::string(f[1]) + "\"", false;
   }
   if (!IsSha256Hex(f[2]) || !IsSha256Hex(f[3])) return *why = "a fingerprint is not 64 lower-case hex digits", false;
-  *out = {Lower(f[0]), static_cast<uint16_t>(port), std::string(f[2]), std::string(f[3]), std::string(f[4])};
+  *out = {ToLowerAscii(f[0]), static_cast<uint16_t>(port), std::string(f[2]), std::string(f[3]), std::string(f[4])};
   return true;
 }
 
@@ -116,7 +109,7 @@ std::string RefusedCertificate::Message() const {
 CertificateTrust::CertificateTrust(FileSystem& fs, std::filesystem::path path, LogSink& log)
     : fs_(fs), path_(std::move(path)), log_(log) {}
 
-CertificateTrust::Key CertificateTrust::KeyOf(std::string_view host, uint16_t port) { return {Lower(host), port}; }
+CertificateTrust::Key CertificateTrust::KeyOf(std::string_view host, uint16_t port) { return {ToLowerAscii(host), port}; }
 
 Result CertificateTrust::Load(std::vector<std::string>* problems) {
   std::map<Key, TrustedCertificate> entries;

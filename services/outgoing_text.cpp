@@ -1,19 +1,16 @@
 #include "services/outgoing_text.h"
 
+#include <algorithm>
+
+#include "base/wide_string.h"
 #include "mime/field_line.h"
 
 namespace trv {
 
 namespace {
 
-bool Named(std::string_view name, std::initializer_list<std::string_view> lower_case_names) {
-  for (std::string_view candidate : lower_case_names) {
-    if (name.size() != candidate.size()) continue;
-    size_t i = 0;
-    while (i < name.size() && (name[i] >= 'A' && name[i] <= 'Z' ? name[i] + 32 : name[i]) == candidate[i]) ++i;
-    if (i == name.size()) return true;
-  }
-  return false;
+bool NamedAmong(std::string_view name, std::initializer_list<std::string_view> names) {
+  return std::any_of(names.begin(), names.end(), [name](std::string_view n) { return EqualsNoCase(name, n); });
 }
 
 }  // namespace
@@ -31,7 +28,7 @@ std::string WithoutHeaderFields(std::string_view text, std::initializer_list<std
     pos = end;
     if (line[0] != ' ' && line[0] != '\t') {
       FieldLineSplit split;
-      dropping = StartsHeaderField(line, &split) && Named(line.substr(0, split.name_length), lower_case_names);
+      dropping = StartsHeaderField(line, &split) && NamedAmong(line.substr(0, split.name_length), lower_case_names);
     }
     if (!dropping) out.append(line);
   }

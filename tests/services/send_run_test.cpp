@@ -90,14 +90,19 @@ TEST_F(SendRunTest, RefusedStartTlsGoesOnInTheClearOnlyWhenAllowed) {
   }
 }
 
-// The server hangs up in the middle of DATA: the message stays in the
-// outbox, not marked sent, and the run ends with the error line.
-TEST_F(SendRunTest, AHangUpInDataLeavesTheMessageUnsent) {
+// A session that reaches DATA's "354" for kMessage.
+Script UpToData() {
   Script script;
   script.ServerLine("220 scripted").ClientLine("EHLO [127.0.0.1]").ServerLine("250 scripted")
       .ClientLine("MAIL FROM:<me@localhost>").ServerLine("250 ok").ClientLine("RCPT TO:<to@localhost>")
-      .ServerLine("250 ok").ClientLine("DATA").ServerLine("354 go").Close();
-  test::ScriptServer server(script);
+      .ServerLine("250 ok").ClientLine("DATA").ServerLine("354 go");
+  return script;
+}
+
+// The server hangs up in the middle of DATA: the message stays in the
+// outbox, not marked sent, and the run ends with the error line.
+TEST_F(SendRunTest, AHangUpInDataLeavesTheMessageUnsent) {
+  test::ScriptServer server(UpToData().Close());
   Edit([&](ServiceSettings& s) { s.smtp.port = server.port(); });
   ASSERT_EQ(QueueForSending(*service_, kMessage), rc::kOk);
   EXPECT_TRUE(service_->Send().failed());
@@ -112,11 +117,7 @@ TEST_F(SendRunTest, AHangUpInDataLeavesTheMessageUnsent) {
 // A hard stop while the server is silent after DATA ends the run at once,
 // without an error line; the message stays in the outbox.
 TEST_F(SendRunTest, AHardStopInDataEndsQuietly) {
-  Script script;
-  script.ServerLine("220 scripted").ClientLine("EHLO [127.0.0.1]").ServerLine("250 scripted")
-      .ClientLine("MAIL FROM:<me@localhost>").ServerLine("250 ok").ClientLine("RCPT TO:<to@localhost>")
-      .ServerLine("250 ok").ClientLine("DATA").ServerLine("354 go").Silence();
-  test::ScriptServer server(script);
+  test::ScriptServer server(UpToData().Silence());
   Edit([&](ServiceSettings& s) { s.smtp.port = server.port(); });
   ASSERT_EQ(QueueForSending(*service_, kMessage), rc::kOk);
   std::thread stopper([this] {
