@@ -18,6 +18,7 @@
 #define ACQUIRE(...) TRV_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) TRV_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
 #define EXCLUDES(...) TRV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
+#define RETURN_CAPABILITY(x) TRV_THREAD_ANNOTATION(lock_returned(x))
 #define NO_THREAD_SAFETY_ANALYSIS TRV_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace trv {

@@ -71,9 +71,4 @@ void MailService::SetCurrentClient(CMailSocket* socket) {
   current_client_ = socket;
 }
 
-Result Imap4Service::Receive(bool) {
-  log().Log("Account " + DisplayName() + ": receiving over IMAP4 is not available yet");
-  return rc::kNotImplemented;
-}
-
 }  // namespace trv

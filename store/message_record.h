@@ -36,6 +36,7 @@ inline constexpr uint32_t kHasAttachments = 0x0400;
 inline constexpr uint32_t kDraft = 0x0800;
 inline constexpr uint32_t kReadChanged = 0x1000;      // read state changed here, not yet uploaded
 inline constexpr uint32_t kFullDownloadRequested = 0x2000;  // partial: the user asked for the rest
+inline constexpr uint32_t kSyncedSeen = 0x4000;       // IMAP4: seen on the server at the last synchronization
 inline constexpr uint32_t kNeedsHeaderRefresh = 0x8000;  // rebuilt by a repair from the stream alone
 }  // namespace msgflag
 

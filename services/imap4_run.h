@@ -1,0 +1,110 @@
+// The state of one IMAP4 receiving run; lives on the worker's stack for the
+// run. Its work is spread over four files:
+//   imap4_run.cpp       the run: log header, connect and login, folder-list
+//                       refresh, the walk over the tree, each folder's
+//                       SELECT and message list, the end of a folder and
+//                       of the run;
+//   imap4_download.cpp  downloads (several fetches in flight, bodies
+//                       streamed into the folder file, batched commits),
+//                       completing partial messages;
+//   imap4_changes.cpp   seen state, copies, deletions on the server and
+//                       their expunge;
+//   imap4_upload.cpp    uploads by APPEND, local deletion of messages gone
+//                       from the server, the Message-ID lookup, and the
+//                       re-matching of local copies after a UIDVALIDITY
+//                       change.
+//
+// Never losing mail: a message is committed (flushed) to the folder file
+// before anything is marked deleted on the server, and its UID is stored
+// in the same commit, so a run killed at any moment either finds it here
+// next time or fetches it again. An upload whose answer was lost is found
+// by its Message-ID before the next upload of the same message.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "base/result.h"
+#include "net/imap4_client.h"
+#include "net/line_log.h"
+#include "services/imap4_folder_sync.h"
+#include "services/imap4_jobs.h"
+#include "services/imap4_service.h"
+
+namespace trv {
+
+class Imap4Run final : public Imap4LiteralHook {
+ public:
+  explicit Imap4Run(Imap4Service& service);
+  ~Imap4Run() override;
+
+  // imap4_run.cpp. Holds the service's folders mutex for the run.
+  Result Run(bool connect_only);
+
+  // Imap4LiteralHook (imap4_download.cpp): message bodies go straight into
+  // the folder file's append batch.
+  bool TakeLiteral(const Imap4LiteralContext& context) override;
+  Result OnLiteralBytes(std::string_view piece) override;
+
+ private:
+  // ---- imap4_run.cpp ----
+  void Log(const std::string& line);
+  // The pending error or the user's interruption: every step checks it.
+  bool Stopped() const;
+  // Logs the error line of the run (account, host, port, last reply, code)
+  // and makes r the pending error; a warning line for 0x80C40001.
+  void Fail(Result r);
+  Result ConnectAndLogin();
+  Result RefreshFolders();
+  void SynchronizeFolder(Imap4FolderSync& record);
+  // SELECT: exists_, uid_next_, uid_validity_ from its answer.
+  Result Select(Imap4FolderSync& record);
+  // UID FETCH first:* "UID FLAGS RFC822.SIZE INTERNALDATE" into list_
+  // (nothing sent when EXISTS is 0; 0x80C40001 is an empty list).
+  Result FetchList(uint32_t first_uid);
+  Result Finish(Result r);
+
+  // ---- imap4_download.cpp ----
+  // Downloads the jobs marked `download` (event 11 each); `downloaded`
+  // gets the count of messages stored.
+  Result Download(Imap4FolderSync& record, std::vector<Imap4DownloadJob>& jobs, uint32_t* downloaded);
+
+  // ---- imap4_changes.cpp ----
+  // upload_seen, copy_to_folder and remove_from_server jobs, then the one
+  // EXPUNGE when due. Entries of the deletion record that are done are
+  // forgotten.
+  Result ApplyServerChanges(Imap4FolderSync& record, std::vector<Imap4DownloadJob>& jobs);
+
+  // ---- imap4_upload.cpp ----
+  // Step "upload and local deletion": messages without a UID uploaded,
+  // messages whose UID is no longer listed deleted here (only when the list
+  // was fetched in this run), then SELECT again for the new UIDNEXT.
+  Result UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool delete_local);
+  // The UID of the message with this Message-ID in `target`'s mailbox,
+  // looked for from its stored uidNext on; 0 when not found.
+  Result FindUidByMessageId(Imap4FolderSync& target, WStringView message_id, uint32_t* uid);
+  // The server's UIDVALIDITY differs from the stored one: local copies of
+  // this record are matched again by Message-ID and size and take their new
+  // UIDs; unmatched ones keep their text and lose their UID (uploaded again
+  // only if the folder uploads). Logged.
+  Result RematchAfterUidValidityChange(Imap4FolderSync& record);
+
+  Imap4Service& service_;
+  const ServiceSettings s_;
+  Imap4FolderTree* folders_ = nullptr;  // the service's, under its mutex for the run
+  LineLog line_log_;
+  CImap4Client client_;
+  Imap4LocalIndex local_;
+
+  // The folder under work.
+  Imap4FolderSync* record_ = nullptr;
+  uint32_t exists_ = 0;
+  uint32_t uid_next_ = 0;
+  uint32_t uid_validity_ = 0;
+  bool list_fetched_ = false;               // list_ is the whole list from UID 1
+  std::vector<Imap4ServerMessage> list_;
+  uint32_t expunge_count_ = 0;
+};
+
+}  // namespace trv
