@@ -62,6 +62,8 @@ class Imap4Run final : public Imap4LiteralHook {
   // Logs the error line of the run (account, host, port, last reply, code)
   // and makes r the pending error; a warning line for 0x80C40001.
   void Fail(Result r);
+  // The same line; a warning leaves no pending error.
+  void LogError(Result r, bool warning);
   Result ConnectAndLogin();
   Result RefreshFolders();
   // The records into the settings file, flushed.
@@ -71,8 +73,6 @@ class Imap4Run final : public Imap4LiteralHook {
   // One bound, synchronized record: steps from SELECT to the stored
   // UIDNEXT and UIDVALIDITY.
   void SynchronizeOne(Imap4FolderSync& record);
-  // Seen states the server changed, into the local records.
-  void ApplySeenUpdates(const std::vector<Imap4LocalMessage>& updates);
   // Ends the selection after an error without expunging.
   void LeaveMailbox();
   // SELECT: exists_, uid_next_, uid_validity_ from its answer.
