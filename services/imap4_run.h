@@ -92,6 +92,8 @@ class Imap4Run final : public Imap4LiteralHook {
   // EXPUNGE when due. Entries of the deletion record that are done are
   // forgotten.
   Result ApplyServerChanges(Imap4FolderSync& record, std::vector<Imap4DownloadJob>& jobs);
+  // The plan's seen_updates_ written to their local records (flags only).
+  Result WriteSeenUpdates();
   Result UploadSeen(Imap4DownloadJob& job);
   // UID COPY to job.copy_target's mailbox; the local message takes the new
   // key (COPYUID, else the Message-ID lookup, which selects `record` again).
@@ -105,6 +107,10 @@ class Imap4Run final : public Imap4LiteralHook {
   // messages whose UID is no longer listed deleted here (only when the list
   // was fetched in this run), then SELECT again for the new UIDNEXT.
   Result UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool delete_local);
+  // Before the list is compared: local messages of this folder without a
+  // UID whose Message-ID is on the server above the stored uidNext (an
+  // upload whose answer was lost) take that message's UID.
+  Result AdoptEarlierUploads(Imap4FolderSync& record);
   // The UID of the message with this Message-ID in `target`'s mailbox,
   // looked for from its stored uidNext on; 0 when not found.
   Result FindUidByMessageId(Imap4FolderSync& target, WStringView message_id, uint32_t* uid);
@@ -181,6 +187,10 @@ class Imap4Run final : public Imap4LiteralHook {
   size_t batch_bytes_ = 0;
   std::chrono::steady_clock::time_point batch_start_{};
   Result hook_error_;
+
+  // Seen changes from the server found by PlanImap4Jobs (its
+  // seen_updates), written by ApplyServerChanges.
+  std::vector<Imap4LocalMessage> seen_updates_;
 };
 
 }  // namespace trv

@@ -36,6 +36,7 @@ class Imap4TwoWayTest : public test::ServiceEngineTest {
     s.service_name = u"Two";
     s.incoming.host = "127.0.0.1", s.incoming.port = MailServers::Instance().ports().imap;
     s.incoming.user_name = user.name, s.incoming.password = user.password, s.incoming.timeout = 10;
+    s.incoming.store_password = true;
     MailService* created = nullptr;
     ASSERT_EQ(CreateService(*engine_, "IMAP4", s, &created), rc::kOk);
     service_ = static_cast<Imap4Service*>(created);
@@ -49,6 +50,7 @@ class Imap4TwoWayTest : public test::ServiceEngineTest {
   }
   // Every mailbox but INBOX deleted, INBOX emptied.
   void Wipe() {
+    ASSERT_EQ(server_.Select(u"INBOX"), rc::kOk) << server_.lastReply();
     ASSERT_EQ(server_.List(u"", u"*"), rc::kOk);
     std::vector<WString> boxes;
     for (const Imap4ListEntry& e : server_.result().list) boxes.push_back(e.name);
@@ -56,7 +58,6 @@ class Imap4TwoWayTest : public test::ServiceEngineTest {
     for (const WString& box : boxes) {
       if (!EqualsNoCase(box, u"INBOX")) EXPECT_EQ(server_.Delete(box), rc::kOk) << server_.lastReply();
     }
-    ASSERT_EQ(server_.Select(u"INBOX"), rc::kOk);
     if (server_.mailbox().exists.value_or(0) > 0) {
       ASSERT_EQ(server_.Store(1, CImap4Client::kAll, 1, kImap4FlagDeleted, true, false), rc::kOk);
       ASSERT_EQ(server_.Expunge(), rc::kOk);
@@ -178,7 +179,7 @@ TEST_F(Imap4TwoWayTest, UploadsLostAnswersAndDeletionsOnTheServer) {
   ASSERT_EQ(server_.Expunge(), rc::kOk);
 
   std::string log = Run();
-  EXPECT_EQ(log.find("APPEND"), log.rfind("APPEND")) << "one upload: " << log;
+  EXPECT_EQ(log.find(" APPEND "), log.rfind(" APPEND ")) << "one upload: " << log;
   EXPECT_NE(log.find("is already on the server"), std::string::npos) << log;
   EXPECT_EQ(Server(u"INBOX"), (std::map<std::string, uint32_t>{
                                   {"stays", 0}, {"gone-unlisted", 0}, {"made-here", kImap4FlagSeen}, {"answer-lost", 0}}));
@@ -191,7 +192,7 @@ TEST_F(Imap4TwoWayTest, UploadsLostAnswersAndDeletionsOnTheServer) {
   EXPECT_EQ(inbox["answer-lost"].key, lost);
   EXPECT_EQ(inbox["made-here"].flags & kSeenBits, kSeenBits);
   log = Run();
-  EXPECT_EQ(log.find("APPEND"), std::string::npos) << "a second run uploads nothing: " << log;
+  EXPECT_EQ(log.find(" APPEND "), std::string::npos) << "a second run uploads nothing: " << log;
 
   // Without DeleteOnLocal, or with Upload alone (no list fetched), nothing goes here.
   ASSERT_EQ(server_.Select(u"INBOX"), rc::kOk);
