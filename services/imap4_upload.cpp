@@ -254,6 +254,7 @@ Result Imap4Run::RematchAfterUidValidityChange(Imap4FolderSync& record) {
     if (!e.message_id.empty()) by_id.emplace(e.message_id, &e);
   }
   std::set<uint32_t> taken;
+  std::map<uint32_t, uint32_t> renamed;  // old UID -> new
   size_t matched = 0, kept = 0;
   std::vector<Imap4LocalMessage> old = local_.MessagesOf(record.id);
   // All old keys out first: a new UID may be another message's old one.
@@ -262,9 +263,10 @@ Result Imap4Run::RematchAfterUidValidityChange(Imap4FolderSync& record) {
   }
   for (Imap4LocalMessage& m : old) {
     if (m.record.imap_uid_validity == validity) continue;
-    uint32_t uid = 0;
+    // Copies of one message share its old UID and take the same new one.
+    uint32_t uid = renamed.count(m.record.imap_uid) ? renamed[m.record.imap_uid] : 0;
     const auto [first, last] = by_id.equal_range(WantedId(m.record.message_id));
-    for (auto it = first; it != last && !m.record.message_id.empty(); ++it) {
+    for (auto it = first; it != last && uid == 0 && !m.record.message_id.empty(); ++it) {
       const Imap4IdEntry& e = *it->second;
       if (taken.count(e.uid) == 0 && (m.record.server_size == 0 || e.size == m.record.server_size)) {
         uid = e.uid;
@@ -274,6 +276,7 @@ Result Imap4Run::RematchAfterUidValidityChange(Imap4FolderSync& record) {
     FolderFile* file = m.folder != nullptr ? m.folder->file() : nullptr;
     if (uid != 0) {
       taken.insert(uid);
+      renamed[m.record.imap_uid] = uid;
       m.record.imap_uid = uid;
       m.record.imap_uid_validity = validity;
       ++matched;
