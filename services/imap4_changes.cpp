@@ -57,10 +57,11 @@ Result Imap4Run::CopyToFolder(Imap4FolderSync& record, Imap4DownloadJob& job) {
     uid = copied->destination.At(0);
     validity = copied->uid_validity;
   } else if (!m.record.message_id.empty()) {
-    if (Result r = FindUidByMessageId(target, m.record.message_id, &uid); r.failed()) return r;
+    const Result found = FindUidByMessageId(target, m.record.message_id, &uid);
     validity = client_.mailbox().uid_validity.value_or(target.uid_valid);
     // The lookup selected the target: back to the folder under work.
     if (Result r = client_.Select(record.ServerPath()); r.failed()) return r;
+    if (found.failed() && found != rc::kImap4No) return found;  // a refusal leaves the UID unknown
   }
   if (uid == 0) {
     Log("Copied message " + std::to_string(job.uid) + " to " + WideToUtf8(target.ServerPath()) +
@@ -88,7 +89,13 @@ Result Imap4Run::RemoveFromServer(Imap4FolderSync& record, uint32_t uid, size_t 
   }
   if (r.failed()) return r;
   if ((record.sync & imap4sync::kDeleteOnServer) && (client_.capabilities() & kImap4CapUidPlus)) {
-    if (r = client_.UidExpunge(uid, uid); r.failed()) return r;
+    r = client_.UidExpunge(uid, uid);
+    if (r == rc::kImap4No) {
+      Fail(r);  // a warning: the EXPUNGE at the end takes it
+      ++expunge_count_;
+    } else if (r.failed()) {
+      return r;
+    }
   } else {
     ++expunge_count_;
   }
@@ -107,6 +114,13 @@ Result Imap4Run::ApplyServerChanges(Imap4FolderSync& record, std::vector<Imap4Do
     if (job.upload_seen && job.local_message) r = UploadSeen(job);
     if (r.ok() && job.copy_to_folder && job.copy_target != nullptr && job.local_message) {
       r = CopyToFolder(record, job);
+      if (r == rc::kImap4No) {
+        // The copy was refused (the mailbox went, say): the message stays
+        // on the server, to be copied by a later run.
+        Fail(r);
+        r = rc::kOk;
+        continue;
+      }
     }
     if (r.ok() && job.remove_from_server) r = RemoveFromServer(record, job.uid, ++removed, removals);
   }

@@ -64,7 +64,8 @@ Result Imap4Run::FetchMessageIds(uint32_t first_uid, std::vector<Imap4IdEntry>* 
   if (r == rc::kImap4No) return rc::kOk;  // no message in that range
   if (r.failed()) return r;
   for (const Imap4FetchData& data : client_.result().fetch) {
-    if (!data.uid) continue;
+    // "first:*" also names the last message when every UID is below first.
+    if (!data.uid || *data.uid < first_uid) continue;
     const Imap4Section* head = data.Section("HEADER.FIELDS (MESSAGE-ID)");
     entries->push_back({*data.uid, data.size ? static_cast<uint32_t>(std::min<uint64_t>(*data.size, UINT32_MAX)) : 0,
                         head != nullptr ? MessageIdOf(head->bytes) : std::string()});
@@ -169,8 +170,8 @@ Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool
   if (!unlisted.empty()) {
     // list_ leaves out messages with a missing item or the deleted flag, so
     // a message goes here only once the server confirms its UID is gone.
-    std::set<uint32_t> present;
-    if (Result r = StillOnServer(unlisted, &present); r == rc::kImap4No) {
+    std::set<uint32_t> present;  // an empty mailbox holds none of them
+    if (Result r = exists_ == 0 ? rc::kOk : StillOnServer(unlisted, &present); r == rc::kImap4No) {
       Fail(r);  // a warning; nothing is deleted here for it
       unlisted.clear();
     } else if (r.failed()) {
