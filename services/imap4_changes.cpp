@@ -2,6 +2,7 @@
 // messages copied to their new folder's mailbox, messages removed from the
 // server, and the EXPUNGE that ends them.
 #include <algorithm>
+#include <tuple>
 
 #include "services/imap4_run.h"
 #include "services/sync_events.h"
@@ -51,9 +52,17 @@ Result Imap4Run::UploadSeen(Imap4DownloadJob& job) {
 Result Imap4Run::CopyToFolder(Imap4FolderSync& record, Imap4DownloadJob& job) {
   Imap4FolderSync& target = *job.copy_target;
   Imap4LocalMessage& m = *job.local_message;
-  if (Result r = client_.Copy(job.uid, job.uid, target.ServerPath(), true); r.failed()) return r;
   uint32_t uid = 0, validity = 0;
-  if (const auto& copied = client_.result().copy_uid; copied && copied->destination.Count() == 1) {
+  auto& earlier = earlier_copies_[target.id];
+  if (const auto found = earlier.find(ToLowerAscii(WideToUtf8(TrimView(m.record.message_id))));
+      !m.record.message_id.empty() && found != earlier.end()) {
+    std::tie(uid, validity) = found->second;
+    earlier.erase(found);
+    Log("Message " + std::to_string(job.uid) + " is already in " + WideToUtf8(target.ServerPath()) + " as UID " +
+        std::to_string(uid));
+  } else if (Result r = client_.Copy(job.uid, job.uid, target.ServerPath(), true); r.failed()) {
+    return r;
+  } else if (const auto& copied = client_.result().copy_uid; copied && copied->destination.Count() == 1) {
     uid = copied->destination.At(0);
     validity = copied->uid_validity;
   } else if (!m.record.message_id.empty()) {
@@ -77,6 +86,35 @@ Result Imap4Run::CopyToFolder(Imap4FolderSync& record, Imap4DownloadJob& job) {
   if (Result r = file->UpdateRecord(m.record); r.failed() && r != rc::kInvalidArg) return r;
   local_.Put(m);
   return rc::kOk;
+}
+
+Result Imap4Run::FindEarlierCopies(Imap4FolderSync& record, const std::vector<Imap4DownloadJob>& jobs) {
+  earlier_copies_.clear();
+  std::map<uint32_t, Imap4FolderSync*> targets;
+  for (const Imap4DownloadJob& job : jobs) {
+    if (job.copy_to_folder && job.copy_target != nullptr) targets[job.copy_target->id] = job.copy_target;
+  }
+  if (targets.empty()) return rc::kOk;
+  for (const auto& [id, target] : targets) {
+    if (Result r = client_.Select(target->ServerPath()); r == rc::kImap4No) {
+      continue;  // the copy will be refused as well
+    } else if (r.failed()) {
+      return r;
+    }
+    const uint32_t validity = client_.mailbox().uid_validity.value_or(target->uid_valid);
+    std::vector<Imap4IdEntry> entries;
+    if (client_.mailbox().exists.value_or(0) > 0) {
+      if (Result r = FetchMessageIds(target->uid_next, &entries); r.failed()) return r;
+    }
+    auto& ids = earlier_copies_[id];
+    for (const Imap4IdEntry& e : entries) {
+      const Imap4LocalMessage* held = local_.Find(id, e.uid);
+      if (!e.message_id.empty() && (held == nullptr || held->record.imap_uid_validity != validity)) {
+        ids.emplace(e.message_id, std::make_pair(e.uid, validity));
+      }
+    }
+  }
+  return client_.Select(record.ServerPath());
 }
 
 Result Imap4Run::RemoveFromServer(Imap4FolderSync& record, uint32_t uid, size_t index, size_t count) {
@@ -108,6 +146,8 @@ Result Imap4Run::ApplyServerChanges(Imap4FolderSync& record, std::vector<Imap4Do
   const size_t removals = static_cast<size_t>(
       std::count_if(jobs.begin(), jobs.end(), [](const Imap4DownloadJob& j) { return j.remove_from_server; }));
   size_t removed = 0;
+  // A copy whose new key a killed run did not store is found, not made twice.
+  if (r.ok() && !Stopped()) r = FindEarlierCopies(record, jobs);
   for (Imap4DownloadJob& job : jobs) {
     if (r.failed() || Stopped()) break;
     // Seen state first, so that a copy carries it.

@@ -112,6 +112,14 @@ void Imap4LocalIndex::ForgetDeleted(uint32_t record_id, uint32_t uid) {
   deleted_.erase(it);
 }
 
+Result Imap4LocalIndex::RecordDeleted(MailFolder* folder, uint32_t record_id, uint32_t uid, uint32_t validity) {
+  const auto record = records_.find(folder);
+  if (record == records_.end()) return rc::kInvalidArg;
+  record->second->Add(Imap4DeletedKey(record_id, uid, validity), DateNow());
+  deleted_[{record_id, uid}] = DeletedEntry{folder, validity};
+  return record->second->Save();
+}
+
 size_t Imap4LocalIndex::ForgetDeletedOtherThan(uint32_t record_id, uint32_t validity) {
   std::vector<uint32_t> uids;
   for (auto it = deleted_.lower_bound({record_id, 0}); it != deleted_.end() && it->first.first == record_id; ++it) {

@@ -93,6 +93,9 @@ class Imap4LocalIndex {
   // Drops the entry once the server no longer holds the message; written
   // back by SaveDeleted.
   void ForgetDeleted(uint32_t record_id, uint32_t uid);
+  // A deletion entry written durably to `folder`'s record at once (the
+  // folder must have been indexed by Build: rc::kInvalidArg otherwise).
+  Result RecordDeleted(MailFolder* folder, uint32_t record_id, uint32_t uid, uint32_t validity);
   // An entry held by no folder's record (never written back): a deletion
   // learnt elsewhere during the run.
   void AddDeleted(uint32_t record_id, uint32_t uid, uint32_t validity) {

@@ -113,9 +113,13 @@ Result Imap4Run::AdoptEarlierUploads(Imap4FolderSync& record) {
   FolderFile* file = record.local_folder != nullptr ? record.local_folder->file() : nullptr;
   if (file == nullptr || exists_ == 0) return rc::kOk;
   if (Result r = file->LoadIndex(); r.failed()) return r;
-  std::map<std::string, MessageRecord> waiting;  // by Message-ID
+  // By Message-ID: messages made here, and messages moved here from
+  // another record's mailbox (still keyed there until copied).
+  std::map<std::string, MessageRecord> waiting;
   for (MessageRecord& m : file->Messages()) {
-    if (m.imap_uid == 0 && !m.message_id.empty()) waiting.emplace(WantedId(m.message_id), std::move(m));
+    if (!m.message_id.empty() && (m.imap_uid == 0 || m.server_folder != record.id)) {
+      waiting.emplace(WantedId(m.message_id), std::move(m));
+    }
   }
   if (waiting.empty()) return rc::kOk;
   // An upload whose answer was lost (a run killed after APPEND) is above
@@ -135,6 +139,15 @@ Result Imap4Run::AdoptEarlierUploads(Imap4FolderSync& record) {
       continue;
     }
     MessageRecord& m = it->second;
+    if (m.imap_uid != 0) {
+      // Copied here by a run killed before it stored the new key: the
+      // source mailbox's copy goes as if deleted here (recorded first).
+      if (Result r = local_.RecordDeleted(record.local_folder, m.server_folder, m.imap_uid, m.imap_uid_validity);
+          r.failed()) {
+        return r;
+      }
+      local_.Erase(m.server_folder, m.imap_uid);
+    }
     m.imap_uid = e.uid;
     m.imap_uid_validity = validity;
     m.server_folder = record.id;
