@@ -229,8 +229,7 @@ void Imap4Run::SynchronizeOne(Imap4FolderSync& record) {
     service_.Report(kEventFolderDownloaded, {downloaded}, name);
   }
   if (r.ok() && !Stopped() && (upload || delete_local)) {
-    r = UploadAndDeleteLocal(record, upload, delete_local);
-    service_.Report(kEventFolderUploaded, {}, name);
+    r = UploadAndDeleteLocal(record, upload, delete_local);  // reports event 19
   }
   if (r.failed() || Stopped()) {
     Fail(r);
