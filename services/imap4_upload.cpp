@@ -202,7 +202,10 @@ Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool
       Log("Deleted " + std::to_string(gone.size()) + " local messages no longer on the server");
     }
   }
-  if (queue.empty() || Stopped()) return rc::kOk;
+  if (queue.empty() || Stopped()) {
+    if (!Stopped()) service_.Report(kEventFolderUploaded, {0}, WideToUtf8(record.name));
+    return rc::kOk;
+  }
 
   const bool uid_plus = client_.capabilities() & kImap4CapUidPlus;
   int64_t uploaded = 0;
@@ -251,7 +254,7 @@ Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool
   exists_ = box.exists.value_or(exists_);
   uid_next_ = box.uid_next.value_or(uid_next_);
   uid_validity_ = box.uid_validity.value_or(uid_validity_);
-  if (uploaded > 0) Log("Uploaded " + std::to_string(uploaded) + " messages");
+  service_.Report(kEventFolderUploaded, {uploaded}, WideToUtf8(record.name));
   return rc::kOk;
 }
 
