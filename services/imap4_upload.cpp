@@ -115,9 +115,15 @@ Result Imap4Run::AdoptEarlierUploads(Imap4FolderSync& record) {
   if (Result r = file->LoadIndex(); r.failed()) return r;
   // By Message-ID: messages made here, and messages moved here from
   // another record's mailbox (still keyed there until copied).
+  // A copy made here (its original still in the source record's folder)
+  // is no move and stays keyed as it is.
+  auto moved = [&](const MessageRecord& m) {
+    const Imap4FolderSync* source = folders_ != nullptr ? folders_->FindById(m.server_folder) : nullptr;
+    return source != nullptr && local_.FindIn(m.server_folder, m.imap_uid, source->local_folder) == nullptr;
+  };
   std::map<std::string, MessageRecord> waiting;
   for (MessageRecord& m : file->Messages()) {
-    if (!m.message_id.empty() && (m.imap_uid == 0 || m.server_folder != record.id)) {
+    if (!m.message_id.empty() && (m.imap_uid == 0 || (m.server_folder != record.id && moved(m)))) {
       waiting.emplace(WantedId(m.message_id), std::move(m));
     }
   }
