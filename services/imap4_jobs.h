@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -88,6 +89,9 @@ class Imap4LocalIndex {
   // Forgets every deletion entry of the record made under another
   // UIDVALIDITY; the count forgotten.
   size_t ForgetDeletedOtherThan(uint32_t record_id, uint32_t validity);
+  // Forgets the record's deletion entries whose UID `listed` (the whole
+  // list of the mailbox) does not hold: the server no longer has them.
+  void ForgetDeletedNotIn(uint32_t record_id, const std::set<uint32_t>& listed);
   // Every local message of the record, whatever its validity.
   std::vector<Imap4LocalMessage> MessagesOf(uint32_t record_id) const;
   // Drops the entry once the server no longer holds the message; written
