@@ -105,7 +105,10 @@ Result Imap4Run::FindUidByMessageId(Imap4FolderSync& target, WStringView message
       break;
     }
   }
-  if (*uid != 0) target.uid_next = client_.mailbox().uid_next.value_or(*uid + 1);
+  // Only the folder under work moves its uidNext on: another mailbox may
+  // hold new messages below its UIDNEXT that its own run has not yet seen,
+  // and a DownloadNew folder would never fetch them.
+  if (*uid != 0 && &target == record_) target.uid_next = client_.mailbox().uid_next.value_or(*uid + 1);
   return rc::kOk;
 }
 
