@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "services/mail_service.h"
+#include "services/run_trust.h"
 
 namespace trv::cli {
 
@@ -84,8 +85,12 @@ void SyncConsole::OnSyncEvent(MailService& service, const SyncEvent& event) {
   if (event.code != kEventRunFinished) return;
   if (summaries_) {
     const Result r = service.pending_error();
-    std::fprintf(ctx_.out, "%s%s\n", summary.c_str(),
-                 r.failed() ? ("; ended with " + ResultHex(r) + " " + ResultText(r)).c_str() : "");
+    std::string end;
+    if (r.failed()) {
+      const std::string refusal = RunRefusalText(service, r);
+      end = "; ended with " + ResultHex(r) + " " + ResultText(r) + (refusal.empty() ? "" : " (" + refusal + ")");
+    }
+    std::fprintf(ctx_.out, "%s%s\n", summary.c_str(), end.c_str());
     std::fflush(ctx_.out);
   }
   finished_.fetch_add(1);
