@@ -15,8 +15,6 @@
 namespace trv::test {
 namespace {
 
-bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 class CliAccountsTest : public CliTestBase {
  protected:
   CliRun Add(std::vector<std::string> extra, const std::string& input = "") {

@@ -16,6 +16,8 @@
 
 namespace trv::test {
 
+inline bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
 struct CliRun {
   int status = -1;  // exit status; -1 when killed by a signal or not started
   std::string out;
