@@ -86,6 +86,7 @@ TEST_F(Imap4SyncServersTest, LimitsPartialResumeAndNothingTwice) {
   Append(u"INBOX", whole, kImap4FlagSeen);
   Append(u"INBOX", partial);
   Append(u"INBOX", Sized("gone", 500), kImap4FlagDeleted);
+  for (int i = 0; i < 80; ++i) Append(u"INBOX", Sized("bulk" + std::to_string(i), 1000 + i));  // > one window
   ASSERT_EQ(server_.Create(u"Empty"), rc::kOk);
   std::string log = Run();
   EXPECT_NE(log.find("UID FETCH 1:* (UID FLAGS RFC822.SIZE INTERNALDATE)"), std::string::npos) << log;
@@ -99,11 +100,14 @@ TEST_F(Imap4SyncServersTest, LimitsPartialResumeAndNothingTwice) {
   EXPECT_EQ(empty_part.find("FETCH"), std::string::npos) << "EXISTS 0 sends no FETCH";
 
   FolderFile& inbox = Local("Inbox");
-  EXPECT_EQ(inbox.MessageCount(), 2u) << "the message marked deleted stays there";
+  EXPECT_EQ(inbox.MessageCount(), 82u) << "the message marked deleted stays there";
   std::string text;
+  EXPECT_EQ(Find(inbox, "bulk79", &text).imap_uid, 83u);
+  EXPECT_EQ(text, Sized("bulk79", 1079));
   const MessageRecord w = Find(inbox, "whole", &text);
   EXPECT_EQ(text, whole);
-  EXPECT_EQ(std::make_tuple(w.flags & kFlags, w.server_size, w.imap_uid), std::make_tuple(msgflag::kRead | msgflag::kSyncedSeen, 2800u, 1u));
+  EXPECT_EQ(std::make_tuple(w.flags & kFlags, w.server_size, w.imap_uid),
+            std::make_tuple(msgflag::kRead | msgflag::kSyncedSeen, 2800u, 1u));
   const MessageRecord p = Find(inbox, "partial", &text);
   EXPECT_EQ(text, partial.substr(0, 2048));
   EXPECT_EQ(std::make_tuple(p.flags & kFlags, p.server_size, p.imap_uid), std::make_tuple(msgflag::kPartial, 2900u, 2u));
@@ -118,7 +122,7 @@ TEST_F(Imap4SyncServersTest, LimitsPartialResumeAndNothingTwice) {
 
   log = Run();
   EXPECT_EQ(log.find("BODY.PEEK"), std::string::npos) << "a second run downloads nothing: " << log;
-  EXPECT_EQ(inbox.MessageCount(), 2u);
+  EXPECT_EQ(inbox.MessageCount(), 82u);
   EXPECT_NE(log.find("Synchronizing folder Empty"), std::string::npos);
 }
 
