@@ -79,8 +79,9 @@ int RunRemove(CliContext& ctx, const ParsedArgs& args) {
   const std::string path = FolderPathText(*sel.folder);
   const size_t n = sel.keys.size();
   if (args.has("--purge") || sel.folder->kind() == kFolderDeleted) {
-    // Messages downloaded by POP3 are remembered as deleted here, so that
-    // the next run neither downloads them again nor forgets the delete rules.
+    // Messages downloaded by POP3 or IMAP4 are remembered as deleted here, so
+    // that the next run neither downloads them again nor forgets the delete
+    // rules (IMAP4: removes them from the server).
     MailFolder* inbox = sel.folder->storage().SpecialFolder(kFolderInbox);
     const Result r = inbox != nullptr && inbox->available()
                          ? DeleteReceivedMessages(ctx.engine->FileOps(), *inbox->file(), *sel.file, sel.keys)
