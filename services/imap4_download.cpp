@@ -106,7 +106,9 @@ bool Imap4Run::TakeLiteral(const Imap4LiteralContext& context) {
                                [&](const auto& f) { return f->tag == context.tag; });
   if (it == fetching_.end() || (*it)->stored) return false;
   Fetching& f = **it;
-  if (context.section == f.stored_section) {
+  // A resumed download takes only bytes that begin where the held ones end.
+  const uint32_t origin = f.mode == Fetching::kResume ? f.job->local_message->record.size : 0;
+  if (context.section == f.stored_section && context.origin.value_or(0) == origin) {
     StartSink(f, true, context.size).Ignore();  // a failure is kept in hook_error_
     return true;
   }
