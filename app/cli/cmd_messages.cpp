@@ -56,8 +56,8 @@ int RunShow(CliContext& ctx, const ParsedArgs& args) {
     // On the error stream, so that --raw still gives the stored bytes alone.
     const std::string how = m->flags & msgflag::kFullDownloadRequested
                                 ? "the next sync loads the rest"
-                                : "\"fetch \"" + FolderPathText(*sel.folder) + "\" " + KeyText(key) +
-                                      "\" loads the rest at the next sync";
+                                : std::string("run: ") + kProgramName + " fetch \"" + FolderPathText(*sel.folder) +
+                                      "\" " + KeyText(key) + " (the next sync loads the rest)";
     std::fprintf(ctx.err, "%s: message %s is partially loaded (%u of %u bytes); %s\n", kProgramName, what.c_str(),
                  m->size, m->server_size, how.c_str());
   }
