@@ -159,6 +159,12 @@ void Imap4Run::SynchronizeOne(Imap4FolderSync& record) {
   const bool delete_server = record.sync & imap4sync::kDeleteOnServer;
   if (record.uid_valid != 0 && uid_validity_ != 0 && uid_validity_ != record.uid_valid) {
     r = RematchAfterUidValidityChange(record);
+  } else if (uid_next_ != 0 && uid_next_ < record.uid_next) {
+    // A broken server: new messages would come below the stored value and
+    // never be listed. The server's value stands from now on.
+    Log("Warning: folder " + name + ": UIDNEXT went back from " + std::to_string(record.uid_next) + " to " +
+        std::to_string(uid_next_));
+    record.uid_next = uid_next_;
   }
   // Uploads of an earlier run whose answer was lost take their UIDs first,
   // so that they are neither downloaded nor uploaded again.
