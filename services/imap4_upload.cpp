@@ -5,6 +5,8 @@
 #include <map>
 #include <set>
 
+#include "mime/header.h"
+#include "mime/message_facts.h"
 #include "mime/stream.h"
 #include "services/imap4_run.h"
 #include "services/sync_events.h"
@@ -13,31 +15,13 @@
 namespace trv {
 namespace {
 
-// The Message-ID of a header block (continuation lines joined), without its
-// angle brackets, lower-cased: Message-IDs are compared without regard to
-// case. Empty when there is none.
+// The Message-ID of a header block, without its angle brackets,
+// lower-cased: Message-IDs are compared without regard to case. Empty when
+// there is none.
 std::string MessageIdOf(std::string_view head) {
-  constexpr std::string_view kName = "message-id:";
-  for (size_t pos = 0; pos < head.size();) {
-    size_t end = head.find('\n', pos);
-    if (end == std::string_view::npos) end = head.size();
-    if (end - pos >= kName.size() && EqualsNoCase(head.substr(pos, kName.size()), kName)) {
-      std::string value(head.substr(pos + kName.size(), end - pos - kName.size()));
-      while (end + 1 < head.size() && (head[end + 1] == ' ' || head[end + 1] == '\t')) {
-        const size_t next = head.find('\n', end + 1);
-        const size_t stop = next == std::string_view::npos ? head.size() : next;
-        value.append(head.substr(end + 1, stop - end - 1));
-        end = stop;
-      }
-      std::string_view id = TrimView(value);
-      const size_t open = id.find('<');
-      const size_t close = id.find('>', open == std::string_view::npos ? 0 : open);
-      if (open != std::string_view::npos && close != std::string_view::npos) id = id.substr(open + 1, close - open - 1);
-      return ToLowerAscii(TrimView(id));
-    }
-    pos = end + 1;
-  }
-  return {};
+  CXmHeader header;
+  header.Parse(head, {}).Ignore();  // a damaged block reads as far as it goes
+  return ToLowerAscii(WideToUtf8(ReadHeaderFacts(header).message_id));
 }
 
 std::string WantedId(WStringView message_id) {
