@@ -21,7 +21,10 @@
 // by its Message-ID before the next upload of the same message.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -31,6 +34,7 @@
 #include "services/imap4_folder_sync.h"
 #include "services/imap4_jobs.h"
 #include "services/imap4_service.h"
+#include "store/append_batch.h"
 
 namespace trv {
 
@@ -50,6 +54,8 @@ class Imap4Run final : public Imap4LiteralHook {
  private:
   // ---- imap4_run.cpp ----
   void Log(const std::string& line);
+  void LogHeader();
+  void LogTlsStatus();
   // The pending error or the user's interruption: every step checks it.
   bool Stopped() const;
   // Logs the error line of the run (account, host, port, last reply, code)
@@ -57,7 +63,17 @@ class Imap4Run final : public Imap4LiteralHook {
   void Fail(Result r);
   Result ConnectAndLogin();
   Result RefreshFolders();
+  // The records into the settings file, flushed.
+  Result SaveFolders();
+  // The record, then its children in order.
   void SynchronizeFolder(Imap4FolderSync& record);
+  // One bound, synchronized record: steps from SELECT to the stored
+  // UIDNEXT and UIDVALIDITY.
+  void SynchronizeOne(Imap4FolderSync& record);
+  // Seen states the server changed, into the local records.
+  void ApplySeenUpdates(const std::vector<Imap4LocalMessage>& updates);
+  // Ends the selection after an error without expunging.
+  void LeaveMailbox();
   // SELECT: exists_, uid_next_, uid_validity_ from its answer.
   Result Select(Imap4FolderSync& record);
   // UID FETCH first:* "UID FLAGS RFC822.SIZE INTERNALDATE" into list_
@@ -105,6 +121,47 @@ class Imap4Run final : public Imap4LiteralHook {
   bool list_fetched_ = false;               // list_ is the whole list from UID 1
   std::vector<Imap4ServerMessage> list_;
   uint32_t expunge_count_ = 0;
+  Result pending_;  // the run's first error
+
+  // ---- imap4_download.cpp ----
+  // One job's command in flight.
+  struct Fetching {
+    enum Mode { kNew, kReplace, kResume };
+    std::string tag;
+    Imap4DownloadJob* job = nullptr;
+    Mode mode = kNew;
+    std::string stored_section;  // the section whose bytes are the stored text: "" or "HEADER"
+    bool partial = false;
+    std::string head;            // the header, for the record
+    bool head_done = false;
+    std::string text;            // kReplace and kResume: the bytes received
+    uint64_t received = 0;       // bytes of the stored section
+    bool stored = false;         // the stored section arrived whole
+  };
+  Result BeginJob(Imap4DownloadJob& job);
+  // Reads the answer of the oldest command in flight; a whole message
+  // counts in `downloaded`. Commits when the batch is due.
+  Result FinishJob(uint32_t* downloaded);
+  // The literal (or quoted text) of `f` begins; `stored`: its bytes are the
+  // message's text (else only its header, for the record).
+  Result StartSink(Fetching& f, bool stored, uint64_t size);
+  Result EndSink();
+  // Rewrites an existing local message (a resumed or repeated download),
+  // after committing the batch.
+  Result ReplaceLocal(const Fetching& f);
+  MessageRecord NewRecord(const Imap4DownloadJob& job, std::string_view head, bool partial) const;
+  // Commits the batch; its messages go into local_.
+  Result CommitBatch();
+
+  std::deque<std::unique_ptr<Fetching>> fetching_;  // oldest first
+  Fetching* sink_ = nullptr;       // the job whose literal is being read
+  bool sink_stored_ = false;       // the literal is the stored text (else only the head)
+  uint64_t sink_left_ = 0;         // bytes of the literal still to come
+  AppendBatch* batch_ = nullptr;   // of the folder under work, during Download
+  std::vector<MessageRecord> staged_;  // in the batch, not yet committed
+  size_t batch_bytes_ = 0;
+  std::chrono::steady_clock::time_point batch_start_{};
+  Result hook_error_;
 };
 
 }  // namespace trv
