@@ -176,8 +176,8 @@ Result Imap4Run::ReplaceLocal(const Fetching& f) {
 }
 
 Result Imap4Run::FinishJob(uint32_t* downloaded) {
-  std::unique_ptr<Fetching> f = std::move(fetching_.front());
-  Result r = client_.Finish(f->tag);
+  Result r = client_.Finish(fetching_.front()->tag);
+  const std::unique_ptr<Fetching> f = std::move(fetching_.front());
   fetching_.pop_front();
   if (hook_error_.failed()) return hook_error_;
   if (r == rc::kImap4No) {

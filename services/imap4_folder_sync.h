@@ -9,7 +9,9 @@
 // Name, ServerName (only when it differs from Name), Sp, Local, Server (only
 // when it differs from Local), Raw (only when it differs from Server), Sync,
 // UIDNext, UIDValid, Attr. The tree is rebuilt from the server paths and
-// separators when the sections are read.
+// separators when the sections are read. The settings file has signed 32-bit
+// integers only: UIDNext and UIDValid are written as the int32 of the same
+// bit pattern (4294967295 reads -1 in the file) and read back as uint32.
 //
 // The id is also what a local message keeps in its record's
 // `server_folder` (with `imap_uid` and `imap_uid_validity`): it names the
@@ -49,6 +51,14 @@ inline constexpr uint32_t kDeleteOnServer = 16;
 // What a mailbox found by the folder-list refresh gets.
 inline constexpr uint32_t kDefault = kDownload | kUpload | kDeleteOnLocal | kDeleteOnServer;
 }  // namespace imap4sync
+
+// Bits of Imap4FolderSync::attr above the kImap4Attr* bits of LIST: the
+// special-use attributes, taken from the entry's attribute words.
+namespace imap4attr {
+inline constexpr uint32_t kSent = 0x10000;    // "\Sent"
+inline constexpr uint32_t kDrafts = 0x20000;  // "\Drafts"
+inline constexpr uint32_t kTrash = 0x40000;   // "\Trash"
+}  // namespace imap4attr
 
 // "Download, DownloadNew, Upload, DeleteOnLocal, DeleteOnServer, " for the
 // set bits in that order (each name followed by ", "); "" for none.
@@ -110,16 +120,27 @@ class Imap4FolderTree {
   void Merge(const std::vector<Imap4ListEntry>& entries, WStringView root_path,
              std::vector<Imap4FolderSync*>* added);
 
-  // Pairs every selectable record with a local folder of `storage`: the
-  // folder at `local` when it exists; for a new record INBOX goes to
+  // Pairs every record with a local folder of `storage` (\Noselect ones
+  // too: their folders hold their children's): the folder at `local` when
+  // it exists and no other record holds it; for a new record INBOX goes to
   // "Inbox", and \Sent, \Drafts, \Trash (or the names "Sent", "Drafts",
   // "Trash", "Deleted", ...) to the special folders; other mailboxes get a
   // folder of their own path, created as needed (names the store refuses
   // are changed into ones it takes). Records whose folder cannot be found
-  // or made stay unbound and are skipped by the run.
+  // or made stay unbound and are skipped by the run. Sets `local` (and
+  // `server`, `name`, `server_name`) of the records it binds anew. Takes
+  // the storage's tree mutex itself; call it without holding it. The first
+  // error of a folder creation, after trying every record.
   Result Bind(Storage& storage);
 
  private:
+  // Hangs the records under the root or their parents by server path, in
+  // the order given (imap4_folder_sync.cpp).
+  void Rebuild(std::vector<std::unique_ptr<Imap4FolderSync>> records);
+  // Every record, in tree order, taken out of the tree.
+  std::vector<std::unique_ptr<Imap4FolderSync>> TakeAll();
+  uint32_t NextId();
+
   std::unique_ptr<Imap4FolderSync> root_;
 };
 

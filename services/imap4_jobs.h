@@ -8,15 +8,18 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <utility>
 #include <vector>
 
 #include "base/result.h"
+#include "services/deleted_uids.h"
 #include "store/message_record.h"
 
 namespace trv {
 
+class FileSystem;
 class MailFolder;
 class Storage;
 struct Imap4FolderSync;
@@ -41,11 +44,32 @@ struct Imap4LocalMessage {
 // and the storage's record of messages deleted here that carried one. Built
 // once per run (every folder's index loaded), kept current by the run as it
 // adds, moves and deletes.
+//
+// UIDVALIDITY: the index holds messages of any validity, keyed by (record,
+// UID) alone; each entry keeps the validity it was stored with
+// (record.imap_uid_validity, and the deletion record's third field). The
+// planner counts a local message or a deletion as the server's message only
+// when that validity equals the mailbox's current one (see
+// Imap4PlanInput::uid_validity), so a UID of an earlier validity never
+// stands for a message it no longer names. After a change,
+// Imap4Run::RematchAfterUidValidityChange gives matched messages their new
+// UIDs and drops the deletion entries of the old validity.
+//
+// The deletion record: per folder file, "<folder file>" +
+// kImap4DeletedSuffix, written by DeleteReceivedMessages
+// (services/deleted_uids.h) when the user deletes for good a message that
+// carries a UID, read here, and written back by SaveDeleted.
 class Imap4LocalIndex {
  public:
+  Imap4LocalIndex();
+  ~Imap4LocalIndex();
+
   // Folders whose index cannot be read are left out (and named in
   // `unreadable`, may be null): their messages may be downloaded again,
-  // never deleted for it.
+  // never deleted for it. A deletion record that cannot be read is an
+  // error (a message deleted here would come back). The two-argument form
+  // reads the deletion records through PosixFileSystem.
+  Result Build(Storage& storage, FileSystem& fs, std::vector<MailFolder*>* unreadable);
   Result Build(Storage& storage, std::vector<MailFolder*>* unreadable);
 
   const Imap4LocalMessage* Find(uint32_t record_id, uint32_t uid) const;
@@ -54,14 +78,32 @@ class Imap4LocalIndex {
   // Whether the user deleted that message here (and it may still be on
   // the server).
   bool Deleted(uint32_t record_id, uint32_t uid) const;
+  // The same, only for an entry made under that UIDVALIDITY.
+  bool Deleted(uint32_t record_id, uint32_t uid, uint32_t validity) const;
+  // Forgets every deletion entry of the record made under another
+  // UIDVALIDITY; the count forgotten.
+  size_t ForgetDeletedOtherThan(uint32_t record_id, uint32_t validity);
+  // Every local message of the record, whatever its validity.
+  std::vector<Imap4LocalMessage> MessagesOf(uint32_t record_id) const;
   // Drops the entry once the server no longer holds the message; written
   // back by SaveDeleted.
   void ForgetDeleted(uint32_t record_id, uint32_t uid);
+  // An entry held by no folder's record (never written back): a deletion
+  // learnt elsewhere during the run.
+  void AddDeleted(uint32_t record_id, uint32_t uid, uint32_t validity) {
+    deleted_[{record_id, uid}] = DeletedEntry{nullptr, validity};
+  }
   Result SaveDeleted();
 
  private:
+  struct DeletedEntry {
+    MailFolder* folder = nullptr;  // the folder whose record holds it
+    uint32_t validity = 0;
+  };
   std::map<std::pair<uint32_t, uint32_t>, Imap4LocalMessage> messages_;
-  std::map<std::pair<uint32_t, uint32_t>, MailFolder*> deleted_;  // the folder whose record holds it
+  std::map<std::pair<uint32_t, uint32_t>, DeletedEntry> deleted_;
+  std::map<MailFolder*, std::unique_ptr<DeletedUids>> records_;  // every folder's deletion record
+  std::vector<MailFolder*> changed_;  // records to write back
   Storage* storage_ = nullptr;
 };
 
@@ -96,6 +138,10 @@ struct Imap4PlanInput {
   uint32_t stored_uid_next = 0;
   Imap4Limits limits;
   double now = 0;
+  // The mailbox's UIDVALIDITY from SELECT; 0 takes record->uid_valid. Local
+  // messages and deletion entries of another validity are not this
+  // mailbox's (a 0 here and in the record accepts any).
+  uint32_t uid_validity = 0;
 };
 
 // A partially loaded message is loaded again (completed) only when the user

@@ -27,15 +27,15 @@ void Imap4Run::Log(const std::string& line) { service_.log().Log(line); }
 
 bool Imap4Run::Stopped() const { return pending_.failed() || service_.interrupted(); }
 
-void Imap4Run::Fail(Result r) {
+void Imap4Run::Fail(Result r) { LogError(r, r == rc::kImap4No); }
+
+void Imap4Run::LogError(Result r, bool warning) {
   if (r.ok() || r == rc::kAbort) return;
   const std::string line = RunErrorLine(r, service_.DisplayName(), s_.incoming.host, s_.incoming.port,
                                         client_.lastReply(),
                                         CertificateRefusalText(service_.certificate_decider(), r, s_.incoming.host,
                                                                s_.incoming.port));
-  if (r == rc::kImap4No) {
-    // The server refused one command (no such message, a mailbox it will not
-    // open): the run goes on.
+  if (warning) {
     Log("Warning: " + line);
     return;
   }
@@ -174,20 +174,6 @@ Result Imap4Run::FetchList(uint32_t first_uid) {
   return rc::kOk;
 }
 
-void Imap4Run::ApplySeenUpdates(const std::vector<Imap4LocalMessage>& updates) {
-  constexpr uint32_t kSeenBits = msgflag::kRead | msgflag::kSyncedSeen;
-  for (const Imap4LocalMessage& m : updates) {
-    FolderFile* file = m.folder != nullptr ? m.folder->file() : nullptr;
-    if (file == nullptr) continue;
-    const uint32_t set = m.record.flags & kSeenBits;
-    if (Result r = file->SetFlags(m.record.key, set, kSeenBits & ~set); r.failed()) {
-      Fail(r);
-      return;
-    }
-    local_.Put(m);
-  }
-}
-
 void Imap4Run::SynchronizeFolder(Imap4FolderSync& record) {
   if (!record.is_root() && record.local_folder != nullptr && record.local_folder->file() != nullptr &&
       record.sync != 0 && !Stopped()) {
@@ -223,7 +209,6 @@ void Imap4Run::SynchronizeOne(Imap4FolderSync& record) {
     const uint32_t first = new_only && !delete_local && !delete_server ? std::max<uint32_t>(record.uid_next, 1) : 1;
     r = FetchList(first);
     std::vector<Imap4DownloadJob> jobs;
-    std::vector<Imap4LocalMessage> seen_updates;
     int64_t total = 0;
     if (r.ok() && !Stopped()) {
       Imap4PlanInput input;
@@ -234,9 +219,10 @@ void Imap4Run::SynchronizeOne(Imap4FolderSync& record) {
       input.stored_uid_next = record.uid_next;
       input.limits = {s_.load_max_size, s_.load_last_days, s_.load_body_size};
       input.now = DateNow();
-      r = PlanImap4Jobs(list_, input, local_, &jobs, &seen_updates, &total);
+      input.uid_validity = uid_validity_;
+      seen_updates_.clear();
+      r = PlanImap4Jobs(list_, input, local_, &jobs, &seen_updates_, &total);
     }
-    if (r.ok() && !Stopped()) ApplySeenUpdates(seen_updates);
     uint32_t downloaded = 0;
     if (r.ok() && !Stopped()) r = Download(record, jobs, &downloaded);
     if (r.ok() && !Stopped()) r = ApplyServerChanges(record, jobs);
@@ -270,7 +256,7 @@ void Imap4Run::LeaveMailbox() {
 }
 
 Result Imap4Run::Finish(Result r) {
-  if (r.failed() && r != rc::kAbort && pending_.ok()) Fail(r);
+  if (r.failed() && pending_.ok()) LogError(r, false);
   if (service_.interrupted()) {
     Log("Synchronization interrupted by user");
     if (pending_.ok()) r = rc::kAbort;
@@ -299,12 +285,12 @@ Result Imap4Run::Run(bool connect_only) {
     for (MailFolder* f : unreadable) Log("Warning: folder " + WideToUtf8(f->PathText()) + " cannot be read");
   }
   if (r.ok() && !service_.interrupted()) SynchronizeFolder(folders_->root());
-  Fail(r);
+  LogError(r, false);
   r = rc::kOk;  // now pending_, if anything
   // The records keep what the run learned (UIDNEXT, UIDVALIDITY), after an
   // error too.
-  if (Result saved = SaveFolders(); saved.failed()) Fail(saved);
-  if (Result saved = local_.SaveDeleted(); saved.failed()) Fail(saved);
+  if (Result saved = SaveFolders(); saved.failed()) LogError(saved, false);
+  if (Result saved = local_.SaveDeleted(); saved.failed()) LogError(saved, false);
   folders_ = nullptr;
   return Finish(r);
 }

@@ -61,6 +61,8 @@ class Imap4Run final : public Imap4LiteralHook {
   // Logs the error line of the run (account, host, port, last reply, code)
   // and makes r the pending error; a warning line for 0x80C40001.
   void Fail(Result r);
+  // The same line; a warning leaves no pending error.
+  void LogError(Result r, bool warning);
   Result ConnectAndLogin();
   Result RefreshFolders();
   // The records into the settings file, flushed.
@@ -70,8 +72,6 @@ class Imap4Run final : public Imap4LiteralHook {
   // One bound, synchronized record: steps from SELECT to the stored
   // UIDNEXT and UIDVALIDITY.
   void SynchronizeOne(Imap4FolderSync& record);
-  // Seen states the server changed, into the local records.
-  void ApplySeenUpdates(const std::vector<Imap4LocalMessage>& updates);
   // Ends the selection after an error without expunging.
   void LeaveMailbox();
   // SELECT: exists_, uid_next_, uid_validity_ from its answer.
@@ -91,6 +91,15 @@ class Imap4Run final : public Imap4LiteralHook {
   // EXPUNGE when due. Entries of the deletion record that are done are
   // forgotten.
   Result ApplyServerChanges(Imap4FolderSync& record, std::vector<Imap4DownloadJob>& jobs);
+  // The plan's seen_updates_ written to their local records (flags only).
+  Result WriteSeenUpdates();
+  Result UploadSeen(Imap4DownloadJob& job);
+  // UID COPY to job.copy_target's mailbox; the local message takes the new
+  // key (COPYUID, else the Message-ID lookup, which selects `record` again).
+  Result CopyToFolder(Imap4FolderSync& record, Imap4DownloadJob& job);
+  // Event 13; UID STORE +FLAGS (\Deleted), UID EXPUNGE under UIDPLUS with
+  // DeleteOnServer, else counted in expunge_count_. A NO is a warning.
+  Result RemoveFromServer(Imap4FolderSync& record, uint32_t uid, size_t index, size_t count);
 
   // ---- imap4_upload.cpp ----
   // Step "upload and local deletion": messages without a UID uploaded,
@@ -105,6 +114,14 @@ class Imap4Run final : public Imap4LiteralHook {
   // UIDs; unmatched ones keep their text and lose their UID (uploaded again
   // only if the folder uploads). Logged.
   Result RematchAfterUidValidityChange(Imap4FolderSync& record);
+  // UID FETCH first:* of UID, RFC822.SIZE and the Message-ID field of the
+  // selected mailbox (a NO is an empty list).
+  struct Imap4IdEntry {
+    uint32_t uid = 0;
+    uint32_t size = 0;
+    std::string message_id;  // lower-cased, without angle brackets
+  };
+  Result FetchMessageIds(uint32_t first_uid, std::vector<Imap4IdEntry>* entries);
 
   Imap4Service& service_;
   const ServiceSettings s_;
@@ -162,6 +179,10 @@ class Imap4Run final : public Imap4LiteralHook {
   size_t batch_bytes_ = 0;
   std::chrono::steady_clock::time_point batch_start_{};
   Result hook_error_;
+
+  // Seen changes from the server found by PlanImap4Jobs (its
+  // seen_updates), written by ApplyServerChanges.
+  std::vector<Imap4LocalMessage> seen_updates_;
 };
 
 }  // namespace trv

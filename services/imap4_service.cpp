@@ -9,8 +9,30 @@ Result Imap4Service::Load(Settings& settings, const Guid& id) {
   return LoadFolders();
 }
 
-// Placeholders until the folder records land.
-Result Imap4Service::LoadFolders() { return rc::kOk; }
-Result Imap4Service::SaveFolders() { return rc::kNotImplemented; }
+Result Imap4Service::LoadFolders() {
+  const Guid id = settings().guid;
+  MutexLock lock(folders_mu_);
+  return folders_.Load(engine().settings(), id);
+}
+
+Result Imap4Service::SaveFolders() {
+  const Guid id = settings().guid;
+  Result r;
+  {
+    MutexLock lock(folders_mu_);
+    r = folders_.Save(engine().settings(), id);
+  }
+  if (const Result flushed = engine().FlushSettings(); r.ok()) r = flushed;
+  return r;
+}
+
+Result Imap4Service::SaveFolderSections(Settings& settings, const Guid& id) {
+  MutexLock lock(folders_mu_);
+  return folders_.Save(settings, id);
+}
+
+Result Imap4Service::DeleteSections(Settings& settings, const Guid& id) {
+  return Imap4FolderTree::DeleteAll(settings, id);
+}
 
 }  // namespace trv

@@ -39,9 +39,14 @@ class Imap4Service final : public MailService {
  protected:
   friend class Imap4Run;  // the run's state (services/imap4_run.h)
   void LoadIncoming(Settings& settings, const std::string& section, ServiceSettings& s) override;
+  // Also writes the folder sections (under the folders mutex).
   Result SaveIncoming(Settings& settings, const std::string& section, const ServiceSettings& s) override;
+  // The folder sections go with the service.
+  Result DeleteSections(Settings& settings, const Guid& id) override;
 
  private:
+  Result SaveFolderSections(Settings& settings, const Guid& id) EXCLUDES(folders_mu_);
+
   Mutex folders_mu_;
   Imap4FolderTree folders_ GUARDED_BY(folders_mu_);
 };

@@ -31,6 +31,9 @@ Result MailService::Delete() {
       r.failed() && r != Settings::kNotFound) {
     return r;
   }
+  if (const Result r = DeleteSections(engine.settings(), settings().guid); r.failed() && r != Settings::kNotFound) {
+    return r;
+  }
   Result r = engine.FlushSettings();
   storage_.RemoveService(this);
   // Last: the engine deletes this object.

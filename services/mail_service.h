@@ -186,6 +186,9 @@ class MailService : public EngineService {
   // Imap4Service) from / into the section.
   virtual void LoadIncoming(Settings& settings, const std::string& section, ServiceSettings& s) = 0;
   virtual Result SaveIncoming(Settings& settings, const std::string& section, const ServiceSettings& s) = 0;
+  // Delete removes what else the service keeps in the settings file (not
+  // flushed); kNotFound counts as done.
+  virtual Result DeleteSections(Settings& /*settings*/, const Guid& /*id*/) { return rc::kOk; }
 
  private:
   friend class SendRun;  // the sending session reports events and holds the current client

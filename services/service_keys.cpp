@@ -358,7 +358,9 @@ void Imap4Service::LoadIncoming(Settings& settings, const std::string& section, 
 
 Result Imap4Service::SaveIncoming(Settings& settings, const std::string& section, const ServiceSettings& s) {
   ServiceSettings copy = s;
-  return KeyWalk(settings, section, ServiceClass()).Save(Incoming(ServiceClass()), copy);
+  const Result r = KeyWalk(settings, section, ServiceClass()).Save(Incoming(ServiceClass()), copy);
+  const Result folders = SaveFolderSections(settings, s.guid);
+  return r.failed() ? r : folders;
 }
 
 }  // namespace trv

@@ -201,7 +201,7 @@ const std::vector<Command>& Commands() {
        ValidateCompose, RunCompose, false, kComposeDetails},
       {"sync", "[NAME...] [--send-only|--receive-only]", "send and receive, with progress; exit 1 when a run failed",
        0, kMany, {{"--send-only", "--receive-only"}, {}, {}}, ValidateSync, RunSync, false, kSyncDetails, true},
-      {"fetch", "PATH KEY...", "download partially loaded messages whole at the next sync", 2, kMany, {},
+      {"fetch", "PATH KEY...", "complete partially loaded messages at the next sync", 2, kMany, {},
        [](const ParsedArgs& a, std::string* e) { return ValidateKeys(a, 1, a.positional.size(), e); }, RunFetch},
       {"log", "[--tail N]", "the activity log", 0, 0, {{}, {"--tail"}, {}}, ValidateLog, RunLog},
       {"watch", "", "synchronize on the accounts' schedules until SIGINT or SIGTERM", 0, 0, {}, nullptr, RunWatch,

@@ -52,6 +52,15 @@ int RunShow(CliContext& ctx, const ParsedArgs& args) {
   if (!SelectMessages(ctx, args, 1, 2, &sel, &status)) return status;
   const uint32_t key = sel.keys.front();
   const std::string what = FolderPathText(*sel.folder) + "/" + KeyText(key);
+  if (const std::optional<MessageRecord> m = sel.file->FindMessage(key); m && (m->flags & msgflag::kPartial)) {
+    // On the error stream, so that --raw still gives the stored bytes alone.
+    const std::string how = m->flags & msgflag::kFullDownloadRequested
+                                ? "the next sync loads the rest"
+                                : "\"fetch \"" + FolderPathText(*sel.folder) + "\" " + KeyText(key) +
+                                      "\" loads the rest at the next sync";
+    std::fprintf(ctx.err, "%s: message %s is partially loaded (%u of %u bytes); %s\n", kProgramName, what.c_str(),
+                 m->size, m->server_size, how.c_str());
+  }
   if (args.has("--raw")) {
     std::string text;
     if (Result r = sel.file->ReadMessage(key, &text); r.failed()) return Fail(ctx, "cannot read message " + what, r);

@@ -128,7 +128,7 @@ int RunFetch(CliContext& ctx, const ParsedArgs& args) {
                        "loaded, or cannot be marked", r);
     }
   }
-  WriteOut(ctx, MessageCount(sel.keys.size()) + " to be downloaded whole at the next sync\n");
+  WriteOut(ctx, MessageCount(sel.keys.size()) + " to be completed at the next sync\n");
   return kExitOk;
 }
 

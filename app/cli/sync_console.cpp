@@ -24,6 +24,13 @@ std::string EventText(const SyncEvent& e) {
     case kEventDownloading: return n_of_m("downloading");
     case kEventDeleting: return n_of_m("deleting on the server");
     case kEventSending: return n_of_m("sending");
+    case kEventListingFolders: return "listing the folders";
+    case kEventReadingFolder: return e.text + ": reading the message list";
+    case kEventDownloadingFolder: return e.text + ": " + n_of_m("downloading");
+    case kEventDeletingOnServer: return n_of_m("deleting on the server");
+    case kEventUploading: return n_of_m("uploading");
+    case kEventFolderDownloaded: return e.text + ": downloaded " + std::to_string(e.values[0]);
+    case kEventFolderUploaded: return e.text + ": uploads done";
     case kEventClosing: return "closing";
     default: return {};
   }
@@ -72,6 +79,7 @@ void SyncConsole::OnSyncEvent(MailService& service, const SyncEvent& event) {
     MutexLock lock(mu_);
     Counts& c = counts_[&service];
     if (event.code == kEventDownloading) c.downloaded = std::max(c.downloaded, event.values[0]);
+    if (event.code == kEventFolderDownloaded) c.downloaded += event.values[0];  // IMAP4: per folder
     if (event.code == kEventAllSent) c.sent = event.values[0];
     const std::string text = EventText(event);
     if (!text.empty() && !asking_) progress_.Update(service.DisplayName() + ": " + text);
