@@ -195,6 +195,8 @@ const std::vector<Command>& Commands() {
        ValidateAcceptCert, RunAcceptCert},
       {"account", "add|list|show|set|remove ...", "accounts: add, list, show, change and remove them", 1, kMany,
        AccountOptions(), ValidateAccount, RunAccount, true, kAccountDetails},
+      {"folder-sync", "NAME PATH OPTIONS", "an IMAP4 folder's options: download, new, upload, delete-local, "
+       "delete-server (blank- or comma-separated) or none", 3, kMany, {}, ValidateFolderSync, RunFolderSync},
       {"compose", kComposeUsage, "a new message into the account's \"Outbox\" (or \"Drafts\")", 0, 0,
        {{"--draft"}, {"--account", "--subject", "--body-file", "--html-file", "--priority"},
         {"--to", "--cc", "--bcc", "--inline", "--attach"}},

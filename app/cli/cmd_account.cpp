@@ -13,6 +13,7 @@
 #include "app/cli/json_writer.h"
 #include "net/secret.h"
 #include "app/cli/text_table.h"
+#include "services/imap4_service.h"
 #include "services/port_rules.h"
 #include "services/service_keys.h"
 #include "services/service_registry.h"
@@ -231,6 +232,32 @@ int RunAccountList(CliContext& ctx) {
   return kExitOk;
 }
 
+// An IMAP4 account's folder records, in tree order: a "folders" array and a
+// table after the keys.
+void AddFolderRecords(Imap4Service& service, JsonWriter& json, std::string& text) {
+  TextTable table({"SERVER PATH", "LOCAL FOLDER", "OPTIONS", "UIDNEXT", "UIDVALID"},
+                  {TextTable::kLeft, TextTable::kLeft, TextTable::kLeft, TextTable::kRight, TextTable::kRight});
+  json.Key("folders");
+  json.BeginArray();
+  MutexLock lock(service.folders_mutex());
+  service.folders().ForEach([&](const Imap4FolderSync& r) {
+    const std::string server = Utf8(r.ServerPath());
+    json.BeginObject();
+    for (auto [key, value] : {std::pair{"server", server}, {"local", Utf8(r.local)}, {"options", FolderOptionsText(r.sync)}}) {
+      json.Key(key);
+      json.String(value);
+    }
+    json.Key("uid_next");
+    json.Int(r.uid_next);
+    json.Key("uid_valid");
+    json.Int(r.uid_valid);
+    json.EndObject();
+    table.AddRow({server, Utf8(r.local), FolderOptionsText(r.sync), std::to_string(r.uid_next), std::to_string(r.uid_valid)});
+  });
+  json.EndArray();
+  text += "\n" + table.Render();
+}
+
 int RunAccountShow(CliContext& ctx, const std::string& name) {
   int status = kExitOk;
   MailService* service = FindOrFail(ctx, name, &status);
@@ -248,6 +275,7 @@ int RunAccountShow(CliContext& ctx, const std::string& name) {
     json.String(value);
     text += key + std::string(key.size() < 26 ? 26 - key.size() : 1, ' ') + value + "\n";
   }
+  if (auto* imap = dynamic_cast<Imap4Service*>(service)) AddFolderRecords(*imap, json, text);
   json.EndObject();
   WriteOut(ctx, ctx.json ? json.text() + "\n" : text);
   return kExitOk;

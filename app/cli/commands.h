@@ -82,6 +82,12 @@ bool ValidateAccount(const ParsedArgs& args, std::string* error);
 ArgOptions AccountOptions();
 int RunAccount(CliContext& ctx, const ParsedArgs& args);
 
+// cmd_folder_sync.cpp
+bool ValidateFolderSync(const ParsedArgs& args, std::string* error);
+int RunFolderSync(CliContext& ctx, const ParsedArgs& args);
+// "Download, Upload" for the imap4sync bits; "none" for 0.
+std::string FolderOptionsText(uint32_t sync);
+
 // cmd_compose.cpp
 bool ValidateCompose(const ParsedArgs& args, std::string* error);
 int RunCompose(CliContext& ctx, const ParsedArgs& args);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <thread>
+#include <tuple>
 
 #include "tests/app/cli_runner.h"
 
@@ -149,5 +150,37 @@ TEST_F(CliAccountsTest, WatchEndsCleanlyOnEachStopSignal) {
   }
 }
 
+
+TEST_F(CliAccountsTest, FolderSyncSetsTheOptionsThatAccountShowLists) {
+  Ok({"account", "add", "--class", "IMAP4", "--name", "Mail", "--email", "me@example.org", "--host", "imap.example.org"});
+  const std::string shown = Ok({"account", "show", "Mail"}).out;
+  const std::string guid = shown.substr(shown.find('{', shown.find("GUID ")), 38);
+  // The records a first sync leaves: INBOX and a child with a non-ASCII name.
+  std::string sections;
+  for (auto [id, server, local] : {std::tuple{"1", "INBOX", "Inbox"}, {"2", "INBOX.Bücher", "Inbox/Bücher"}}) {
+    sections += "\n[Folder." + guid + ".0000000" + id + "]\nSp=\xEF\xBB\xBF.\r\nLocal=\xEF\xBB\xBF" + local +
+                "\r\nServer=\xEF\xBB\xBF" + server + "\r\nSync=29\r\nUIDNext=-5\r\nUIDValid=7\r\n";
+  }
+  WriteFile(data_dir() / "Settings.ini", SettingsBytes() + sections);
+  const std::tuple<std::vector<std::string>, int, std::string> runs[] = {
+      {{"INBOX.Bücher", "download,new"}, 0, "\"INBOX.Bücher\" of account \"Mail\": Download, DownloadNew\n"},
+      {{"inbox/bücher", "download, new", "upload"}, 0, "Download, DownloadNew, Upload\n"},  // by local path
+      {{"inbox", "none"}, 0, "\"INBOX\" of account \"Mail\": none\n"},
+      {{"Nope", "upload"}, 1, "no folder \"Nope\" in account \"Mail\"; `sync` lists the server's folders first"},
+      {{"INBOX", "new"}, 2, "give it with \"download\""},
+      {{"INBOX", "none,upload"}, 2, "\"none\" alone"},
+      {{"INBOX", "downlaod"}, 2, "not \"downlaod\""},
+  };
+  for (const auto& [words, status, says] : runs) {
+    std::vector<std::string> args = {"folder-sync", "Mail"};
+    args.insert(args.end(), words.begin(), words.end());
+    const CliRun run = Run(args);
+    EXPECT_TRUE(run.status == status && Has(run.out + run.err, says)) << run.status << run.out << run.err;
+  }
+  const std::string json = Ok({"--json", "account", "show", "Mail"}).out;
+  EXPECT_TRUE(Has(json, "\"server\":\"INBOX\",\"local\":\"Inbox\",\"options\":\"none\",\"uid_next\":4294967291,"
+                        "\"uid_valid\":7},{\"server\":\"INBOX.Bücher\",\"local\":\"Inbox/Bücher\",\"options\":"
+                        "\"Download, DownloadNew, Upload\"")) << json;
+}
 }  // namespace
 }  // namespace trv::test
