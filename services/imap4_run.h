@@ -25,6 +25,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -91,8 +92,6 @@ class Imap4Run final : public Imap4LiteralHook {
   // EXPUNGE when due. Entries of the deletion record that are done are
   // forgotten.
   Result ApplyServerChanges(Imap4FolderSync& record, std::vector<Imap4DownloadJob>& jobs);
-  // The plan's seen_updates_ written to their local records (flags only).
-  Result WriteSeenUpdates();
   Result UploadSeen(Imap4DownloadJob& job);
   // UID COPY to job.copy_target's mailbox; the local message takes the new
   // key (COPYUID, else the Message-ID lookup, which selects `record` again).
@@ -122,6 +121,9 @@ class Imap4Run final : public Imap4LiteralHook {
     std::string message_id;  // lower-cased, without angle brackets
   };
   Result FetchMessageIds(uint32_t first_uid, std::vector<Imap4IdEntry>* entries);
+  // Of `uids`, those the selected mailbox still holds, by UID FETCH of the
+  // UIDs alone. A NO is rc::kImap4No (nothing known, so nothing gone).
+  Result StillOnServer(const std::vector<uint32_t>& uids, std::set<uint32_t>* present);
 
   Imap4Service& service_;
   const ServiceSettings s_;
@@ -179,10 +181,6 @@ class Imap4Run final : public Imap4LiteralHook {
   size_t batch_bytes_ = 0;
   std::chrono::steady_clock::time_point batch_start_{};
   Result hook_error_;
-
-  // Seen changes from the server found by PlanImap4Jobs (its
-  // seen_updates), written by ApplyServerChanges.
-  std::vector<Imap4LocalMessage> seen_updates_;
 };
 
 }  // namespace trv

@@ -1,6 +1,7 @@
 // Uploads by APPEND, the local deletion of messages gone from the server,
 // the Message-ID lookup, and the re-matching of local copies after the
 // server's UIDVALIDITY changed.
+#include <algorithm>
 #include <map>
 #include <set>
 
@@ -71,6 +72,23 @@ Result Imap4Run::FetchMessageIds(uint32_t first_uid, std::vector<Imap4IdEntry>* 
   return rc::kOk;
 }
 
+Result Imap4Run::StillOnServer(const std::vector<uint32_t>& uids, std::set<uint32_t>* present) {
+  present->clear();
+  constexpr size_t kPerCommand = 500;  // keeps the command line short
+  for (size_t i = 0; i < uids.size(); i += kPerCommand) {
+    std::string set;
+    for (size_t j = i; j < std::min(uids.size(), i + kPerCommand); ++j) set += std::to_string(uids[j]) + ',';
+    set.pop_back();
+    std::string tag;
+    if (Result r = client_.Begin("UID FETCH " + set + " (UID)", &tag); r.failed()) return r;
+    if (Result r = client_.Finish(tag); r.failed()) return r;
+    for (const Imap4FetchData& data : client_.result().fetch) {
+      if (data.uid) present->insert(*data.uid);
+    }
+  }
+  return rc::kOk;
+}
+
 Result Imap4Run::FindUidByMessageId(Imap4FolderSync& target, WStringView message_id, uint32_t* uid) {
   *uid = 0;
   const std::string wanted = WantedId(message_id);
@@ -98,25 +116,39 @@ Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool
   std::set<uint32_t> listed;
   for (const Imap4ServerMessage& m : list_) listed.insert(m.uid);
   std::vector<MessageRecord> queue;
-  std::vector<uint32_t> gone;
+  std::vector<uint32_t> unlisted;
+  std::map<uint32_t, uint32_t> keys;  // UID -> local key of the unlisted
   for (MessageRecord& m : file->Messages()) {
     if (m.imap_uid == 0) {
       if (upload) queue.push_back(std::move(m));
     } else if (delete_local && list_fetched_ && m.server_folder == record.id && m.imap_uid_validity == validity &&
                listed.count(m.imap_uid) == 0) {
       // Only against a whole list fetched in this run: never for want of one.
-      gone.push_back(m.key);
+      unlisted.push_back(m.imap_uid);
+      keys[m.imap_uid] = m.key;
     }
   }
-  if (!gone.empty()) {
-    std::vector<std::pair<uint32_t, uint32_t>> keys;
-    for (const uint32_t key : gone) {
-      const std::optional<MessageRecord> m = file->FindMessage(key);
-      if (m) keys.emplace_back(m->server_folder, m->imap_uid);
+  if (!unlisted.empty()) {
+    // list_ leaves out messages with a missing item or the deleted flag, so
+    // a message goes here only once the server confirms its UID is gone.
+    std::set<uint32_t> present;
+    if (Result r = StillOnServer(unlisted, &present); r == rc::kImap4No) {
+      Fail(r);  // a warning; nothing is deleted here for it
+      unlisted.clear();
+    } else if (r.failed()) {
+      return r;
     }
-    if (Result r = file->Delete(gone); r.failed()) return r;
-    for (const auto& [id, uid] : keys) local_.Erase(id, uid);
-    Log("Deleted " + std::to_string(gone.size()) + " local messages no longer on the server");
+    std::vector<uint32_t> gone;
+    for (const uint32_t uid : unlisted) {
+      if (present.count(uid) == 0) gone.push_back(keys[uid]);
+    }
+    if (!gone.empty()) {
+      if (Result r = file->Delete(gone); r.failed()) return r;
+      for (const uint32_t uid : unlisted) {
+        if (present.count(uid) == 0) local_.Erase(record.id, uid);
+      }
+      Log("Deleted " + std::to_string(gone.size()) + " local messages no longer on the server");
+    }
   }
   if (queue.empty() || Stopped()) return rc::kOk;
 
@@ -190,7 +222,7 @@ Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool
   exists_ = box.exists.value_or(exists_);
   uid_next_ = box.uid_next.value_or(uid_next_);
   uid_validity_ = box.uid_validity.value_or(uid_validity_);
-  service_.Report(kEventFolderUploaded, {uploaded});
+  if (uploaded > 0) Log("Uploaded " + std::to_string(uploaded) + " messages");
   return rc::kOk;
 }
 
