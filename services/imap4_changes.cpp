@@ -8,6 +8,29 @@
 #include "store/mail_folder.h"
 
 namespace trv {
+namespace {
+
+constexpr uint32_t kSeenFlags = msgflag::kRead | msgflag::kSyncedSeen;
+
+}  // namespace
+
+Result Imap4Run::WriteSeenUpdates() {
+  for (Imap4LocalMessage& update : seen_updates_) {
+    if (Stopped()) break;
+    FolderFile* file = update.folder != nullptr ? update.folder->file() : nullptr;
+    if (file == nullptr) continue;
+    const uint32_t set = update.record.flags & kSeenFlags;
+    if (Result r = file->SetFlags(update.record.key, set, kSeenFlags & ~set); r.failed()) {
+      // The message may have been deleted here meanwhile: its state comes again next run.
+      if (r != rc::kInvalidArg) return r;
+      continue;
+    }
+    local_.Put(update);
+  }
+  seen_updates_.clear();
+  return rc::kOk;
+}
+
 Result Imap4Run::UploadSeen(Imap4DownloadJob& job) {
   Imap4LocalMessage& m = *job.local_message;
   const bool read = m.record.flags & msgflag::kRead;
@@ -75,7 +98,7 @@ Result Imap4Run::RemoveFromServer(Imap4FolderSync& record, uint32_t uid, size_t 
 }
 
 Result Imap4Run::ApplyServerChanges(Imap4FolderSync& record, std::vector<Imap4DownloadJob>& jobs) {
-  Result r = rc::kOk;
+  Result r = WriteSeenUpdates();
   const size_t removals = static_cast<size_t>(
       std::count_if(jobs.begin(), jobs.end(), [](const Imap4DownloadJob& j) { return j.remove_from_server; }));
   size_t removed = 0;

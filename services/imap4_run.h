@@ -92,6 +92,8 @@ class Imap4Run final : public Imap4LiteralHook {
   // EXPUNGE when due. Entries of the deletion record that are done are
   // forgotten.
   Result ApplyServerChanges(Imap4FolderSync& record, std::vector<Imap4DownloadJob>& jobs);
+  // The plan's seen_updates_ written to their local records (flags only).
+  Result WriteSeenUpdates();
   Result UploadSeen(Imap4DownloadJob& job);
   // UID COPY to job.copy_target's mailbox; the local message takes the new
   // key (COPYUID, else the Message-ID lookup, which selects `record` again).
@@ -181,6 +183,10 @@ class Imap4Run final : public Imap4LiteralHook {
   size_t batch_bytes_ = 0;
   std::chrono::steady_clock::time_point batch_start_{};
   Result hook_error_;
+
+  // Seen changes from the server found by PlanImap4Jobs (its
+  // seen_updates), written by ApplyServerChanges.
+  std::vector<Imap4LocalMessage> seen_updates_;
 };
 
 }  // namespace trv
