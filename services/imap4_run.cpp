@@ -30,7 +30,8 @@ bool Imap4Run::Stopped() const { return pending_.failed() || service_.interrupte
 void Imap4Run::Fail(Result r) { LogError(r, r == rc::kImap4No); }
 
 void Imap4Run::LogError(Result r, bool warning) {
-  if (r.ok() || r == rc::kAbort) return;
+  // A hard stop aborts the connection under a command: no error of its own.
+  if (r.ok() || r == rc::kAbort || service_.interrupted()) return;
   const std::string line = RunErrorLine(r, service_.DisplayName(), s_.incoming.host, s_.incoming.port,
                                         client_.lastReply(),
                                         CertificateRefusalText(service_.certificate_decider(), r, s_.incoming.host,
@@ -229,8 +230,7 @@ void Imap4Run::SynchronizeOne(Imap4FolderSync& record) {
     service_.Report(kEventFolderDownloaded, {downloaded}, name);
   }
   if (r.ok() && !Stopped() && (upload || delete_local)) {
-    r = UploadAndDeleteLocal(record, upload, delete_local);
-    service_.Report(kEventFolderUploaded, {}, name);
+    r = UploadAndDeleteLocal(record, upload, delete_local);  // reports event 19
   }
   if (r.failed() || Stopped()) {
     Fail(r);

@@ -60,9 +60,10 @@ class Imap4Run final : public Imap4LiteralHook {
   // The pending error or the user's interruption: every step checks it.
   bool Stopped() const;
   // Logs the error line of the run (account, host, port, last reply, code)
-  // and makes r the pending error; a warning line for 0x80C40001.
+  // and makes r the pending error; a warning line for 0x80C40001 (the run
+  // goes on). Nothing after the user's interruption.
   void Fail(Result r);
-  // The same line; a warning leaves no pending error.
+  // The same line for any code; a warning leaves no pending error.
   void LogError(Result r, bool warning);
   Result ConnectAndLogin();
   Result RefreshFolders();

@@ -30,7 +30,7 @@ std::string EventText(const SyncEvent& e) {
     case kEventDeletingOnServer: return n_of_m("deleting on the server");
     case kEventUploading: return n_of_m("uploading");
     case kEventFolderDownloaded: return e.text + ": downloaded " + std::to_string(e.values[0]);
-    case kEventFolderUploaded: return e.text + ": uploads done";
+    case kEventFolderUploaded: return "uploaded " + std::to_string(e.values[0]);
     case kEventClosing: return "closing";
     default: return {};
   }

@@ -150,6 +150,16 @@ TEST_F(Imap4SyncServersTest, HeadersOnlyNewOnlyAndNonAsciiTree) {
   log = Run();
   EXPECT_NE(log.find("UID FETCH 1:* (UID FLAGS RFC822.SIZE INTERNALDATE)"), std::string::npos) << log;
   EXPECT_EQ(log.find("BODY.PEEK"), std::string::npos) << log;
+
+  // A large message is streamed whole into the folder file.
+  ServiceSettings s = service_->settings();
+  s.load_body_size = INT32_MAX;
+  service_->SetSettings(s);
+  const std::string large = Sized("large", 40u << 20);
+  Append(u"Grüße", large);
+  Run();
+  EXPECT_EQ(Find(Local("Grüße"), "large", &text).flags & kFlags, 0u);
+  EXPECT_TRUE(text == large) << text.size();
 }
 
 }  // namespace
