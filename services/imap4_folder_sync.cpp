@@ -261,10 +261,11 @@ void Imap4FolderTree::Merge(const std::vector<Imap4ListEntry>& entries, WStringV
     // A name the settings file could not hold on one line is of no use.
     if (entry.raw.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) continue;
     const WString separator = Utf8ToWide(entry.separator);
-    // The root path itself is the tree's root, not a mailbox of its own.
+    // The root path itself is the tree's root, not a mailbox of its own
+    // (but for INBOX, which is the inbox whatever the root path).
     WStringView root = root_path;
     if (!separator.empty() && root.ends_with(separator)) root.remove_suffix(separator.size());
-    if (!root.empty() && SamePath(root, entry.name)) continue;
+    if (!root.empty() && SamePath(root, entry.name) && !IsInboxPath(entry.name)) continue;
 
     const std::string raw = RawToKeep(entry);
     const uint32_t attr = entry.attributes | SpecialUseBits(entry);

@@ -39,7 +39,8 @@ class Imap4Service final : public MailService {
  protected:
   friend class Imap4Run;  // the run's state (services/imap4_run.h)
   void LoadIncoming(Settings& settings, const std::string& section, ServiceSettings& s) override;
-  // Also writes the folder sections (under the folders mutex).
+  // Also writes the folder sections: takes folders_mutex(), so a run must
+  // not call Save() (after a credentials prompt, say) while holding it.
   Result SaveIncoming(Settings& settings, const std::string& section, const ServiceSettings& s) override;
   // The folder sections go with the service.
   Result DeleteSections(Settings& settings, const Guid& id) override;
