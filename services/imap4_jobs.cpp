@@ -51,8 +51,7 @@ Result Imap4LocalIndex::Build(Storage& storage, FileSystem& fs, std::vector<Mail
     }
     for (MessageRecord& m : file->Messages()) {
       if (m.imap_uid == 0 || m.server_folder == 0) continue;
-      const std::pair<uint32_t, uint32_t> key{m.server_folder, m.imap_uid};
-      messages_[key] = Imap4LocalMessage{folder, std::move(m)};
+      Put(Imap4LocalMessage{folder, std::move(m)});
     }
     auto record = std::make_unique<DeletedUids>(fs, file->path(), kImap4DeletedSuffix);
     if (Result r = record->Load(); r.failed()) return r;
@@ -67,12 +66,28 @@ Result Imap4LocalIndex::Build(Storage& storage, FileSystem& fs, std::vector<Mail
 
 const Imap4LocalMessage* Imap4LocalIndex::Find(uint32_t record_id, uint32_t uid) const {
   const auto it = messages_.find({record_id, uid});
-  return it == messages_.end() ? nullptr : &it->second;
+  return it == messages_.end() ? nullptr : &it->second.front();
+}
+
+const Imap4LocalMessage* Imap4LocalIndex::FindIn(uint32_t record_id, uint32_t uid, const MailFolder* folder) const {
+  const auto it = messages_.find({record_id, uid});
+  if (it == messages_.end()) return nullptr;
+  for (const Imap4LocalMessage& m : it->second) {
+    if (m.folder == folder) return &m;
+  }
+  return nullptr;
 }
 
 void Imap4LocalIndex::Put(const Imap4LocalMessage& message) {
   if (message.record.imap_uid == 0 || message.record.server_folder == 0) return;
-  messages_[{message.record.server_folder, message.record.imap_uid}] = message;
+  std::vector<Imap4LocalMessage>& copies = messages_[{message.record.server_folder, message.record.imap_uid}];
+  for (Imap4LocalMessage& m : copies) {
+    if (m.folder == message.folder) {
+      m = message;
+      return;
+    }
+  }
+  copies.push_back(message);
 }
 
 void Imap4LocalIndex::Erase(uint32_t record_id, uint32_t uid) { messages_.erase({record_id, uid}); }
@@ -97,6 +112,14 @@ void Imap4LocalIndex::ForgetDeleted(uint32_t record_id, uint32_t uid) {
   deleted_.erase(it);
 }
 
+Result Imap4LocalIndex::RecordDeleted(MailFolder* folder, uint32_t record_id, uint32_t uid, uint32_t validity) {
+  const auto record = records_.find(folder);
+  if (record == records_.end()) return rc::kInvalidArg;
+  record->second->Add(Imap4DeletedKey(record_id, uid, validity), DateNow());
+  deleted_[{record_id, uid}] = DeletedEntry{folder, validity};
+  return record->second->Save();
+}
+
 size_t Imap4LocalIndex::ForgetDeletedOtherThan(uint32_t record_id, uint32_t validity) {
   std::vector<uint32_t> uids;
   for (auto it = deleted_.lower_bound({record_id, 0}); it != deleted_.end() && it->first.first == record_id; ++it) {
@@ -109,7 +132,7 @@ size_t Imap4LocalIndex::ForgetDeletedOtherThan(uint32_t record_id, uint32_t vali
 std::vector<Imap4LocalMessage> Imap4LocalIndex::MessagesOf(uint32_t record_id) const {
   std::vector<Imap4LocalMessage> out;
   for (auto it = messages_.lower_bound({record_id, 0}); it != messages_.end() && it->first.first == record_id; ++it) {
-    out.push_back(it->second);
+    out.insert(out.end(), it->second.begin(), it->second.end());
   }
   return out;
 }
@@ -152,7 +175,9 @@ Result PlanImap4Jobs(const std::vector<Imap4ServerMessage>& list, const Imap4Pla
     job.size = m.size;
     job.flags = m.flags;
     job.target = input.record;
-    const Imap4LocalMessage* here = local.Find(record.id, m.uid);
+    // The copy in this folder, when there is one, over copies made elsewhere.
+    const Imap4LocalMessage* here = local.FindIn(record.id, m.uid, record.local_folder);
+    if (here == nullptr) here = local.Find(record.id, m.uid);
     if (here != nullptr && !SameValidity(here->record.imap_uid_validity, validity)) here = nullptr;
     if (here != nullptr) {
       job.local_message = *here;

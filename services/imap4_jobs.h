@@ -72,8 +72,13 @@ class Imap4LocalIndex {
   Result Build(Storage& storage, FileSystem& fs, std::vector<MailFolder*>* unreadable);
   Result Build(Storage& storage, std::vector<MailFolder*>* unreadable);
 
+  // A message copied here keeps its key, so a key may have several local
+  // copies: Find gives one, FindIn the one in `folder` (null when none).
   const Imap4LocalMessage* Find(uint32_t record_id, uint32_t uid) const;
+  const Imap4LocalMessage* FindIn(uint32_t record_id, uint32_t uid, const MailFolder* folder) const;
+  // Adds the message, or replaces the copy of its key in its folder.
   void Put(const Imap4LocalMessage& message);
+  // Forgets every copy of the key.
   void Erase(uint32_t record_id, uint32_t uid);
   // Whether the user deleted that message here (and it may still be on
   // the server).
@@ -88,6 +93,9 @@ class Imap4LocalIndex {
   // Drops the entry once the server no longer holds the message; written
   // back by SaveDeleted.
   void ForgetDeleted(uint32_t record_id, uint32_t uid);
+  // A deletion entry written durably to `folder`'s record at once (the
+  // folder must have been indexed by Build: rc::kInvalidArg otherwise).
+  Result RecordDeleted(MailFolder* folder, uint32_t record_id, uint32_t uid, uint32_t validity);
   // An entry held by no folder's record (never written back): a deletion
   // learnt elsewhere during the run.
   void AddDeleted(uint32_t record_id, uint32_t uid, uint32_t validity) {
@@ -100,7 +108,7 @@ class Imap4LocalIndex {
     MailFolder* folder = nullptr;  // the folder whose record holds it
     uint32_t validity = 0;
   };
-  std::map<std::pair<uint32_t, uint32_t>, Imap4LocalMessage> messages_;
+  std::map<std::pair<uint32_t, uint32_t>, std::vector<Imap4LocalMessage>> messages_;
   std::map<std::pair<uint32_t, uint32_t>, DeletedEntry> deleted_;
   std::map<MailFolder*, std::unique_ptr<DeletedUids>> records_;  // every folder's deletion record
   std::vector<MailFolder*> changed_;  // records to write back

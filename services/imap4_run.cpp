@@ -205,6 +205,9 @@ void Imap4Run::SynchronizeOne(Imap4FolderSync& record) {
   if (record.uid_valid != 0 && uid_validity_ != 0 && uid_validity_ != record.uid_valid) {
     r = RematchAfterUidValidityChange(record);
   }
+  // Uploads of an earlier run whose answer was lost take their UIDs first,
+  // so that they are neither downloaded nor uploaded again.
+  if (r.ok() && upload && !Stopped()) r = AdoptEarlierUploads(record);
   if (r.ok() && (download || delete_local || delete_server)) {
     service_.Report(kEventReadingFolder, {}, name);
     const uint32_t first = new_only && !delete_local && !delete_server ? std::max<uint32_t>(record.uid_next, 1) : 1;

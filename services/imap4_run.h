@@ -24,6 +24,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -99,6 +100,13 @@ class Imap4Run final : public Imap4LiteralHook {
   // UID COPY to job.copy_target's mailbox; the local message takes the new
   // key (COPYUID, else the Message-ID lookup, which selects `record` again).
   Result CopyToFolder(Imap4FolderSync& record, Imap4DownloadJob& job);
+  // Messages already in the copy targets' mailboxes above their stored
+  // uidNext (a copy of a run killed before it stored the new key), by
+  // target record id and Message-ID: UID and UIDVALIDITY. Selects each
+  // target, then `record` again.
+  using EarlierCopies = std::map<uint32_t, std::map<std::string, std::pair<uint32_t, uint32_t>>>;
+  Result FindEarlierCopies(Imap4FolderSync& record, const std::vector<Imap4DownloadJob>& jobs);
+  EarlierCopies earlier_copies_;
   // Event 13; UID STORE +FLAGS (\Deleted), UID EXPUNGE under UIDPLUS with
   // DeleteOnServer, else counted in expunge_count_. A NO is a warning.
   Result RemoveFromServer(Imap4FolderSync& record, uint32_t uid, size_t index, size_t count);
@@ -108,6 +116,12 @@ class Imap4Run final : public Imap4LiteralHook {
   // messages whose UID is no longer listed deleted here (only when the list
   // was fetched in this run), then SELECT again for the new UIDNEXT.
   Result UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool delete_local);
+  // Before the list is compared: local messages of this folder without a
+  // UID, or moved here and still keyed to another record, whose Message-ID
+  // is on the server above the stored uidNext (an upload or copy whose
+  // answer was lost) take that message's UID; the source copy of a moved
+  // one is then recorded as deleted here.
+  Result AdoptEarlierUploads(Imap4FolderSync& record);
   // The UID of the message with this Message-ID in `target`'s mailbox,
   // looked for from its stored uidNext on; 0 when not found.
   Result FindUidByMessageId(Imap4FolderSync& target, WStringView message_id, uint32_t* uid);

@@ -64,7 +64,8 @@ Result Imap4Run::FetchMessageIds(uint32_t first_uid, std::vector<Imap4IdEntry>* 
   if (r == rc::kImap4No) return rc::kOk;  // no message in that range
   if (r.failed()) return r;
   for (const Imap4FetchData& data : client_.result().fetch) {
-    if (!data.uid) continue;
+    // "first:*" also names the last message when every UID is below first.
+    if (!data.uid || *data.uid < first_uid) continue;
     const Imap4Section* head = data.Section("HEADER.FIELDS (MESSAGE-ID)");
     entries->push_back({*data.uid, data.size ? static_cast<uint32_t>(std::min<uint64_t>(*data.size, UINT32_MAX)) : 0,
                         head != nullptr ? MessageIdOf(head->bytes) : std::string()});
@@ -108,6 +109,57 @@ Result Imap4Run::FindUidByMessageId(Imap4FolderSync& target, WStringView message
   return rc::kOk;
 }
 
+Result Imap4Run::AdoptEarlierUploads(Imap4FolderSync& record) {
+  FolderFile* file = record.local_folder != nullptr ? record.local_folder->file() : nullptr;
+  if (file == nullptr || exists_ == 0) return rc::kOk;
+  if (Result r = file->LoadIndex(); r.failed()) return r;
+  // By Message-ID: messages made here, and messages moved here from
+  // another record's mailbox (still keyed there until copied).
+  std::map<std::string, MessageRecord> waiting;
+  for (MessageRecord& m : file->Messages()) {
+    if (!m.message_id.empty() && (m.imap_uid == 0 || m.server_folder != record.id)) {
+      waiting.emplace(WantedId(m.message_id), std::move(m));
+    }
+  }
+  if (waiting.empty()) return rc::kOk;
+  // An upload whose answer was lost (a run killed after APPEND) is above
+  // the stored uidNext, which is stored only when a folder run ends. So one
+  // FETCH from there finds it, and it is cheap: it reads only the messages
+  // that arrived since the last whole run of this folder, and of them only
+  // the Message-ID field; it is sent only when messages wait for upload. A
+  // UID already held here is another message's with the same Message-ID.
+  std::vector<Imap4IdEntry> entries;
+  if (Result r = FetchMessageIds(record.uid_next, &entries); r.failed()) return r;
+  const uint32_t validity = uid_validity_ != 0 ? uid_validity_ : record.uid_valid;
+  for (const Imap4IdEntry& e : entries) {
+    const auto it = waiting.find(e.message_id);
+    if (e.message_id.empty() || it == waiting.end()) continue;
+    if (const Imap4LocalMessage* held = local_.Find(record.id, e.uid);
+        held != nullptr && held->record.imap_uid_validity == validity) {
+      continue;
+    }
+    MessageRecord& m = it->second;
+    if (m.imap_uid != 0) {
+      // Copied here by a run killed before it stored the new key: the
+      // source mailbox's copy goes as if deleted here (recorded first).
+      if (Result r = local_.RecordDeleted(record.local_folder, m.server_folder, m.imap_uid, m.imap_uid_validity);
+          r.failed()) {
+        return r;
+      }
+      local_.Erase(m.server_folder, m.imap_uid);
+    }
+    m.imap_uid = e.uid;
+    m.imap_uid_validity = validity;
+    m.server_folder = record.id;
+    m.flags = (m.flags & ~msgflag::kSyncedSeen) | (m.flags & msgflag::kRead ? msgflag::kSyncedSeen : 0);
+    if (Result r = file->UpdateRecord(m); r.failed()) return r;
+    local_.Put({record.local_folder, m});
+    Log("Message " + std::to_string(m.key) + " is already on the server as UID " + std::to_string(e.uid));
+    waiting.erase(it);
+  }
+  return rc::kOk;
+}
+
 Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool delete_local) {
   FolderFile* file = record.local_folder != nullptr ? record.local_folder->file() : nullptr;
   if (file == nullptr) return rc::kOk;
@@ -131,8 +183,8 @@ Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool
   if (!unlisted.empty()) {
     // list_ leaves out messages with a missing item or the deleted flag, so
     // a message goes here only once the server confirms its UID is gone.
-    std::set<uint32_t> present;
-    if (Result r = StillOnServer(unlisted, &present); r == rc::kImap4No) {
+    std::set<uint32_t> present;  // an empty mailbox holds none of them
+    if (Result r = exists_ == 0 ? rc::kOk : StillOnServer(unlisted, &present); r == rc::kImap4No) {
       Fail(r);  // a warning; nothing is deleted here for it
       unlisted.clear();
     } else if (r.failed()) {
@@ -152,23 +204,6 @@ Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool
   }
   if (queue.empty() || Stopped()) return rc::kOk;
 
-  // An upload whose answer was lost (a run killed after APPEND) is on the
-  // server above the stored uidNext, since uidNext is stored only when a
-  // folder run ends. So one FETCH of the Message-IDs from there finds it,
-  // and it costs little: only messages that arrived since the last complete
-  // run of this folder are read, and only their Message-ID field. A UID
-  // already held here is some other message's with the same Message-ID.
-  std::map<std::string, uint32_t> earlier;
-  {
-    std::vector<Imap4IdEntry> entries;
-    if (Result r = FetchMessageIds(record.uid_next, &entries); r.failed()) return r;
-    for (const Imap4IdEntry& e : entries) {
-      const Imap4LocalMessage* held = local_.Find(record.id, e.uid);
-      if (!e.message_id.empty() && (held == nullptr || held->record.imap_uid_validity != validity)) {
-        earlier.emplace(e.message_id, e.uid);
-      }
-    }
-  }
   const bool uid_plus = client_.capabilities() & kImap4CapUidPlus;
   int64_t uploaded = 0;
   for (size_t i = 0; i < queue.size() && !Stopped(); ++i) {
@@ -182,25 +217,19 @@ Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool
       continue;
     }
     uint32_t uid = 0, uid_validity = validity;
-    if (const auto found = earlier.find(id); !id.empty() && found != earlier.end()) {
-      uid = found->second;
-      earlier.erase(found);
-      Log("Message " + std::to_string(m.key) + " is already on the server as UID " + std::to_string(uid));
-    } else {
-      std::string text;
-      if (Result r = file->ReadMessage(m.key, &text); r.failed()) return r;
-      CXmMemoryStream stream(std::move(text));
-      const double date = m.received_date != 0 ? m.received_date : m.sent_date;
-      if (Result r = client_.Append(record.ServerPath(), UploadFlags(m.flags), date, &stream, 0); r.failed()) {
-        return r;
-      }
-      ++uploaded;
-      if (const auto& appended = client_.result().append_uid; appended && appended->destination.Count() == 1) {
-        uid = appended->destination.At(0);
-        uid_validity = appended->uid_validity;
-      } else if (!id.empty()) {
-        if (Result r = FindUidByMessageId(record, m.message_id, &uid); r.failed()) return r;
-      }
+    std::string text;
+    if (Result r = file->ReadMessage(m.key, &text); r.failed()) return r;
+    CXmMemoryStream stream(std::move(text));
+    const double date = m.received_date != 0 ? m.received_date : m.sent_date;
+    if (Result r = client_.Append(record.ServerPath(), UploadFlags(m.flags), date, &stream, 0); r.failed()) {
+      return r;
+    }
+    ++uploaded;
+    if (const auto& appended = client_.result().append_uid; appended && appended->destination.Count() == 1) {
+      uid = appended->destination.At(0);
+      uid_validity = appended->uid_validity;
+    } else if (!id.empty()) {
+      if (Result r = FindUidByMessageId(record, m.message_id, &uid); r.failed()) return r;
     }
     if (uid == 0) {
       Log("Uploaded message " + std::to_string(m.key) + ": its UID is unknown");
@@ -239,22 +268,29 @@ Result Imap4Run::RematchAfterUidValidityChange(Imap4FolderSync& record) {
     if (!e.message_id.empty()) by_id.emplace(e.message_id, &e);
   }
   std::set<uint32_t> taken;
+  std::map<uint32_t, uint32_t> renamed;  // old UID -> new
   size_t matched = 0, kept = 0;
-  for (Imap4LocalMessage& m : local_.MessagesOf(record.id)) {
+  std::vector<Imap4LocalMessage> old = local_.MessagesOf(record.id);
+  // All old keys out first: a new UID may be another message's old one.
+  for (const Imap4LocalMessage& m : old) {
+    if (m.record.imap_uid_validity != validity) local_.Erase(record.id, m.record.imap_uid);
+  }
+  for (Imap4LocalMessage& m : old) {
     if (m.record.imap_uid_validity == validity) continue;
-    uint32_t uid = 0;
+    // Copies of one message share its old UID and take the same new one.
+    uint32_t uid = renamed.count(m.record.imap_uid) ? renamed[m.record.imap_uid] : 0;
     const auto [first, last] = by_id.equal_range(WantedId(m.record.message_id));
-    for (auto it = first; it != last && !m.record.message_id.empty(); ++it) {
+    for (auto it = first; it != last && uid == 0 && !m.record.message_id.empty(); ++it) {
       const Imap4IdEntry& e = *it->second;
       if (taken.count(e.uid) == 0 && (m.record.server_size == 0 || e.size == m.record.server_size)) {
         uid = e.uid;
         break;
       }
     }
-    local_.Erase(record.id, m.record.imap_uid);
     FolderFile* file = m.folder != nullptr ? m.folder->file() : nullptr;
     if (uid != 0) {
       taken.insert(uid);
+      renamed[m.record.imap_uid] = uid;
       m.record.imap_uid = uid;
       m.record.imap_uid_validity = validity;
       ++matched;

@@ -98,12 +98,13 @@ Result RemoveService(MailEngine& engine, MailService* service, bool delete_stora
   Storage* storage = &service->storage();
   Result r = service->Delete();  // deletes the service
   if (r.failed() || !delete_storage) return r;
-  // The POP3 run's records of locally deleted messages lie next to the folder files.
+  // The runs' records of locally deleted messages lie next to the folder files.
   FileSystem& fs = engine.FileOps();
   std::vector<std::pair<std::filesystem::path, std::filesystem::path>> records;  // folder file, record
   storage->ForEachFolder([&](MailFolder& folder) {
     if (folder.file_path().empty()) return;
     records.emplace_back(folder.file_path(), DeletedUids(fs, folder.file_path()).path());
+    records.emplace_back(folder.file_path(), DeletedUids(fs, folder.file_path(), kImap4DeletedSuffix).path());
   });
   r = engine.DeleteStorage(storage);
   for (const auto& [folder_file, record] : records) {

@@ -21,6 +21,8 @@ namespace trv {
 namespace {
 
 using test::MailServers;
+using Flags = std::map<std::string, uint32_t>;
+constexpr uint32_t kSeenBits = msgflag::kRead | msgflag::kSyncedSeen;
 
 std::string Text(const std::string& subject) {
   return "Subject: " + subject + "\r\nMessage-ID: <" + subject + "@two.way>\r\n\r\nbody of " + subject + "\r\n";
@@ -31,24 +33,25 @@ class Imap4TwoWayTest : public test::ServiceEngineTest {
   void SetUp() override {
     test::ServiceEngineTest::SetUp();
     TRV_REQUIRE_SERVER(MailServers::Instance().Dovecot());
-    const auto& user = MailServers::Alice();
     ServiceSettings s;
     s.service_name = u"Two";
     s.incoming.host = "127.0.0.1", s.incoming.port = MailServers::Instance().ports().imap;
-    s.incoming.user_name = user.name, s.incoming.password = user.password, s.incoming.timeout = 10;
+    s.incoming.user_name = MailServers::Alice().name, s.incoming.password = MailServers::Alice().password;
+    s.incoming.timeout = 10, s.incoming.store_password = true;
     MailService* created = nullptr;
     ASSERT_EQ(CreateService(*engine_, "IMAP4", s, &created), rc::kOk);
     service_ = static_cast<Imap4Service*>(created);
     ASSERT_EQ(server_.Connect("127.0.0.1", s.incoming.port), rc::kOk);
-    ASSERT_EQ(server_.Login(user.name, user.password), rc::kOk);
+    ASSERT_EQ(server_.Login(s.incoming.user_name, s.incoming.password), rc::kOk);
     Wipe();
   }
   void TearDown() override {
-    if (server_.connected()) Wipe();  // other tests of this binary share the account
+    if (server_.connected()) Wipe();  // the binary's other tests share the account
     test::ServiceEngineTest::TearDown();
   }
-  // Every mailbox but INBOX deleted, INBOX emptied.
+  // Every mailbox but INBOX deleted (children first), INBOX emptied.
   void Wipe() {
+    ASSERT_EQ(server_.Select(u"INBOX"), rc::kOk) << server_.lastReply();
     ASSERT_EQ(server_.List(u"", u"*"), rc::kOk);
     std::vector<WString> boxes;
     for (const Imap4ListEntry& e : server_.result().list) boxes.push_back(e.name);
@@ -56,10 +59,8 @@ class Imap4TwoWayTest : public test::ServiceEngineTest {
     for (const WString& box : boxes) {
       if (!EqualsNoCase(box, u"INBOX")) EXPECT_EQ(server_.Delete(box), rc::kOk) << server_.lastReply();
     }
-    ASSERT_EQ(server_.Select(u"INBOX"), rc::kOk);
     if (server_.mailbox().exists.value_or(0) > 0) {
       ASSERT_EQ(server_.Store(1, CImap4Client::kAll, 1, kImap4FlagDeleted, true, false), rc::kOk);
-      ASSERT_EQ(server_.Expunge(), rc::kOk);
     }
     ASSERT_EQ(server_.CloseMailbox(), rc::kOk);
   }
@@ -68,10 +69,9 @@ class Imap4TwoWayTest : public test::ServiceEngineTest {
     CXmViewStream stream(text);
     ASSERT_EQ(server_.Append(mailbox, flags, kNoDate, &stream, 0), rc::kOk) << server_.lastReply();
   }
-  // The mailbox's messages: subject -> flags, each subject once (a second
-  // copy is a failure).
-  std::map<std::string, uint32_t> Server(WStringView mailbox) {
-    std::map<std::string, uint32_t> out;
+  // The mailbox's messages, subject -> flags; a second copy is a failure.
+  Flags Server(WStringView mailbox) {
+    Flags out;
     EXPECT_EQ(server_.Examine(mailbox), rc::kOk);
     if (server_.mailbox().exists.value_or(0) == 0) return out;
     EXPECT_EQ(server_.Fetch(1, CImap4Client::kAll, "FLAGS BODY.PEEK[HEADER.FIELDS (SUBJECT)]", false), rc::kOk);
@@ -91,7 +91,7 @@ class Imap4TwoWayTest : public test::ServiceEngineTest {
     EXPECT_TRUE(f != nullptr && f->file() != nullptr && f->file()->LoadIndex().ok()) << path;
     return *f;
   }
-  // The folder's messages by subject, each subject once.
+  // The folder's messages by subject; a second copy is a failure.
   std::map<std::string, MessageRecord> Local(const std::string& path) {
     std::map<std::string, MessageRecord> out;
     for (const MessageRecord& m : Folder(path).file()->Messages()) {
@@ -101,102 +101,99 @@ class Imap4TwoWayTest : public test::ServiceEngineTest {
   }
   uint32_t RecordId(const std::string& mailbox) {
     MutexLock lock(service_->folders_mutex());
-    Imap4FolderSync* record = service_->folders().FindByServerPath(Utf8ToWide(mailbox));
-    return record != nullptr ? record->id : 0;
+    return service_->folders().FindByServerPath(Utf8ToWide(mailbox))->id;
   }
   void SetOptions(const std::string& mailbox, uint32_t sync) {
     MutexLock lock(service_->folders_mutex());
     service_->folders().FindByServerPath(Utf8ToWide(mailbox))->sync = sync;
   }
-  uint32_t AddLocal(const std::string& path, const std::string& subject, uint32_t flags) {
+  uint32_t AddLocal(const std::string& subject, uint32_t flags) {
     MessageRecord record = RecordFromMessage(Text(subject));
     record.flags |= flags;
     uint32_t key = 0;
-    EXPECT_EQ(Folder(path).file()->Append(record, Text(subject), &key), rc::kOk);
+    EXPECT_EQ(Folder("Inbox").file()->Append(record, Text(subject), &key), rc::kOk);
     return key;
+  }
+  void ExpungeOnServer(uint32_t number) {
+    ASSERT_EQ(server_.Select(u"INBOX"), rc::kOk);
+    ASSERT_EQ(server_.Store(number, number, 1, kImap4FlagDeleted, true, false), rc::kOk);
+    ASSERT_EQ(server_.Expunge(), rc::kOk);
   }
 
   Imap4Service* service_ = nullptr;
   CImap4Client server_;
 };
 
-constexpr uint32_t kSeenBits = msgflag::kRead | msgflag::kSyncedSeen;
-
 TEST_F(Imap4TwoWayTest, SeenBothWaysMovedAndDeletedHere) {
-  Append(u"INBOX", "read-here");
+  for (const char* subject : {"read-here", "moved", "moved-copied", "deleted-here"}) Append(u"INBOX", subject);
   Append(u"INBOX", "unread-there", kImap4FlagSeen);
-  Append(u"INBOX", "moved");
-  Append(u"INBOX", "deleted-here");
   ASSERT_EQ(server_.Create(u"Archive"), rc::kOk);
   Run();
   auto inbox = Local("Inbox");
-  ASSERT_EQ(inbox.size(), 4u);
+  ASSERT_EQ(inbox.size(), 5u);
   EXPECT_EQ(inbox["unread-there"].flags & kSeenBits, kSeenBits);
 
   ASSERT_EQ(Folder("Inbox").file()->SetFlags(inbox["read-here"].key, msgflag::kRead, 0), rc::kOk);
   ASSERT_EQ(server_.Select(u"INBOX"), rc::kOk);
-  ASSERT_EQ(server_.Store(inbox["unread-there"].imap_uid, inbox["unread-there"].imap_uid, 2, kImap4FlagSeen, true,
-                          true), rc::kOk);
-  ASSERT_EQ(MoveMessages(Folder("Inbox"), {inbox["moved"].key}, Folder("Archive"), nullptr), rc::kOk);
-  ASSERT_EQ(DeleteReceivedMessages(PosixFileSystem::Instance(), *Folder("Inbox").file(), *Folder("Inbox").file(),
-                                   {inbox["deleted-here"].key}), rc::kOk);
-  const auto record = Folder("Inbox").file()->path().string() + kImap4DeletedSuffix;
+  const uint32_t there = inbox["unread-there"].imap_uid, copied = inbox["moved-copied"].imap_uid;
+  ASSERT_EQ(server_.Store(there, there, 2, kImap4FlagSeen, true, true), rc::kOk);
+  ASSERT_EQ(MoveMessages(Folder("Inbox"), {inbox["moved"].key, inbox["moved-copied"].key}, Folder("Archive"), nullptr),
+            rc::kOk);
+  // Copied already by a run killed before it stored the new key.
+  ASSERT_EQ(server_.Copy(copied, copied, u"Archive", true), rc::kOk);
+  FolderFile& file = *Folder("Inbox").file();
+  ASSERT_EQ(DeleteReceivedMessages(PosixFileSystem::Instance(), file, file, {inbox["deleted-here"].key}), rc::kOk);
+  const auto record = file.path().string() + kImap4DeletedSuffix;
   EXPECT_TRUE(std::filesystem::exists(record)) << "the deletion is recorded";
 
   const std::string log = Run();
   EXPECT_NE(log.find("UID STORE " + std::to_string(inbox["read-here"].imap_uid) + " +FLAGS.SILENT (\\Seen)"),
             std::string::npos) << log;
-  EXPECT_NE(log.find("UID COPY " + std::to_string(inbox["moved"].imap_uid)), std::string::npos) << log;
+  EXPECT_NE(log.find("UID COPY " + std::to_string(inbox["moved"].imap_uid) + " Archive"), std::string::npos);
+  EXPECT_NE(log.find("is already on the server"), std::string::npos) << log;
   EXPECT_NE(log.find("UID EXPUNGE"), std::string::npos) << log;
-  EXPECT_EQ(Server(u"INBOX"), (std::map<std::string, uint32_t>{{"read-here", kImap4FlagSeen}, {"unread-there", 0}}));
-  EXPECT_EQ(Server(u"Archive"), (std::map<std::string, uint32_t>{{"moved", 0}}));
+  EXPECT_EQ(Server(u"INBOX"), (Flags{{"read-here", kImap4FlagSeen}, {"unread-there", 0}}));
+  EXPECT_EQ(Server(u"Archive"), (Flags{{"moved", 0}, {"moved-copied", 0}}));
   inbox = Local("Inbox");
   EXPECT_EQ(inbox["read-here"].flags & kSeenBits, kSeenBits);
   EXPECT_EQ(inbox["unread-there"].flags & kSeenBits, 0u);
-  const MessageRecord moved = Local("Archive")["moved"];
-  EXPECT_EQ(moved.server_folder, RecordId("Archive")) << "the copy's key names the new mailbox";
-  EXPECT_NE(moved.imap_uid, 0u);
+  for (const auto& [subject, m] : Local("Archive")) {
+    EXPECT_EQ(std::make_pair(m.server_folder, m.imap_uid != 0), std::make_pair(RecordId("Archive"), true)) << subject;
+  }
   EXPECT_FALSE(std::filesystem::exists(record)) << "done deletions are forgotten";
 
   const std::string again = Run();
   EXPECT_EQ(again.find("BODY.PEEK"), std::string::npos) << "nothing downloaded twice: " << again;
   EXPECT_EQ(again.find("UID STORE"), std::string::npos) << again;
-  EXPECT_EQ(Local("Archive").size(), 1u);
-  EXPECT_EQ(Local("Inbox").size(), 2u);
+  EXPECT_EQ(std::make_pair(Local("Archive").size(), Local("Inbox").size()), std::make_pair(size_t{2}, size_t{2}));
 }
 
 TEST_F(Imap4TwoWayTest, UploadsLostAnswersAndDeletionsOnTheServer) {
-  Append(u"INBOX", "stays");
-  Append(u"INBOX", "gone-there");
-  Append(u"INBOX", "gone-unlisted");
+  for (const char* subject : {"stays", "gone-there", "gone-unlisted"}) Append(u"INBOX", subject);
   Run();
-  AddLocal("Inbox", "made-here", msgflag::kRead);
-  const uint32_t lost = AddLocal("Inbox", "answer-lost", 0);
+  AddLocal("made-here", msgflag::kRead);
+  const uint32_t lost = AddLocal("answer-lost", 0);
   Append(u"INBOX", "answer-lost");  // uploaded by a run killed before it stored the UID
-  ASSERT_EQ(server_.Select(u"INBOX"), rc::kOk);
-  ASSERT_EQ(server_.Store(2, 2, 1, kImap4FlagDeleted, true, false), rc::kOk);
-  ASSERT_EQ(server_.Expunge(), rc::kOk);
+  ExpungeOnServer(2);
 
   std::string log = Run();
-  EXPECT_EQ(log.find("APPEND"), log.rfind("APPEND")) << "one upload: " << log;
+  EXPECT_EQ(log.find(" APPEND "), log.rfind(" APPEND ")) << "one upload: " << log;
   EXPECT_NE(log.find("is already on the server"), std::string::npos) << log;
-  EXPECT_EQ(Server(u"INBOX"), (std::map<std::string, uint32_t>{
-                                  {"stays", 0}, {"gone-unlisted", 0}, {"made-here", kImap4FlagSeen}, {"answer-lost", 0}}));
+  EXPECT_EQ(Server(u"INBOX"),
+            (Flags{{"stays", 0}, {"gone-unlisted", 0}, {"made-here", kImap4FlagSeen}, {"answer-lost", 0}}));
   auto inbox = Local("Inbox");
   EXPECT_EQ(inbox.count("gone-there"), 0u) << "DeleteOnLocal";
   for (const char* subject : {"made-here", "answer-lost"}) {
-    EXPECT_EQ(inbox[subject].server_folder, RecordId("INBOX")) << subject;
-    EXPECT_NE(inbox[subject].imap_uid, 0u) << subject;
+    EXPECT_EQ(std::make_pair(inbox[subject].server_folder, inbox[subject].imap_uid != 0),
+              std::make_pair(RecordId("INBOX"), true)) << subject;
   }
   EXPECT_EQ(inbox["answer-lost"].key, lost);
   EXPECT_EQ(inbox["made-here"].flags & kSeenBits, kSeenBits);
   log = Run();
-  EXPECT_EQ(log.find("APPEND"), std::string::npos) << "a second run uploads nothing: " << log;
+  EXPECT_EQ(log.find(" APPEND "), std::string::npos) << "a second run uploads nothing: " << log;
 
   // Without DeleteOnLocal, or with Upload alone (no list fetched), nothing goes here.
-  ASSERT_EQ(server_.Select(u"INBOX"), rc::kOk);
-  ASSERT_EQ(server_.Store(2, 2, 1, kImap4FlagDeleted, true, false), rc::kOk);
-  ASSERT_EQ(server_.Expunge(), rc::kOk);
+  ExpungeOnServer(2);
   for (const uint32_t sync : {imap4sync::kDownload | imap4sync::kUpload, imap4sync::kUpload}) {
     SetOptions("INBOX", sync);
     Run();
@@ -224,11 +221,9 @@ TEST_F(Imap4TwoWayTest, UidValidityChangeMatchesAgain) {
   EXPECT_EQ(log.find("BODY.PEEK[]"), std::string::npos) << "matched messages are not downloaded again: " << log;
   const auto box = Local("Box");
   EXPECT_EQ(box.size(), 3u);
-  EXPECT_EQ(Server(u"Box"), (std::map<std::string, uint32_t>{{"one", 0}, {"two", 0}, {"three", 0}}))
-      << "the unmatched one went up again";
-  ASSERT_EQ(server_.Examine(u"Box"), rc::kOk);
+  EXPECT_EQ(Server(u"Box"), (Flags{{"one", 0}, {"two", 0}, {"three", 0}})) << "the unmatched one went up again";
   for (const auto& [subject, m] : box) EXPECT_EQ(m.imap_uid_validity, server_.mailbox().uid_validity) << subject;
-  EXPECT_EQ(box.at("two").imap_uid, 1u);
+  EXPECT_EQ(std::make_pair(box.at("two").imap_uid, box.at("one").imap_uid), std::make_pair(1u, 2u));
 }
 
 }  // namespace
