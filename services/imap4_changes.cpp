@@ -31,6 +31,7 @@ Result Imap4Run::WriteSeenUpdates() {
   seen_updates_.clear();
   return rc::kOk;
 }
+
 Result Imap4Run::UploadSeen(Imap4DownloadJob& job) {
   Imap4LocalMessage& m = *job.local_message;
   const bool read = m.record.flags & msgflag::kRead;
@@ -167,6 +168,14 @@ Result Imap4Run::ApplyServerChanges(Imap4FolderSync& record, std::vector<Imap4Do
   if (r.ok() && !Stopped() && expunge_count_ > 0 && (record.sync & imap4sync::kDeleteOnServer)) {
     r = client_.Expunge();
     if (r.ok()) expunge_count_ = 0;
+  }
+  if (r.ok() && list_fetched_) {
+    // Entries of messages the server no longer holds (expunged elsewhere,
+    // or removed while their local copy lay unpaired) are done too. The
+    // list leaves out messages marked deleted: those are done as well.
+    std::set<uint32_t> listed;
+    for (const Imap4ServerMessage& m : list_) listed.insert(m.uid);
+    local_.ForgetDeletedNotIn(record.id, listed);
   }
   if (Result saved = local_.SaveDeleted(); saved.failed() && r.ok()) r = saved;
   return r;

@@ -5,16 +5,19 @@
 // staged with it. The batch commits every few hundred messages, 16 MiB or
 // half a second, and always before the run changes anything on the server.
 //
-// What is fetched for a job:
-//   new, whole        BODY.PEEK[]  (its header is its own start: no separate
-//                     header fetch is needed)
+// What is fetched for a job, in one UID FETCH each (the header and the body
+// items of a message travel in one command, so the header costs no round
+// trip of its own):
+//   new, whole        BODY.PEEK[HEADER] BODY.PEEK[]
 //   new, partial      BODY.PEEK[HEADER] BODY.PEEK[]<0.LoadBodySize>; the
 //                     stored text is the first LoadBodySize bytes
 //   new, header only  BODY.PEEK[HEADER] (LoadBodySize below 1)
 //   again, whole      BODY.PEEK[] into the same local message
 //   resumed           BODY.PEEK[]<held.rest>, appended to the held bytes
 // The last two rewrite an existing message (FolderFile::ReplaceMessage) and
-// hold its text in memory once; new messages are never held whole.
+// hold its text in memory once; new messages are never held whole. The
+// record's listing fields come from the header item (or, failing it, from
+// the start of the stored text).
 #include <algorithm>
 
 #include "core/message_import.h"
@@ -35,13 +38,14 @@ constexpr size_t kMaxHead = 64u << 10;  // header bytes kept for the record
 Result Imap4Run::BeginJob(Imap4DownloadJob& job) {
   auto f = std::make_unique<Fetching>();
   f->job = &job;
-  std::string items = "BODY.PEEK[]";
+  std::string items = "BODY.PEEK[HEADER] BODY.PEEK[]";
   const int64_t held = job.local_message ? job.local_message->record.size : 0;
   if (job.resume && job.local_message && held > 0 && held < job.size) {
     f->mode = Fetching::kResume;
     items = "BODY.PEEK[]<" + std::to_string(held) + "." + std::to_string(job.size - held) + ">";
   } else if (job.local_message) {
     f->mode = Fetching::kReplace;
+    items = "BODY.PEEK[]";
   } else if (job.body_limit < 1) {
     f->stored_section = "HEADER";
     f->partial = true;
@@ -102,7 +106,9 @@ bool Imap4Run::TakeLiteral(const Imap4LiteralContext& context) {
                                [&](const auto& f) { return f->tag == context.tag; });
   if (it == fetching_.end() || (*it)->stored) return false;
   Fetching& f = **it;
-  if (context.section == f.stored_section) {
+  // A resumed download takes only bytes that begin where the held ones end.
+  const uint32_t origin = f.mode == Fetching::kResume ? f.job->local_message->record.size : 0;
+  if (context.section == f.stored_section && context.origin.value_or(0) == origin) {
     StartSink(f, true, context.size).Ignore();  // a failure is kept in hook_error_
     return true;
   }

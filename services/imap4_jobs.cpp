@@ -129,6 +129,14 @@ size_t Imap4LocalIndex::ForgetDeletedOtherThan(uint32_t record_id, uint32_t vali
   return uids.size();
 }
 
+void Imap4LocalIndex::ForgetDeletedNotIn(uint32_t record_id, const std::set<uint32_t>& listed) {
+  std::vector<uint32_t> uids;
+  for (auto it = deleted_.lower_bound({record_id, 0}); it != deleted_.end() && it->first.first == record_id; ++it) {
+    if (listed.count(it->first.second) == 0) uids.push_back(it->first.second);
+  }
+  for (const uint32_t uid : uids) ForgetDeleted(record_id, uid);
+}
+
 std::vector<Imap4LocalMessage> Imap4LocalIndex::MessagesOf(uint32_t record_id) const {
   std::vector<Imap4LocalMessage> out;
   for (auto it = messages_.lower_bound({record_id, 0}); it != messages_.end() && it->first.first == record_id; ++it) {

@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -88,6 +89,9 @@ class Imap4LocalIndex {
   // Forgets every deletion entry of the record made under another
   // UIDVALIDITY; the count forgotten.
   size_t ForgetDeletedOtherThan(uint32_t record_id, uint32_t validity);
+  // Forgets the record's deletion entries whose UID `listed` (the whole
+  // list of the mailbox) does not hold: the server no longer has them.
+  void ForgetDeletedNotIn(uint32_t record_id, const std::set<uint32_t>& listed);
   // Every local message of the record, whatever its validity.
   std::vector<Imap4LocalMessage> MessagesOf(uint32_t record_id) const;
   // Drops the entry once the server no longer holds the message; written
@@ -153,7 +157,8 @@ struct Imap4PlanInput {
 };
 
 // A partially loaded message is loaded again (completed) only when the user
-// asked for the rest (services/full_download.h).
+// asked for the rest (services/full_download.h): the job is then `resume`,
+// held to LoadMaxSize but not to LoadLastDays.
 bool NeedsReload(const MessageRecord& local);
 
 // Seen state reconciled three ways (msgflag::kRead here, msgflag::kSyncedSeen
@@ -165,6 +170,12 @@ bool ReconcileSeen(bool server_seen, bool* local_read, bool* stored_seen);
 // The jobs in server order; `total_bytes` gets the sum of `size` over the
 // jobs to download. Seen changes that come from the server (no job needed
 // for them) are returned in `seen_updates` as local messages to rewrite.
+// A message counts as here when a copy of its key (under the mailbox's
+// validity) is in the record's local folder; else a copy in another folder
+// means the user moved it (remove_from_server, and copy_to_folder when that
+// folder's record uploads); else a deletion entry means remove_from_server.
+// Entries marked \Deleted on the server are skipped. rc::kInvalidArg
+// without a record.
 Result PlanImap4Jobs(const std::vector<Imap4ServerMessage>& list, const Imap4PlanInput& input,
                      const Imap4LocalIndex& local, std::vector<Imap4DownloadJob>* jobs,
                      std::vector<Imap4LocalMessage>* seen_updates, int64_t* total_bytes);

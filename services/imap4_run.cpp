@@ -241,8 +241,13 @@ void Imap4Run::SynchronizeOne(Imap4FolderSync& record) {
     if (client_.connected()) LeaveMailbox();
   }
   // Stored even after an error: they describe the mailbox as it was seen.
-  if (uid_validity_ != 0) record.uid_valid = uid_validity_;
-  if (uid_next_ != 0) record.uid_next = uid_next_;
+  // Not after the user's interruption (every step stops there), so that a
+  // folder that downloads new messages only still gets the ones not yet
+  // fetched.
+  if (!service_.interrupted() || pending_.failed()) {
+    if (uid_validity_ != 0) record.uid_valid = uid_validity_;
+    if (uid_next_ != 0) record.uid_next = uid_next_;
+  }
   list_.clear();
   record_ = nullptr;
 }

@@ -114,7 +114,8 @@ class Imap4Run final : public Imap4LiteralHook {
   // ---- imap4_upload.cpp ----
   // Step "upload and local deletion": messages without a UID uploaded,
   // messages whose UID is no longer listed deleted here (only when the list
-  // was fetched in this run), then SELECT again for the new UIDNEXT.
+  // was fetched in this run), then SELECT again for the new UIDNEXT;
+  // event 19 (count uploaded, folder name) when the step is done.
   Result UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool delete_local);
   // Before the list is compared: local messages of this folder without a
   // UID, or moved here and still keyed to another record, whose Message-ID

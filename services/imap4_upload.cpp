@@ -105,7 +105,10 @@ Result Imap4Run::FindUidByMessageId(Imap4FolderSync& target, WStringView message
       break;
     }
   }
-  if (*uid != 0) target.uid_next = client_.mailbox().uid_next.value_or(*uid + 1);
+  // Only the folder under work moves its uidNext on: another mailbox may
+  // hold new messages below its UIDNEXT that its own run has not yet seen,
+  // and a DownloadNew folder would never fetch them.
+  if (*uid != 0 && &target == record_) target.uid_next = client_.mailbox().uid_next.value_or(*uid + 1);
   return rc::kOk;
 }
 
@@ -115,9 +118,15 @@ Result Imap4Run::AdoptEarlierUploads(Imap4FolderSync& record) {
   if (Result r = file->LoadIndex(); r.failed()) return r;
   // By Message-ID: messages made here, and messages moved here from
   // another record's mailbox (still keyed there until copied).
+  // A copy made here (its original still in the source record's folder)
+  // is no move and stays keyed as it is.
+  auto moved = [&](const MessageRecord& m) {
+    const Imap4FolderSync* source = folders_ != nullptr ? folders_->FindById(m.server_folder) : nullptr;
+    return source != nullptr && local_.FindIn(m.server_folder, m.imap_uid, source->local_folder) == nullptr;
+  };
   std::map<std::string, MessageRecord> waiting;
   for (MessageRecord& m : file->Messages()) {
-    if (!m.message_id.empty() && (m.imap_uid == 0 || m.server_folder != record.id)) {
+    if (!m.message_id.empty() && (m.imap_uid == 0 || (m.server_folder != record.id && moved(m)))) {
       waiting.emplace(WantedId(m.message_id), std::move(m));
     }
   }
@@ -202,7 +211,10 @@ Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool
       Log("Deleted " + std::to_string(gone.size()) + " local messages no longer on the server");
     }
   }
-  if (queue.empty() || Stopped()) return rc::kOk;
+  if (queue.empty() || Stopped()) {
+    if (!Stopped()) service_.Report(kEventFolderUploaded, {0}, WideToUtf8(record.name));
+    return rc::kOk;
+  }
 
   const bool uid_plus = client_.capabilities() & kImap4CapUidPlus;
   int64_t uploaded = 0;
@@ -251,7 +263,7 @@ Result Imap4Run::UploadAndDeleteLocal(Imap4FolderSync& record, bool upload, bool
   exists_ = box.exists.value_or(exists_);
   uid_next_ = box.uid_next.value_or(uid_next_);
   uid_validity_ = box.uid_validity.value_or(uid_validity_);
-  if (uploaded > 0) Log("Uploaded " + std::to_string(uploaded) + " messages");
+  service_.Report(kEventFolderUploaded, {uploaded}, WideToUtf8(record.name));
   return rc::kOk;
 }
 

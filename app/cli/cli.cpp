@@ -47,6 +47,11 @@ constexpr const char* kSyncDetails =
     "are asked on the terminal (the password without echo); without a terminal such a run fails.\n"
     "SIGINT stops the runs after the current command, a second one aborts them.\n";
 
+constexpr const char* kFolderSyncDetails =
+    "PATH is the mailbox's server path as account show lists it, or its local folder's path in\n"
+    "the account's storage. The folders are known after the account's first sync. new takes only\n"
+    "messages that arrived since the last sync and goes with download.\n";
+
 std::string UsageText() {
   std::string text = "usage: trvmail-cli [--data-dir DIR] [--json] COMMAND [ARGS...]\n\ncommands:\n";
   for (const Command& c : Commands()) {
@@ -196,7 +201,8 @@ const std::vector<Command>& Commands() {
       {"account", "add|list|show|set|remove ...", "accounts: add, list, show, change and remove them", 1, kMany,
        AccountOptions(), ValidateAccount, RunAccount, true, kAccountDetails},
       {"folder-sync", "NAME PATH OPTIONS", "an IMAP4 folder's options: download, new, upload, delete-local, "
-       "delete-server (blank- or comma-separated) or none", 3, kMany, {}, ValidateFolderSync, RunFolderSync},
+       "delete-server (blank- or comma-separated) or none", 3, kMany, {}, ValidateFolderSync, RunFolderSync, false,
+       kFolderSyncDetails},
       {"compose", kComposeUsage, "a new message into the account's \"Outbox\" (or \"Drafts\")", 0, 0,
        {{"--draft"}, {"--account", "--subject", "--body-file", "--html-file", "--priority"},
         {"--to", "--cc", "--bcc", "--inline", "--attach"}},

@@ -255,7 +255,7 @@ void AddFolderRecords(Imap4Service& service, JsonWriter& json, std::string& text
     table.AddRow({server, Utf8(r.local), FolderOptionsText(r.sync), std::to_string(r.uid_next), std::to_string(r.uid_valid)});
   });
   json.EndArray();
-  text += "\n" + table.Render();
+  text += table.rows() == 0 ? "\nno folders yet: a sync lists the server's mailboxes\n" : "\n" + table.Render();
 }
 
 int RunAccountShow(CliContext& ctx, const std::string& name) {

@@ -56,8 +56,8 @@ int RunShow(CliContext& ctx, const ParsedArgs& args) {
     // On the error stream, so that --raw still gives the stored bytes alone.
     const std::string how = m->flags & msgflag::kFullDownloadRequested
                                 ? "the next sync loads the rest"
-                                : "\"fetch \"" + FolderPathText(*sel.folder) + "\" " + KeyText(key) +
-                                      "\" loads the rest at the next sync";
+                                : std::string("run: ") + kProgramName + " fetch \"" + FolderPathText(*sel.folder) +
+                                      "\" " + KeyText(key) + " (the next sync loads the rest)";
     std::fprintf(ctx.err, "%s: message %s is partially loaded (%u of %u bytes); %s\n", kProgramName, what.c_str(),
                  m->size, m->server_size, how.c_str());
   }
@@ -79,8 +79,9 @@ int RunRemove(CliContext& ctx, const ParsedArgs& args) {
   const std::string path = FolderPathText(*sel.folder);
   const size_t n = sel.keys.size();
   if (args.has("--purge") || sel.folder->kind() == kFolderDeleted) {
-    // Messages downloaded by POP3 are remembered as deleted here, so that
-    // the next run neither downloads them again nor forgets the delete rules.
+    // Messages downloaded by POP3 or IMAP4 are remembered as deleted here, so
+    // that the next run neither downloads them again nor forgets the delete
+    // rules (IMAP4: removes them from the server).
     MailFolder* inbox = sel.folder->storage().SpecialFolder(kFolderInbox);
     const Result r = inbox != nullptr && inbox->available()
                          ? DeleteReceivedMessages(ctx.engine->FileOps(), *inbox->file(), *sel.file, sel.keys)

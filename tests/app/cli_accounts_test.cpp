@@ -169,7 +169,6 @@ TEST_F(CliAccountsTest, FolderSyncSetsTheOptionsThatAccountShowLists) {
       {{"Nope", "upload"}, 1, "no folder \"Nope\" in account \"Mail\"; `sync` lists the server's folders first"},
       {{"INBOX", "new"}, 2, "give it with \"download\""},
       {{"INBOX", "none,upload"}, 2, "\"none\" alone"},
-      {{"INBOX", "downlaod"}, 2, "not \"downlaod\""},
   };
   for (const auto& [words, status, says] : runs) {
     std::vector<std::string> args = {"folder-sync", "Mail"};

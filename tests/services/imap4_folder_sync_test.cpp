@@ -6,8 +6,7 @@
 #include "net/imap4_records.h"
 #include "tests/services/service_fixture.h"
 
-// Records and entries are written with designated initializers; the fields
-// left out keep their defaults, which is the point.
+// Fields left out of the designated initializers below keep their defaults.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
 namespace trv {
@@ -24,10 +23,7 @@ Imap4FolderSync& Add(Imap4FolderSync& parent, Imap4FolderSync record) {
 
 TEST(Imap4FolderTreeTest, SectionTextAndRoundTrip) {
   const std::string head = "[Folder.{0a1b2c3d-0000-4e5f-8a9b-0c1d2e3f4a5b}.";
-  struct {
-    Imap4FolderSync record;
-    std::string text;
-  } cases[] = {
+  struct Case { Imap4FolderSync record; std::string text; } cases[] = {
       {{.id = 7, .name = u"Work", .local = u"Work", .sync = 4, .uid_next = 12},
        head + "00000007]\nName=" + kMark + "Work\r\nSp=" + kMark + "\r\nLocal=" + kMark +
            "Work\r\nSync=4\r\nUIDNext=12\r\nUIDValid=0\r\nAttr=0\r\n"},
