@@ -1,5 +1,6 @@
-// log [--tail N]: the activity log of the data directory, line ends made
-// "\n". The log holds this run's own start-up line too.
+// log [--tail N]: the activity log of the data directory, the rotated-out
+// part (TarvoMail.bak) first, line ends made "\n". The log holds this run's
+// own start-up line too.
 #include <charconv>
 
 #include "app/cli/commands.h"
@@ -24,9 +25,17 @@ bool ValidateLog(const ParsedArgs& args, std::string* error) {
 }
 
 int RunLog(CliContext& ctx, const ParsedArgs& args) {
-  const std::filesystem::path path = ctx.engine->data_directory() / ActivityLog::kFileName;
+  const std::filesystem::path dir = ctx.engine->data_directory();
   std::string bytes;
-  if (Result r = ReadWholeFile(path, &bytes); r.failed()) return Fail(ctx, "cannot read " + path.string(), r);
+  // The older part is there only after the log grew past its bound once.
+  if (const std::filesystem::path bak = dir / ActivityLog::kBackupName; ReadWholeFile(bak, &bytes).failed()) {
+    bytes.clear();
+  }
+  std::string current;
+  const std::filesystem::path path = dir / ActivityLog::kFileName;
+  if (Result r = ReadWholeFile(path, &current); r.failed()) return Fail(ctx, "cannot read " + path.string(), r);
+  if (!bytes.empty() && bytes.back() != '\n') bytes += '\n';
+  bytes += current;
   std::vector<std::string_view> lines;
   for (std::string_view rest = bytes; !rest.empty();) {
     const size_t lf = rest.find('\n');

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "services/mail_service.h"
+#include "services/run_trust.h"
 
 namespace trv::cli {
 
@@ -36,20 +37,24 @@ std::string EventText(const SyncEvent& e) {
   }
 }
 
-// A line from the terminal without its line end; false at the end of input.
-bool ReadLine(std::string* line, bool echo) {
+// Shows `prompt` and reads a line from the terminal without its line end;
+// false at the end of input. Echo goes off before the prompt shows, and
+// without flushing, so an answer typed ahead is neither shown nor lost.
+bool ReadLine(const char* prompt, std::string* line, bool echo) {
   termios saved{};
   const bool quiet = !echo && ::tcgetattr(STDIN_FILENO, &saved) == 0;
   if (quiet) {
     termios off = saved;
     off.c_lflag &= ~static_cast<tcflag_t>(ECHO);
-    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &off);
+    ::tcsetattr(STDIN_FILENO, TCSANOW, &off);
   }
+  std::fputs(prompt, stderr);
+  std::fflush(stderr);
   line->clear();
   int c = 0;
   while ((c = std::fgetc(stdin)) != EOF && c != '\n') line->push_back(static_cast<char>(c));
   if (quiet) {
-    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+    ::tcsetattr(STDIN_FILENO, TCSANOW, &saved);
     std::fputs("\n", stderr);
   }
   return c != EOF || !line->empty();
@@ -92,8 +97,12 @@ void SyncConsole::OnSyncEvent(MailService& service, const SyncEvent& event) {
   if (event.code != kEventRunFinished) return;
   if (summaries_) {
     const Result r = service.pending_error();
-    std::fprintf(ctx_.out, "%s%s\n", summary.c_str(),
-                 r.failed() ? ("; ended with " + ResultHex(r) + " " + ResultText(r)).c_str() : "");
+    std::string end;
+    if (r.failed()) {
+      const std::string refusal = RunRefusalText(service, r);
+      end = "; ended with " + ResultHex(r) + " " + ResultText(r) + (refusal.empty() ? "" : " (" + refusal + ")");
+    }
+    std::fprintf(ctx_.out, "%s%s\n", summary.c_str(), end.c_str());
     std::fflush(ctx_.out);
   }
   finished_.fetch_add(1);
@@ -109,23 +118,17 @@ bool SyncConsole::AskCredentials(MailService& service, CredentialsFor which, Cre
   }
   const ServiceSettings s = service.settings();
   const ProtocolSettings& p = which == CredentialsFor::kSmtp ? s.smtp : s.incoming;
-  std::fprintf(stderr, "account \"%s\" (%s %s:%d) needs a user name and password\nuser name [%s]: ",
+  std::fprintf(stderr, "account \"%s\" (%s %s:%d) needs a user name and password\n",
                service.DisplayName().c_str(), which == CredentialsFor::kSmtp ? "SMTP" : service.ServiceClass(),
-               p.host.c_str(), p.port, credentials.user_name.c_str());
-  std::fflush(stderr);
+               p.host.c_str(), p.port);
   std::string user;
   std::string answer;
-  bool ok = ReadLine(&user, true);
-  if (ok) {
-    std::fputs("password: ", stderr);
-    std::fflush(stderr);
-    ok = ReadLine(&credentials.password, false) && !credentials.password.empty();
-  }
+  bool ok = ReadLine(("user name [" + credentials.user_name + "]: ").c_str(), &user, true);
+  ok = ok && ReadLine("password: ", &credentials.password, false) && !credentials.password.empty();
   if (ok) {
     if (!user.empty()) credentials.user_name = user;
-    std::fputs("keep the password in the settings file (enciphered)? [y/N]: ", stderr);
-    std::fflush(stderr);
-    credentials.save = ReadLine(&answer, true) && (answer == "y" || answer == "Y" || answer == "yes");
+    credentials.save = ReadLine("keep the password in the settings file (enciphered)? [y/N]: ", &answer, true) &&
+                       (answer == "y" || answer == "Y" || answer == "yes");
   }
   MutexLock lock(mu_);
   asking_ = false;

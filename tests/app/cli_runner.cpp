@@ -33,9 +33,18 @@ void CliTestBase::Enter() {
   for (const std::string& e : Environment()) ::putenv(::strdup(e.c_str()));
 }
 
-pid_t CliTestBase::Start(const std::vector<std::string>& args, int* input) {
-  int fds[2];
-  if (::pipe2(fds, O_CLOEXEC) != 0) return -1;
+pid_t CliTestBase::Start(const std::vector<std::string>& args, int* input, bool terminal) {
+  int fds[2];  // [0] the child's side, [1] ours
+  if (terminal) {
+    fds[1] = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (fds[1] < 0 || ::grantpt(fds[1]) != 0 || ::unlockpt(fds[1]) != 0 ||
+        (fds[0] = ::open(::ptsname(fds[1]), O_RDWR | O_NOCTTY | O_CLOEXEC)) < 0) {
+      if (fds[1] >= 0) ::close(fds[1]);
+      return -1;
+    }
+  } else if (::pipe2(fds, O_CLOEXEC) != 0) {
+    return -1;
+  }
   std::vector<std::string> argv = {TRVMAIL_CLI_PATH}, env = Environment();
   argv.insert(argv.end(), args.begin(), args.end());
   std::vector<char*> argp, envp;
@@ -48,7 +57,9 @@ pid_t CliTestBase::Start(const std::vector<std::string>& args, int* input) {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int out = ::open(OutPath(::getpid(), "out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
     const int err = ::open(OutPath(::getpid(), "err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    if (out < 0 || err < 0 || ::dup2(fds[0], 0) < 0 || ::dup2(out, 1) < 0 || ::dup2(err, 2) < 0) ::_exit(126);
+    if (out < 0 || err < 0 || ::dup2(fds[0], 0) < 0 || ::dup2(out, 1) < 0 || ::dup2(terminal ? fds[0] : err, 2) < 0) {
+      ::_exit(126);
+    }
     ::execve(argp[0], argp.data(), envp.data());
     ::_exit(127);
   }

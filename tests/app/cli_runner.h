@@ -16,6 +16,8 @@
 
 namespace trv::test {
 
+inline bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+
 struct CliRun {
   int status = -1;  // exit status; -1 when killed by a signal or not started
   std::string out;
@@ -42,8 +44,11 @@ class CliTestBase : public ::testing::Test {
   JsonList List(const std::string& folder) { return Json(Ok({"--json", "list", folder}).out); }
 
   // Starts a run whose standard input is a pipe; `*input` is its write end,
-  // for the caller to close. Returns -1 when no process could be started.
-  pid_t Start(const std::vector<std::string>& args, int* input);
+  // for the caller to close. With `terminal`, standard input and standard
+  // error are a pseudo-terminal instead and `*input` its controlling side
+  // (read the prompts from it, write the answers). Returns -1 when no
+  // process could be started.
+  pid_t Start(const std::vector<std::string>& args, int* input, bool terminal = false);
   // Waits for a started run.
   CliRun Wait(pid_t pid);
   // Sets the sandbox's environment in the test process too (for code that

@@ -23,8 +23,6 @@ namespace {
 
 constexpr const char* kInbox = "Local Folders/Inbox";
 
-bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
-
 class CliTest : public CliTestBase {
  protected:
   std::filesystem::path File(const std::string& name, const std::string& bytes) {

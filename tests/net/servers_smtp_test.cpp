@@ -4,9 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <fstream>
-#include <iterator>
-#include <thread>
 
 #include "net/smtp_client.h"
 #include "tests/net/net_test_util.h"
@@ -91,15 +88,7 @@ TEST(SmtpServersTest, MessageArrivesByteForByte) {
   ASSERT_EQ(c.Data(stream, 0), rc::kOk) << c.last_reply();
   EXPECT_EQ(c.Quit(), rc::kOk);
 
-  std::string stored;
-  for (int tries = 0; tries < 300 && stored.empty(); ++tries) {
-    for (const auto& path : servers.Messages(MailServers::Alice().name)) {
-      std::ifstream in(path, std::ios::binary);
-      const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-      if (text.find("X-Test: " + marker) != std::string::npos) stored = text;
-    }
-    if (stored.empty()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
+  const std::string stored = servers.WaitForMessage(MailServers::Alice().name, "X-Test: " + marker);
   ASSERT_FALSE(stored.empty()) << "not delivered within 30 s";
   const size_t body = stored.find("\n\n", stored.find("X-Test: " + marker));
   ASSERT_NE(body, std::string::npos);

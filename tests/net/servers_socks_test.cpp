@@ -1,5 +1,6 @@
 // SOCKS 4, 4A and 5 through real proxies (Dante, microsocks, ssh -D) to the
-// real Dovecot's POP3 port, whose greeting proves the tunnel.
+// real Dovecot's POP3 port, whose greeting proves the tunnel. The refusals
+// (reply codes, methods, wrong passwords) are socks_test's, byte for byte.
 #include <gtest/gtest.h>
 
 #include "net/mail_socket.h"
@@ -32,7 +33,6 @@ TEST(RealSocksTest, ToDovecotThroughEachProxy) {
   const test::MailUser& du = MailServers::DanteUser();
   const test::MailUser& mu = MailServers::MicrosocksUser();
   test::NetworkWithout no_localhost({"localhost"});
-  const test::LoopbackPort closed(test::LoopbackPort::kRefused);
   struct Row {
     const char* name;
     const test::ServerStatus& status;
@@ -46,21 +46,13 @@ TEST(RealSocksTest, ToDovecotThroughEachProxy) {
       {"Dante, SOCKS 4", dante, {kSocks4, p.dante}, "127.0.0.1", p.pop3, nullptr, rc::kOk},
       {"Dante, SOCKS 4, name not resolvable here", dante, {kSocks4, p.dante}, "localhost", p.pop3, &no_localhost,
        rc::kSockHostNotFound},
-      {"Dante, SOCKS 4, refused target", dante, {kSocks4, p.dante}, "127.0.0.1", closed.port(), nullptr,
-       rc::kSocksGeneralFailure},
       {"Dante, SOCKS 5", dante, {kSocks5, p.dante}, "127.0.0.1", p.pop3, nullptr, rc::kOk},
       {"Dante, SOCKS 5, name sent to the proxy", dante, {kSocks5, p.dante}, "localhost", p.pop3, &no_localhost,
        rc::kOk},
       {"Dante, SOCKS 5, user and password", dante, {kSocks5, p.dante, true, du.name, du.password}, "127.0.0.1",
        p.pop3, nullptr, rc::kOk},
-      {"Dante, SOCKS 5, wrong password", dante, {kSocks5, p.dante, true, du.name, "wrong"}, "127.0.0.1", p.pop3,
-       nullptr, rc::kSocksAuthRefused},
-      {"Dante, SOCKS 5, refused target", dante, {kSocks5, p.dante}, "127.0.0.1", closed.port(), nullptr,
-       Result(0x80C10005)},
       {"microsocks, user and password", microsocks, {kSocks5, p.microsocks_auth, true, mu.name, mu.password},
        "localhost", p.pop3, nullptr, rc::kOk},
-      {"microsocks, no credentials offered", microsocks, {kSocks5, p.microsocks_auth}, "localhost", p.pop3, nullptr,
-       rc::kSocksNoMethod},
       {"ssh, SOCKS 4", ssh, {kSocks4, p.ssh_socks}, "127.0.0.1", p.pop3, nullptr, rc::kOk},
       // 4A with a name the client resolves sends the address, as SOCKS 4 does.
       {"ssh, SOCKS 4A, name resolved here", ssh, {kSocks4A, p.ssh_socks}, "localhost", p.pop3, nullptr, rc::kOk},

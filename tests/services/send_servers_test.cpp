@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 
 #include "tests/net/net_test_util.h"
 #include "tests/services/service_fixture.h"
@@ -25,18 +24,6 @@ struct Prompt final : CredentialsPrompt {
     return !answer.empty();
   }
 };
-
-// The message file holding `marker` in the user's maildir; "" after 30 s.
-std::string Delivered(const std::string& user, const std::string& marker) {
-  for (int tries = 0; tries < 300; ++tries) {
-    for (const auto& path : MailServers::Instance().Messages(user)) {
-      std::string text = test::ReadFile(path);
-      if (text.find("Subject: " + marker) != std::string::npos) return text;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
-  return "";
-}
 
 class SendServersTest : public test::SendFixture {};
 
@@ -107,7 +94,7 @@ TEST_F(SendServersTest, EachModeAndTransportDeliversTheTextWithoutHiddenFields) 
     EXPECT_EQ(Folder(kFolderSent).back().flags & (msgflag::kSent | msgflag::kUnsent), msgflag::kSent);
     EXPECT_TRUE(row.prompt.empty() || service_->settings().smtp.password == row.prompt);  // kept for later runs
     for (const std::string user : {"alice", "bob"}) {
-      const std::string got = Delivered(user, marker);
+      const std::string got = MailServers::Instance().WaitForMessage(user, "Subject: " + marker);
       const size_t body = got.find("\n\n");
       ASSERT_NE(body, std::string::npos) << user << " got nothing";
       EXPECT_EQ(got.substr(body), "\n\n.\n..two\n.x\nend\n");

@@ -120,22 +120,28 @@ class Imap4TwoWayTest : public test::ServiceEngineTest {
 };
 
 TEST_F(Imap4TwoWayTest, SeenBothWaysMovedAndDeletedHere) {
-  for (const char* subject : {"read-here", "moved", "moved-copied", "deleted-here"}) Append(u"INBOX", subject);
+  for (const char* subject : {"read-here", "moved", "moved-copied", "copied-later", "deleted-here"}) {
+    Append(u"INBOX", subject);
+  }
   Append(u"INBOX", "unread-there", kImap4FlagSeen);
-  ASSERT_EQ(server_.Create(u"Archive"), rc::kOk);
+  ASSERT_EQ(server_.Create(u"Archive"), rc::kOk);  // synchronized before INBOX, INBOX.Later after it
+  ASSERT_EQ(server_.Create(u"INBOX.Later"), rc::kOk);
   Run();
   auto inbox = Local("Inbox");
-  ASSERT_EQ(inbox.size(), 5u);
+  ASSERT_EQ(inbox.size(), 6u);
   EXPECT_EQ(inbox["unread-there"].flags & kSeenBits, kSeenBits);
 
   ASSERT_EQ(Folder("Inbox").file()->SetFlags(inbox["read-here"].key, msgflag::kRead, 0), rc::kOk);
   ASSERT_EQ(server_.Select(u"INBOX"), rc::kOk);
-  const uint32_t there = inbox["unread-there"].imap_uid, copied = inbox["moved-copied"].imap_uid;
+  const uint32_t there = inbox["unread-there"].imap_uid, copied = inbox["moved-copied"].imap_uid,
+                 later = inbox["copied-later"].imap_uid;
   ASSERT_EQ(server_.Store(there, there, 2, kImap4FlagSeen, true, true), rc::kOk);
   ASSERT_EQ(MoveMessages(Folder("Inbox"), {inbox["moved"].key, inbox["moved-copied"].key}, Folder("Archive"), nullptr),
             rc::kOk);
+  ASSERT_EQ(MoveMessages(Folder("Inbox"), {inbox["copied-later"].key}, Folder("Inbox/Later"), nullptr), rc::kOk);
   // Copied already by a run killed before it stored the new key.
   ASSERT_EQ(server_.Copy(copied, copied, u"Archive", true), rc::kOk);
+  ASSERT_EQ(server_.Copy(later, later, u"INBOX.Later", true), rc::kOk);
   FolderFile& file = *Folder("Inbox").file();
   ASSERT_EQ(DeleteReceivedMessages(PosixFileSystem::Instance(), file, file, {inbox["deleted-here"].key}), rc::kOk);
   const auto record = file.path().string() + kImap4DeletedSuffix;
@@ -146,21 +152,26 @@ TEST_F(Imap4TwoWayTest, SeenBothWaysMovedAndDeletedHere) {
             std::string::npos) << log;
   EXPECT_NE(log.find("UID COPY " + std::to_string(inbox["moved"].imap_uid) + " Archive"), std::string::npos);
   EXPECT_NE(log.find("is already on the server"), std::string::npos) << log;
+  EXPECT_NE(log.find("is already in INBOX.Later"), std::string::npos) << log;
   EXPECT_NE(log.find("UID EXPUNGE"), std::string::npos) << log;
   EXPECT_EQ(Server(u"INBOX"), (Flags{{"read-here", kImap4FlagSeen}, {"unread-there", 0}}));
   EXPECT_EQ(Server(u"Archive"), (Flags{{"moved", 0}, {"moved-copied", 0}}));
+  EXPECT_EQ(Server(u"INBOX.Later"), (Flags{{"copied-later", 0}}));
   inbox = Local("Inbox");
   EXPECT_EQ(inbox["read-here"].flags & kSeenBits, kSeenBits);
   EXPECT_EQ(inbox["unread-there"].flags & kSeenBits, 0u);
-  for (const auto& [subject, m] : Local("Archive")) {
-    EXPECT_EQ(std::make_pair(m.server_folder, m.imap_uid != 0), std::make_pair(Record("Archive").id, true)) << subject;
+  for (const auto& [box, path] : {std::pair{"Archive", "Archive"}, {"INBOX.Later", "Inbox/Later"}}) {
+    for (const auto& [subject, m] : Local(path)) {
+      EXPECT_EQ(std::make_pair(m.server_folder, m.imap_uid != 0), std::make_pair(Record(box).id, true)) << subject;
+    }
   }
   EXPECT_FALSE(std::filesystem::exists(record)) << "done deletions are forgotten";
 
   const std::string again = Run();
   EXPECT_EQ(again.find("BODY.PEEK"), std::string::npos) << "nothing downloaded twice: " << again;
   EXPECT_EQ(again.find("UID STORE"), std::string::npos) << again;
-  EXPECT_EQ(std::make_pair(Local("Archive").size(), Local("Inbox").size()), std::make_pair(size_t{2}, size_t{2}));
+  EXPECT_EQ(std::make_tuple(Local("Archive").size(), Local("Inbox/Later").size(), Local("Inbox").size()),
+            std::make_tuple(size_t{2}, size_t{1}, size_t{2}));
 }
 
 TEST_F(Imap4TwoWayTest, UploadsLostAnswersAndDeletionsOnTheServer) {

@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <functional>
+#include <thread>
 
 #include "tests/support/process.h"
 
@@ -156,6 +157,16 @@ std::vector<fs::path> MailServers::Messages(const std::string& user) {
     for (const auto& e : fs::directory_iterator(maildir / sub, ec)) files.push_back(e.path());
   }
   return files;
+}
+
+std::string MailServers::WaitForMessage(const std::string& user, const std::string& part) {
+  for (int tries = 0; tries < 300; ++tries) {
+    for (const fs::path& path : Messages(user)) {
+      if (std::string text = ReadFile(path); text.find(part) != std::string::npos) return text;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return "";
 }
 
 // Dovecot

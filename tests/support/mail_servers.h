@@ -88,6 +88,9 @@ class MailServers {
   std::filesystem::path Maildir(const std::string& user);
   // The message files in Maildir/new and cur.
   std::vector<std::filesystem::path> Messages(const std::string& user);
+  // The text of a message of the user's that holds `part`, waiting for its
+  // delivery; "" after 30 s.
+  std::string WaitForMessage(const std::string& user, const std::string& part);
 
  private:
   static inline const MailUser kAlice{"alice", "alice-secret"};
