@@ -97,11 +97,20 @@ TEST_F(CliImap4CrashTest, KilledSyncsLeaveEveryMessageOnceHereAndThere) {
   TRV_REQUIRE_SERVER(servers.Dovecot());
   const MailUser& alice = MailServers::Alice();
   const fs::path maildir = servers.Maildir(alice.name), drafts_dir = maildir / ".Drafts";
-  for (const auto& p : servers.Messages(alice.name)) fs::remove(p);
+  // The binary's tests share one Dovecot: Alice's mail goes before and after.
+  struct Emptied {
+    MailServers& servers;
+    fs::path drafts;
+    void Empty() {
+      for (const auto& p : servers.Messages(MailServers::Alice().name)) fs::remove(p);
+      fs::remove_all(drafts);
+    }
+    ~Emptied() { Empty(); }
+  } emptied{servers, drafts_dir};
+  emptied.Empty();
   // A Drafts mailbox on the server, owned as Dovecot's other folders are.
   struct stat owner{};
   ASSERT_EQ(::stat(maildir.c_str(), &owner), 0);
-  fs::remove_all(drafts_dir);
   for (const fs::path& p : {drafts_dir, drafts_dir / "cur", drafts_dir / "new", drafts_dir / "tmp"}) {
     fs::create_directories(p);
     ASSERT_EQ(::chown(p.c_str(), owner.st_uid, owner.st_gid), 0);
