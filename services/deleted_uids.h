@@ -17,10 +17,10 @@
 // How a deletion gets here: an explicit call, DeleteReceivedMessages, which
 // whoever deletes for good messages of a storage that receives (POP3 or
 // IMAP4) uses instead of FolderFile's Delete (the command line's rm does,
-// from any folder: a message moved out of the inbox keeps its UID). A message that
-// is only moved, into "Deleted" or elsewhere, needs no entry: the run finds
-// it in the storage's folders. The record is written before the
-// messages are deleted, so a crash in between leaves a local copy that is
+// from any folder: a message moved out of the inbox keeps its UID). A
+// message that is only moved, into "Deleted" or elsewhere, needs no entry:
+// the run finds it in the storage's folders. The record is written before
+// the messages are deleted, so a crash in between leaves a local copy that is
 // also recorded (it is not downloaded again, and goes on the server by the
 // rules), never a message that the next run downloads again.
 //

@@ -7,7 +7,6 @@
 #include <algorithm>
 
 #include "core/engine.h"
-#include "net/socket_errors.h"
 #include "services/run_log.h"
 #include "services/run_trust.h"
 #include "store/mail_folder.h"
@@ -57,60 +56,16 @@ void Imap4Run::LogHeader() {
       " BodySize: " + std::to_string(s_.load_body_size));
 }
 
-void Imap4Run::LogTlsStatus() {
-  if (client_.tls_failed()) {
-    Log("IMAP4 SSL status: " + ResultText(SecureTransportError(client_.last_tls_error())));
-  }
-}
-
 Result Imap4Run::ConnectAndLogin() {
-  const ProtocolSettings& p = s_.incoming;
-  ApplyConnectionSettings(p, client_);
-  client_.SetCertificateDecider(service_.certificate_decider());
   client_.AddLineListener(&line_log_);
-  if (p.use_ssl && !p.ssl_explicit) client_.SetPlainMode(false).Ignore();  // stored before Connect: no failure
-  Credentials credentials{p.user_name, p.password, false};
-  CredentialsPrompt* prompt = service_.credentials_prompt();
-  if (credentials.password.empty() && prompt != nullptr &&
-      !prompt->AskCredentials(service_, CredentialsFor::kIncoming, credentials)) {
-    return rc::kAbort;
-  }
-  service_.SetCurrentClient(&client_);
-  service_.Report(kEventConnecting, {}, p.host);
-  Result r = client_.Connect(p.host, static_cast<uint16_t>(std::clamp(p.port, 0, 65535)));
-  LogTlsStatus();
-  if (r.failed()) return r;
-  std::string local;
-  client_.GetLocalAddress(&local).Ignore();  // "(unknown)" is logged then
-  Log("Local address: " + local);
-  service_.Report(kEventConnected);
-  if (service_.interrupted()) return rc::kAbort;
-  if (p.use_ssl && p.ssl_explicit) {
-    service_.Report(kEventStartingTls);
-    r = client_.StartTls();
-    LogTlsStatus();
-    if (r.failed()) return r;
-  }
-  service_.Report(kEventAuthenticating);
-  if (!client_.authenticated()) {
-    for (int attempt = 0;; ++attempt) {
-      r = client_.Login(credentials.user_name, credentials.password);
-      if (r != rc::kImap4No || prompt == nullptr || attempt > 0) break;
-      if (!prompt->AskCredentials(service_, CredentialsFor::kIncoming, credentials)) return rc::kAbort;
-    }
-    if (r.failed()) return r;
-  }
-  if (credentials.password != p.password || credentials.user_name != p.user_name) {
-    ServiceSettings changed = service_.settings();
-    changed.incoming.user_name = credentials.user_name;
-    changed.incoming.password = credentials.password;
-    changed.incoming.store_password = credentials.save;
-    service_.SetSettings(changed);
-    if (credentials.save) service_.Save().Ignore();  // the run goes on; the next one asks again
-  }
-  service_.SetStatus(kStatusReady);
-  service_.Report(kEventReady);
-  return service_.interrupted() ? rc::kAbort : rc::kOk;
+  return service_.ConnectIncoming(client_, "IMAP4",
+                                  {[&] { return client_.StartTls(); },
+                                   [&](const Credentials& c) {
+                                     // A PREAUTH greeting needs no login.
+                                     return client_.authenticated() ? rc::kOk
+                                                                    : client_.Login(c.user_name, c.password);
+                                   },
+                                   rc::kImap4No});
 }
 
 Result Imap4Run::RefreshFolders() {
@@ -204,6 +159,12 @@ void Imap4Run::SynchronizeOne(Imap4FolderSync& record) {
   const bool delete_server = record.sync & imap4sync::kDeleteOnServer;
   if (record.uid_valid != 0 && uid_validity_ != 0 && uid_validity_ != record.uid_valid) {
     r = RematchAfterUidValidityChange(record);
+  } else if (uid_next_ != 0 && uid_next_ < record.uid_next) {
+    // A broken server: new messages would come below the stored value and
+    // never be listed. The server's value stands from now on.
+    Log("Warning: folder " + name + ": UIDNEXT went back from " + std::to_string(record.uid_next) + " to " +
+        std::to_string(uid_next_));
+    record.uid_next = uid_next_;
   }
   // Uploads of an earlier run whose answer was lost take their UIDs first,
   // so that they are neither downloaded nor uploaded again.

@@ -57,7 +57,6 @@ class Imap4Run final : public Imap4LiteralHook {
   // ---- imap4_run.cpp ----
   void Log(const std::string& line);
   void LogHeader();
-  void LogTlsStatus();
   // The pending error or the user's interruption: every step checks it.
   bool Stopped() const;
   // Logs the error line of the run (account, host, port, last reply, code)

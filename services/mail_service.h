@@ -17,9 +17,11 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <functional>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "base/guid.h"
@@ -182,6 +184,21 @@ class MailService : public EngineService {
   void SetPendingError(Result r) { pending_error_.store(r.code()); }
   void SetStatus(uint32_t status) { status_.store(status); }
   bool terminated() const { return terminated_.load(); }
+  // The receiving runs' way in (services/incoming_login.cpp): asks for
+  // credentials when none are stored, connects (events 1 and 2, "Local
+  // address: "), STARTTLS when the settings say so (event 16), logs in
+  // (event 5), asking once more when the login returns `refused`, keeps the
+  // credentials a prompt brought (saved when the user said so; the caller
+  // must not hold a lock that Save takes), then status ready and event 6.
+  // A TLS failure adds "<protocol> SSL status: ". rc::kAbort when the prompt
+  // was cancelled or the user interrupted. The client is the current one
+  // from the connection on.
+  struct IncomingLogin {
+    std::function<Result()> start_tls;
+    std::function<Result(const Credentials&)> login;
+    Result refused;
+  };
+  Result ConnectIncoming(CMailSocket& client, std::string_view protocol, const IncomingLogin& steps);
   // Reads the protocol block of the incoming protocol (Pop3Service,
   // Imap4Service) from / into the section.
   virtual void LoadIncoming(Settings& settings, const std::string& section, ServiceSettings& s) = 0;

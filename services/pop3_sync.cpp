@@ -17,7 +17,6 @@
 #include "core/message_import.h"
 #include "net/line_log.h"
 #include "net/pop3_client.h"
-#include "net/socket_errors.h"
 #include "services/deleted_uids.h"
 #include "services/pop3_jobs.h"
 #include "services/pop3_service.h"
@@ -77,7 +76,6 @@ class Pop3Run final : public Pop3LineHandler {
  private:
   void Log(const std::string& line) { service_.log().Log(line); }
   void LogHeader();
-  void LogTlsStatus();
   Result ConnectAndLogin();
   // The message's text into text_ by RETR, or TOP n lines.
   Result Fetch(int32_t number, bool whole, uint32_t lines);
@@ -133,62 +131,18 @@ void Pop3Run::LogHeader() {
       " BodySize: " + std::to_string(s_.load_body_size));
 }
 
-void Pop3Run::LogTlsStatus() {
-  if (client_.tls_failed()) {
-    Log("POP3 SSL status: " + ResultText(SecureTransportError(client_.last_tls_error())));
-  }
-}
-
 Result Pop3Run::ConnectAndLogin() {
-  const ProtocolSettings& p = s_.incoming;
-  ApplyConnectionSettings(p, client_);
-  client_.SetCertificateDecider(service_.certificate_decider());
   client_.SetLogMask(kPop3InitialLogMask);
   client_.AddLineListener(&line_log_);
   client_.SetLineHandler(this);
-  client_.SetUseSasl(p.use_sasl);
-  if (p.use_ssl && !p.ssl_explicit) client_.SetPlainMode(false).Ignore();  // stored before Connect: no failure
-  Credentials credentials{p.user_name, p.password, false};
-  CredentialsPrompt* prompt = service_.credentials_prompt();
-  if (credentials.password.empty() && prompt != nullptr &&
-      !prompt->AskCredentials(service_, CredentialsFor::kIncoming, credentials)) {
-    return rc::kAbort;
-  }
-  service_.SetCurrentClient(&client_);
-  service_.Report(kEventConnecting, {}, p.host);
-  Result r = client_.Connect(p.host, static_cast<uint16_t>(std::clamp(p.port, 0, 65535)));
-  LogTlsStatus();
-  if (r.failed()) return r;
-  std::string local;
-  client_.GetLocalAddress(&local).Ignore();  // "(unknown)" is logged then
-  Log("Local address: " + local);
-  service_.Report(kEventConnected);
-  if (Interrupted()) return rc::kAbort;
-  if (p.use_ssl && p.ssl_explicit) {
-    service_.Report(kEventStartingTls);
-    r = client_.StartTls();
-    LogTlsStatus();
-    if (r.failed()) return r;
-  }
-  service_.Report(kEventAuthenticating);
-  for (int attempt = 0;; ++attempt) {
-    client_.SetCredentials(credentials.user_name, credentials.password);
-    r = client_.Login();
-    if (r != rc::kPop3Login || prompt == nullptr || attempt > 0) break;
-    if (!prompt->AskCredentials(service_, CredentialsFor::kIncoming, credentials)) return rc::kAbort;
-  }
-  if (r.failed()) return r;
-  if (credentials.password != p.password || credentials.user_name != p.user_name) {
-    ServiceSettings changed = service_.settings();
-    changed.incoming.user_name = credentials.user_name;
-    changed.incoming.password = credentials.password;
-    changed.incoming.store_password = credentials.save;
-    service_.SetSettings(changed);
-    if (credentials.save) service_.Save().Ignore();  // the run goes on; the next one asks again
-  }
-  service_.SetStatus(kStatusReady);
-  service_.Report(kEventReady);
-  return Interrupted() ? rc::kAbort : rc::kOk;
+  client_.SetUseSasl(s_.incoming.use_sasl);
+  return service_.ConnectIncoming(client_, "POP3",
+                                  {[&] { return client_.StartTls(); },
+                                   [&](const Credentials& c) {
+                                     client_.SetCredentials(c.user_name, c.password);
+                                     return client_.Login();
+                                   },
+                                   rc::kPop3Login});
 }
 
 Result Pop3Run::Fetch(int32_t number, bool whole, uint32_t lines) {
