@@ -1,6 +1,7 @@
 // Downloading a whole maildrop from the harness's Dovecot over plain POP3,
-// keeping it on the server: our receiving run (Pop3Service::Receive into a
-// fresh data directory's inbox, every batch committed to the disk) beside
+// keeping it on the server: our receiving run (Pop3Service::Receive of whole
+// messages into a fresh data directory's inbox, every batch committed to the
+// disk) beside
 // fetchmail (keep, fetchall, --bsmtp into a file) in the same run.
 //
 //   pop3_sync_bench [messages, default 10000] [runs, default 3]
@@ -54,11 +55,16 @@ size_t OurPass(uint16_t port, std::vector<double>* times) {
     s.incoming.port = port;
     s.incoming.user_name = MailServers::Alice().name;
     s.incoming.password = MailServers::Alice().password;
+    s.load_body_size = INT32_MAX;  // whole messages, as fetchmail fetches them
     service.SetSettings(s);
     const auto start = Clock::now();
     if (trv::Result r = service.Receive(false); r.failed()) Fail("receive: " + trv::ResultHex(r));
     if (times != nullptr) times->push_back(std::chrono::duration<double>(Clock::now() - start).count());
-    stored = local.SpecialFolder(trv::kFolderInbox)->file()->counts().messages;
+    trv::FolderFile& inbox = *local.SpecialFolder(trv::kFolderInbox)->file();
+    stored = inbox.counts().messages;
+    for (const trv::MessageRecord& m : inbox.Messages()) {
+      if (m.flags & trv::msgflag::kPartial) Fail("a message was loaded partially");
+    }
   }
   trv::ReleaseEngine();
   return stored;
