@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QTableView>
+#include <QTest>
+#include <cstdlib>
+#include <fstream>
+#include <thread>
+
+#include "app/gui/crash_guard.h"
+#include "app/gui/session.h"
+#include "app/gui/single_instance.h"
+#include "core/engine.h"
+#include "core/message_import.h"
+#include "store/mail_folder.h"
+#include "tests/support/temp_dir.h"
+
+namespace trv::gui {
+namespace {
+
+QApplication& App() {
+  static int argc = 1;
+  static char name[] = "gui_tests";
+  static char* argv[] = {name, nullptr};
+  qputenv("QT_QPA_PLATFORM", "offscreen");
+  static QApplication app(argc, argv);
+  return app;
+}
+
+class GuiTest : public ::testing::Test {
+ protected:
+  GuiTest() {
+    App();
+    for (const char* var : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR"}) {
+      ::setenv(var, dir_.path().c_str(), 1);
+    }
+  }
+  std::filesystem::path data_dir() const { return dir_.path() / "data"; }
+
+  // Puts messages into the Inbox of a data directory, with the engine alone.
+  void AddToInbox(const std::vector<std::string>& texts, size_t read_count) {
+    MailEngine* engine = AcquireEngine();
+    engine->SetDataDirectoryOverride(data_dir());
+    ASSERT_FALSE(engine->Start("").failed());
+    FolderFile& inbox = *engine->storages().front()->SpecialFolder(kFolderInbox)->file();
+    for (size_t i = 0; i < texts.size(); ++i) {
+      MessageRecord record = RecordFromMessage(texts[i]);
+      if (i < read_count) record.flags |= msgflag::kRead;
+      uint32_t key = 0;
+      ASSERT_FALSE(inbox.Append(record, texts[i], &key).failed());
+    }
+    ReleaseEngine();
+  }
+
+  test::TempDir dir_;
+};
+
+std::string Message(const std::string& subject, const std::string& body) {
+  return "From: Ann <ann@example.org>\r\nSubject: " + subject + "\r\nDate: Mon, 2 Mar 2026 10:00:00 +0000\r\n\r\n" +
+         body + "\r\n";
+}
+
+TEST_F(GuiTest, ShowsInboxSortsBySubjectAndReadsTheSelectedMessage) {
+  AddToInbox({Message("Charlie", "third body"), Message("Alpha", "first body"), Message("Bravo", "second body")}, 1);
+  Session session;
+  ASSERT_TRUE(session.Start({TRVMAIL_DIR, data_dir(), "", {}}));
+  MainWindow& window = *session.window();
+  EXPECT_EQ(window.windowTitle(), "Tarvo Mail");
+
+  QTreeWidgetItem* storage = window.folder_tree().topLevelItem(0);
+  ASSERT_NE(storage, nullptr);
+  EXPECT_EQ(storage->child(0)->text(0), "Inbox (2/3)");  // special folders first; unread/total
+  EXPECT_EQ(storage->child(0), window.folder_tree().currentItem());
+
+  MessageListModel& model = window.message_model();
+  ASSERT_EQ(model.rowCount(), 3);
+  window.message_list().sortByColumn(MessageListModel::kSubject, Qt::AscendingOrder);
+  QStringList subjects;
+  for (int row = 0; row < 3; ++row) subjects << model.index(row, MessageListModel::kSubject).data().toString();
+  EXPECT_EQ(subjects, QStringList({"Alpha", "Bravo", "Charlie"}));
+  // "Charlie" went in first and is the only read one.
+  EXPECT_FALSE(model.index(2, 0).data(Qt::FontRole).value<QFont>().bold());
+  EXPECT_TRUE(model.index(0, 0).data(Qt::FontRole).value<QFont>().bold());
+
+  window.SelectRow(1);
+  EXPECT_TRUE(window.reading_view().toPlainText().contains("second body"));
+  window.message_list().sortByColumn(MessageListModel::kSubject, Qt::DescendingOrder);
+  EXPECT_EQ(window.message_list().currentIndex().row(), 1);  // the selection follows its message
+  window.message_list().sortByColumn(MessageListModel::kDate, Qt::AscendingOrder);
+  EXPECT_TRUE(window.reading_view().toPlainText().contains("second body"));
+
+  QApplication::processEvents();
+  const std::filesystem::path shot = std::filesystem::path(TRV_SCREENSHOT_DIR) / "main_window.png";
+  ASSERT_TRUE(window.grab().save(QString::fromStdString(shot.string())));
+  EXPECT_GT(std::filesystem::file_size(shot), 1000u);
+}
+
+TEST_F(GuiTest, MissingLanguageFileIsSaidAndNoWindowIsMade) {
+  std::string said;
+  Session session;
+  EXPECT_FALSE(session.Start({dir_.path(), data_dir(), "", [&](const std::string& text, const std::string& caption) {
+                                said = caption + ": " + text;
+                              }}));
+  EXPECT_EQ(said, "Tarvo Mail 2: Can't find trvmllng.enu");
+  EXPECT_EQ(session.window(), nullptr);
+  EXPECT_EQ(session.engine(), nullptr);
+}
+
+TEST_F(GuiTest, LanguageTableLines) {
+  const std::filesystem::path file = dir_.path() / "table";
+  std::ofstream(file) << "# note\tnot a string\r\nA\tone\\ttwo\\nthree\\\\\r\nno tab here\n\nB\t\nA2\tx";
+  LanguageTable table;
+  ASSERT_FALSE(table.Load(file).failed());
+  EXPECT_EQ(table.size(), 3u);
+  EXPECT_EQ(table.Text("A"), "one\ttwo\nthree\\");
+  EXPECT_EQ(table.Text("A2"), "x");  // the last line needs no line end
+  EXPECT_EQ(table.Text("missing"), "");
+}
+
+TEST_F(GuiTest, ExceptionReportShowsTheLow32BitsOfTheAddress) {
+  EXPECT_EQ(ExceptionText(0xC0000005, static_cast<uintptr_t>(0x7FFF0000ABCDULL)),
+            "Exception code C0000005h at address 0000ABCDh");
+}
+
+TEST_F(GuiTest, SecondInstanceWaitsThenHandsItsCommandLineOver) {
+  SingleInstance first(dir_.path(), std::chrono::milliseconds(0));
+  SingleInstance second(dir_.path(), std::chrono::milliseconds(0));
+  ASSERT_EQ(first.Check(""), SingleInstance::Outcome::kFirst);
+  EXPECT_EQ(second.Check("x"), SingleInstance::Outcome::kGaveUp);  // locked, but no window yet
+
+  ASSERT_FALSE(first.Listen().failed());
+  QString handed;
+  QObject::connect(&first, &SingleInstance::activateRequested, [&](const QString& line) { handed = line; });
+  SingleInstance::Outcome outcome{};
+  std::thread later([&] { outcome = SingleInstance(dir_.path(), std::chrono::milliseconds(0)).Check("mailto:b@c.d"); });
+  EXPECT_TRUE(QTest::qWaitFor([&] { return !handed.isEmpty(); }, 5000));
+  later.join();
+  EXPECT_EQ(outcome, SingleInstance::Outcome::kHandedOver);
+  EXPECT_EQ(handed, "mailto:b@c.d");
+}
+
+}  // namespace
+}  // namespace trv::gui
