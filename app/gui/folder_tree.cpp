@@ -43,6 +43,24 @@ void FolderTree::Rebuild(MailEngine& engine) {
   }
 }
 
+void FolderTree::UpdateCounts(const MailFolder* folder) {
+  if (QTreeWidgetItem* item = ItemOf(folder)) Label(item, *folder);
+}
+
+void FolderTree::Label(QTreeWidgetItem* item, const MailFolder& folder) {
+  QString text = Qs(folder.name());
+  if (folder.available()) {
+    const FolderCounts counts = folder.file()->counts();
+    text = QString::fromStdString(texts_.Text("FolderCounts")).arg(text).arg(counts.unread).arg(counts.messages);
+    QFont font = item->font(0);
+    font.setBold(counts.unread > 0);
+    item->setFont(0, font);
+  } else {
+    item->setDisabled(true);
+  }
+  item->setText(0, text);
+}
+
 void FolderTree::AddChildren(QTreeWidgetItem* parent_item, const MailFolder& parent) {
   std::vector<MailFolder*> children;
   for (const auto& child : parent.children()) children.push_back(child.get());
@@ -55,17 +73,7 @@ void FolderTree::AddChildren(QTreeWidgetItem* parent_item, const MailFolder& par
   for (MailFolder* folder : children) {
     auto* item = new QTreeWidgetItem(parent_item);
     item->setData(0, kFolderRole, QVariant::fromValue(static_cast<void*>(folder)));
-    QString text = Qs(folder->name());
-    if (folder->available()) {
-      const FolderCounts counts = folder->file()->counts();
-      text = QString::fromStdString(texts_.Text("FolderCounts")).arg(text).arg(counts.unread).arg(counts.messages);
-      QFont font = item->font(0);
-      font.setBold(counts.unread > 0);
-      item->setFont(0, font);
-    } else {
-      item->setDisabled(true);
-    }
-    item->setText(0, text);
+    Label(item, *folder);
     AddChildren(item, *folder);
     item->setExpanded(true);
   }

@@ -27,9 +27,12 @@ class FolderTree final : public QTreeWidget {
   // The folder of an item; null for a storage's own item.
   static MailFolder* FolderOf(const QTreeWidgetItem* item);
   QTreeWidgetItem* ItemOf(const MailFolder* folder) const;
+  // Says the folder's counts again.
+  void UpdateCounts(const MailFolder* folder);
 
  private:
   void AddChildren(QTreeWidgetItem* parent_item, const MailFolder& parent);
+  void Label(QTreeWidgetItem* item, const MailFolder& folder);
 
   const LanguageTable& texts_;
 };

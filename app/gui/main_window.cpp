@@ -1,5 +1,7 @@
 #include "app/gui/main_window.h"
 
+#include <QDataStream>
+#include <QIODevice>
 #include <QHeaderView>
 #include <QSplitter>
 #include <QTableView>
@@ -24,27 +26,64 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   list_->horizontalHeader()->setStretchLastSection(false);
   list_->horizontalHeader()->setSectionResizeMode(MessageListModel::kSubject, QHeaderView::Stretch);
   list_->setShowGrid(false);
+  list_->setWordWrap(false);
+  list_->verticalHeader()->setDefaultSectionSize(list_->fontMetrics().height() + 6);
   // The index order until the user picks a column.
   list_->horizontalHeader()->setSortIndicator(-1, Qt::AscendingOrder);
   view_ = new ReadingView(texts);
 
-  auto* right = new QSplitter(Qt::Vertical);
-  right->addWidget(list_);
-  right->addWidget(view_);
-  auto* panes = new QSplitter(Qt::Horizontal);
-  panes->addWidget(tree_);
-  panes->addWidget(right);
-  panes->setStretchFactor(1, 3);
-  setCentralWidget(panes);
+  right_ = new QSplitter(Qt::Vertical);
+  right_->addWidget(list_);
+  right_->addWidget(view_);
+  panes_ = new QSplitter(Qt::Horizontal);
+  panes_->addWidget(tree_);
+  panes_->addWidget(right_);
+  panes_->setStretchFactor(1, 3);
+  setCentralWidget(panes_);
   resize(900, 600);
 
   connect(tree_, &QTreeWidget::currentItemChanged, this, [this] { FolderChanged(); });
   connect(list_->selectionModel(), &QItemSelectionModel::currentRowChanged, this, [this] { MessageChanged(); });
 
+  connect(model_, &MessageListModel::reloaded, this, [this] { ListReloaded(); });
+  engine_.folder_tree_listeners().Add(this);
+
   tree_->Rebuild(engine_);
   // Start in the first storage's Inbox.
   for (Storage* storage : engine_.storages()) {
     if (storage->is_open() && SelectFolder(storage->SpecialFolder(kFolderInbox))) break;
+  }
+}
+
+MainWindow::~MainWindow() { engine_.folder_tree_listeners().Remove(this); }
+
+void MainWindow::OnFolderTreeChanged(Storage&, const FolderTreeChange&) {
+  MailFolder* shown = model_->folder();
+  bool exists = false;
+  for (Storage* storage : engine_.storages()) {
+    if (storage->is_open()) storage->ForEachFolder([&](MailFolder& f) { exists = exists || &f == shown; });
+  }
+  // A deleted folder's file is gone with it: the model must not touch it.
+  if (shown != nullptr && !exists) model_->ForgetFolder();
+  const QSignalBlocker quiet(tree_);
+  tree_->Rebuild(engine_);
+  if (exists) tree_->setCurrentItem(tree_->ItemOf(shown));
+}
+
+void MainWindow::ListReloaded() {
+  tree_->UpdateCounts(model_->folder());
+  // The shown message stays selected where it now is.
+  for (int row = 0; row < model_->rowCount(); ++row) {
+    if (model_->RecordAt(row)->key == shown_key_) {
+      const QSignalBlocker quiet(list_->selectionModel());
+      list_->selectionModel()->setCurrentIndex(model_->index(row, 0), QItemSelectionModel::ClearAndSelect |
+                                                                             QItemSelectionModel::Rows);
+      return;
+    }
+  }
+  if (shown_key_ != 0) {
+    shown_key_ = 0;
+    view_->ShowNothing();
   }
 }
 
@@ -60,6 +99,23 @@ void MainWindow::SelectRow(int row) {
                                            QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
 }
 
+QByteArray MainWindow::SavePanes() const {
+  QByteArray state;
+  QDataStream out(&state, QIODevice::WriteOnly);
+  out << panes_->saveState() << right_->saveState();
+  return state;
+}
+
+void MainWindow::RestorePanes(const QByteArray& state) {
+  QByteArray outer;
+  QByteArray inner;
+  QDataStream in(state);
+  in >> outer >> inner;
+  if (in.status() != QDataStream::Ok) return;  // not ours: the default division stays
+  panes_->restoreState(outer);
+  right_->restoreState(inner);
+}
+
 void MainWindow::Activate(const QString& command_line) {
   if (!command_line.isEmpty()) handed_command_line_ = command_line;
   if (isMinimized()) showNormal();
@@ -69,6 +125,7 @@ void MainWindow::Activate(const QString& command_line) {
 
 void MainWindow::FolderChanged() {
   MailFolder* folder = FolderTree::FolderOf(tree_->currentItem());
+  shown_key_ = 0;
   model_->SetFolder(folder);
   // A new folder shows in index order until a column is picked again.
   list_->horizontalHeader()->setSortIndicator(-1, Qt::AscendingOrder);
@@ -79,9 +136,11 @@ void MainWindow::MessageChanged() {
   const MessageRecord* record = model_->RecordAt(list_->selectionModel()->currentIndex().row());
   MailFolder* folder = model_->folder();
   if (record == nullptr || folder == nullptr || !folder->available()) {
+    shown_key_ = 0;
     view_->ShowNothing();
     return;
   }
+  shown_key_ = record->key;
   view_->ShowMessage(*folder->file(), record->key);
 }
 

@@ -3,8 +3,11 @@
 #include <QDateTime>
 #include <QFont>
 #include <algorithm>
+#include <cmath>
+#include <map>
 
 #include "base/wide_string.h"
+#include "store/folder_file.h"
 #include "store/mail_folder.h"
 
 namespace trv::gui {
@@ -15,7 +18,7 @@ namespace {
 QString DateText(double days) {
   if (days == 0) return QString();
   constexpr double kUnixEpochDays = 25569;
-  const auto ms = static_cast<qint64>((days - kUnixEpochDays) * 86400000.0);
+  const qint64 ms = std::llround((days - kUnixEpochDays) * 86400000.0);  // the unit carries no exact minutes
   return QDateTime::fromMSecsSinceEpoch(ms).toString("yyyy-MM-dd HH:mm");
 }
 
@@ -31,17 +34,44 @@ QString Qs(const WString& s) { return QString::fromStdString(WideToUtf8(s)); }
 MessageListModel::MessageListModel(const LanguageTable& texts, QObject* parent)
     : QAbstractTableModel(parent), texts_(texts) {}
 
+MessageListModel::~MessageListModel() { Unobserve(); }
+
+void MessageListModel::Unobserve() {
+  if (folder_ != nullptr && folder_->available()) folder_->file()->RemoveObserver(this);
+}
+
 void MessageListModel::SetFolder(MailFolder* folder) {
-  beginResetModel();
+  Unobserve();
   folder_ = folder;
-  records_.clear();
+  sort_column_ = -1;
   if (folder != nullptr && folder->available()) {
     // A failed load shows what the index gave (nothing); the folder file
     // logs why.
     folder->file()->LoadIndex().Ignore();
-    records_ = folder->file()->Messages();
+    folder->file()->AddObserver(this);
   }
+  Reload();
+}
+
+void MessageListModel::ForgetFolder() {
+  folder_ = nullptr;
+  Reload();
+}
+
+void MessageListModel::ReloadLater() {
+  // One reload for a burst of changes.
+  if (reload_pending_.exchange(true)) return;
+  QMetaObject::invokeMethod(this, [this] { Reload(); }, Qt::QueuedConnection);
+}
+
+void MessageListModel::Reload() {
+  reload_pending_ = false;
+  beginResetModel();
+  records_.clear();
+  if (folder_ != nullptr && folder_->available()) records_ = folder_->file()->Messages();
+  SortRows();
   endResetModel();
+  emit reloaded();
 }
 
 const MessageRecord* MessageListModel::RecordAt(int row) const {
@@ -91,6 +121,27 @@ QVariant MessageListModel::headerData(int section, Qt::Orientation orientation, 
 
 void MessageListModel::sort(int column, Qt::SortOrder order) {
   if (column < 0 || column >= kColumnCount) return;  // no column: index order, as loaded
+  sort_column_ = column;
+  sort_order_ = order;
+  emit layoutAboutToBeChanged({}, QAbstractItemModel::VerticalSortHint);
+  std::vector<uint32_t> old_keys;  // by old row
+  for (const MessageRecord& r : records_) old_keys.push_back(r.key);
+  SortRows();
+  std::map<uint32_t, int> new_row;
+  for (size_t i = 0; i < records_.size(); ++i) new_row[records_[i].key] = static_cast<int>(i);
+  // The views' selection and current row follow their messages.
+  const QModelIndexList old_indexes = persistentIndexList();
+  QModelIndexList new_indexes;
+  for (const QModelIndex& i : old_indexes) {
+    new_indexes.append(index(new_row[old_keys[static_cast<size_t>(i.row())]], i.column()));
+  }
+  changePersistentIndexList(old_indexes, new_indexes);
+  emit layoutChanged({}, QAbstractItemModel::VerticalSortHint);
+}
+
+void MessageListModel::SortRows() {
+  const int column = sort_column_;
+  if (column < 0) return;
   auto less = [column](const MessageRecord& a, const MessageRecord& b) {
     switch (column) {
       case kFrom: return QString::localeAwareCompare(Qs(a.from), Qs(b.from)) < 0;
@@ -104,28 +155,11 @@ void MessageListModel::sort(int column, Qt::SortOrder order) {
       default: return a.key < b.key;
     }
   };
-  emit layoutAboutToBeChanged({}, QAbstractItemModel::VerticalSortHint);
-  std::vector<int> order_of(records_.size());  // new row -> old row
-  for (size_t i = 0; i < order_of.size(); ++i) order_of[i] = static_cast<int>(i);
-  std::stable_sort(order_of.begin(), order_of.end(), [&](int a, int b) {
-    const MessageRecord& ra = records_[static_cast<size_t>(a)];
-    const MessageRecord& rb = records_[static_cast<size_t>(b)];
-    return order == Qt::AscendingOrder ? less(ra, rb) : less(rb, ra);
-  });
-  std::vector<MessageRecord> sorted;
-  std::vector<int> new_row(records_.size());  // old row -> new row
-  sorted.reserve(records_.size());
-  for (size_t i = 0; i < order_of.size(); ++i) {
-    sorted.push_back(std::move(records_[static_cast<size_t>(order_of[i])]));
-    new_row[static_cast<size_t>(order_of[i])] = static_cast<int>(i);
+  if (sort_order_ == Qt::AscendingOrder) {
+    std::stable_sort(records_.begin(), records_.end(), less);
+  } else {
+    std::stable_sort(records_.begin(), records_.end(), [&](const MessageRecord& a, const MessageRecord& b) { return less(b, a); });
   }
-  records_ = std::move(sorted);
-  // The views' selection and current row follow their messages.
-  const QModelIndexList old_indexes = persistentIndexList();
-  QModelIndexList new_indexes;
-  for (const QModelIndex& i : old_indexes) new_indexes.append(index(new_row[static_cast<size_t>(i.row())], i.column()));
-  changePersistentIndexList(old_indexes, new_indexes);
-  emit layoutChanged({}, QAbstractItemModel::VerticalSortHint);
 }
 
 }  // namespace trv::gui

@@ -26,7 +26,14 @@ void ReadingView::ShowMessage(FolderFile& file, uint32_t key) {
   CXmMimeMessage message;
   // Broken MIME is still shown as far as it could be read.
   message.Parse(std::make_shared<CXmMemorySource>(std::move(text))).Ignore();
-  setHtml(QString::fromStdString(RenderMessageHtml(message)));
+  // The main header lines above the text, in the document's body.
+  QString headers = QString::fromStdString(RenderMainHeaders(message)).toHtmlEscaped();
+  headers.replace("\n", "<br>");
+  QString doc = QString::fromStdString(RenderMessageHtml(message));
+  const qsizetype body = doc.indexOf("<BODY>", 0, Qt::CaseInsensitive);
+  const QString block = "<P style=\"background-color:#eeeeee\">" + headers + "</P>";
+  doc.insert(body < 0 ? 0 : body + 6, block);
+  setHtml(doc);
 }
 
 }  // namespace trv::gui

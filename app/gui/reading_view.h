@@ -1,5 +1,5 @@
-// The reading view: the selected message as the HTML document of
-// ui/message_show.h in a text browser. Nothing outside the document is
+// The reading view: the selected message's main header lines, then its
+// HTML document of ui/message_show.h, in a text browser. Nothing outside the document is
 // loaded: pictures and style sheets it names (remote or local) stay blank,
 // and links are not followed.
 #pragma once

@@ -60,6 +60,8 @@ bool Session::Start(const SessionOptions& options) {
     return false;
   }
 
+  options_.Load({}, &engine_->activity_log());
+
   if (texts_.Load(LanguageTable::Locate(options.program_dir)).failed()) {
     Shutdown();
     (options.tell ? options.tell : ShowBox)(LanguageTable::kMissingText, LanguageTable::kMissingCaption);
@@ -69,6 +71,8 @@ bool Session::Start(const SessionOptions& options) {
   if (title.empty()) title = kDefaultTitle;
 
   window_ = std::make_unique<MainWindow>(*engine_, texts_, QString::fromStdString(title));
+  if (!options_.main_geometry.isEmpty()) window_->restoreGeometry(options_.main_geometry);
+  window_->RestorePanes(options_.main_panes);
   window_->show();
 
   MailEngine* engine = engine_;
@@ -84,8 +88,13 @@ void Session::Shutdown() {
     QApplication::restoreOverrideCursor();
     wait_cursor_ = false;
   }
+  if (window_ != nullptr) {
+    options_.main_geometry = window_->saveGeometry();
+    options_.main_panes = window_->SavePanes();
+  }
   window_.reset();
   texts_ = LanguageTable();
+  options_.Finish();
   if (idle_hook_) QObject::disconnect(idle_hook_);
   if (engine_ != nullptr) {
     ReleaseEngine();  // the last release shuts the engine down

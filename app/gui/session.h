@@ -2,14 +2,15 @@
 //
 // Start, in this order: the wait cursor; the mail engine acquired and
 // started (its data directory locked against the command line, as the
-// command line locks it); the language file, missing -> shutdown, then
+// command line locks it); the options (app/gui/gui_options.h); the language file, missing -> shutdown, then
 // "Can't find trvmllng.enu" under "Tarvo Mail 2"; the title from it; the main
-// window, shown; the engine's idle call hooked to the moment the event loop
+// window, placed as the options say and shown; the engine's idle call hooked to the moment the event loop
 // has drained its queue; the normal cursor.
 //
 // Shutdown, at any stage of a failed start and after the loop: the normal
-// cursor, the window deleted, the strings dropped, the idle hook removed,
-// the engine released (the last release shuts it down), the data directory
+// cursor, the window's place kept in the options and the window deleted,
+// the strings dropped, the options written, the idle hook removed, the
+// engine released (the last release shuts it down), the data directory
 // unlocked.
 //
 // An engine that cannot start (data directory, lock) ends the start quietly
@@ -24,6 +25,7 @@
 #include <memory>
 #include <string>
 
+#include "app/gui/gui_options.h"
 #include "app/gui/language.h"
 #include "app/gui/main_window.h"
 #include "core/instance_lock.h"
@@ -65,6 +67,7 @@ class Session {
   MailEngine* engine_ = nullptr;
   InstanceLock data_lock_;
   LanguageTable texts_;
+  GuiOptions options_;
   std::unique_ptr<MainWindow> window_;
   QMetaObject::Connection idle_hook_;
   bool wait_cursor_ = false;

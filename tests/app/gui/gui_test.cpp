@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <spawn.h>
+#include <signal.h>
+#include <sys/wait.h>
+
 #include <QApplication>
 #include <QTableView>
 #include <QTest>
@@ -78,16 +82,27 @@ TEST_F(GuiTest, ShowsInboxSortsBySubjectAndReadsTheSelectedMessage) {
   QStringList subjects;
   for (int row = 0; row < 3; ++row) subjects << model.index(row, MessageListModel::kSubject).data().toString();
   EXPECT_EQ(subjects, QStringList({"Alpha", "Bravo", "Charlie"}));
+  EXPECT_TRUE(model.index(0, MessageListModel::kDate).data().toString().endsWith(":00"));  // 10:00 in whole-hour zones
   // "Charlie" went in first and is the only read one.
   EXPECT_FALSE(model.index(2, 0).data(Qt::FontRole).value<QFont>().bold());
   EXPECT_TRUE(model.index(0, 0).data(Qt::FontRole).value<QFont>().bold());
 
   window.SelectRow(1);
   EXPECT_TRUE(window.reading_view().toPlainText().contains("second body"));
+  EXPECT_TRUE(window.reading_view().toPlainText().contains("Subject: Bravo"));
   window.message_list().sortByColumn(MessageListModel::kSubject, Qt::DescendingOrder);
   EXPECT_EQ(window.message_list().currentIndex().row(), 1);  // the selection follows its message
   window.message_list().sortByColumn(MessageListModel::kDate, Qt::AscendingOrder);
   EXPECT_TRUE(window.reading_view().toPlainText().contains("second body"));
+
+  // A message that arrives meanwhile is listed; the shown one stays selected.
+  const MessageRecord shown = *model.RecordAt(window.message_list().currentIndex().row());
+  const std::string text = Message("Delta", "fourth body");
+  uint32_t key = 0;
+  ASSERT_FALSE(model.folder()->file()->Append(RecordFromMessage(text), text, &key).failed());
+  EXPECT_TRUE(QTest::qWaitFor([&] { return model.rowCount() == 4; }, 5000));
+  EXPECT_EQ(storage->child(0)->text(0), "Inbox (3/4)");
+  EXPECT_EQ(model.RecordAt(window.message_list().currentIndex().row())->key, shown.key);
 
   QApplication::processEvents();
   const std::filesystem::path shot = std::filesystem::path(TRV_SCREENSHOT_DIR) / "main_window.png";
@@ -104,6 +119,18 @@ TEST_F(GuiTest, MissingLanguageFileIsSaidAndNoWindowIsMade) {
   EXPECT_EQ(said, "Tarvo Mail 2: Can't find trvmllng.enu");
   EXPECT_EQ(session.window(), nullptr);
   EXPECT_EQ(session.engine(), nullptr);
+}
+
+TEST_F(GuiTest, WindowSizeIsKeptBetweenRuns) {
+  {
+    Session first;
+    ASSERT_TRUE(first.Start({TRVMAIL_DIR, data_dir(), "", {}}));
+    ASSERT_NE(first.window()->size(), QSize(640, 480));
+    first.window()->resize(640, 480);
+  }
+  Session second;
+  ASSERT_TRUE(second.Start({TRVMAIL_DIR, data_dir(), "", {}}));
+  EXPECT_EQ(second.window()->size(), QSize(640, 480));
 }
 
 TEST_F(GuiTest, LanguageTableLines) {
@@ -137,6 +164,41 @@ TEST_F(GuiTest, SecondInstanceWaitsThenHandsItsCommandLineOver) {
   later.join();
   EXPECT_EQ(outcome, SingleInstance::Outcome::kHandedOver);
   EXPECT_EQ(handed, "mailto:b@c.d");
+}
+
+// Runs the program with `arg` (none when empty); its process id, or -1.
+pid_t Spawn(const char* arg) {
+  std::string program = TRVMAIL_DIR "/trvmail";
+  char* argv[] = {program.data(), const_cast<char*>(arg), nullptr};
+  if (*arg == '\0') argv[1] = nullptr;
+  pid_t pid = -1;
+  return ::posix_spawn(&pid, argv[0], nullptr, nullptr, argv, environ) == 0 ? pid : -1;
+}
+
+// Its exit code; -1 for a process killed, or still running after 15 s (then
+// it is killed).
+int ExitCode(pid_t pid) {
+  int status = 0;
+  for (int i = 0; i < 300; ++i) {
+    if (::waitpid(pid, &status, WNOHANG) == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  ::kill(pid, SIGKILL);
+  ::waitpid(pid, &status, 0);
+  return -1;
+}
+
+TEST_F(GuiTest, RunningProgramTakesLaterStartsAndClosesOnUninstall) {
+  const pid_t first = Spawn("");
+  ASSERT_GT(first, 0);
+  const std::filesystem::path socket = dir_.path() / SingleInstance::kWindowClass;
+  EXPECT_TRUE(QTest::qWaitFor([&] { return std::filesystem::exists(socket); }, 20000));
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(ExitCode(Spawn("mailto:b@c.d")), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));  // handed over, no wait
+  EXPECT_EQ(ExitCode(Spawn("-uninstallx")), 0);
+  EXPECT_EQ(ExitCode(first), 0);  // closed by the request
+  EXPECT_FALSE(std::filesystem::exists(socket));
 }
 
 }  // namespace
