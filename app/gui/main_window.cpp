@@ -26,6 +26,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   list_->horizontalHeader()->setStretchLastSection(false);
   list_->horizontalHeader()->setSectionResizeMode(MessageListModel::kSubject, QHeaderView::Stretch);
   list_->setShowGrid(false);
+  list_->setColumnWidth(MessageListModel::kFrom, 200);
+  list_->setColumnWidth(MessageListModel::kDate, list_->fontMetrics().horizontalAdvance("0000-00-00 00:00") + 24);
   list_->setWordWrap(false);
   list_->verticalHeader()->setDefaultSectionSize(list_->fontMetrics().height() + 6);
   // The index order until the user picks a column.

@@ -27,7 +27,7 @@ void ReadingView::ShowMessage(FolderFile& file, uint32_t key) {
   // Broken MIME is still shown as far as it could be read.
   message.Parse(std::make_shared<CXmMemorySource>(std::move(text))).Ignore();
   // The main header lines above the text, in the document's body.
-  QString headers = QString::fromStdString(RenderMainHeaders(message)).toHtmlEscaped();
+  QString headers = QString::fromStdString(RenderMainHeaders(message)).trimmed().toHtmlEscaped();
   headers.replace("\n", "<br>");
   QString doc = QString::fromStdString(RenderMessageHtml(message));
   const qsizetype body = doc.indexOf("<BODY>", 0, Qt::CaseInsensitive);
