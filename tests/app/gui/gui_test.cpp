@@ -22,19 +22,9 @@
 namespace trv::gui {
 namespace {
 
-QApplication& App() {
-  static int argc = 1;
-  static char name[] = "gui_tests";
-  static char* argv[] = {name, nullptr};
-  qputenv("QT_QPA_PLATFORM", "offscreen");
-  static QApplication app(argc, argv);
-  return app;
-}
-
 class GuiTest : public ::testing::Test {
  protected:
   GuiTest() {
-    App();
     for (const char* var : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR"}) {
       ::setenv(var, dir_.path().c_str(), 1);
     }
@@ -203,3 +193,12 @@ TEST_F(GuiTest, RunningProgramTakesLaterStartsAndClosesOnUninstall) {
 
 }  // namespace
 }  // namespace trv::gui
+
+// The application object lives on main's stack: one destroyed among the
+// static objects at exit would outlive Qt's own and crash.
+int main(int argc, char** argv) {
+  ::testing::InitGoogleTest(&argc, argv);
+  qputenv("QT_QPA_PLATFORM", "offscreen");
+  QApplication app(argc, argv);
+  return RUN_ALL_TESTS();
+}
