@@ -5,6 +5,9 @@
 #include <sys/wait.h>
 
 #include <QApplication>
+#include <QBuffer>
+#include <QImage>
+#include <QTextDocument>
 #include <QTableView>
 #include <QTest>
 #include <cstdlib>
@@ -98,6 +101,24 @@ TEST_F(GuiTest, ShowsInboxSortsBySubjectAndReadsTheSelectedMessage) {
   const std::filesystem::path shot = std::filesystem::path(TRV_SCREENSHOT_DIR) / "main_window.png";
   ASSERT_TRUE(window.grab().save(QString::fromStdString(shot.string())));
   EXPECT_GT(std::filesystem::file_size(shot), 1000u);
+}
+
+TEST_F(GuiTest, ReadingViewShowsTheMessagesPicturesOnly) {
+  QByteArray png;
+  QBuffer buffer(&png);
+  ASSERT_TRUE(buffer.open(QIODevice::WriteOnly) && QImage(3, 2, QImage::Format_RGB32).save(&buffer, "PNG"));
+  AddToInbox({"Subject: pic\r\nMIME-Version: 1.0\r\nContent-Type: multipart/related; boundary=b\r\n\r\n"
+              "--b\r\nContent-Type: text/html\r\n\r\n<p>see <img src=\"cid:p1\"><img src=\"http://h.example/x.png\"></p>\r\n"
+              "--b\r\nContent-Type: image/png\r\nContent-ID: <p1>\r\nContent-Transfer-Encoding: base64\r\n\r\n" +
+              png.toBase64().toStdString() + "\r\n--b--\r\n"},
+             0);
+  Session session;
+  ASSERT_TRUE(session.Start({TRVMAIL_DIR, data_dir(), "", {}}));
+  session.window()->SelectRow(0);
+  ReadingView& view = session.window()->reading_view();
+  EXPECT_TRUE(view.toPlainText().contains("see"));
+  EXPECT_EQ(view.loadResource(QTextDocument::ImageResource, QUrl("cid:p1")).value<QImage>().size(), QSize(3, 2));
+  EXPECT_TRUE(view.loadResource(QTextDocument::ImageResource, QUrl("http://h.example/x.png")).isNull());
 }
 
 TEST_F(GuiTest, MissingLanguageFileIsSaidAndNoWindowIsMade) {
