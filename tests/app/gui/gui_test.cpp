@@ -96,6 +96,15 @@ TEST_F(GuiTest, ShowsInboxSortsBySubjectAndReadsTheSelectedMessage) {
   EXPECT_TRUE(QTest::qWaitFor([&] { return model.rowCount() == 4; }, 5000));
   EXPECT_EQ(storage->child(0)->text(0), "Inbox (3/4)");
   EXPECT_EQ(model.RecordAt(window.message_list().currentIndex().row())->key, shown.key);
+  // A flag set elsewhere shows too: a partly downloaded message is marked.
+  ASSERT_FALSE(model.folder()->file()->SetFlags(key, msgflag::kPartial, 0).failed());
+  const auto delta_size = [&] {
+    for (int row = 0; row < model.rowCount(); ++row) {
+      if (model.RecordAt(row)->key == key) return model.index(row, MessageListModel::kSize).data().toString();
+    }
+    return QString();
+  };
+  EXPECT_TRUE(QTest::qWaitFor([&] { return delta_size().endsWith("(partial)"); }, 5000)) << delta_size().toStdString();
 
   QApplication::processEvents();
   const std::filesystem::path shot = std::filesystem::path(TRV_SCREENSHOT_DIR) / "main_window.png";
