@@ -5,6 +5,7 @@
 
 #include "base/wide_string.h"
 #include "core/engine.h"
+#include "store/folder_file.h"
 #include "store/mail_folder.h"
 
 namespace trv::gui {
@@ -33,18 +34,39 @@ QTreeWidgetItem* FolderTree::ItemOf(const MailFolder* folder) const {
   return nullptr;
 }
 
+FolderTree::~FolderTree() {
+  for (FolderFile* file : observed_) file->RemoveObserver(this);
+}
+
 void FolderTree::Rebuild(MailEngine& engine) {
   clear();
+  std::vector<FolderFile*> files;
   for (Storage* storage : engine.storages()) {
     if (!storage->is_open()) continue;
     auto* item = new QTreeWidgetItem(this, QStringList(Qs(storage->name())));
     AddChildren(item, *storage->root());
     item->setExpanded(true);
+    storage->ForEachFolder([&](MailFolder& f) {
+      if (f.available()) files.push_back(f.file());
+    });
   }
+  // Files that are no longer in any tree were closed with their folders.
+  for (FolderFile* file : files) {
+    if (std::find(observed_.begin(), observed_.end(), file) == observed_.end()) file->AddObserver(this);
+  }
+  observed_ = std::move(files);
 }
 
-void FolderTree::UpdateCounts(const MailFolder* folder) {
-  if (QTreeWidgetItem* item = ItemOf(folder)) Label(item, *folder);
+void FolderTree::UpdateLater() {
+  if (update_pending_.exchange(true)) return;  // one update for a burst of changes
+  QMetaObject::invokeMethod(this, [this] { UpdateAll(); }, Qt::QueuedConnection);
+}
+
+void FolderTree::UpdateAll() {
+  update_pending_ = false;
+  for (QTreeWidgetItemIterator it(this); *it != nullptr; ++it) {
+    if (MailFolder* folder = FolderOf(*it)) Label(*it, *folder);
+  }
 }
 
 void FolderTree::Label(QTreeWidgetItem* item, const MailFolder& folder) {

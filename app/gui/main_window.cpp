@@ -73,7 +73,6 @@ void MainWindow::OnFolderTreeChanged(Storage&, const FolderTreeChange&) {
 }
 
 void MainWindow::ListReloaded() {
-  tree_->UpdateCounts(model_->folder());
   // The shown message stays selected where it now is.
   for (int row = 0; row < model_->rowCount(); ++row) {
     if (model_->RecordAt(row)->key == shown_key_) {

@@ -112,6 +112,30 @@ TEST_F(GuiTest, ShowsInboxSortsBySubjectAndReadsTheSelectedMessage) {
   EXPECT_GT(std::filesystem::file_size(shot), 1000u);
 }
 
+TEST_F(GuiTest, TreeFollowsANewFolderItsMessagesAndItsDeletion) {
+  Session session;
+  ASSERT_TRUE(session.Start({TRVMAIL_DIR, data_dir(), "", {}}));
+  MainWindow& window = *session.window();
+  Storage& storage = *session.engine()->storages().front();
+  MailFolder* archive = nullptr;
+  ASSERT_FALSE(storage.CreateFolder(storage.root(), u"Archive", &archive).failed());
+  QTreeWidgetItem* top = window.folder_tree().topLevelItem(0);
+  ASSERT_EQ(top->childCount(), 6);
+  EXPECT_EQ(top->child(5)->text(0), "Archive (0/0)");  // after the special folders
+
+  ASSERT_TRUE(window.SelectFolder(archive));
+  const std::string text = Message("Kept", "body");
+  uint32_t key = 0;
+  ASSERT_FALSE(archive->file()->Append(RecordFromMessage(text), text, &key).failed());
+  EXPECT_TRUE(QTest::qWaitFor([&] { return window.folder_tree().topLevelItem(0)->child(5)->text(0) == "Archive (1/1)"; }, 5000));
+  EXPECT_EQ(window.message_model().rowCount(), 1);
+
+  ASSERT_FALSE(storage.DeleteFolder(archive).failed());
+  EXPECT_EQ(window.folder_tree().topLevelItem(0)->childCount(), 5);
+  EXPECT_EQ(window.message_model().folder(), nullptr);
+  EXPECT_EQ(window.message_model().rowCount(), 0);
+}
+
 TEST_F(GuiTest, ReadingViewShowsTheMessagesPicturesOnly) {
   QByteArray png;
   QBuffer buffer(&png);
