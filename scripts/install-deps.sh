@@ -3,7 +3,7 @@
 # fuzz, bench, gui. Packages already present are not installed again.
 set -eu
 
-pkgs_build="build-essential cmake ninja-build pkg-config libsqlite3-dev libssl-dev"
+pkgs_build="build-essential cmake ninja-build pkg-config libsqlite3-dev libssl-dev qt6-base-dev"
 pkgs_test="googletest libgtest-dev libgmock-dev openssl python3"
 pkgs_servers="dovecot-imapd dovecot-pop3d dovecot-lmtpd postfix dante-server microsocks openssh-server openssh-client openssl"
 pkgs_fuzz="clang libclang-rt-dev"

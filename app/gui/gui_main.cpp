@@ -1,0 +1,57 @@
+#include "app/gui/gui_main.h"
+
+#include <QApplication>
+#include <string>
+
+#include "app/gui/session.h"
+#include "app/gui/single_instance.h"
+
+namespace trv::gui {
+
+namespace {
+
+constexpr std::string_view kUninstall = "-uninstall";
+
+// The arguments after the program's name, joined by blanks.
+std::string CommandLine(int argc, char** argv) {
+  std::string line;
+  for (int i = 1; i < argc; ++i) {
+    if (i > 1) line += ' ';
+    line += argv[i];
+  }
+  return line;
+}
+
+}  // namespace
+
+int RunMain(int argc, char** argv) {
+  const std::string command_line = CommandLine(argc, argv);
+  QApplication app(argc, argv);
+
+  SingleInstance instance;
+  // Anything that begins with the switch takes the uninstall road.
+  if (command_line.compare(0, kUninstall.size(), kUninstall) == 0) {
+    instance.SendClose();  // no running instance: nothing to close
+    return 0;
+  }
+  if (instance.Check(command_line) != SingleInstance::Outcome::kFirst) return 0;
+
+  Session session;
+  SessionOptions options;
+  options.program_dir = QCoreApplication::applicationDirPath().toStdString();
+  options.command_line = command_line;
+  if (!session.Start(options)) return 0;
+
+  MainWindow* window = session.window();
+  QObject::connect(&instance, &SingleInstance::activateRequested, window,
+                   [window](const QString& line) { window->Activate(line); });
+  QObject::connect(&instance, &SingleInstance::closeRequested, window, [window] { window->close(); });
+  // Without the socket later processes cannot find us; this one still works.
+  instance.Listen().Ignore();
+
+  const int code = QApplication::exec();
+  session.Shutdown();
+  return code;
+}
+
+}  // namespace trv::gui

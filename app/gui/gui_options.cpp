@@ -1,0 +1,42 @@
+#include "app/gui/gui_options.h"
+
+#include <vector>
+
+namespace trv::gui {
+
+namespace {
+
+constexpr const char* kMainWindowKey = "CMLGUIParams\\MainWnd";
+
+QByteArray ReadBytes(const RegistryKey& key, const char* name) {
+  std::vector<uint8_t> bytes;
+  if (key.ReadBinary(kMainWindowKey, name, &bytes).failed()) return QByteArray();  // not saved yet
+  return QByteArray(reinterpret_cast<const char*>(bytes.data()), static_cast<qsizetype>(bytes.size()));
+}
+
+void WriteBytes(RegistryKey& key, const char* name, const QByteArray& value) {
+  if (value.isEmpty()) return;
+  const auto* data = reinterpret_cast<const uint8_t*>(value.constData());
+  // A value that cannot be written keeps the last one: the window then opens
+  // where it was before.
+  key.WriteBinary(kMainWindowKey, name, std::span<const uint8_t>(data, static_cast<size_t>(value.size()))).Ignore();
+}
+
+}  // namespace
+
+void GuiOptions::Load(const std::filesystem::path& file, LogSink* log) {
+  // Without the key file the options keep their defaults (Open logs why).
+  if (RegistryKey::Open(file.empty() ? RegistryKey::DefaultPath() : file, &key_, log).failed()) return;
+  main_geometry = ReadBytes(*key_, "Geometry");
+  main_panes = ReadBytes(*key_, "Panes");
+}
+
+void GuiOptions::Finish() {
+  if (key_ == nullptr) return;
+  WriteBytes(*key_, "Geometry", main_geometry);
+  WriteBytes(*key_, "Panes", main_panes);
+  key_->Flush().Ignore();  // logged by the key; nothing else to do at exit
+  key_.reset();
+}
+
+}  // namespace trv::gui

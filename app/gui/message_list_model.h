@@ -1,0 +1,79 @@
+// The message list: one row per message of a folder, from the folder file's
+// index records only (no message is opened to fill it). Columns sender,
+// subject, date, size; unread rows are bold, partially loaded ones italic
+// with the size marked. Sorting keeps the rows in memory.
+//
+// The model observes the shown folder file: a change made on any thread
+// (a run appending, a flag set) reloads the rows on the interface thread,
+// in the same sort order, and then says `reloaded`.
+//
+// Threads: interface thread, but for the observer calls. The folder must
+// outlive its use here; a folder that was deleted is dropped with
+// ForgetFolder (its file, and the observer list with it, is gone).
+#pragma once
+
+#include <QAbstractTableModel>
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "app/gui/language.h"
+#include "store/folder_observer.h"
+#include "store/message_record.h"
+
+namespace trv {
+class MailFolder;
+}
+
+namespace trv::gui {
+
+class MessageListModel final : public QAbstractTableModel, public FolderObserver {
+  Q_OBJECT
+
+ public:
+  enum Column { kFrom, kSubject, kDate, kSize, kColumnCount };
+
+  MessageListModel(const LanguageTable& texts, QObject* parent = nullptr);
+  ~MessageListModel() override;
+
+  // Shows the folder's messages in index order (loading its index when it
+  // is not loaded yet); null or an unavailable folder shows none.
+  void SetFolder(MailFolder* folder);
+  MailFolder* folder() const { return folder_; }
+  // Shows nothing, without touching the folder (it no longer exists).
+  void ForgetFolder();
+  // Reads the rows again, in the current sort order.
+  void Reload();
+  // The record shown in `row`, if any.
+  const MessageRecord* RecordAt(int row) const;
+
+  int rowCount(const QModelIndex& parent = QModelIndex()) const override;
+  int columnCount(const QModelIndex& parent = QModelIndex()) const override;
+  QVariant data(const QModelIndex& index, int role = Qt::DisplayRole) const override;
+  QVariant headerData(int section, Qt::Orientation orientation, int role = Qt::DisplayRole) const override;
+  void sort(int column, Qt::SortOrder order = Qt::AscendingOrder) override;
+
+  // FolderObserver: any thread.
+  void MessagesAdded(FolderFile&, const std::vector<uint32_t>&) override { ReloadLater(); }
+  void MessagesRemoved(FolderFile&, const std::vector<uint32_t>&) override { ReloadLater(); }
+  void MessagesChanged(FolderFile&, const std::vector<uint32_t>&) override { ReloadLater(); }
+  void IndexLoaded(FolderFile&) override { ReloadLater(); }
+
+ signals:
+  void reloaded();
+
+ private:
+  const LanguageTable& texts_;
+  MailFolder* folder_ = nullptr;
+  void ReloadLater();
+  void Unobserve();
+  void SortRows();
+
+  std::vector<MessageRecord> records_;
+  int sort_column_ = -1;  // none: index order
+  Qt::SortOrder sort_order_ = Qt::AscendingOrder;
+  std::atomic<bool> reload_pending_{false};
+};
+
+}  // namespace trv::gui
