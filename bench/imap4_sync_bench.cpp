@@ -56,28 +56,6 @@ constexpr const char* kUsage = "usage: imap4_sync_bench [--messages N] [--runs R
   std::exit(1);
 }
 
-// One corpus message: LF line ends, a unique Message-ID.
-std::string CorpusMessage(trv::bench::Random& rnd, int i) {
-  using trv::bench::Text;
-  std::string m = "From: Sender " + std::to_string(i % 97) + " <s" + std::to_string(i % 97) +
-                  "@example.test>\nTo: alice@example.test\nSubject: Message " + std::to_string(i) +
-                  "\nDate: Mon, 3 Jun 2024 10:" + std::to_string(10 + i % 50) + ":00 +0000\nMessage-ID: <" +
-                  std::to_string(i) + "@imap-bench.test>\nMIME-Version: 1.0\n";
-  const uint32_t kind = rnd.Next(10);
-  if (kind < 7) return m + "Content-Type: text/plain; charset=utf-8\n\n" + Text(rnd, 2048 + rnd.Next(6145));
-  const std::string b = "b" + std::to_string(i);
-  m += "Content-Type: multipart/" + std::string(kind < 9 ? "mixed" : "alternative") + "; boundary=\"" + b + "\"\n\n";
-  m += "--" + b + "\nContent-Type: text/plain\n\n" + Text(rnd, 1000 + rnd.Next(3000)) + "--" + b + "\n";
-  if (kind < 9) {
-    const size_t decoded = 51200 + rnd.Next(256001);
-    m += "Content-Type: application/octet-stream; name=\"a.bin\"\nContent-Transfer-Encoding: base64\n\n" +
-         trv::bench::Base64Lines(rnd, (decoded + 2) / 3 * 4);
-  } else {
-    m += "Content-Type: text/html\n\n<html><body><p>" + Text(rnd, 2000 + rnd.Next(6000)) + "</p></body></html>\n";
-  }
-  return m + "--" + b + "--\n";
-}
-
 struct ChildRun {
   int status = -1;
   double seconds = 0;
@@ -284,7 +262,7 @@ int main(int argc, char** argv) {
   trv::bench::Random rnd;
   uintmax_t bytes = 0, lines = 0;
   for (int i = 0; i < messages; ++i) {
-    const std::string m = CorpusMessage(rnd, i);
+    const std::string m = trv::bench::Message(rnd, i, trv::bench::kSyncCorpus);
     bytes += m.size();
     lines += std::count(m.begin(), m.end(), '\n');
     if (servers.Deliver(MailServers::Alice().name, m).empty()) Fail("delivery failed");
