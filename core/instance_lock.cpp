@@ -25,16 +25,16 @@ uint64_t PathHash(const std::string& s) {
 }
 }  // namespace
 
-std::filesystem::path InstanceLock::LockPathFor(const std::filesystem::path& data_dir) {
-  std::filesystem::path base;
+std::filesystem::path InstanceLock::RuntimeDirectory() {
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  std::string suffix;
-  if (runtime && *runtime && std::filesystem::is_directory(runtime)) {
-    base = runtime;
-  } else {
-    base = "/tmp";
-    suffix = "-" + std::to_string(::getuid());
-  }
+  std::error_code ec;
+  if (runtime != nullptr && *runtime != '\0' && std::filesystem::is_directory(runtime, ec)) return runtime;
+  return "/tmp";
+}
+
+std::filesystem::path InstanceLock::LockPathFor(const std::filesystem::path& data_dir) {
+  const std::filesystem::path base = RuntimeDirectory();
+  const std::string suffix = base == "/tmp" ? "-" + std::to_string(::getuid()) : "";
   std::error_code ec;
   std::filesystem::path abs = std::filesystem::weakly_canonical(std::filesystem::absolute(data_dir, ec), ec);
   std::string norm = abs.string();

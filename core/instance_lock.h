@@ -36,6 +36,9 @@ class InstanceLock {
   const std::string& holder_name() const { return holder_name_; }
   const std::filesystem::path& lock_path() const { return path_; }
 
+  // Where a user's lock files and sockets live: $XDG_RUNTIME_DIR when it is
+  // a directory, else /tmp (where names carry "-<uid>").
+  static std::filesystem::path RuntimeDirectory();
   // Where the lock file for a data directory lives.
   static std::filesystem::path LockPathFor(const std::filesystem::path& data_dir);
 

@@ -46,13 +46,6 @@ SingleInstance::~SingleInstance() {
   if (lock_fd_ >= 0) ::close(lock_fd_);  // closing drops the flock
 }
 
-std::filesystem::path SingleInstance::RuntimeDirectory() {
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  std::error_code ec;
-  if (runtime != nullptr && *runtime != '\0' && std::filesystem::is_directory(runtime, ec)) return runtime;
-  return "/tmp";
-}
-
 std::filesystem::path SingleInstance::lock_path() const {
   return dir_ / (std::string(InstanceLock::kInstanceId) + suffix_ + ".lock");
 }

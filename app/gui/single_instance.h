@@ -24,6 +24,7 @@
 #include <string>
 
 #include "base/result.h"
+#include "core/instance_lock.h"
 
 class QSocketNotifier;
 
@@ -41,15 +42,13 @@ class SingleInstance final : public QObject {
     kGaveUp,      // another is starting or ending and shows no window: exit 0
   };
 
-  // `dir` holds the lock file and the socket (RuntimeDirectory() in the
-  // program); `wait` is how long a later process waits for a window.
-  explicit SingleInstance(std::filesystem::path dir = RuntimeDirectory(),
+  // `dir` holds the lock file and the socket (the user's runtime directory
+  // in the program; names in /tmp carry "-<uid>"); `wait` is how long a
+  // later process waits for a window.
+  explicit SingleInstance(std::filesystem::path dir = InstanceLock::RuntimeDirectory(),
                           std::chrono::milliseconds wait = std::chrono::milliseconds(5000));
   ~SingleInstance() override;
 
-  // $XDG_RUNTIME_DIR when it is a directory, else /tmp; the names in /tmp
-  // carry "-<uid>".
-  static std::filesystem::path RuntimeDirectory();
   std::filesystem::path lock_path() const;
   std::filesystem::path socket_path() const;
 
