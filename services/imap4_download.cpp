@@ -21,6 +21,7 @@
 #include <algorithm>
 
 #include "core/message_import.h"
+#include "services/download_batch.h"
 #include "services/imap4_run.h"
 #include "store/mail_folder.h"
 
@@ -28,9 +29,6 @@ namespace trv {
 namespace {
 
 constexpr size_t kWindow = 32;  // commands in flight
-constexpr size_t kCommitMessages = 500;
-constexpr size_t kCommitBytes = 16u << 20;
-constexpr auto kCommitAge = std::chrono::milliseconds(500);
 constexpr size_t kMaxHead = 64u << 10;  // header bytes kept for the record
 
 }  // namespace
@@ -206,10 +204,7 @@ Result Imap4Run::FinishJob(uint32_t* downloaded) {
   if (!f->stored) return rc::kOk;
   if (f->mode != Fetching::kNew) r = ReplaceLocal(*f);
   if (r.ok()) ++*downloaded;
-  if (r.ok() && (staged_.size() >= kCommitMessages || batch_bytes_ >= kCommitBytes ||
-                 (!staged_.empty() && std::chrono::steady_clock::now() - batch_start_ >= kCommitAge))) {
-    r = CommitBatch();
-  }
+  if (r.ok() && DownloadBatchDue(staged_.size(), batch_bytes_, batch_start_)) r = CommitBatch();
   return r;
 }
 

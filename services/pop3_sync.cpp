@@ -17,6 +17,7 @@
 #include "core/message_import.h"
 #include "net/line_log.h"
 #include "net/pop3_client.h"
+#include "services/download_batch.h"
 #include "services/deleted_uids.h"
 #include "services/pop3_jobs.h"
 #include "services/pop3_service.h"
@@ -27,11 +28,6 @@
 
 namespace trv {
 namespace {
-
-// A batch commits when it holds this many messages or bytes, or is this old.
-constexpr size_t kCommitMessages = 500;
-constexpr size_t kCommitBytes = 16u << 20;
-constexpr auto kCommitAge = std::chrono::milliseconds(500);
 
 std::string YesNo(bool b) { return b ? "Yes" : "No"; }
 
@@ -226,10 +222,7 @@ Result Pop3Run::Store(const Pop3DownloadJob& job, bool partial, AppendBatch& bat
   if (r.failed()) return r;
   ++batch_messages_;
   batch_bytes_ += text_.size();
-  if (batch_messages_ >= kCommitMessages || batch_bytes_ >= kCommitBytes ||
-      std::chrono::steady_clock::now() - batch_start_ >= kCommitAge) {
-    return Commit(batch);
-  }
+  if (DownloadBatchDue(batch_messages_, batch_bytes_, batch_start_)) return Commit(batch);
   return rc::kOk;
 }
 
