@@ -3,6 +3,8 @@
 #include <QDataStream>
 #include <QIODevice>
 #include <QHeaderView>
+#include <QMenu>
+#include <QMenuBar>
 #include <QSplitter>
 #include <QTableView>
 
@@ -11,9 +13,14 @@
 
 namespace trv::gui {
 
-MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QString& title) : engine_(engine) {
+MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QString& title)
+    : engine_(engine), texts_(texts) {
   setObjectName(kClassName);
   setWindowTitle(title);
+  static constexpr const char* kMenuTexts[] = {"MenuFile", "MenuFolder", "MenuMessage", "MenuView", "MenuAccounts"};
+  for (int i = 0; i < static_cast<int>(Menu::kCount); ++i) {
+    menus_[i] = menuBar()->addMenu(QString::fromStdString(texts.Text(kMenuTexts[i])));
+  }
 
   tree_ = new FolderTree(texts);
   model_ = new MessageListModel(texts, this);
@@ -51,6 +58,18 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   engine_.folder_tree_listeners().Add(this);
 
   tree_->Rebuild(engine_);
+
+  // The commands of each area, each from its own file.
+  // -- folder and message commands --
+  // -- view modes --
+  // -- reading view --
+  // -- runs and desktop integration --
+
+  menu(Menu::kFile)->addSeparator();
+  QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));
+  quit->setShortcut(QKeySequence::Quit);
+  connect(quit, &QAction::triggered, this, &QWidget::close);
+
   // Start in the first storage's Inbox.
   for (Storage* storage : engine_.storages()) {
     if (storage->is_open() && SelectFolder(storage->SpecialFolder(kFolderInbox))) break;

@@ -18,6 +18,7 @@
 #include "app/gui/reading_view.h"
 #include "core/engine_listeners.h"
 
+class QMenu;
 class QSplitter;
 class QTableView;
 
@@ -37,6 +38,12 @@ class MainWindow final : public QMainWindow, public FolderTreeListener {
 
   MainWindow(MailEngine& engine, const LanguageTable& texts, const QString& title);
   ~MainWindow() override;
+
+  // The menu bar's menus; each area adds its commands to them.
+  enum class Menu { kFile, kFolder, kMessage, kView, kAccounts, kCount };
+  QMenu* menu(Menu which) const { return menus_[static_cast<int>(which)]; }
+  MailEngine& engine() const { return engine_; }
+  const LanguageTable& texts() const { return texts_; }
 
   // Selects the folder in the tree (and so lists its messages); false when
   // the tree does not show it.
@@ -67,6 +74,8 @@ class MainWindow final : public QMainWindow, public FolderTreeListener {
   void MessageChanged();
 
   MailEngine& engine_;
+  const LanguageTable& texts_;
+  QMenu* menus_[static_cast<int>(Menu::kCount)] = {};
   FolderTree* tree_;
   MessageListModel* model_;
   QTableView* list_;
