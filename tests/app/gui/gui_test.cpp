@@ -20,42 +20,10 @@
 #include "core/engine.h"
 #include "core/message_import.h"
 #include "store/mail_folder.h"
-#include "tests/support/temp_dir.h"
+#include "tests/app/gui/gui_fixture.h"
 
 namespace trv::gui {
 namespace {
-
-class GuiTest : public ::testing::Test {
- protected:
-  GuiTest() {
-    for (const char* var : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR"}) {
-      ::setenv(var, dir_.path().c_str(), 1);
-    }
-  }
-  std::filesystem::path data_dir() const { return dir_.path() / "data"; }
-
-  // Puts messages into the Inbox of a data directory, with the engine alone.
-  void AddToInbox(const std::vector<std::string>& texts, size_t read_count) {
-    MailEngine* engine = AcquireEngine();
-    engine->SetDataDirectoryOverride(data_dir());
-    ASSERT_FALSE(engine->Start("").failed());
-    FolderFile& inbox = *engine->storages().front()->SpecialFolder(kFolderInbox)->file();
-    for (size_t i = 0; i < texts.size(); ++i) {
-      MessageRecord record = RecordFromMessage(texts[i]);
-      if (i < read_count) record.flags |= msgflag::kRead;
-      uint32_t key = 0;
-      ASSERT_FALSE(inbox.Append(record, texts[i], &key).failed());
-    }
-    ReleaseEngine();
-  }
-
-  test::TempDir dir_;
-};
-
-std::string Message(const std::string& subject, const std::string& body) {
-  return "From: Ann <ann@example.org>\r\nSubject: " + subject + "\r\nDate: Mon, 2 Mar 2026 10:00:00 +0000\r\n\r\n" +
-         body + "\r\n";
-}
 
 TEST_F(GuiTest, ShowsInboxSortsBySubjectAndReadsTheSelectedMessage) {
   AddToInbox({Message("Charlie", "third body"), Message("Alpha", "first body"), Message("Bravo", "second body")}, 1);
@@ -248,11 +216,3 @@ TEST_F(GuiTest, RunningProgramTakesLaterStartsAndClosesOnUninstall) {
 }  // namespace
 }  // namespace trv::gui
 
-// The application object lives on main's stack: one destroyed among the
-// static objects at exit would outlive Qt's own and crash.
-int main(int argc, char** argv) {
-  ::testing::InitGoogleTest(&argc, argv);
-  qputenv("QT_QPA_PLATFORM", "offscreen");
-  QApplication app(argc, argv);
-  return RUN_ALL_TESTS();
-}
