@@ -8,6 +8,7 @@
 #include <QSplitter>
 #include <QTableView>
 
+#include "app/gui/reading_window.h"
 #include "core/engine.h"
 #include "store/mail_folder.h"
 
@@ -63,6 +64,7 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   // -- folder and message commands --
   // -- view modes --
   // -- reading view --
+  ConnectReadingView(*this, *view_);
   // -- runs and desktop integration --
 
   menu(Menu::kFile)->addSeparator();
@@ -141,6 +143,7 @@ void MainWindow::Activate(const QString& command_line) {
   if (isMinimized()) showNormal();
   raise();
   activateWindow();
+  if (const std::optional<std::filesystem::path> file = MessageFileOf(command_line)) OpenMessageFile(*this, *file);
 }
 
 void MainWindow::FolderChanged() {
@@ -161,7 +164,7 @@ void MainWindow::MessageChanged() {
     return;
   }
   shown_key_ = record->key;
-  view_->ShowMessage(*folder->file(), record->key);
+  view_->ShowMessage(*folder, record->key);
 }
 
 }  // namespace trv::gui
