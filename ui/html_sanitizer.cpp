@@ -128,8 +128,9 @@ bool IsSourceAttribute(WStringView name) {
                     "codebase", "xlink:href", "ping", "longdesc", "profile", "manifest"});
 }
 
-// The elements that a new one of `name` closes when still open, and the
-// elements that stop the search (a cell closes an open cell of its own row).
+// Whether a new element `name` closes the open element `open` (and all
+// opened inside it); `*stop` ends the search down the open elements (a cell
+// closes an open cell of its own row, never one of an outer table).
 bool ImpliedEnd(WStringView name, WStringView open, bool* stop) {
   *stop = false;
   if (Is(name, {"td", "th"})) {
@@ -138,7 +139,7 @@ bool ImpliedEnd(WStringView name, WStringView open, bool* stop) {
   }
   if (Is(name, {"tr"})) {
     *stop = Is(open, {"table", "tbody", "thead", "tfoot"});
-    return Is(open, {"tr", "td", "th"});
+    return Is(open, {"tr"});  // and the cells open in it
   }
   if (Is(name, {"li"})) {
     *stop = Is(open, {"ul", "ol", "menu"});
