@@ -202,9 +202,12 @@ class Sanitizer {
     }
     WString out;
     size_t pos = 0;
+    // Each search runs again only once passed, so that many url(...) stay linear.
+    size_t import = FindNoCase(css, "@import", 0);
+    size_t url = FindNoCase(css, "url(", 0);
     while (pos < css.size()) {
-      const size_t import = FindNoCase(css, "@import", pos);
-      const size_t url = FindNoCase(css, "url(", pos);
+      if (import != WString::npos && import < pos) import = FindNoCase(css, "@import", pos);
+      if (url != WString::npos && url < pos) url = FindNoCase(css, "url(", pos);
       const size_t next = std::min(import, url);
       if (next == WString::npos) {
         out += css.substr(pos);
@@ -350,8 +353,10 @@ class Sanitizer {
   }
 
   void Start(const WString& name, const std::vector<Attribute>& attributes) {
-    // A new cell closes the open one, and so on; never past a table or list.
-    for (size_t i = open_.size(); i > 0; --i) {
+    // A new cell closes the open one, and so on; never past a table or list,
+    // and not searched deeper than kImpliedEndSearch open elements.
+    constexpr size_t kImpliedEndSearch = 32;
+    for (size_t i = open_.size(); i > 0 && open_.size() - i < kImpliedEndSearch; --i) {
       bool stop = false;
       if (ImpliedEnd(name, open_[i - 1], &stop)) {
         while (open_.size() >= i) CloseTop();

@@ -6,6 +6,7 @@
 #include <QImage>
 #include <QLabel>
 #include <QPushButton>
+#include <QStatusBar>
 #include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
@@ -194,6 +195,8 @@ TEST_F(GuiReadingTest, MessageFileShownInAReadingWindowAndNonMailRefusedByName) 
   EXPECT_TRUE(shown.view().toPlainText().contains("Read this."));
   EXPECT_EQ(shown.view().attachments().count(), 1);
   EXPECT_TRUE(shown.view().remote_bar().frame->isVisibleTo(&shown));
+  emit shown.view().anchorClicked(QUrl("mailto:b@c.d"));  // said in the main window until there is a compose window
+  EXPECT_TRUE(main.statusBar()->currentMessage().contains("b@c.d"));
   QApplication::processEvents();
   ASSERT_TRUE(shown.grab().save(QString(TRV_SCREENSHOT_DIR) + "/reading_window.png"));
 }
