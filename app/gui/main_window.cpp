@@ -116,8 +116,11 @@ void MainWindow::ApplyOptions(const GuiOptions& options) {
   if (!options.list_columns.isEmpty()) header->restoreState(options.list_columns);
   const int column = options.sort_column < MessageListModel::kColumnCount ? options.sort_column : -1;
   const Qt::SortOrder order = options.sort_descending ? Qt::DescendingOrder : Qt::AscendingOrder;
+  // A changed indicator sorts the list; one that the columns' state set
+  // already did not.
+  const bool set_already = header->sortIndicatorSection() == column && header->sortIndicatorOrder() == order;
   header->setSortIndicator(column, order);
-  if (column >= 0) model_->sort(column, order);  // the indicator may have been set already, without a sort
+  if (set_already && column >= 0) model_->sort(column, order);
   if (options.view_mode < kViewModeCount) view_modes_->SetMode(static_cast<ViewMode>(options.view_mode));
   for (Storage* storage : engine_.storages()) {
     if (storage->is_open() && storage->name() == options.last_storage) {
