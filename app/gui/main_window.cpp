@@ -114,7 +114,8 @@ void MainWindow::ApplyOptions(const GuiOptions& options) {
   view_modes_->RestorePanes(options.main_panes);
   QHeaderView* header = list_->horizontalHeader();
   if (!options.list_columns.isEmpty()) header->restoreState(options.list_columns);
-  const int column = options.sort_column < MessageListModel::kColumnCount ? options.sort_column : -1;
+  const int column =
+      options.sort_column >= 0 && options.sort_column < MessageListModel::kColumnCount ? options.sort_column : -1;
   const Qt::SortOrder order = options.sort_descending ? Qt::DescendingOrder : Qt::AscendingOrder;
   // A changed indicator sorts the list; one that the columns' state set
   // already did not.
