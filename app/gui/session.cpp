@@ -71,8 +71,7 @@ bool Session::Start(const SessionOptions& options) {
   if (title.empty()) title = kDefaultTitle;
 
   window_ = std::make_unique<MainWindow>(*engine_, texts_, QString::fromStdString(title));
-  if (!options_.main_geometry.isEmpty()) window_->restoreGeometry(options_.main_geometry);
-  window_->RestorePanes(options_.main_panes);
+  window_->ApplyOptions(options_);
   window_->show();
 
   MailEngine* engine = engine_;
@@ -88,10 +87,7 @@ void Session::Shutdown() {
     QApplication::restoreOverrideCursor();
     wait_cursor_ = false;
   }
-  if (window_ != nullptr) {
-    options_.main_geometry = window_->saveGeometry();
-    options_.main_panes = window_->SavePanes();
-  }
+  if (window_ != nullptr) window_->KeepOptions(&options_);
   window_.reset();
   texts_ = LanguageTable();
   options_.Finish();

@@ -8,10 +8,10 @@
 // has drained its queue; the normal cursor.
 //
 // Shutdown, at any stage of a failed start and after the loop: the normal
-// cursor, the window's place kept in the options and the window deleted,
-// the strings dropped, the options written, the idle hook removed, the
-// engine released (the last release shuts it down), the data directory
-// unlocked.
+// cursor, the window's look (place, view mode, columns, sort order, folder)
+// kept in the options and the window deleted, the strings dropped, the
+// options written, the idle hook removed, the engine released (the last
+// release shuts it down), the data directory unlocked.
 //
 // An engine that cannot start (data directory, lock) ends the start quietly
 // for the person (the reason goes to standard error).
