@@ -8,6 +8,7 @@
 #include <QSplitter>
 #include <QTableView>
 
+#include "app/gui/run_commands.h"
 #include "core/engine.h"
 #include "store/mail_folder.h"
 
@@ -64,6 +65,7 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   // -- view modes --
   // -- reading view --
   // -- runs and desktop integration --
+  new RunCommands(*this);
 
   menu(Menu::kFile)->addSeparator();
   QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));
