@@ -1,8 +1,11 @@
 #include "app/gui/gui_main.h"
 
 #include <QApplication>
+#include <cstdio>
 #include <string>
 
+#include "app/gui/desktop_integration.h"
+#include "app/gui/run_commands.h"
 #include "app/gui/session.h"
 #include "app/gui/single_instance.h"
 
@@ -32,6 +35,11 @@ int RunMain(int argc, char** argv) {
   // Anything that begins with the switch takes the uninstall road.
   if (command_line.compare(0, kUninstall.size(), kUninstall) == 0) {
     instance.SendClose();  // no running instance: nothing to close
+    DesktopIntegration desktop;
+    if (desktop.Desintegrate().failed()) {
+      std::fprintf(stderr, "trvmail: %s could not be changed\n", desktop.subject().c_str());
+      return 1;
+    }
     return 0;
   }
   if (instance.Check(command_line) != SingleInstance::Outcome::kFirst) return 0;
@@ -45,6 +53,10 @@ int RunMain(int argc, char** argv) {
   MainWindow* window = session.window();
   QObject::connect(&instance, &SingleInstance::activateRequested, window,
                    [window](const QString& line) { window->Activate(line); });
+  // A mailto: address, given at start or handed over later.
+  HandleMailto(*window, QString::fromStdString(command_line));
+  QObject::connect(&instance, &SingleInstance::activateRequested, window,
+                   [window](const QString& line) { HandleMailto(*window, line); });
   QObject::connect(&instance, &SingleInstance::closeRequested, window, [window] { window->close(); });
   // Without the socket later processes cannot find us; this one still works.
   instance.Listen().Ignore();
