@@ -64,8 +64,10 @@ QString RunStatus::EventText(MailService& service, const SyncEvent& e) const {
     case kEventSending: return Text("RunSending").arg(Number(v[0]), Number(v[1]), Bytes(v[2]), Bytes(v[3]));
     case kEventClosing: return Text("RunClosing");
     case kEventRunFinished: {
+      // A stop may leave the aborted connection's error behind.
+      if (service.interrupted()) return Text("RunStopped");
       const Result r = service.pending_error();
-      if (r.ok()) return Text(service.interrupted() ? "RunStopped" : "RunFinished");
+      if (r.ok()) return Text("RunFinished");
       const std::string refusal = RunRefusalText(service, r);
       return Text("RunFailed").arg(QString::fromStdString(refusal.empty() ? ResultText(r) : refusal),
                                    QString::fromStdString(ResultHex(r)));

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <utility>
 
 #include "base/wide_string.h"
 #include "core/engine.h"
@@ -63,8 +64,10 @@ std::string TextOr(const LanguageTable& texts, const char* id, const char* fallb
 // The engine's progress callback's question for a storage event, put
 // through `ask` (or `tell` for what has no choice); the answer as the
 // storages understand it.
+// A folder the person chose to leave unavailable is not asked about again
+// when its storage then reports it as not loaded (*skipped holds its name).
 int AnswerStorageEvent(const StorageEvent& event, const LanguageTable& texts, const TellUser& tell,
-                       const AskUser& ask) {
+                       const AskUser& ask, WString* skipped) {
   const std::string caption = TextOr(texts, "AppTitle", kDefaultTitle);
   const std::string storage = WideToUtf8(event.storage_name);
   const auto choose = [&](const std::string& text, const std::vector<const char*>& ids) {
@@ -76,7 +79,10 @@ int AnswerStorageEvent(const StorageEvent& event, const LanguageTable& texts, co
     case kEventFolderFileNotFound: {
       const int answer = choose(Format(texts, "AskFolderFileMissing", {event.path.string(), WideToUtf8(event.folder_name), storage}),
                                 {"AskSearchAgain", "AskLeaveUnavailable", "AskCreateEmpty"});
-      return answer == 0 ? kAnswerSearchAgain : answer == 2 ? kAnswerDefault : kAnswerSkip;
+      if (answer == 0) return kAnswerSearchAgain;
+      if (answer == 2) return kAnswerDefault;
+      *skipped = event.folder_name;
+      return kAnswerSkip;
     }
     case kEventStorageLoadingError:
       tell(Format(texts, "AskStorageUnreadable", {event.path.string(), event.detail.empty() ? ResultText(event.error)
@@ -84,6 +90,7 @@ int AnswerStorageEvent(const StorageEvent& event, const LanguageTable& texts, co
            caption);
       return kAnswerDefault;
     case kEventFolderLoadingError: {
+      if (!event.folder_name.empty() && std::exchange(*skipped, WString()) == event.folder_name) return kAnswerDefault;
       const std::string text =
           event.folder_name.empty() ? Format(texts, "AskIndexDamaged", {storage, event.detail})
                                     : Format(texts, "AskFolderDamaged", {WideToUtf8(event.folder_name), storage, ResultText(event.error)});
@@ -114,8 +121,9 @@ bool Session::Start(const SessionOptions& options) {
   const TellUser tell = options.tell ? options.tell : ShowBox;
   const AskUser ask = options.ask ? options.ask : AskBox;
   // A no answer (-1) picks what changes nothing on disk.
-  engine_->SetProgressCallback(
-      [early, tell, ask](const StorageEvent& event) { return AnswerStorageEvent(event, *early, tell, ask); });
+  engine_->SetProgressCallback([early, tell, ask, skipped = std::make_shared<WString>()](const StorageEvent& event) {
+    return AnswerStorageEvent(event, *early, tell, ask, skipped.get());
+  });
   std::filesystem::path dir;
   std::string problem;
   if (engine_->PrepareDataDirectory(&dir).failed()) {
