@@ -82,7 +82,8 @@ Result RunCommands::Synchronize(MailService* service) {
   Follow();
   const Result r = service->Start(true, true);
   if (r.failed()) {
-    status_->Note(*service, Text(window_, "RunCannotStart").arg(QString::fromStdString(ResultText(r))));
+    const QString why = Text(window_, "RunCannotStart").arg(QString::fromStdString(ResultText(r)));
+    status_->Note(service, Text(window_, "RunLine").arg(QString::fromStdString(service->DisplayName()), why));
   }
   return r;
 }
@@ -120,7 +121,11 @@ void RunCommands::OpenMailto(const QString& address) {
 bool RunCommands::AskCredentials(MailService& service, CredentialsFor which, Credentials&) {
   const ServiceSettings s = service.settings();
   const ProtocolSettings& p = which == CredentialsFor::kSmtp ? s.smtp : s.incoming;
-  status_->Note(service, Text(window_, "RunNoPassword").arg(QString::fromStdString(p.host)));
+  const QString line = Text(window_, "RunLine").arg(QString::fromStdString(service.DisplayName()),
+                                                    Text(window_, "RunNoPassword").arg(QString::fromStdString(p.host)));
+  const void* key = &service;
+  QMetaObject::invokeMethod(
+      this, [this, key, line] { if (status_ != nullptr) status_->Note(key, line); }, Qt::QueuedConnection);
   return false;
 }
 

@@ -54,7 +54,7 @@ class RunCommands final : public QObject, public CredentialsPrompt {
   // The status line for a "mailto:" argument (composing comes later).
   void OpenMailto(const QString& address);
 
-  RunStatus& status() { return *status_; }
+  RunStatus& status() { return *status_; }  // lives in the window's status bar
   QAction* synchronize_all() const { return sync_all_; }
   QAction* stop() const { return stop_; }
 
@@ -68,7 +68,9 @@ class RunCommands final : public QObject, public CredentialsPrompt {
   void Integrate(bool on);
 
   MainWindow& window_;
-  RunStatus* status_;
+  // The status bar may go before this object; what the prompt shows comes
+  // through this object's queue and finds the status area gone then.
+  QPointer<RunStatus> status_;
   QAction* sync_all_;
   QAction* stop_;
   QAction* accounts_end_;  // the per-account commands go before it

@@ -94,12 +94,7 @@ void RunStatus::OnSyncEvent(MailService& service, const SyncEvent& event) {
       Qt::QueuedConnection);
 }
 
-void RunStatus::Note(MailService& service, const QString& text) {
-  const QString line = Text("RunLine").arg(QString::fromStdString(service.DisplayName()), text);
-  const void* key = &service;
-  QMetaObject::invokeMethod(
-      this, [this, key, line] { Show(key, line, -1, -1, false, true); }, Qt::QueuedConnection);
-}
+void RunStatus::Note(const void* service, const QString& line) { Show(service, line, -1, -1, false, true); }
 
 void RunStatus::ShowMessage(const QString& text) {
   message_ = text;

@@ -37,10 +37,11 @@ class RunStatus final : public QWidget, public SyncObserver {
 
   // Observes every MailService of the engine now, and no other.
   void Follow();
-  // Shows `text` as the service's line, kept until the run's end replaces
-  // "finished" with it (a run that was refused a question shows why it
-  // ended). Any thread.
-  void Note(MailService& service, const QString& text);
+  // Shows `line` as the line of the service at `service` (its address
+  // only identifies it), kept until the run's end, which then leaves it in
+  // place of "finished" (a run that was refused a question shows why it
+  // ended).
+  void Note(const void* service, const QString& line);
   // A line of its own, not a service's (e.g. a hand-over from the desktop).
   void ShowMessage(const QString& text);
 

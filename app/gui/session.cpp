@@ -37,7 +37,9 @@ int AskBox(const std::string& text, const std::string& caption, const std::vecto
     buttons.push_back(box.addButton(QString::fromStdString(choice), QMessageBox::AcceptRole));
   }
   box.setWindowFlag(Qt::WindowStaysOnTopHint);
+  QApplication::setOverrideCursor(Qt::ArrowCursor);  // over start-up's wait cursor
   box.exec();
+  QApplication::restoreOverrideCursor();
   const auto it = std::find(buttons.begin(), buttons.end(), box.clickedButton());
   return it == buttons.end() ? -1 : static_cast<int>(it - buttons.begin());
 }
@@ -77,23 +79,25 @@ int AnswerStorageEvent(const StorageEvent& event, const LanguageTable& texts, co
   };
   switch (event.code) {
     case kEventFolderFileNotFound: {
-      const int answer = choose(Format(texts, "AskFolderFileMissing", {event.path.string(), WideToUtf8(event.folder_name), storage}),
+      const std::string folder = WideToUtf8(event.folder_name);
+      const int answer = choose(Format(texts, "AskFolderFileMissing", {event.path.string(), folder, storage}),
                                 {"AskSearchAgain", "AskLeaveUnavailable", "AskCreateEmpty"});
       if (answer == 0) return kAnswerSearchAgain;
       if (answer == 2) return kAnswerDefault;
       *skipped = event.folder_name;
       return kAnswerSkip;
     }
-    case kEventStorageLoadingError:
-      tell(Format(texts, "AskStorageUnreadable", {event.path.string(), event.detail.empty() ? ResultText(event.error)
-                                                                                           : event.detail}),
-           caption);
+    case kEventStorageLoadingError: {
+      const std::string why = event.detail.empty() ? ResultText(event.error) : event.detail;
+      tell(Format(texts, "AskStorageUnreadable", {event.path.string(), why}), caption);
       return kAnswerDefault;
+    }
     case kEventFolderLoadingError: {
       if (!event.folder_name.empty() && std::exchange(*skipped, WString()) == event.folder_name) return kAnswerDefault;
       const std::string text =
-          event.folder_name.empty() ? Format(texts, "AskIndexDamaged", {storage, event.detail})
-                                    : Format(texts, "AskFolderDamaged", {WideToUtf8(event.folder_name), storage, ResultText(event.error)});
+          event.folder_name.empty()
+              ? Format(texts, "AskIndexDamaged", {storage, event.detail})
+              : Format(texts, "AskFolderDamaged", {WideToUtf8(event.folder_name), storage, ResultText(event.error)});
       return choose(text, {"AskGoOn", "AskStopLoading"}) == 1 ? kAnswerStop : kAnswerDefault;
     }
     default:

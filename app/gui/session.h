@@ -57,6 +57,8 @@ struct SessionOptions {
   std::filesystem::path program_dir;  // where the language file is looked for
   std::filesystem::path data_dir;     // empty: the engine resolves it
   std::string command_line;           // for the engine's start-up log line
+  // Both are used until Shutdown (storages may open later): what they
+  // refer to must outlive the session.
   TellUser tell;                      // empty: a message box
   AskUser ask;                        // empty: a message box with a button per choice
 };

@@ -70,10 +70,12 @@ TEST_F(GuiRunsTest, DesktopIntegrationThroughTheProgramAndMimeappsList) {
 
   std::ofstream(dir_.path() / "mimeapps.list")
       << "[Default Applications]\nx-scheme-handler/mailto=trvmail.desktop\ntext/html=web.desktop\n\n"
-         "[Added Associations]\nmessage/rfc822=other.desktop;trvmail.desktop;\nx-scheme-handler/mailto=trvmail.desktop;\n";
+         "[Added Associations]\nmessage/rfc822=other.desktop;trvmail.desktop;\n"
+         "x-scheme-handler/mailto=trvmail.desktop;\n";
   ASSERT_EQ(desktop.Desintegrate(), rc::kOk);
   ASSERT_EQ(ReadWholeFile(dir_.path() / "mimeapps.list", &text), rc::kOk);
-  EXPECT_EQ(text, "[Default Applications]\ntext/html=web.desktop\n\n[Added Associations]\nmessage/rfc822=other.desktop;\n");
+  EXPECT_EQ(text,
+            "[Default Applications]\ntext/html=web.desktop\n\n[Added Associations]\nmessage/rfc822=other.desktop;\n");
 
   DesktopIntegration missing((dir_.path() / "no-such-program").string(), dir_.path());
   EXPECT_EQ(missing.Integrate(), rc::kFail);
@@ -122,8 +124,9 @@ TEST_F(GuiRunsTest, StartupProblemsAreSaidAndAMissingFolderFileIsAsked) {
                                  asked += text + " | " + choices.at(answer < 0 ? 1 : answer) + "\n";
                                  return answer;
                                }}));
-    EXPECT_EQ(asked, "The file " + inbox.filename().string() + " of the folder \"Inbox\" in \"Local Folders\" is missing. | " +
-                         (answer < 0 ? "Leave the folder unavailable\n" : "Create it empty\n"));
+    const std::string chosen = answer < 0 ? "Leave the folder unavailable" : "Create it empty";
+    EXPECT_EQ(asked, "The file " + inbox.filename().string() +
+                         " of the folder \"Inbox\" in \"Local Folders\" is missing. | " + chosen + "\n");
     EXPECT_EQ(std::filesystem::exists(inbox), answer == 2) << asked;
   }
 }
