@@ -142,7 +142,7 @@ void RunCommands::Integrate(bool on) {
       said = Text(window_, "DesktopNoProgram").arg(subject);
       break;
     case DesktopIntegration::Problem::kProgramFailed:
-      said = Text(window_, "DesktopProgramFailed").arg(subject).arg(desktop.exit_code());
+      said = Text(window_, "DesktopProgramFailed").arg(subject, QString::number(desktop.exit_code()));
       break;
     case DesktopIntegration::Problem::kFileFailed:
       said = Text(window_, "DesktopFileFailed").arg(subject, QString::fromStdString(ResultText(r)));

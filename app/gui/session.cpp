@@ -4,8 +4,8 @@
 #include <QApplication>
 #include <QMessageBox>
 #include <QPushButton>
-#include <chrono>
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <utility>
@@ -44,7 +44,7 @@ int AskBox(const std::string& text, const std::string& caption, const std::vecto
   return it == buttons.end() ? -1 : static_cast<int>(it - buttons.begin());
 }
 
-// The language file's text `id` with %1, %2... replaced; the arguments
+// The language file's text `id` with %1 to %3 replaced; the arguments
 // alone when the file has no such text (it may be missing: start-up
 // problems come before the check that says so).
 std::string Format(const LanguageTable& texts, const char* id, const std::vector<std::string>& args) {
@@ -54,8 +54,15 @@ std::string Format(const LanguageTable& texts, const char* id, const std::vector
     for (const std::string& arg : args) parts << QString::fromStdString(arg);
     return parts.join(": ").toStdString();
   }
-  for (const std::string& arg : args) text = text.arg(QString::fromStdString(arg));
-  return text.toStdString();
+  // One arg() call for all, so that a %n inside an argument stays as it is.
+  QString a[3];
+  for (size_t i = 0; i < args.size() && i < 3; ++i) a[i] = QString::fromStdString(args[i]);
+  switch (args.size()) {
+    case 0: return text.toStdString();
+    case 1: return text.arg(a[0]).toStdString();
+    case 2: return text.arg(a[0], a[1]).toStdString();
+    default: return text.arg(a[0], a[1], a[2]).toStdString();
+  }
 }
 
 std::string TextOr(const LanguageTable& texts, const char* id, const char* fallback) {
@@ -65,9 +72,9 @@ std::string TextOr(const LanguageTable& texts, const char* id, const char* fallb
 
 // The engine's progress callback's question for a storage event, put
 // through `ask` (or `tell` for what has no choice); the answer as the
-// storages understand it.
-// A folder the person chose to leave unavailable is not asked about again
-// when its storage then reports it as not loaded (*skipped holds its name).
+// storages understand it. A folder the person chose to leave unavailable
+// is not asked about again when its storage then reports it as not loaded
+// (*skipped holds its name meanwhile).
 int AnswerStorageEvent(const StorageEvent& event, const LanguageTable& texts, const TellUser& tell,
                        const AskUser& ask, WString* skipped) {
   const std::string caption = TextOr(texts, "AppTitle", kDefaultTitle);
@@ -124,7 +131,7 @@ bool Session::Start(const SessionOptions& options) {
   early->Load(LanguageTable::Locate(options.program_dir)).Ignore();
   const TellUser tell = options.tell ? options.tell : ShowBox;
   const AskUser ask = options.ask ? options.ask : AskBox;
-  // A no answer (-1) picks what changes nothing on disk.
+  // No answer (-1) picks what changes nothing on disk.
   engine_->SetProgressCallback([early, tell, ask, skipped = std::make_shared<WString>()](const StorageEvent& event) {
     return AnswerStorageEvent(event, *early, tell, ask, skipped.get());
   });
