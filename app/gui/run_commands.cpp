@@ -47,9 +47,11 @@ RunCommands::RunCommands(MainWindow& window) : QObject(&window), window_(window)
     if (log_ != nullptr) log_->Refresh();
   });
   Follow();
+  window.engine().service_added_listeners().Add(this);
 }
 
 RunCommands::~RunCommands() {
+  window_.engine().service_added_listeners().Remove(this);
   for (MailService* service : MailServices(window_.engine())) {
     if (service->credentials_prompt() == this) service->SetCredentialsPrompt(nullptr);
     service->Stop(true);
@@ -61,6 +63,8 @@ void RunCommands::Follow() {
   status_->Follow();
   for (MailService* service : MailServices(window_.engine())) service->SetCredentialsPrompt(this);
 }
+
+void RunCommands::OnServiceAdded(EngineService&) { Follow(); }
 
 void RunCommands::RebuildAccounts() {
   QMenu* accounts = window_.menu(MainWindow::Menu::kAccounts);

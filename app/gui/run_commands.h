@@ -10,6 +10,10 @@
 // refused by the engine's trust store (services/run_trust.h), which asks
 // nobody, and the run's error text names the refusal.
 //
+// Services: those of the engine when the object is made, those the engine
+// adds later, and the list is taken again when a run starts (removed ones
+// are forgotten then).
+//
 // Threads: interface thread, except AskCredentials (services' workers).
 // A QObject child of the main window; when destroyed it takes its prompt
 // off every service and stops and waits for their runs, so no run calls it
@@ -22,6 +26,7 @@
 #include "app/gui/main_window.h"
 #include "app/gui/run_status.h"
 #include "base/result.h"
+#include "core/engine_listeners.h"
 #include "services/credentials_prompt.h"
 
 class QAction;
@@ -34,7 +39,7 @@ namespace trv::gui {
 
 class LogWindow;
 
-class RunCommands final : public QObject, public CredentialsPrompt {
+class RunCommands final : public QObject, public CredentialsPrompt, public ServiceAddedListener {
   Q_OBJECT
 
  public:
@@ -60,6 +65,9 @@ class RunCommands final : public QObject, public CredentialsPrompt {
 
   // CredentialsPrompt: answers "cancel" and shows the reason.
   bool AskCredentials(MailService& service, CredentialsFor which, Credentials& credentials) override;
+  // ServiceAddedListener: an account made while the window is open is
+  // followed from then on (interface thread).
+  void OnServiceAdded(EngineService& service) override;
 
  private:
   // Takes the engine's services again: observed and with this prompt.

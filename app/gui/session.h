@@ -60,7 +60,7 @@ struct SessionOptions {
   // Both are used until Shutdown (storages may open later): what they
   // refer to must outlive the session.
   TellUser tell;                      // empty: a message box
-  AskUser ask;                        // empty: a message box with a button per choice
+  AskUser ask = {};                   // empty: a message box with a button per choice
 };
 
 class Session {
