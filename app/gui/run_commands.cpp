@@ -159,7 +159,7 @@ bool HandleMailto(MainWindow& window, const QString& command_line) {
   const QString line = command_line.trimmed();
   if (!line.startsWith("mailto:", Qt::CaseInsensitive)) return false;
   auto* commands = window.findChild<RunCommands*>(QString(), Qt::FindDirectChildrenOnly);
-  if (commands != nullptr) commands->OpenMailto(line.section(' ', 0, 0));
+  if (commands != nullptr) commands->OpenMailto(line.section(' ', 0, 0).mid(7));
   return true;
 }
 

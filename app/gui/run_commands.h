@@ -56,7 +56,8 @@ class RunCommands final : public QObject, public CredentialsPrompt, public Servi
   void StopAll();
   // Opens (or brings forward) the activity log's window.
   LogWindow* ShowLog();
-  // The status line for a "mailto:" argument (composing comes later).
+  // The status line for the address of a "mailto:" argument (composing
+  // comes later).
   void OpenMailto(const QString& address);
 
   RunStatus& status() { return *status_; }  // lives in the window's status bar

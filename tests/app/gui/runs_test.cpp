@@ -53,6 +53,8 @@ TEST_F(GuiRunsTest, StopEndsARunAndAMissingPasswordEndsItWithTheReason) {
   EXPECT_TRUE(QTest::qWaitFor([&] { return line(1).find("NoPass: stopped: no password is saved for 127.0.0.1") == 0; },
                               10000)) << line(1);
   EXPECT_EQ(line(0), "Hanging: stopped");
+  EXPECT_TRUE(HandleMailto(*session.window(), "mailto:b@c.d"));
+  EXPECT_EQ(line(2), "Writing to b@c.d comes with the compose window, in a later version.");
 }
 
 TEST_F(GuiRunsTest, DesktopIntegrationThroughTheProgramAndMimeappsList) {
