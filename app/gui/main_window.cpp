@@ -6,6 +6,7 @@
 #include <QTableView>
 
 #include "app/gui/reading_window.h"
+#include "app/gui/run_commands.h"
 #include "core/engine.h"
 #include "store/mail_folder.h"
 
@@ -56,6 +57,7 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   // -- reading view --
   ConnectReadingView(*this, *view_);
   // -- runs and desktop integration --
+  new RunCommands(*this);
 
   menu(Menu::kFile)->addSeparator();
   QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));
@@ -155,7 +157,11 @@ void MainWindow::Activate(const QString& command_line) {
   if (isMinimized()) showNormal();
   raise();
   activateWindow();
-  if (const std::optional<std::filesystem::path> file = MessageFileOf(command_line)) OpenMessageFile(*this, *file);
+  if (const std::optional<std::filesystem::path> file = MessageFileOf(command_line)) {
+    OpenMessageFile(*this, *file);
+  } else {
+    HandleMailto(*this, command_line);
+  }
 }
 
 void MainWindow::FolderChanged() {

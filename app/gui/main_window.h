@@ -53,9 +53,9 @@ class MainWindow final : public QMainWindow, public FolderTreeListener {
   // Selects the message in `row` of the list (and so shows it).
   void SelectRow(int row);
 
-  // Another process was started: come to the front; a command line it
-  // handed over is kept (what it asks for comes with the compose window),
-  // and a message file it names is shown in a reading window.
+  // Another process was started, or this one with arguments: come to the
+  // front; the command line is kept, a message file it names is shown in a
+  // reading window, and a mailto: address is answered (HandleMailto).
   void Activate(const QString& command_line);
   const QString& handed_command_line() const { return handed_command_line_; }
 
