@@ -7,10 +7,13 @@
 
 #include "app/gui/desktop_integration.h"
 #include "app/gui/log_window.h"
+#include "app/gui/reading_view.h"
 #include "core/activity_log.h"
 #include "core/engine.h"
 #include "services/mail_service.h"
 #include "services/service_registry.h"
+#include "store/mail_folder.h"
+#include "store/storage.h"
 
 namespace trv::gui {
 
@@ -45,6 +48,18 @@ RunCommands::RunCommands(MainWindow& window) : QObject(&window), window_(window)
 
   connect(status_, &RunStatus::runFinished, this, [this] {
     if (log_ != nullptr) log_->Refresh();
+  });
+  // "Show the rest" of a partial message starts the run of the account
+  // whose storage holds it; the message is already marked for completion.
+  connect(&window.reading_view(), &ReadingView::fetchRequested, this, [this](MailFolder* folder, uint32_t) {
+    for (MailService* service : MailServices(window_.engine())) {
+      if (&service->storage() == &folder->storage()) {
+        Synchronize(service).Ignore();  // a refused start is said in the status area
+        return;
+      }
+    }
+    window_.statusBar()->showMessage(Text(window_, "RunNoAccount").arg(QString::fromStdU16String(folder->storage().name())),
+                                     10000);
   });
   Follow();
   window.engine().service_added_listeners().Add(this);
