@@ -8,6 +8,8 @@
 #include <QSplitter>
 #include <QTableView>
 
+#include "app/gui/folder_commands.h"
+#include "app/gui/message_commands.h"
 #include "core/engine.h"
 #include "store/mail_folder.h"
 
@@ -28,7 +30,7 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   list_->setModel(model_);
   list_->setSortingEnabled(true);
   list_->setSelectionBehavior(QAbstractItemView::SelectRows);
-  list_->setSelectionMode(QAbstractItemView::SingleSelection);
+  list_->setSelectionMode(QAbstractItemView::ExtendedSelection);
   list_->verticalHeader()->hide();
   list_->horizontalHeader()->setStretchLastSection(false);
   list_->horizontalHeader()->setSectionResizeMode(MessageListModel::kSubject, QHeaderView::Stretch);
@@ -61,6 +63,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
 
   // The commands of each area, each from its own file.
   // -- folder and message commands --
+  new FolderCommands(*this);
+  new MessageCommands(*this);
   // -- view modes --
   // -- reading view --
   // -- runs and desktop integration --
