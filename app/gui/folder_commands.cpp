@@ -135,10 +135,13 @@ bool FolderCommands::DeleteFolder() {
   if (folder == nullptr) return false;
   const LanguageTable& texts = window_.texts();
   const QString path = PathOf(*folder);
+  uint64_t messages = 0;
+  {
+    MutexLock lock(folder->storage().tree_mutex());  // a worker may add folders meanwhile
+    messages = SubtreeMessages(*folder);
+  }
   if (!questions_->Confirm(&window_, QString::fromStdString(texts.Text("FolderCaption")),
-                           QString::fromStdString(texts.Text("FolderDeleteConfirm"))
-                               .arg(path)
-                               .arg(SubtreeMessages(*folder)))) {
+                           QString::fromStdString(texts.Text("FolderDeleteConfirm")).arg(path).arg(messages))) {
     return false;
   }
   // The list lets go of a folder that goes: the parent is shown instead.
@@ -157,11 +160,12 @@ bool FolderCommands::MoveFolder() {
   MailFolder* folder = FolderTree::FolderOf(window_.folder_tree().currentItem());
   if (folder == nullptr) return false;
   std::vector<MailFolder*> places = {folder->storage().root()};
-  folder->storage().ForEachFolder([&](MailFolder& f) {
-    if (&f != folder) places.push_back(&f);
+  QStringList choices = {PathOf(*folder->storage().root())};
+  folder->storage().ForEachFolder([&](MailFolder& f) {  // with the tree's lock: names may change on a worker
+    if (&f == folder) return;
+    places.push_back(&f);
+    choices << PathOf(f);
   });
-  QStringList choices;
-  for (const MailFolder* place : places) choices << PathOf(*place);
   const LanguageTable& texts = window_.texts();
   int chosen = -1;
   if (!questions_->AskChoice(&window_, QString::fromStdString(texts.Text("FolderCaption")),

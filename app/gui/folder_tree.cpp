@@ -13,6 +13,7 @@
 #include "core/engine.h"
 #include "store/folder_file.h"
 #include "store/mail_folder.h"
+#include "store/storage.h"
 
 namespace trv::gui {
 
@@ -83,11 +84,12 @@ void FolderTree::Rebuild(MailEngine& engine) {
     auto* item = new QTreeWidgetItem(this, QStringList(Qs(storage->name())));
     item->setData(0, kStorageRole, QVariant::fromValue(static_cast<void*>(storage->root())));
     item->setIcon(0, KindIcon(kFolderRoot, *style()));
-    AddChildren(item, *storage->root());
+    {
+      // A worker may add folders meanwhile (an IMAP4 run).
+      MutexLock lock(storage->tree_mutex());
+      AddChildren(item, *storage->root(), &files);
+    }
     item->setExpanded(true);
-    storage->ForEachFolder([&](MailFolder& f) {
-      if (f.available()) files.push_back(f.file());
-    });
   }
   // Files that are no longer in any tree were closed with their folders.
   for (FolderFile* file : files) {
@@ -116,7 +118,10 @@ void FolderTree::UpdateLater() {
 void FolderTree::UpdateAll() {
   update_pending_ = false;
   for (QTreeWidgetItemIterator it(this); *it != nullptr; ++it) {
-    if (MailFolder* folder = FolderOf(*it)) Label(*it, *folder);
+    if (MailFolder* folder = FolderOf(*it)) {
+      MutexLock lock(folder->storage().tree_mutex());  // its name may change on a worker
+      Label(*it, *folder);
+    }
   }
 }
 
@@ -134,7 +139,7 @@ void FolderTree::Label(QTreeWidgetItem* item, const MailFolder& folder) {
   item->setText(0, text);
 }
 
-void FolderTree::AddChildren(QTreeWidgetItem* parent_item, const MailFolder& parent) {
+void FolderTree::AddChildren(QTreeWidgetItem* parent_item, const MailFolder& parent, std::vector<FolderFile*>* files) {
   std::vector<MailFolder*> children;
   for (const auto& child : parent.children()) children.push_back(child.get());
   // Special folders in their kind's order, before the user's folders.
@@ -148,7 +153,8 @@ void FolderTree::AddChildren(QTreeWidgetItem* parent_item, const MailFolder& par
     item->setData(0, kFolderRole, QVariant::fromValue(static_cast<void*>(folder)));
     item->setIcon(0, KindIcon(folder->is_special() ? folder->kind() : kFolderUser, *style()));
     Label(item, *folder);
-    AddChildren(item, *folder);
+    if (folder->available()) files->push_back(folder->file());
+    AddChildren(item, *folder, files);
     item->setExpanded(true);
   }
 }

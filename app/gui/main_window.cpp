@@ -7,6 +7,7 @@
 #include <QMenuBar>
 #include <QSplitter>
 #include <QTableView>
+#include <QThread>
 
 #include "app/gui/folder_commands.h"
 #include "app/gui/message_commands.h"
@@ -82,7 +83,15 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
 
 MainWindow::~MainWindow() { engine_.folder_tree_listeners().Remove(this); }
 
-void MainWindow::OnFolderTreeChanged(Storage&, const FolderTreeChange&) {
+void MainWindow::OnFolderTreeChanged(Storage& storage, const FolderTreeChange& change) {
+  // A worker's change (an IMAP4 run making a folder) is shown on the
+  // interface thread; neither argument is used, so they may be gone by then.
+  // Only the interface thread deletes or moves folders.
+  if (QThread::currentThread() != thread()) {
+    QMetaObject::invokeMethod(this, [this, &storage, change] { OnFolderTreeChanged(storage, change); },
+                              Qt::QueuedConnection);
+    return;
+  }
   MailFolder* shown = model_->folder();
   bool exists = false;
   for (Storage* storage : engine_.storages()) {
