@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <QApplication>
+#include <QDropEvent>
 #include <QTableView>
 #include <QTest>
+#include <thread>
 
 #include "app/gui/drag_data.h"
 #include "app/gui/folder_commands.h"
@@ -150,7 +153,13 @@ TEST_F(GuiFoldersTest, MessagesAreDeletedMarkedAndDraggedOntoFolders) {
   EXPECT_FALSE(tree.Drop(*drag, tree.topLevelItem(0), Qt::MoveAction));
   ASSERT_TRUE(tree.Drop(*drag, tree.ItemOf(archive), Qt::MoveAction));
   drag.reset(model.mimeData({model.index(1, 0)}));
-  ASSERT_TRUE(tree.Drop(*drag, tree.ItemOf(archive), Qt::CopyAction));
+  // As the platform drops it, with Ctrl held: a copy.
+  const QPoint at = tree.visualItemRect(tree.ItemOf(archive)).center();
+  QDragEnterEvent enter(at, Qt::CopyAction | Qt::MoveAction, drag.get(), Qt::LeftButton, Qt::ControlModifier);
+  QApplication::sendEvent(tree.viewport(), &enter);
+  QDropEvent drop(QPointF(at), Qt::CopyAction | Qt::MoveAction, drag.get(), Qt::LeftButton, Qt::ControlModifier);
+  QApplication::sendEvent(tree.viewport(), &drop);
+  EXPECT_EQ(drop.dropAction(), Qt::CopyAction);
   EXPECT_TRUE(LabelBecomes(u"Local Folders/Archive", "Archive (0/2)"));
   EXPECT_TRUE(LabelBecomes(u"Local Folders/Inbox", "Inbox (0/1)"));
 
@@ -174,6 +183,10 @@ TEST_F(GuiFoldersTest, StoragesClosedAtRunTimeLeaveTheWindowWorking) {
   ASSERT_FALSE(engine.DeleteStorage(second).failed());
   EXPECT_EQ(window_->folder_tree().topLevelItemCount(), 1);
   EXPECT_EQ(window_->message_model().folder(), nullptr);
+
+  // A folder made on a worker thread (as an IMAP4 run does) is shown.
+  std::thread([&] { ASSERT_FALSE(engine.storages().front()->CreateFolder(Find(u"Local Folders"), u"Fetched", nullptr).failed()); }).join();
+  EXPECT_TRUE(QTest::qWaitFor([&] { return Label(u"Local Folders/Fetched") == "Fetched (0/0)"; }, 5000));
 
   ASSERT_TRUE(window_->SelectFolder(Find(u"Local Folders/Drafts")));
   ASSERT_FALSE(engine.MoveDataDirectory(dir_.path() / "moved", {}).failed());
