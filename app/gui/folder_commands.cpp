@@ -7,6 +7,7 @@
 #include "app/gui/user_questions.h"
 #include "base/wide_string.h"
 #include "core/engine.h"
+#include "services/mail_service.h"
 #include "store/mail_folder.h"
 #include "store/storage.h"
 
@@ -28,6 +29,15 @@ uint64_t SubtreeMessages(const MailFolder& folder) {
 bool Within(const MailFolder* folder, const MailFolder& top) {
   for (; folder != nullptr; folder = folder->parent()) {
     if (folder == &top) return true;
+  }
+  return false;
+}
+
+// A run of an account of the storage is under way: its worker may be
+// using the storage's folders, which are then not deleted or moved.
+bool RunUnderWay(const Storage& storage) {
+  for (StorageService* service : storage.services()) {
+    if (const auto* mail = dynamic_cast<const MailService*>(service); mail != nullptr && mail->running()) return true;
   }
   return false;
 }
@@ -135,6 +145,11 @@ bool FolderCommands::DeleteFolder() {
   if (folder == nullptr) return false;
   const LanguageTable& texts = window_.texts();
   const QString path = PathOf(*folder);
+  if (RunUnderWay(folder->storage())) {
+    questions_->Tell(&window_, QString::fromStdString(texts.Text("FolderCaption")),
+                     QString::fromStdString(texts.Text("FolderBusy")).arg(path));
+    return false;
+  }
   uint64_t messages = 0;
   {
     MutexLock lock(folder->storage().tree_mutex());  // a worker may add folders meanwhile
@@ -180,6 +195,11 @@ bool FolderCommands::MoveFolder() {
 bool FolderCommands::MoveFolderTo(MailFolder* folder, MailFolder* new_parent) {
   if (folder == nullptr || new_parent == nullptr || new_parent == folder->parent()) return false;
   const QString path = PathOf(*folder);
+  if (RunUnderWay(folder->storage())) {
+    questions_->Tell(&window_, QString::fromStdString(window_.texts().Text("FolderCaption")),
+                     QString::fromStdString(window_.texts().Text("FolderBusy")).arg(path));
+    return false;
+  }
   if (Result r = folder->storage().MoveFolder(folder, new_parent); r.failed()) {
     Refused("FolderMoveRefused", path, PathOf(*new_parent), r);
     return false;

@@ -4,7 +4,9 @@
 // line's rmdir --force does), Move (to a parent chosen in a list, or by
 // dragging the folder onto another of its storage). The engine's rules
 // decide (store/storage.h); a refusal is shown naming the folder and the
-// engine's cause.
+// engine's cause. While a run of an account of the storage is under way,
+// its folders are not deleted or moved (the run may be using them): the
+// person is told to try again after it.
 //
 // It also keeps the tree and the message list from holding a storage's
 // folders across its closing (a move of the data directory, a deleted
