@@ -25,18 +25,6 @@ std::string TerminalText(WStringView text) {
   return out;
 }
 
-// The size of the content once its transfer encoding is undone: the size of
-// the file an attachment is saved as.
-uint64_t DecodedSize(const CXmMessagePart& part) {
-  const TransferEncoding e = part.encoding();
-  if (part.body().kind != PartBody::kSource || (e != kEncodingBase64 && e != kEncodingQuotedPrintable)) {
-    return part.GetBodySize();
-  }
-  CXmCountingStream counter;
-  part.DecodeBody(counter).Ignore();  // damaged encoding: the size of what could be decoded
-  return counter.Size();
-}
-
 std::string EscapeHtml(std::string_view text) {
   std::string out;
   for (char c : text) {
@@ -60,6 +48,16 @@ std::string AttachmentLine(const CXmMessagePart& part) {
 }
 
 }  // namespace
+
+uint64_t DecodedSize(const CXmMessagePart& part) {
+  const TransferEncoding e = part.encoding();
+  if (part.body().kind != PartBody::kSource || (e != kEncodingBase64 && e != kEncodingQuotedPrintable)) {
+    return part.GetBodySize();
+  }
+  CXmCountingStream counter;
+  part.DecodeBody(counter).Ignore();  // damaged encoding: the size of what could be decoded
+  return counter.Size();
+}
 
 std::string RenderMainHeaders(const CXmMimeMessage& message) {
   const CXmHeader& h = message.header();

@@ -2,6 +2,7 @@
 // "\n" line ends, built here so that the program only prints them.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "base/result.h"
@@ -9,6 +10,11 @@
 #include "ui/message_view.h"
 
 namespace trv {
+
+// The size of a part's content once its transfer encoding is undone: the
+// size of the file an attachment is saved as (of what could be decoded, for
+// a damaged encoding). Decodes base64 and quoted-printable bodies to count.
+uint64_t DecodedSize(const CXmMessagePart& part);
 
 // "From:", "To:", "CC:", "Subject:" and "Date:" lines, each only when the
 // message has the field, with encoded words decoded and folds undone.

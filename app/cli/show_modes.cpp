@@ -1,44 +1,15 @@
 #include "app/cli/show_modes.h"
 
-#include <algorithm>
-#include <cstring>
 #include <memory>
 #include <optional>
 
+#include "core/folder_message_source.h"
 #include "mime/mime_message.h"
 #include "mime/part_parser.h"
 #include "ui/message_show.h"
 #include "mime/mime_result.h"
 
 namespace trv::cli {
-
-namespace {
-
-// A stored message read in ranges from its folder file.
-class FolderMessageSource final : public CXmMessageSource {
- public:
-  FolderMessageSource(FolderFile& file, uint32_t key, uint32_t size) : file_(file), key_(key), size_(size) {}
-
-  uint64_t Size() const override { return size_; }
-
-  Result ReadAt(uint64_t offset, void* buf, size_t size, size_t* got) override {
-    *got = 0;
-    if (offset >= size_ || size == 0) return rc::kOk;
-    const uint32_t count = static_cast<uint32_t>(std::min<uint64_t>(size, size_ - offset));
-    std::string bytes;
-    if (Result r = file_.ReadMessageRange(key_, static_cast<uint32_t>(offset), count, &bytes); r.failed()) return r;
-    std::memcpy(buf, bytes.data(), bytes.size());
-    *got = bytes.size();
-    return rc::kOk;
-  }
-
- private:
-  FolderFile& file_;
-  const uint32_t key_;
-  const uint32_t size_;
-};
-
-}  // namespace
 
 int ShowMessage(CliContext& ctx, const std::string& what, FolderFile& file, uint32_t key, ShowMode mode) {
   const std::optional<MessageRecord> record = file.FindMessage(key);

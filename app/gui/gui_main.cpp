@@ -1,8 +1,11 @@
 #include "app/gui/gui_main.h"
 
 #include <QApplication>
+#include <filesystem>
 #include <string>
+#include <system_error>
 
+#include "app/gui/reading_window.h"
 #include "app/gui/session.h"
 #include "app/gui/single_instance.h"
 
@@ -25,8 +28,15 @@ std::string CommandLine(int argc, char** argv) {
 }  // namespace
 
 int RunMain(int argc, char** argv) {
-  const std::string command_line = CommandLine(argc, argv);
+  std::string command_line = CommandLine(argc, argv);
   QApplication app(argc, argv);
+  // A message file is named absolutely, for a running instance that has
+  // another working directory.
+  if (const auto file = MessageFileOf(QString::fromStdString(command_line)); file && file->is_relative()) {
+    std::error_code ignored;  // a path that cannot be made absolute is handed as given
+    const std::filesystem::path absolute = std::filesystem::absolute(*file, ignored);
+    if (!absolute.empty()) command_line = absolute.string();
+  }
 
   SingleInstance instance;
   // Anything that begins with the switch takes the uninstall road.
@@ -48,6 +58,8 @@ int RunMain(int argc, char** argv) {
   QObject::connect(&instance, &SingleInstance::closeRequested, window, [window] { window->close(); });
   // Without the socket later processes cannot find us; this one still works.
   instance.Listen().Ignore();
+  // A message file on the command line is shown at once.
+  if (MessageFileOf(QString::fromStdString(command_line))) window->Activate(QString::fromStdString(command_line));
 
   const int code = QApplication::exec();
   session.Shutdown();

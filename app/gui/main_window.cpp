@@ -11,6 +11,7 @@
 
 #include "app/gui/folder_commands.h"
 #include "app/gui/message_commands.h"
+#include "app/gui/reading_window.h"
 #include "core/engine.h"
 #include "store/mail_folder.h"
 
@@ -68,6 +69,7 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   new MessageCommands(*this);
   // -- view modes --
   // -- reading view --
+  ConnectReadingView(*this, *view_);
   // -- runs and desktop integration --
 
   menu(Menu::kFile)->addSeparator();
@@ -154,6 +156,7 @@ void MainWindow::Activate(const QString& command_line) {
   if (isMinimized()) showNormal();
   raise();
   activateWindow();
+  if (const std::optional<std::filesystem::path> file = MessageFileOf(command_line)) OpenMessageFile(*this, *file);
 }
 
 void MainWindow::FolderChanged() {
@@ -174,7 +177,7 @@ void MainWindow::MessageChanged() {
     return;
   }
   shown_key_ = record->key;
-  view_->ShowMessage(*folder->file(), record->key);
+  view_->ShowMessage(*folder, record->key);
 }
 
 }  // namespace trv::gui

@@ -52,7 +52,8 @@ class MainWindow final : public QMainWindow, public FolderTreeListener {
   void SelectRow(int row);
 
   // Another process was started: come to the front; a command line it
-  // handed over is kept (what it asks for comes with the compose window).
+  // handed over is kept (what it asks for comes with the compose window),
+  // and a message file it names is shown in a reading window.
   void Activate(const QString& command_line);
   const QString& handed_command_line() const { return handed_command_line_; }
 
