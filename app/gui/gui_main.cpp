@@ -1,10 +1,12 @@
 #include "app/gui/gui_main.h"
 
 #include <QApplication>
+#include <cstdio>
 #include <filesystem>
 #include <string>
 #include <system_error>
 
+#include "app/gui/desktop_integration.h"
 #include "app/gui/reading_window.h"
 #include "app/gui/session.h"
 #include "app/gui/single_instance.h"
@@ -42,6 +44,11 @@ int RunMain(int argc, char** argv) {
   // Anything that begins with the switch takes the uninstall road.
   if (command_line.compare(0, kUninstall.size(), kUninstall) == 0) {
     instance.SendClose();  // no running instance: nothing to close
+    DesktopIntegration desktop;
+    if (desktop.Desintegrate().failed()) {
+      std::fprintf(stderr, "trvmail: %s could not be changed\n", desktop.subject().c_str());
+      return 1;
+    }
     return 0;
   }
   if (instance.Check(command_line) != SingleInstance::Outcome::kFirst) return 0;
@@ -58,8 +65,9 @@ int RunMain(int argc, char** argv) {
   QObject::connect(&instance, &SingleInstance::closeRequested, window, [window] { window->close(); });
   // Without the socket later processes cannot find us; this one still works.
   instance.Listen().Ignore();
-  // A message file on the command line is shown at once.
-  if (MessageFileOf(QString::fromStdString(command_line))) window->Activate(QString::fromStdString(command_line));
+  // A message file or a mailto: address given at start is acted on as a
+  // handed-over one would be.
+  if (!command_line.empty()) window->Activate(QString::fromStdString(command_line));
 
   const int code = QApplication::exec();
   session.Shutdown();

@@ -29,12 +29,29 @@ void GuiOptions::Load(const std::filesystem::path& file, LogSink* log) {
   if (RegistryKey::Open(file.empty() ? RegistryKey::DefaultPath() : file, &key_, log).failed()) return;
   main_geometry = ReadBytes(*key_, "Geometry");
   main_panes = ReadBytes(*key_, "Panes");
+  list_columns = ReadBytes(*key_, "ListColumns");
+  // Values not saved yet keep their defaults.
+  key_->ReadDword(kMainWindowKey, "ViewMode", &view_mode).Ignore();
+  uint32_t number = 0;
+  if (key_->ReadDword(kMainWindowKey, "SortColumn", &number).ok()) sort_column = static_cast<int32_t>(number);
+  if (key_->ReadDword(kMainWindowKey, "SortOrder", &number).ok()) sort_descending = number != 0;
+  key_->ReadString(kMainWindowKey, "LastStorage", &last_storage).Ignore();
+  key_->ReadString(kMainWindowKey, "LastFolder", &last_folder).Ignore();
 }
 
 void GuiOptions::Finish() {
   if (key_ == nullptr) return;
   WriteBytes(*key_, "Geometry", main_geometry);
   WriteBytes(*key_, "Panes", main_panes);
+  WriteBytes(*key_, "ListColumns", list_columns);
+  // Values that cannot be written keep the last ones, as above.
+  key_->WriteDword(kMainWindowKey, "ViewMode", view_mode).Ignore();
+  key_->WriteDword(kMainWindowKey, "SortColumn", static_cast<uint32_t>(sort_column)).Ignore();
+  key_->WriteDword(kMainWindowKey, "SortOrder", sort_descending ? 1 : 0).Ignore();
+  if (!last_storage.empty()) {
+    key_->WriteString(kMainWindowKey, "LastStorage", last_storage).Ignore();
+    key_->WriteString(kMainWindowKey, "LastFolder", last_folder).Ignore();
+  }
   key_->Flush().Ignore();  // logged by the key; nothing else to do at exit
   key_.reset();
 }

@@ -1,17 +1,15 @@
 #include "app/gui/main_window.h"
 
-#include <QDataStream>
-#include <QIODevice>
 #include <QHeaderView>
 #include <QMenu>
 #include <QMenuBar>
-#include <QSplitter>
 #include <QTableView>
 #include <QThread>
 
 #include "app/gui/folder_commands.h"
 #include "app/gui/message_commands.h"
 #include "app/gui/reading_window.h"
+#include "app/gui/run_commands.h"
 #include "core/engine.h"
 #include "store/mail_folder.h"
 
@@ -45,14 +43,6 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   list_->horizontalHeader()->setSortIndicator(-1, Qt::AscendingOrder);
   view_ = new ReadingView(texts);
 
-  right_ = new QSplitter(Qt::Vertical);
-  right_->addWidget(list_);
-  right_->addWidget(view_);
-  panes_ = new QSplitter(Qt::Horizontal);
-  panes_->addWidget(tree_);
-  panes_->addWidget(right_);
-  panes_->setStretchFactor(1, 3);
-  setCentralWidget(panes_);
   resize(900, 600);
 
   connect(tree_, &QTreeWidget::currentItemChanged, this, [this] { FolderChanged(); });
@@ -68,9 +58,11 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   new FolderCommands(*this);
   new MessageCommands(*this);
   // -- view modes --
+  view_modes_ = new ViewModes(*this);
   // -- reading view --
   ConnectReadingView(*this, *view_);
   // -- runs and desktop integration --
+  new RunCommands(*this);
 
   menu(Menu::kFile)->addSeparator();
   QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));
@@ -134,21 +126,43 @@ void MainWindow::SelectRow(int row) {
                                            QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
 }
 
-QByteArray MainWindow::SavePanes() const {
-  QByteArray state;
-  QDataStream out(&state, QIODevice::WriteOnly);
-  out << panes_->saveState() << right_->saveState();
-  return state;
+void MainWindow::ApplyOptions(const GuiOptions& options) {
+  if (!options.main_geometry.isEmpty()) restoreGeometry(options.main_geometry);
+  view_modes_->RestorePanes(options.main_panes);
+  QHeaderView* header = list_->horizontalHeader();
+  if (!options.list_columns.isEmpty()) header->restoreState(options.list_columns);
+  const int column =
+      options.sort_column >= 0 && options.sort_column < MessageListModel::kColumnCount ? options.sort_column : -1;
+  const Qt::SortOrder order = options.sort_descending ? Qt::DescendingOrder : Qt::AscendingOrder;
+  // A changed indicator sorts the list; one that the columns' state set
+  // already did not.
+  const bool set_already = header->sortIndicatorSection() == column && header->sortIndicatorOrder() == order;
+  header->setSortIndicator(column, order);
+  if (set_already && column >= 0) model_->sort(column, order);
+  if (options.view_mode < kViewModeCount) view_modes_->SetMode(static_cast<ViewMode>(options.view_mode));
+  for (Storage* storage : engine_.storages()) {
+    if (storage->is_open() && storage->name() == options.last_storage) {
+      if (SelectFolder(storage->FindFolder(options.last_folder))) break;
+    }
+  }
 }
 
-void MainWindow::RestorePanes(const QByteArray& state) {
-  QByteArray outer;
-  QByteArray inner;
-  QDataStream in(state);
-  in >> outer >> inner;
-  if (in.status() != QDataStream::Ok) return;  // not ours: the default division stays
-  panes_->restoreState(outer);
-  right_->restoreState(inner);
+void MainWindow::KeepOptions(GuiOptions* options) const {
+  options->main_geometry = saveGeometry();
+  options->main_panes = view_modes_->SavePanes();
+  const QHeaderView* header = list_->horizontalHeader();
+  options->list_columns = header->saveState();
+  options->sort_column = header->sortIndicatorSection();
+  options->sort_descending = header->sortIndicatorOrder() == Qt::DescendingOrder;
+  options->view_mode = static_cast<uint32_t>(view_modes_->mode());
+  if (const MailFolder* folder = model_->folder()) {
+    WString path;
+    for (const MailFolder* f = folder; !f->is_root(); f = f->parent()) {
+      path = path.empty() ? f->name() : f->name() + u"/" + path;
+    }
+    options->last_storage = folder->storage().name();
+    options->last_folder = path;
+  }
 }
 
 void MainWindow::Activate(const QString& command_line) {
@@ -156,15 +170,19 @@ void MainWindow::Activate(const QString& command_line) {
   if (isMinimized()) showNormal();
   raise();
   activateWindow();
-  if (const std::optional<std::filesystem::path> file = MessageFileOf(command_line)) OpenMessageFile(*this, *file);
+  if (const std::optional<std::filesystem::path> file = MessageFileOf(command_line)) {
+    OpenMessageFile(*this, *file);
+  } else {
+    HandleMailto(*this, command_line);
+  }
 }
 
 void MainWindow::FolderChanged() {
   MailFolder* folder = FolderTree::FolderOf(tree_->currentItem());
   shown_key_ = 0;
   model_->SetFolder(folder);
-  // A new folder shows in index order until a column is picked again.
-  list_->horizontalHeader()->setSortIndicator(-1, Qt::AscendingOrder);
+  const QHeaderView* header = list_->horizontalHeader();
+  if (header->sortIndicatorSection() >= 0) model_->sort(header->sortIndicatorSection(), header->sortIndicatorOrder());
   view_->ShowNothing();
 }
 

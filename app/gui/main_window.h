@@ -1,8 +1,9 @@
-// The main window in its three-pane form: the folder tree on the left, the
-// message list above the reading view on the right. Selecting a folder
+// The main window: the folder tree, the message list and the reading view,
+// arranged by the view mode (app/gui/view_modes.h). Selecting a folder
 // lists its messages; selecting a message shows it. The window follows
 // the engine: a changed folder tree is shown again, a changed message list
-// keeps the selected message.
+// keeps the selected message. The list keeps its sort order from folder to
+// folder.
 //
 // Threads: interface thread. The engine outlives the window (start-up
 // acquires it before and releases it after).
@@ -13,13 +14,14 @@
 #include <cstdint>
 
 #include "app/gui/folder_tree.h"
+#include "app/gui/gui_options.h"
 #include "app/gui/language.h"
 #include "app/gui/message_list_model.h"
 #include "app/gui/reading_view.h"
+#include "app/gui/view_modes.h"
 #include "core/engine_listeners.h"
 
 class QMenu;
-class QSplitter;
 class QTableView;
 
 namespace trv {
@@ -51,20 +53,24 @@ class MainWindow final : public QMainWindow, public FolderTreeListener {
   // Selects the message in `row` of the list (and so shows it).
   void SelectRow(int row);
 
-  // Another process was started: come to the front; a command line it
-  // handed over is kept (what it asks for comes with the compose window),
-  // and a message file it names is shown in a reading window.
+  // Another process was started, or this one with arguments: come to the
+  // front; the command line is kept, a message file it names is shown in a
+  // reading window, and a mailto: address is answered (HandleMailto).
   void Activate(const QString& command_line);
   const QString& handed_command_line() const { return handed_command_line_; }
 
-  // The division of the panes, in Qt's encoding (GuiOptions keeps it).
-  QByteArray SavePanes() const;
-  void RestorePanes(const QByteArray& state);
+  // The remembered look (app/gui/gui_options.h): place and size, view mode
+  // and panes' division, the list's columns and sort order, and the folder
+  // shown. A remembered folder that no longer exists leaves the one shown
+  // (the first Inbox at start).
+  void ApplyOptions(const GuiOptions& options);
+  void KeepOptions(GuiOptions* options) const;
 
   FolderTree& folder_tree() { return *tree_; }
   QTableView& message_list() { return *list_; }
   MessageListModel& message_model() { return *model_; }
   ReadingView& reading_view() { return *view_; }
+  ViewModes& view_modes() { return *view_modes_; }
 
   // FolderTreeListener (interface thread).
   void OnFolderTreeChanged(Storage& storage, const FolderTreeChange& change) override;
@@ -81,8 +87,7 @@ class MainWindow final : public QMainWindow, public FolderTreeListener {
   MessageListModel* model_;
   QTableView* list_;
   ReadingView* view_;
-  QSplitter* panes_;
-  QSplitter* right_;
+  ViewModes* view_modes_ = nullptr;  // the central widget
   QString handed_command_line_;
   uint32_t shown_key_ = 0;  // the message in the reading view; 0: none
 };

@@ -8,13 +8,21 @@
 // has drained its queue; the normal cursor.
 //
 // Shutdown, at any stage of a failed start and after the loop: the normal
-// cursor, the window's place kept in the options and the window deleted,
-// the strings dropped, the options written, the idle hook removed, the
-// engine released (the last release shuts it down), the data directory
-// unlocked.
+// cursor, the window's look (place, view mode, columns, sort order, folder)
+// kept in the options and the window deleted, the strings dropped, the
+// options written, the idle hook removed, the engine released (the last
+// release shuts it down), the data directory unlocked.
 //
-// An engine that cannot start (data directory, lock) ends the start quietly
-// for the person (the reason goes to standard error).
+// An engine that cannot start ends the start with a message (through
+// SessionOptions::tell, and on standard error): a data directory that
+// cannot be made (naming it and the cause), one that another program holds
+// (naming it and the holder, after the lock's 2-second wait), and the
+// engine's start problem. While storages open, the engine's progress
+// callback puts their problems to the person through SessionOptions::ask:
+// a folder file that is missing (search again, leave the folder
+// unavailable, or create it empty), a folder or storage index that cannot
+// be loaded (go on, or stop loading that storage); no answer picks what
+// changes nothing on disk (unavailable; go on).
 //
 // Threads: the interface thread. Needs the QApplication.
 #pragma once
@@ -24,6 +32,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "app/gui/gui_options.h"
 #include "app/gui/language.h"
@@ -39,12 +48,19 @@ namespace trv::gui {
 // Shows a message in a box of its own (text, caption); a parameter so that
 // tests can read what a person would see.
 using TellUser = std::function<void(const std::string& text, const std::string& caption)>;
+// Asks a question (text, caption, the choices' labels); the index of the
+// choice, or -1 when the person gave no answer. A parameter for the tests.
+using AskUser =
+    std::function<int(const std::string& text, const std::string& caption, const std::vector<std::string>& choices)>;
 
 struct SessionOptions {
   std::filesystem::path program_dir;  // where the language file is looked for
   std::filesystem::path data_dir;     // empty: the engine resolves it
   std::string command_line;           // for the engine's start-up log line
+  // Both are used until Shutdown (storages may open later): what they
+  // refer to must outlive the session.
   TellUser tell;                      // empty: a message box
+  AskUser ask = {};                   // empty: a message box with a button per choice
 };
 
 class Session {

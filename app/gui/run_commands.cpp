@@ -1,0 +1,166 @@
+#include "app/gui/run_commands.h"
+
+#include <QAction>
+#include <QMenu>
+#include <QStatusBar>
+#include <algorithm>
+
+#include "app/gui/desktop_integration.h"
+#include "app/gui/log_window.h"
+#include "core/activity_log.h"
+#include "core/engine.h"
+#include "services/mail_service.h"
+#include "services/service_registry.h"
+
+namespace trv::gui {
+
+namespace {
+
+QString Text(const MainWindow& window, const char* id) { return QString::fromStdString(window.texts().Text(id)); }
+
+}  // namespace
+
+RunCommands::RunCommands(MainWindow& window) : QObject(&window), window_(window) {
+  status_ = new RunStatus(window.engine(), window.texts());
+  window.statusBar()->addWidget(status_, 1);
+
+  QMenu* accounts = window.menu(MainWindow::Menu::kAccounts);
+  sync_all_ = accounts->addAction(Text(window, "CommandSyncAll"));
+  sync_all_->setShortcut(QKeySequence(Qt::Key_F5));
+  connect(sync_all_, &QAction::triggered, this, [this] { SynchronizeAll(); });
+  accounts->addSeparator();
+  accounts_end_ = accounts->addSeparator();
+  stop_ = accounts->addAction(Text(window, "CommandStop"));
+  connect(stop_, &QAction::triggered, this, [this] { StopAll(); });
+  accounts->addSeparator();
+  QAction* log = accounts->addAction(Text(window, "CommandActivityLog"));
+  connect(log, &QAction::triggered, this, [this] { ShowLog(); });
+  connect(accounts, &QMenu::aboutToShow, this, [this] { RebuildAccounts(); });
+  RebuildAccounts();
+
+  QMenu* file = window.menu(MainWindow::Menu::kFile);
+  connect(file->addAction(Text(window, "CommandIntegrate")), &QAction::triggered, this, [this] { Integrate(true); });
+  connect(file->addAction(Text(window, "CommandDesintegrate")), &QAction::triggered, this,
+          [this] { Integrate(false); });
+
+  connect(status_, &RunStatus::runFinished, this, [this] {
+    if (log_ != nullptr) log_->Refresh();
+  });
+  Follow();
+  window.engine().service_added_listeners().Add(this);
+}
+
+RunCommands::~RunCommands() {
+  window_.engine().service_added_listeners().Remove(this);
+  for (MailService* service : MailServices(window_.engine())) {
+    if (service->credentials_prompt() == this) service->SetCredentialsPrompt(nullptr);
+    service->Stop(true);
+    service->WaitIdle();
+  }
+}
+
+void RunCommands::Follow() {
+  status_->Follow();
+  for (MailService* service : MailServices(window_.engine())) service->SetCredentialsPrompt(this);
+}
+
+void RunCommands::OnServiceAdded(EngineService&) { Follow(); }
+
+void RunCommands::RebuildAccounts() {
+  QMenu* accounts = window_.menu(MainWindow::Menu::kAccounts);
+  qDeleteAll(account_actions_);
+  account_actions_.clear();
+  for (MailService* service : MailServices(window_.engine())) {
+    auto* action = new QAction(Text(window_, "CommandSyncOne").arg(QString::fromStdString(service->DisplayName())),
+                               accounts);
+    // The service may be gone when the command comes: Synchronize checks.
+    connect(action, &QAction::triggered, this, [this, service] { Synchronize(service).Ignore(); });
+    accounts->insertAction(accounts_end_, action);
+    account_actions_ << action;
+  }
+}
+
+Result RunCommands::Synchronize(MailService* service) {
+  const std::vector<MailService*> services = MailServices(window_.engine());
+  if (std::find(services.begin(), services.end(), service) == services.end()) return rc::kInvalidArg;
+  Follow();
+  const Result r = service->Start(true, true);
+  if (r.failed()) {
+    const QString why = Text(window_, "RunCannotStart").arg(QString::fromStdString(ResultText(r)));
+    status_->Note(service, Text(window_, "RunLine").arg(QString::fromStdString(service->DisplayName()), why));
+  }
+  return r;
+}
+
+int RunCommands::SynchronizeAll() {
+  int started = 0;
+  for (MailService* service : MailServices(window_.engine())) {
+    if (service->settings().synchronize && Synchronize(service).ok()) ++started;
+  }
+  return started;
+}
+
+void RunCommands::StopAll() {
+  for (MailService* service : MailServices(window_.engine())) {
+    if (service->running()) service->Stop(true);
+  }
+}
+
+LogWindow* RunCommands::ShowLog() {
+  if (log_ == nullptr) {
+    log_ = new LogWindow(window_.engine().data_directory() / ActivityLog::kFileName, window_.texts(), &window_);
+  } else {
+    log_->Refresh();
+  }
+  log_->show();
+  log_->raise();
+  log_->activateWindow();
+  return log_;
+}
+
+void RunCommands::OpenMailto(const QString& address) {
+  status_->ShowMessage(Text(window_, "MailtoLater").arg(address));
+}
+
+bool RunCommands::AskCredentials(MailService& service, CredentialsFor which, Credentials&) {
+  const ServiceSettings s = service.settings();
+  const ProtocolSettings& p = which == CredentialsFor::kSmtp ? s.smtp : s.incoming;
+  const QString line = Text(window_, "RunLine").arg(QString::fromStdString(service.DisplayName()),
+                                                    Text(window_, "RunNoPassword").arg(QString::fromStdString(p.host)));
+  const void* key = &service;
+  QMetaObject::invokeMethod(
+      this, [this, key, line] { if (status_ != nullptr) status_->Note(key, line); }, Qt::QueuedConnection);
+  return false;
+}
+
+void RunCommands::Integrate(bool on) {
+  DesktopIntegration desktop;
+  const Result r = on ? desktop.Integrate() : desktop.Desintegrate();
+  const QString subject = QString::fromStdString(desktop.subject());
+  QString said;
+  switch (desktop.problem()) {
+    case DesktopIntegration::Problem::kNone:
+      said = Text(window_, on ? "DesktopIntegrated" : "DesktopDesintegrated");
+      break;
+    case DesktopIntegration::Problem::kProgramMissing:
+      said = Text(window_, "DesktopNoProgram").arg(subject);
+      break;
+    case DesktopIntegration::Problem::kProgramFailed:
+      said = Text(window_, "DesktopProgramFailed").arg(subject, QString::number(desktop.exit_code()));
+      break;
+    case DesktopIntegration::Problem::kFileFailed:
+      said = Text(window_, "DesktopFileFailed").arg(subject, QString::fromStdString(ResultText(r)));
+      break;
+  }
+  status_->ShowMessage(said);
+}
+
+bool HandleMailto(MainWindow& window, const QString& command_line) {
+  const QString line = command_line.trimmed();
+  if (!line.startsWith("mailto:", Qt::CaseInsensitive)) return false;
+  auto* commands = window.findChild<RunCommands*>(QString(), Qt::FindDirectChildrenOnly);
+  if (commands != nullptr) commands->OpenMailto(line.section(' ', 0, 0).mid(7));
+  return true;
+}
+
+}  // namespace trv::gui
