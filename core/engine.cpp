@@ -101,6 +101,7 @@ void MailEngine::Shutdown() {
     for (Storage* storage : storages()) storage->RemoveService(service.get());
   }
   services.clear();
+  for (Storage* storage : storages()) NotifyClosing(*storage);
   {
     RecursiveLock lock(storages_mu_);
     storages_map_.clear();
@@ -309,6 +310,11 @@ void MailEngine::NotifyOpened(Storage& storage) {
   storage_opened_.ForEach([&](StorageOpenedListener& l) { l.OnStorageOpened(storage); });
 }
 
+void MailEngine::NotifyClosing(Storage& storage) {
+  if (!storage.is_open()) return;
+  storage_closing_.ForEach([&](StorageClosingListener& l) { l.OnStorageAboutToClose(storage); });
+}
+
 void MailEngine::Idle() {
   {
     RecursiveLock lock(services_mu_);
@@ -378,6 +384,7 @@ Result MailEngine::DeleteStorage(Storage* storage) {
   owned->ForEachFolder([&](MailFolder& folder) {
     if (!folder.file_path().empty()) files.push_back(folder.file_path());
   });
+  NotifyClosing(*owned);
   owned->Close();
   Result result;
   for (const std::filesystem::path& file : files) {

@@ -160,6 +160,7 @@ class MailEngine final : public StorageHost {
   ListenerList<ServiceLoadedListener>& service_loaded_listeners() { return service_loaded_; }
   ListenerList<StorageOpeningListener>& storage_opening_listeners() { return storage_opening_; }
   ListenerList<StorageOpenedListener>& storage_opened_listeners() { return storage_opened_; }
+  ListenerList<StorageClosingListener>& storage_closing_listeners() { return storage_closing_; }
   ListenerList<FolderTreeListener>& folder_tree_listeners() { return folder_tree_; }
   ListenerList<IndexProgressListener>& index_progress_listeners() { return index_progress_; }
 
@@ -199,6 +200,7 @@ class MailEngine final : public StorageHost {
   Result CreateStorage(WStringView name, bool local, Storage** created);
   void OpenStorages();
   void NotifyOpened(Storage& storage);
+  void NotifyClosing(Storage& storage);
 
   std::filesystem::path registry_path_;
   std::filesystem::path data_dir_override_;
@@ -210,6 +212,7 @@ class MailEngine final : public StorageHost {
   ListenerList<ServiceLoadedListener> service_loaded_;
   ListenerList<StorageOpeningListener> storage_opening_;
   ListenerList<StorageOpenedListener> storage_opened_;
+  ListenerList<StorageClosingListener> storage_closing_;
   ListenerList<FolderTreeListener> folder_tree_;
   ListenerList<IndexProgressListener> index_progress_;
 

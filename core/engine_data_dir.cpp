@@ -90,6 +90,7 @@ Result MailEngine::MoveDataDirectory(const std::filesystem::path& new_dir, const
 
   // Folder files are closed so that every byte is in the files being moved;
   // the settings are saved so that the moved file holds them.
+  for (Storage* storage : storages()) NotifyClosing(*storage);
   {
     RecursiveLock lock(storages_mu_);
     for (auto& [path, storage] : storages_map_) storage->Close();

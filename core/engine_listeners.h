@@ -42,6 +42,16 @@ class StorageOpenedListener {
   virtual void OnStorageOpened(Storage& storage) = 0;
 };
 
+// A storage is about to be closed, its folders and their files with it: by
+// MoveDataDirectory (opened again afterwards, told to the opened listeners),
+// DeleteStorage or the shutdown. Told while the folders still exist, so that
+// observers of their files can be removed.
+class StorageClosingListener {
+ public:
+  virtual ~StorageClosingListener() = default;
+  virtual void OnStorageAboutToClose(Storage& storage) = 0;
+};
+
 // For the interface's folder view: a storage's tree changed.
 class FolderTreeListener {
  public:

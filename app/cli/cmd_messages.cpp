@@ -3,7 +3,7 @@
 #include "app/cli/listing.h"
 #include "app/cli/show_modes.h"
 #include "core/engine.h"
-#include "services/deleted_uids.h"
+#include "services/message_actions.h"
 #include "store/storage_messages.h"
 
 namespace trv::cli {
@@ -78,27 +78,19 @@ int RunRemove(CliContext& ctx, const ParsedArgs& args) {
   if (!SelectMessages(ctx, args, 1, args.positional.size(), &sel, &status)) return status;
   const std::string path = FolderPathText(*sel.folder);
   const size_t n = sel.keys.size();
-  if (args.has("--purge") || sel.folder->kind() == kFolderDeleted) {
-    // Messages downloaded by POP3 or IMAP4 are remembered as deleted here, so
-    // that the next run neither downloads them again nor forgets the delete
-    // rules (IMAP4: removes them from the server).
-    MailFolder* inbox = sel.folder->storage().SpecialFolder(kFolderInbox);
-    const Result r = inbox != nullptr && inbox->available()
-                         ? DeleteReceivedMessages(ctx.engine->FileOps(), *inbox->file(), *sel.file, sel.keys)
-                         : sel.file->Delete(sel.keys);
-    if (r.failed()) {
+  if (args.has("--purge") || DeletesForGood(*sel.folder)) {
+    if (Result r = DeleteMessagesForGood(ctx.engine->FileOps(), *sel.folder, sel.keys); r.failed()) {
       return Fail(ctx, "cannot delete " + MessageCount(n) + " from \"" + path + "\"", r);
     }
     WriteOut(ctx, "deleted " + MessageCount(n) + " from " + path + " for good\n");
     return kExitOk;
   }
-  MailFolder* deleted = sel.folder->storage().SpecialFolder(kFolderDeleted);
-  if (deleted == nullptr || !deleted->available()) {
+  MailFolder* deleted = nullptr;
+  if (Result r = MoveToDeleted(*sel.folder, sel.keys, &deleted); r == rc::kFileMissing) {
     return Fail(ctx, "storage \"" + Utf8(sel.folder->storage().name()) +
                          "\" has no usable \"Deleted\" folder; nothing deleted (--purge deletes for good)",
-                rc::kFileMissing);
-  }
-  if (Result r = MoveMessages(*sel.folder, sel.keys, *deleted, nullptr); r.failed()) {
+                r);
+  } else if (r.failed()) {
     return Fail(ctx, "cannot move " + MessageCount(n) + " from \"" + path + "\" to \"" +
                          FolderPathText(*deleted) + "\"", r);
   }
@@ -133,18 +125,10 @@ int RunMark(CliContext& ctx, const ParsedArgs& args) {
   if (!SelectMessages(ctx, args, 1, args.positional.size() - 1, &sel, &status)) return status;
   const bool read = args.positional.back() == "read";
   size_t changed = 0;
-  for (uint32_t key : sel.keys) {
-    const std::optional<MessageRecord> record = sel.file->FindMessage(key);
-    if (!record || record->is_read() == read) continue;
-    // The change is marked for the next upload to the server.
-    const Result r = read ? sel.file->SetFlags(key, msgflag::kRead | msgflag::kReadChanged, 0)
-                          : sel.file->SetFlags(key, msgflag::kReadChanged, msgflag::kRead);
-    if (r.failed()) {
-      return Fail(ctx, "cannot mark message " + FolderPathText(*sel.folder) + "/" + KeyText(key) + " " +
-                           args.positional.back() + " (" + std::to_string(changed) + " marked before it)",
-                  r);
-    }
-    ++changed;
+  if (Result r = MarkMessagesRead(*sel.file, sel.keys, read, &changed); r.failed()) {
+    return Fail(ctx, "cannot mark messages of " + FolderPathText(*sel.folder) + " " + args.positional.back() + " (" +
+                         std::to_string(changed) + " marked before the failure)",
+                r);
   }
   WriteOut(ctx, "marked " + std::to_string(changed) + " of " + MessageCount(sel.keys.size()) + " " +
                     args.positional.back() + "\n");

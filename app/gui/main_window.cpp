@@ -4,7 +4,10 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QTableView>
+#include <QThread>
 
+#include "app/gui/folder_commands.h"
+#include "app/gui/message_commands.h"
 #include "app/gui/reading_window.h"
 #include "app/gui/run_commands.h"
 #include "core/engine.h"
@@ -27,7 +30,7 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   list_->setModel(model_);
   list_->setSortingEnabled(true);
   list_->setSelectionBehavior(QAbstractItemView::SelectRows);
-  list_->setSelectionMode(QAbstractItemView::SingleSelection);
+  list_->setSelectionMode(QAbstractItemView::ExtendedSelection);
   list_->verticalHeader()->hide();
   list_->horizontalHeader()->setStretchLastSection(false);
   list_->horizontalHeader()->setSectionResizeMode(MessageListModel::kSubject, QHeaderView::Stretch);
@@ -52,6 +55,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
 
   // The commands of each area, each from its own file.
   // -- folder and message commands --
+  new FolderCommands(*this);
+  new MessageCommands(*this);
   // -- view modes --
   view_modes_ = new ViewModes(*this);
   // -- reading view --
@@ -72,7 +77,15 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
 
 MainWindow::~MainWindow() { engine_.folder_tree_listeners().Remove(this); }
 
-void MainWindow::OnFolderTreeChanged(Storage&, const FolderTreeChange&) {
+void MainWindow::OnFolderTreeChanged(Storage& storage, const FolderTreeChange& change) {
+  // A worker's change (an IMAP4 run making a folder) is shown on the
+  // interface thread; neither argument is used, so they may be gone by then.
+  // Only the interface thread deletes or moves folders.
+  if (QThread::currentThread() != thread()) {
+    QMetaObject::invokeMethod(this, [this, &storage, change] { OnFolderTreeChanged(storage, change); },
+                              Qt::QueuedConnection);
+    return;
+  }
   MailFolder* shown = model_->folder();
   bool exists = false;
   for (Storage* storage : engine_.storages()) {

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <map>
 
+#include "app/gui/drag_data.h"
 #include "base/wide_string.h"
 #include "store/folder_file.h"
 #include "store/mail_folder.h"
@@ -160,6 +161,23 @@ void MessageListModel::SortRows() {
   } else {
     std::stable_sort(records_.begin(), records_.end(), [&](const MessageRecord& a, const MessageRecord& b) { return less(b, a); });
   }
+}
+
+Qt::ItemFlags MessageListModel::flags(const QModelIndex& index) const {
+  const Qt::ItemFlags flags = QAbstractTableModel::flags(index);
+  return index.isValid() ? flags | Qt::ItemIsDragEnabled : flags;
+}
+
+QStringList MessageListModel::mimeTypes() const { return {kMessagesMimeType}; }
+
+QMimeData* MessageListModel::mimeData(const QModelIndexList& indexes) const {
+  std::vector<uint32_t> keys;  // one per row, though each column's index comes
+  for (const QModelIndex& i : indexes) {
+    const MessageRecord* record = RecordAt(i.row());
+    if (record != nullptr && std::find(keys.begin(), keys.end(), record->key) == keys.end()) keys.push_back(record->key);
+  }
+  if (folder_ == nullptr || keys.empty()) return nullptr;
+  return MessagesMimeData(folder_, keys);
 }
 
 }  // namespace trv::gui

@@ -53,6 +53,12 @@ class MessageListModel final : public QAbstractTableModel, public FolderObserver
   QVariant data(const QModelIndex& index, int role = Qt::DisplayRole) const override;
   QVariant headerData(int section, Qt::Orientation orientation, int role = Qt::DisplayRole) const override;
   void sort(int column, Qt::SortOrder order = Qt::AscendingOrder) override;
+  // Rows are dragged as their folder and keys (app/gui/drag_data.h), to be
+  // moved or copied onto a folder of the tree.
+  Qt::ItemFlags flags(const QModelIndex& index) const override;
+  QStringList mimeTypes() const override;
+  QMimeData* mimeData(const QModelIndexList& indexes) const override;
+  Qt::DropActions supportedDragActions() const override { return Qt::MoveAction | Qt::CopyAction; }
 
   // FolderObserver: any thread.
   void MessagesAdded(FolderFile&, const std::vector<uint32_t>&) override { ReloadLater(); }
