@@ -1,10 +1,11 @@
 #include "app/gui/message_list_model.h"
 
+#include <QCollator>
 #include <QDateTime>
 #include <QFont>
 #include <algorithm>
 #include <cmath>
-#include <map>
+#include <numeric>
 
 #include "base/wide_string.h"
 #include "store/folder_file.h"
@@ -27,7 +28,40 @@ QString SizeText(uint32_t size) {
   return QString::number((size + 1023) / 1024) + " KB";
 }
 
-QString Qs(const WString& s) { return QString::fromStdString(WideToUtf8(s)); }
+// The records' strings are UTF-16 already.
+QString Qs(const WString& s) {
+  return QString(reinterpret_cast<const QChar*>(s.data()), static_cast<qsizetype>(s.size()));
+}
+
+// The subject without reply and forward prefixes ("Re: ", "FWD:", "Re[2]:"),
+// so that a thread's messages sort together.
+QStringView SortSubject(QStringView s) {
+  for (;;) {
+    s = s.trimmed();
+    qsizetype i = 0;
+    while (i < s.size() && i < 4 && s[i].isLetter()) ++i;
+    const QStringView word = s.first(i);
+    if (word.compare(u"re", Qt::CaseInsensitive) != 0 && word.compare(u"fw", Qt::CaseInsensitive) != 0 &&
+        word.compare(u"fwd", Qt::CaseInsensitive) != 0) {
+      return s;
+    }
+    if (i < s.size() && s[i] == u'[') i = s.indexOf(u']', i) + 1;  // a count; 0 when unclosed
+    if (i <= 0 || i >= s.size() || s[i] != u':') return s;
+    s = s.sliced(i + 1);
+  }
+}
+
+// The first sender's display name (Ann of "Ann" <ann@x>, quotes dropped), else its address.
+QStringView SenderName(QStringView from) {
+  from = from.trimmed();
+  const qsizetype open = from.indexOf(u'<');
+  if (open < 0) return from;
+  QStringView name = from.first(open).trimmed();
+  if (name.size() >= 2 && name.front() == u'"' && name.back() == u'"') name = name.sliced(1, name.size() - 2).trimmed();
+  if (!name.isEmpty()) return name;
+  const qsizetype close = from.indexOf(u'>', open);
+  return from.sliced(open + 1, (close < 0 ? from.size() : close) - open - 1).trimmed();
+}
 
 }  // namespace
 
@@ -69,18 +103,18 @@ void MessageListModel::Reload() {
   beginResetModel();
   records_.clear();
   if (folder_ != nullptr && folder_->available()) records_ = folder_->file()->Messages();
-  SortRows();
+  SortRows();  // from the index order, so that a reload keeps the sort
   endResetModel();
   emit reloaded();
 }
 
 const MessageRecord* MessageListModel::RecordAt(int row) const {
-  if (row < 0 || static_cast<size_t>(row) >= records_.size()) return nullptr;
-  return &records_[static_cast<size_t>(row)];
+  if (row < 0 || static_cast<size_t>(row) >= order_.size()) return nullptr;
+  return &records_[order_[static_cast<size_t>(row)]];
 }
 
 int MessageListModel::rowCount(const QModelIndex& parent) const {
-  return parent.isValid() ? 0 : static_cast<int>(records_.size());
+  return parent.isValid() ? 0 : static_cast<int>(order_.size());
 }
 
 int MessageListModel::columnCount(const QModelIndex& parent) const { return parent.isValid() ? 0 : kColumnCount; }
@@ -124,41 +158,59 @@ void MessageListModel::sort(int column, Qt::SortOrder order) {
   sort_column_ = column;
   sort_order_ = order;
   emit layoutAboutToBeChanged({}, QAbstractItemModel::VerticalSortHint);
-  std::vector<uint32_t> old_keys;  // by old row
-  for (const MessageRecord& r : records_) old_keys.push_back(r.key);
+  const std::vector<uint32_t> old_order = order_;
   SortRows();
-  std::map<uint32_t, int> new_row;
-  for (size_t i = 0; i < records_.size(); ++i) new_row[records_[i].key] = static_cast<int>(i);
+  std::vector<int> new_row(records_.size());  // by position in records_
+  for (size_t row = 0; row < order_.size(); ++row) new_row[order_[row]] = static_cast<int>(row);
   // The views' selection and current row follow their messages.
   const QModelIndexList old_indexes = persistentIndexList();
   QModelIndexList new_indexes;
   for (const QModelIndex& i : old_indexes) {
-    new_indexes.append(index(new_row[old_keys[static_cast<size_t>(i.row())]], i.column()));
+    new_indexes.append(index(new_row[old_order[static_cast<size_t>(i.row())]], i.column()));
   }
   changePersistentIndexList(old_indexes, new_indexes);
   emit layoutChanged({}, QAbstractItemModel::VerticalSortHint);
 }
 
 void MessageListModel::SortRows() {
+  order_.resize(records_.size());
+  std::iota(order_.begin(), order_.end(), 0u);
   const int column = sort_column_;
   if (column < 0) return;
-  auto less = [column](const MessageRecord& a, const MessageRecord& b) {
-    switch (column) {
-      case kFrom: return QString::localeAwareCompare(Qs(a.from), Qs(b.from)) < 0;
-      case kSubject: return QString::localeAwareCompare(Qs(a.subject), Qs(b.subject)) < 0;
-      case kDate: {
-        const double da = a.sent_date != 0 ? a.sent_date : a.received_date;
-        const double db = b.sent_date != 0 ? b.sent_date : b.received_date;
-        return da < db;
-      }
-      case kSize: return std::max(a.size, a.server_size) < std::max(b.size, b.server_size);
-      default: return a.key < b.key;
-    }
+  // One key per record, made once; the comparisons only compare keys.
+  const bool ascending = sort_order_ == Qt::AscendingOrder;
+  auto by = [&](const auto& keys) {
+    std::stable_sort(order_.begin(), order_.end(),
+                     [&](uint32_t a, uint32_t b) { return ascending ? keys[a] < keys[b] : keys[b] < keys[a]; });
   };
-  if (sort_order_ == Qt::AscendingOrder) {
-    std::stable_sort(records_.begin(), records_.end(), less);
-  } else {
-    std::stable_sort(records_.begin(), records_.end(), [&](const MessageRecord& a, const MessageRecord& b) { return less(b, a); });
+  switch (column) {
+    case kFrom:
+    case kSubject: {
+      const QCollator collator;
+      std::vector<QCollatorSortKey> keys;
+      keys.reserve(records_.size());
+      for (const MessageRecord& r : records_) {
+        const QString text = Qs(column == kFrom ? r.from : r.subject);
+        keys.push_back(collator.sortKey((column == kFrom ? SenderName(text) : SortSubject(text)).toString()));
+      }
+      by(keys);
+      break;
+    }
+    case kDate: {
+      std::vector<double> keys;
+      keys.reserve(records_.size());
+      for (const MessageRecord& r : records_) keys.push_back(r.sent_date != 0 ? r.sent_date : r.received_date);
+      by(keys);
+      break;
+    }
+    case kSize: {
+      std::vector<uint32_t> keys;
+      keys.reserve(records_.size());
+      for (const MessageRecord& r : records_) keys.push_back(std::max(r.size, r.server_size));
+      by(keys);
+      break;
+    }
+    default: break;
   }
 }
 

@@ -1,7 +1,11 @@
 // The message list: one row per message of a folder, from the folder file's
 // index records only (no message is opened to fill it). Columns sender,
 // subject, date, size; unread rows are bold, partially loaded ones italic
-// with the size marked. Sorting keeps the rows in memory.
+// with the size marked. Sorting keeps the rows in memory: it orders row
+// numbers over the records, by the locale's collation of the subject
+// without its "Re:"/"Fwd:" prefixes or of the sender's display name, by
+// date or by size; equal rows keep the index order. Display texts are made
+// when a view asks for them, so only the visible rows cost anything.
 //
 // The model observes the shown folder file: a change made on any thread
 // (a run appending, a flag set) reloads the rows on the interface thread,
@@ -70,7 +74,8 @@ class MessageListModel final : public QAbstractTableModel, public FolderObserver
   void Unobserve();
   void SortRows();
 
-  std::vector<MessageRecord> records_;
+  std::vector<MessageRecord> records_;  // index order
+  std::vector<uint32_t> order_;         // row -> position in records_
   int sort_column_ = -1;  // none: index order
   Qt::SortOrder sort_order_ = Qt::AscendingOrder;
   std::atomic<bool> reload_pending_{false};
