@@ -98,6 +98,47 @@ void MessageListModel::ReloadLater() {
   QMetaObject::invokeMethod(this, [this] { Reload(); }, Qt::QueuedConnection);
 }
 
+void MessageListModel::ChangeLater(const std::vector<uint32_t>& keys) {
+  bool first = false;
+  {
+    MutexLock lock(changed_mu_);
+    first = changed_keys_.empty();
+    changed_keys_.insert(changed_keys_.end(), keys.begin(), keys.end());
+  }
+  if (first) QMetaObject::invokeMethod(this, [this] { TakeChanges(); }, Qt::QueuedConnection);
+}
+
+void MessageListModel::TakeChanges() {
+  std::vector<uint32_t> keys;
+  {
+    MutexLock lock(changed_mu_);
+    keys.swap(changed_keys_);
+  }
+  if (keys.empty() || reload_pending_ || folder_ == nullptr || !folder_->available()) return;
+  std::sort(keys.begin(), keys.end());
+  std::vector<uint32_t> positions;
+  for (uint32_t at = 0; at < records_.size(); ++at) {
+    MessageRecord& old = records_[at];
+    if (!std::binary_search(keys.begin(), keys.end(), old.key)) continue;
+    std::optional<MessageRecord> now = folder_->file()->FindMessage(old.key);
+    const bool moves = !now || (sort_column_ >= 0 && (now->subject != old.subject || now->from != old.from ||
+                                                      now->sent_date != old.sent_date ||
+                                                      now->received_date != old.received_date ||
+                                                      now->size != old.size || now->server_size != old.server_size));
+    if (moves) {  // gone meanwhile, or its row may move
+      Reload();
+      return;
+    }
+    old = std::move(*now);
+    positions.push_back(at);
+  }
+  if (positions.empty()) return;
+  std::vector<int> row_of(records_.size());
+  for (size_t row = 0; row < order_.size(); ++row) row_of[order_[row]] = static_cast<int>(row);
+  for (const uint32_t at : positions) emit dataChanged(index(row_of[at], 0), index(row_of[at], kColumnCount - 1));
+  emit reloaded();
+}
+
 void MessageListModel::Reload() {
   reload_pending_ = false;
   beginResetModel();
