@@ -232,7 +232,9 @@ void MessageListModel::SortRows() {
       keys.reserve(records_.size());
       for (const MessageRecord& r : records_) {
         const QString text = Qs(column == kFrom ? r.from : r.subject);
-        keys.push_back(collator.sortKey((column == kFrom ? SenderName(text) : SortSubject(text)).toString()));
+        // Case-folded first: the C locale's collation would put every
+        // capital before every small letter.
+        keys.push_back(collator.sortKey((column == kFrom ? SenderName(text) : SortSubject(text)).toString().toCaseFolded()));
       }
       by(keys);
       break;
