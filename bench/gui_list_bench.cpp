@@ -50,6 +50,14 @@ constexpr const char16_t* kFolderPath = u"Local Folders/Bench";
 // a few hundred bytes.
 constexpr trv::bench::CorpusSizes kListCorpus{100, 400, 100, 300, 200, 600, false, "gui-bench.test"};
 
+// This thread's processor time: every step below runs on the interface
+// thread, so this is the step's time without the machine's other work.
+double CpuMs() {
+  timespec t{};
+  ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) * 1e3 + static_cast<double>(t.tv_nsec) / 1e6;
+}
+
 double Ms(Clock::time_point from, Clock::time_point to) {
   return std::chrono::duration<double, std::milli>(to - from).count();
 }
@@ -105,6 +113,11 @@ void BuildData(const fs::path& data_dir, uint32_t count) {
   std::printf("built %s: %" PRIu32 " messages in %.1f s\n", data_dir.c_str(), count, Ms(start, Clock::now()) / 1000);
 }
 
+// Milliseconds on the clock and of this thread's processor time.
+struct Timing {
+  double wall = 0, cpu = 0;
+};
+
 // Handles the viewport's paint events itself, to note when one has ended.
 class PaintClock : public QObject {
  public:
@@ -114,17 +127,18 @@ class PaintClock : public QObject {
   // `settled` holds, when given): the milliseconds from the action's start
   // to that paint's end.
   template <typename Action>
-  double Measure(Action&& action, std::function<bool()> settled = {}) {
+  Timing Measure(Action&& action, std::function<bool()> settled = {}) {
     painted_ = false;
     settled_ = std::move(settled);
     const auto start = Clock::now();
+    const double cpu_start = CpuMs();
     action();
     acted_ms_ = Ms(start, Clock::now());
     viewport_->update();  // a paint even when the action changed nothing on the screen
     const auto limit = start + std::chrono::seconds(30);
     while (!painted_ && Clock::now() < limit) QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
     if (!painted_) Die("the list did not paint");
-    return Ms(start, painted_at_);
+    return {Ms(start, painted_at_), painted_cpu_ - cpu_start};
   }
 
   // The share of the last Measure spent in the action itself.
@@ -138,6 +152,7 @@ class PaintClock : public QObject {
     QCoreApplication::sendEvent(viewport_, event);
     inside_ = false;
     painted_at_ = Clock::now();
+    painted_cpu_ = CpuMs();
     painted_ = !settled_ || settled_();
     return true;
   }
@@ -148,19 +163,20 @@ class PaintClock : public QObject {
   bool inside_ = false;
   std::function<bool()> settled_;
   double acted_ms_ = 0;
+  double painted_cpu_ = 0;
   Clock::time_point painted_at_;
 };
 
 struct Figures {
   size_t rows = 0;
-  double first_ms = 0;           // index not loaded
+  Timing first;                  // index not loaded
   double first_select_ms = 0;    // of which choosing the folder (index read, rows taken)
-  std::vector<double> again_ms;  // index loaded
+  std::vector<Timing> again;     // index loaded
   double rss_per_row = 0;
-  double to_end_ms = 0, to_middle_ms = 0;
-  double page_median_ms = 0, page_worst_ms = 0;
-  std::vector<std::pair<const char*, double>> sorts;
-  double mark_read_ms = 0;
+  Timing to_end, to_middle;
+  std::vector<double> pages;     // wall
+  std::vector<std::pair<const char*, Timing>> sorts;
+  Timing mark_read;
 };
 
 Figures MeasureWindow(const fs::path& program_dir, const fs::path& data_dir, int rounds) {
@@ -181,27 +197,25 @@ Figures MeasureWindow(const fs::path& program_dir, const fs::path& data_dir, int
 
   ::malloc_trim(0);
   const size_t rss_before = ResidentBytes();
-  f.first_ms = clock.Measure([&] { window.SelectFolder(folder); });
+  f.first = clock.Measure([&] { window.SelectFolder(folder); });
   f.first_select_ms = clock.acted_ms();
   f.rows = static_cast<size_t>(window.message_model().rowCount());
   f.rss_per_row = (static_cast<double>(ResidentBytes()) - static_cast<double>(rss_before)) / std::max<size_t>(f.rows, 1);
   for (int i = 0; i < rounds; ++i) {
     clock.Measure([&] { window.SelectFolder(inbox); });
-    f.again_ms.push_back(clock.Measure([&] { window.SelectFolder(folder); }));
+    f.again.push_back(clock.Measure([&] { window.SelectFolder(folder); }));
   }
   if (static_cast<size_t>(window.message_model().rowCount()) != f.rows) Die("rows changed");
 
-  f.to_end_ms = clock.Measure([&] { list.scrollToBottom(); });
-  f.to_middle_ms = clock.Measure([&] {
+  f.to_end = clock.Measure([&] { list.scrollToBottom(); });
+  f.to_middle = clock.Measure([&] {
     list.scrollTo(window.message_model().index(static_cast<int>(f.rows / 2), 0), QAbstractItemView::PositionAtCenter);
   });
-  std::vector<double> pages;
   QScrollBar& bar = *list.verticalScrollBar();
   for (int i = 0; i < 100; ++i) {
-    pages.push_back(clock.Measure([&] { bar.setValue(bar.value() + (i < 50 ? bar.pageStep() : -bar.pageStep())); }));
+    f.pages.push_back(
+        clock.Measure([&] { bar.setValue(bar.value() + (i < 50 ? bar.pageStep() : -bar.pageStep())); }).wall);
   }
-  f.page_median_ms = trv::bench::Median(pages);
-  f.page_worst_ms = *std::max_element(pages.begin(), pages.end());
 
   using Col = trv::gui::MessageListModel::Column;
   const std::pair<const char*, std::pair<Col, Qt::SortOrder>> kSorts[] = {
@@ -219,14 +233,14 @@ Figures MeasureWindow(const fs::path& program_dir, const fs::path& data_dir, int
   list.sortByColumn(Col::kSubject, Qt::AscendingOrder);
   trv::gui::MessageListModel& model = window.message_model();
   const uint32_t key = model.RecordAt(0)->key;
-  f.mark_read_ms = clock.Measure([&] { (void)folder->file()->SetFlags(key, trv::msgflag::kRead, 0); },
+  f.mark_read = clock.Measure([&] { (void)folder->file()->SetFlags(key, trv::msgflag::kRead, 0); },
                                  [&] { return model.RecordAt(0)->is_read(); });
   return f;
 }
 
 struct CliFigures {
   size_t rows = 0;
-  double json_ms = 0, text_ms = 0;
+  Timing json, text;
   double rss_per_row = 0;
 };
 
@@ -243,15 +257,17 @@ CliFigures MeasureCli(const fs::path& data_dir) {
   ::malloc_trim(0);
   const size_t rss_before = ResidentBytes();
   auto start = Clock::now();
+  double cpu_start = CpuMs();
   if (file.LoadIndex().failed()) Die("index read");
   size_t bytes = 0;
   trv::cli::WriteListingJson(file, [&bytes](std::string_view piece) { bytes += piece.size(); });
-  c.json_ms = Ms(start, Clock::now());
+  c.json = {Ms(start, Clock::now()), CpuMs() - cpu_start};
   c.rows = file.MessageCount();
   c.rss_per_row = (static_cast<double>(ResidentBytes()) - static_cast<double>(rss_before)) / std::max<size_t>(c.rows, 1);
   start = Clock::now();
+  cpu_start = CpuMs();
   bytes += trv::cli::ListingText(file.Messages()).size();
-  c.text_ms = Ms(start, Clock::now());
+  c.text = {Ms(start, Clock::now()), CpuMs() - cpu_start};
   if (bytes < c.rows) Die("listing");
   trv::ReleaseEngine();
   return c;
@@ -290,23 +306,30 @@ int main(int argc, char** argv) {
   const CliFigures c = MeasureCli(work / "data");
   if (f.rows != count || c.rows != count) Die("listed " + std::to_string(f.rows) + " and " + std::to_string(c.rows));
 
-  std::vector<double> again = f.again_ms;
-  std::printf("\nmessage list of %zu messages (offscreen, %d rounds)\n", f.rows, rounds);
-  std::printf("%-48s %10s %10s %8s\n", "step", "window", "cli code", "ratio");
-  std::printf("%-48s %10.1f %10.1f %8.2f\n", "choose folder -> first paint, index not loaded (ms)", f.first_ms,
-              c.json_ms, f.first_ms / c.json_ms);
-  std::printf("%-48s %10.1f\n", "  of which the choice (index read, rows taken)", f.first_select_ms);
-  std::printf("%-48s %10s %10.1f\n", "  cli: rows as text table, index loaded (ms)", "", c.text_ms);
-  std::printf("%-48s %10.1f (worst %.1f)\n", "choose folder -> first paint, index loaded (ms)", trv::bench::Median(again),
-              *std::max_element(again.begin(), again.end()));
-  std::printf("%-48s %10.0f %10.0f %8.2f\n", "resident memory per listed message (bytes)", f.rss_per_row,
-              c.rss_per_row, f.rss_per_row / c.rss_per_row);
-  std::printf("%-48s %10.1f\n", "scroll to the end -> paint (ms)", f.to_end_ms);
-  std::printf("%-48s %10.1f\n", "scroll to the middle -> paint (ms)", f.to_middle_ms);
-  std::printf("%-48s %10.1f (worst %.1f)\n", "page down/up, 100 pages, median (ms)", f.page_median_ms,
-              f.page_worst_ms);
-  for (const auto& [name, ms] : f.sorts) std::printf("sort by %-40s %10.1f\n", (std::string(name) + " -> paint (ms)").c_str(), ms);
-  std::printf("%-48s %10.1f\n", "a message marked read elsewhere -> paint (ms)", f.mark_read_ms);
+  const auto row = [](const std::string& step, Timing ours, Timing peer = {}) {
+    std::printf("%-50s %8.1f %8.1f", step.c_str(), ours.wall, ours.cpu);
+    if (peer.wall > 0) std::printf(" %8.1f %8.1f %6.2f", peer.wall, peer.cpu, ours.cpu / peer.cpu);
+    std::printf("\n");
+  };
+  const auto median = [](const std::vector<Timing>& v) {
+    std::vector<double> wall, cpu;
+    for (const Timing& t : v) wall.push_back(t.wall), cpu.push_back(t.cpu);
+    return Timing{trv::bench::Median(wall), trv::bench::Median(cpu)};
+  };
+  std::printf("\nmessage list of %zu messages (offscreen, %d rounds); milliseconds, wall and cpu\n", f.rows, rounds);
+  std::printf("%-50s %17s %17s %6s\n", "step", "window", "cli code", "cpu ratio");
+  row("choose folder -> first paint, index not loaded", f.first, c.json);
+  std::printf("%-50s %8.1f\n", "  of which the choice (index read, rows taken)", f.first_select_ms);
+  std::printf("%-50s %17s %8.1f %8.1f\n", "  cli code: text table of the loaded index", "", c.text.wall, c.text.cpu);
+  row("choose folder -> first paint, index loaded (median)", median(f.again));
+  row("scroll to the end -> paint", f.to_end);
+  row("scroll to the middle -> paint", f.to_middle);
+  std::printf("%-50s %8.1f (worst %.1f)\n", "page down/up, 100 pages, median", trv::bench::Median(f.pages),
+              *std::max_element(f.pages.begin(), f.pages.end()));
+  for (const auto& [name, t] : f.sorts) row("sort by " + std::string(name) + " -> paint", t);
+  row("a message marked read elsewhere -> paint", f.mark_read);
+  std::printf("%-50s %8.0f %17.0f %6.2f\n", "resident memory per listed message (bytes)", f.rss_per_row, c.rss_per_row,
+              f.rss_per_row / c.rss_per_row);
   std::printf("\ncli code: what `trvmail-cli --json list` does after its engine start (index read, JSON of\n"
               "every row); its memory is the folder file's index alone. The window's holds the index too.\n");
   return 0;
