@@ -63,6 +63,15 @@ QStringView SenderName(QStringView from) {
   return from.sliced(open + 1, (close < 0 ? from.size() : close) - open - 1).trimmed();
 }
 
+// What a sort by a text column compares: case-folded, since the C locale's
+// collation would put every capital before every small letter.
+QString SortText(int column, const MessageRecord& r) {
+  const QString text = Qs(column == MessageListModel::kFrom ? r.from : r.subject);
+  return (column == MessageListModel::kFrom ? SenderName(text) : SortSubject(text)).toString().toCaseFolded();
+}
+double SortDate(const MessageRecord& r) { return r.sent_date != 0 ? r.sent_date : r.received_date; }
+uint32_t SortSize(const MessageRecord& r) { return std::max(r.size, r.server_size); }
+
 }  // namespace
 
 MessageListModel::MessageListModel(const LanguageTable& texts, QObject* parent)
@@ -98,45 +107,132 @@ void MessageListModel::ReloadLater() {
   QMetaObject::invokeMethod(this, [this] { Reload(); }, Qt::QueuedConnection);
 }
 
-void MessageListModel::ChangeLater(const std::vector<uint32_t>& keys) {
+void MessageListModel::Tell(const FolderFile& file, Told what, const std::vector<uint32_t>& keys) {
   bool first = false;
   {
-    MutexLock lock(changed_mu_);
-    first = changed_keys_.empty();
-    changed_keys_.insert(changed_keys_.end(), keys.begin(), keys.end());
+    MutexLock lock(pending_mu_);
+    first = pending_.empty();
+    pending_.push_back({&file, what, keys});
   }
-  if (first) QMetaObject::invokeMethod(this, [this] { TakeChanges(); }, Qt::QueuedConnection);
+  if (first) QMetaObject::invokeMethod(this, [this] { TakeTold(); }, Qt::QueuedConnection);
 }
 
-void MessageListModel::TakeChanges() {
-  std::vector<uint32_t> keys;
+void MessageListModel::TakeTold() {
+  std::vector<Pending> told;
   {
-    MutexLock lock(changed_mu_);
-    keys.swap(changed_keys_);
+    MutexLock lock(pending_mu_);
+    told.swap(pending_);
   }
-  if (keys.empty() || reload_pending_ || folder_ == nullptr || !folder_->available()) return;
-  std::sort(keys.begin(), keys.end());
-  std::vector<uint32_t> positions;
-  for (uint32_t at = 0; at < records_.size(); ++at) {
-    MessageRecord& old = records_[at];
-    if (!std::binary_search(keys.begin(), keys.end(), old.key)) continue;
-    std::optional<MessageRecord> now = folder_->file()->FindMessage(old.key);
-    const bool moves = !now || (sort_column_ >= 0 && (now->subject != old.subject || now->from != old.from ||
-                                                      now->sent_date != old.sent_date ||
-                                                      now->received_date != old.received_date ||
-                                                      now->size != old.size || now->server_size != old.server_size));
-    if (moves) {  // gone meanwhile, or its row may move
+  // A reload on its way reads what was told before it anyway.
+  if (reload_pending_ || folder_ == nullptr || !folder_->available()) return;
+  bool applied = false;
+  for (const Pending& p : told) {
+    if (p.file != folder_->file()) continue;  // the folder shown before
+    const bool done = p.what == kAdded ? AddRows(p.keys) : p.what == kRemoved ? RemoveRows(p.keys) : ChangeRows(p.keys);
+    if (!done) {
       Reload();
       return;
     }
-    old = std::move(*now);
-    positions.push_back(at);
+    applied = true;
   }
-  if (positions.empty()) return;
+  if (applied) emit reloaded();
+}
+
+namespace {
+
+// Beyond this many messages at once a reload with one sort costs less than
+// a row at a time.
+constexpr size_t kMaxRowSteps = 512;
+
+// Where `at` (a position in records_) belongs among the sorted rows.
+template <typename Less>
+size_t RowFor(const std::vector<uint32_t>& order, uint32_t at, Less&& less) {
+  return static_cast<size_t>(std::upper_bound(order.begin(), order.end(), at, less) - order.begin());
+}
+
+}  // namespace
+
+bool MessageListModel::AddRows(const std::vector<uint32_t>& keys) {
+  if (keys.size() > kMaxRowSteps) return false;
+  std::vector<uint32_t> known;  // listed already (a reload read them)
+  for (const MessageRecord& r : records_) known.push_back(r.key);
+  std::sort(known.begin(), known.end());
+  for (const uint32_t key : keys) {
+    if (std::binary_search(known.begin(), known.end(), key)) continue;
+    std::optional<MessageRecord> record = folder_->file()->FindMessage(key);
+    if (!record) continue;  // removed meanwhile: told next
+    records_.push_back(std::move(*record));
+    const auto at = static_cast<uint32_t>(records_.size() - 1);
+    // After the rows it ties with: a sort puts ties in index order, and a
+    // new message ends the index.
+    const size_t row = sort_column_ < 0 ? order_.size()
+                                        : RowFor(order_, at, [this](uint32_t a, uint32_t b) { return SortsBefore(a, b); });
+    beginInsertRows({}, static_cast<int>(row), static_cast<int>(row));
+    order_.insert(order_.begin() + static_cast<std::ptrdiff_t>(row), at);
+    endInsertRows();
+  }
+  return true;
+}
+
+bool MessageListModel::RemoveRows(const std::vector<uint32_t>& keys) {
+  if (keys.size() > kMaxRowSteps) return false;
+  std::vector<uint32_t> sorted = keys;
+  std::sort(sorted.begin(), sorted.end());
+  std::vector<bool> gone(records_.size());
+  bool any = false;
+  for (size_t at = 0; at < records_.size(); ++at) {
+    if (std::binary_search(sorted.begin(), sorted.end(), records_[at].key)) gone[at] = any = true;
+  }
+  if (!any) return true;
+  // Runs of rows from the last, the records staying until all are out.
+  for (size_t end = order_.size(); end > 0;) {
+    if (!gone[order_[end - 1]]) {
+      --end;
+      continue;
+    }
+    size_t first = end - 1;
+    while (first > 0 && gone[order_[first - 1]]) --first;
+    beginRemoveRows({}, static_cast<int>(first), static_cast<int>(end - 1));
+    order_.erase(order_.begin() + static_cast<std::ptrdiff_t>(first), order_.begin() + static_cast<std::ptrdiff_t>(end));
+    endRemoveRows();
+    end = first;
+  }
+  std::vector<uint32_t> moved_to(records_.size());
+  size_t kept = 0;
+  for (size_t at = 0; at < records_.size(); ++at) {
+    if (gone[at]) continue;
+    moved_to[at] = static_cast<uint32_t>(kept);
+    if (kept != at) records_[kept] = std::move(records_[at]);
+    ++kept;
+  }
+  records_.resize(kept);
+  for (uint32_t& at : order_) at = moved_to[at];
+  return true;
+}
+
+bool MessageListModel::ChangeRows(const std::vector<uint32_t>& keys) {
+  if (keys.size() > kMaxRowSteps) return false;
+  std::vector<uint32_t> sorted = keys;
+  std::sort(sorted.begin(), sorted.end());
+  std::vector<uint32_t> changed;  // positions in records_
+  for (uint32_t at = 0; at < records_.size(); ++at) {
+    MessageRecord& old = records_[at];
+    if (!std::binary_search(sorted.begin(), sorted.end(), old.key)) continue;
+    std::optional<MessageRecord> now = folder_->file()->FindMessage(old.key);
+    // Gone meanwhile, or its row may move (a longer record also moves to
+    // the end of the index).
+    if (!now || now->subject != old.subject || now->from != old.from || now->sent_date != old.sent_date ||
+        now->received_date != old.received_date || now->size != old.size || now->server_size != old.server_size) {
+      return false;
+    }
+    old = std::move(*now);
+    changed.push_back(at);
+  }
+  if (changed.empty()) return true;
   std::vector<int> row_of(records_.size());
   for (size_t row = 0; row < order_.size(); ++row) row_of[order_[row]] = static_cast<int>(row);
-  for (const uint32_t at : positions) emit dataChanged(index(row_of[at], 0), index(row_of[at], kColumnCount - 1));
-  emit reloaded();
+  for (const uint32_t at : changed) emit dataChanged(index(row_of[at], 0), index(row_of[at], kColumnCount - 1));
+  return true;
 }
 
 void MessageListModel::Reload() {
@@ -227,33 +323,40 @@ void MessageListModel::SortRows() {
   switch (column) {
     case kFrom:
     case kSubject: {
-      const QCollator collator;
       std::vector<QCollatorSortKey> keys;
       keys.reserve(records_.size());
-      for (const MessageRecord& r : records_) {
-        const QString text = Qs(column == kFrom ? r.from : r.subject);
-        // Case-folded first: the C locale's collation would put every
-        // capital before every small letter.
-        keys.push_back(collator.sortKey((column == kFrom ? SenderName(text) : SortSubject(text)).toString().toCaseFolded()));
-      }
+      for (const MessageRecord& r : records_) keys.push_back(collator_.sortKey(SortText(column, r)));
       by(keys);
       break;
     }
     case kDate: {
       std::vector<double> keys;
       keys.reserve(records_.size());
-      for (const MessageRecord& r : records_) keys.push_back(r.sent_date != 0 ? r.sent_date : r.received_date);
+      for (const MessageRecord& r : records_) keys.push_back(SortDate(r));
       by(keys);
       break;
     }
     case kSize: {
       std::vector<uint32_t> keys;
       keys.reserve(records_.size());
-      for (const MessageRecord& r : records_) keys.push_back(std::max(r.size, r.server_size));
+      for (const MessageRecord& r : records_) keys.push_back(SortSize(r));
       by(keys);
       break;
     }
     default: break;
+  }
+}
+
+bool MessageListModel::SortsBefore(uint32_t a, uint32_t b) const {
+  const bool ascending = sort_order_ == Qt::AscendingOrder;
+  const MessageRecord& x = records_[ascending ? a : b];
+  const MessageRecord& y = records_[ascending ? b : a];
+  switch (sort_column_) {
+    case kFrom:
+    case kSubject: return collator_.compare(SortText(sort_column_, x), SortText(sort_column_, y)) < 0;
+    case kDate: return SortDate(x) < SortDate(y);
+    case kSize: return SortSize(x) < SortSize(y);
+    default: return false;
   }
 }
 

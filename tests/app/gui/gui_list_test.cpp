@@ -1,8 +1,11 @@
 #include <gtest/gtest.h>
 
+#include <QSignalSpy>
 #include <QTableView>
+#include <QTest>
 
 #include "app/gui/session.h"
+#include "core/message_import.h"
 #include "tests/app/gui/gui_fixture.h"
 
 namespace trv::gui {
@@ -34,6 +37,24 @@ TEST_F(GuiTest, ListSortsSubjectsWithoutPrefixesAndSendersByName) {
   window.message_list().sortByColumn(MessageListModel::kFrom, Qt::DescendingOrder);
   EXPECT_EQ(column(MessageListModel::kSubject),
             QStringList({"Re: bravo", "FWD: Re[2]: Charlie", "bravo", "alpha", "Report"}));
+
+  // Messages added and removed meanwhile take the rows a new sort gives
+  // them, without a reset of the list.
+  MessageListModel& model = window.message_model();
+  QSignalSpy resets(&model, &QAbstractItemModel::modelReset);
+  FolderFile& inbox = *model.folder()->file();
+  uint32_t key = 0;
+  for (const std::string& text : {from("Carl <e@example.org>", "later"), from("Zoe <f@example.org>", "new"),
+                                  from("\"\" <a@example.org>", "last")}) {
+    ASSERT_FALSE(inbox.Append(RecordFromMessage(text), text, &key).failed());
+  }
+  ASSERT_FALSE(inbox.Delete({model.RecordAt(3)->key}).failed());
+  ASSERT_TRUE(QTest::qWaitFor([&] { return model.rowCount() == 7; }, 5000));
+  EXPECT_EQ(resets.count(), 0);
+  const QStringList shown = column(MessageListModel::kSubject);
+  EXPECT_EQ(shown, QStringList({"new", "Re: bravo", "FWD: Re[2]: Charlie", "bravo", "later", "Report", "last"}));
+  model.Reload();
+  EXPECT_EQ(column(MessageListModel::kSubject), shown);
 }
 
 }  // namespace
