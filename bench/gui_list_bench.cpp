@@ -177,6 +177,7 @@ struct Figures {
   std::vector<double> pages;     // wall
   std::vector<std::pair<const char*, Timing>> sorts;
   Timing mark_read;
+  Timing arrival, removal;
 };
 
 Figures MeasureWindow(const fs::path& program_dir, const fs::path& data_dir, int rounds) {
@@ -235,6 +236,14 @@ Figures MeasureWindow(const fs::path& program_dir, const fs::path& data_dir, int
   const uint32_t key = model.RecordAt(0)->key;
   f.mark_read = clock.Measure([&] { (void)folder->file()->SetFlags(key, trv::msgflag::kRead, 0); },
                                  [&] { return model.RecordAt(0)->is_read(); });
+  // A message arriving, and then deleted, in the same sorted list.
+  trv::bench::Random arrival_rnd;
+  const std::string text = trv::bench::Message(arrival_rnd, static_cast<int>(f.rows), kListCorpus);
+  uint32_t arrived = 0;
+  f.arrival = clock.Measure([&] { (void)folder->file()->Append(trv::RecordFromMessage(text), text, &arrived); },
+                            [&] { return static_cast<size_t>(model.rowCount()) == f.rows + 1; });
+  f.removal = clock.Measure([&] { (void)folder->file()->Delete({arrived}); },
+                            [&] { return static_cast<size_t>(model.rowCount()) == f.rows; });
   return f;
 }
 
@@ -328,6 +337,8 @@ int main(int argc, char** argv) {
               *std::max_element(f.pages.begin(), f.pages.end()));
   for (const auto& [name, t] : f.sorts) row("sort by " + std::string(name) + " -> paint", t);
   row("a message marked read elsewhere -> paint", f.mark_read);
+  row("a message arriving -> paint", f.arrival);
+  row("that message deleted -> paint", f.removal);
   std::printf("%-50s %8.0f %17.0f %6.2f\n", "resident memory per listed message (bytes)", f.rss_per_row, c.rss_per_row,
               f.rss_per_row / c.rss_per_row);
   std::printf("\ncli code: what `trvmail-cli --json list` does after its engine start (index read, JSON of\n"
