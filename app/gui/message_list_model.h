@@ -96,7 +96,7 @@ class MessageListModel final : public QAbstractTableModel, public FolderObserver
   void Unobserve();
   void SortRows();
 
-  std::vector<MessageRecord> records_;  // index order
+  std::vector<MessageRecord> records_;  // index order as read, added ones after
   std::vector<uint32_t> order_;         // row -> position in records_
   QCollator collator_;                  // the locale's, for the texts' order
   int sort_column_ = -1;  // none: index order
