@@ -237,15 +237,22 @@ Figures MeasureWindow(const fs::path& program_dir, const fs::path& data_dir, int
   const uint32_t key = model.RecordAt(0)->key;
   const bool read = !model.RecordAt(0)->is_read();
   f.mark_read = clock.Measure(
-      [&] { (void)folder->file()->SetFlags(key, read ? trv::msgflag::kRead : 0, read ? 0 : trv::msgflag::kRead); },
+      [&] {
+        if (folder->file()->SetFlags(key, read ? trv::msgflag::kRead : 0, read ? 0 : trv::msgflag::kRead).failed()) {
+          Die("mark");
+        }
+      },
       [&] { return model.RecordAt(0)->is_read() == read; });
   // A message arriving, and then deleted, in the same sorted list.
   trv::bench::Random arrival_rnd;
   const std::string text = trv::bench::Message(arrival_rnd, static_cast<int>(f.rows), kListCorpus);
   uint32_t arrived = 0;
-  f.arrival = clock.Measure([&] { (void)folder->file()->Append(trv::RecordFromMessage(text), text, &arrived); },
-                            [&] { return static_cast<size_t>(model.rowCount()) == f.rows + 1; });
-  f.removal = clock.Measure([&] { (void)folder->file()->Delete({arrived}); },
+  f.arrival = clock.Measure(
+      [&] {
+        if (folder->file()->Append(trv::RecordFromMessage(text), text, &arrived).failed()) Die("append");
+      },
+      [&] { return static_cast<size_t>(model.rowCount()) == f.rows + 1; });
+  f.removal = clock.Measure([&] { if (folder->file()->Delete({arrived}).failed()) Die("delete"); },
                             [&] { return static_cast<size_t>(model.rowCount()) == f.rows; });
   return f;
 }
