@@ -83,8 +83,14 @@ void MessageListModel::Unobserve() {
   if (folder_ != nullptr && folder_->available()) folder_->file()->RemoveObserver(this);
 }
 
+void MessageListModel::DropTold() {
+  MutexLock lock(pending_mu_);
+  pending_.clear();  // the folder they were about is no longer shown
+}
+
 void MessageListModel::SetFolder(MailFolder* folder) {
   Unobserve();
+  DropTold();
   folder_ = folder;
   sort_column_ = -1;
   if (folder != nullptr && folder->available()) {
@@ -97,6 +103,7 @@ void MessageListModel::SetFolder(MailFolder* folder) {
 }
 
 void MessageListModel::ForgetFolder() {
+  DropTold();
   folder_ = nullptr;
   Reload();
 }

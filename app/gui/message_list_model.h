@@ -88,6 +88,7 @@ class MessageListModel final : public QAbstractTableModel, public FolderObserver
   };
   void Tell(const FolderFile& file, Told what, const std::vector<uint32_t>& keys) EXCLUDES(pending_mu_);
   void TakeTold() EXCLUDES(pending_mu_);
+  void DropTold() EXCLUDES(pending_mu_);
   bool AddRows(const std::vector<uint32_t>& keys);
   bool RemoveRows(const std::vector<uint32_t>& keys);
   bool ChangeRows(const std::vector<uint32_t>& keys);
