@@ -76,6 +76,12 @@ size_t ResidentBytes() {
   return static_cast<size_t>(resident) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
+// Growth of the resident set since `before`, per row.
+double BytesPerRow(size_t before, size_t rows) {
+  const double growth = static_cast<double>(ResidentBytes()) - static_cast<double>(before);
+  return growth / static_cast<double>(std::max<size_t>(rows, 1));
+}
+
 // Subjects as a real folder has them: replies, forwards, words in mixed case.
 std::string Subject(trv::bench::Random& rnd, int i) {
   static const char* const kPrefixes[] = {"", "", "", "Re: ", "RE: ", "Fwd: ", "Re: Re: "};
@@ -201,7 +207,7 @@ Figures MeasureWindow(const fs::path& program_dir, const fs::path& data_dir, int
   f.first = clock.Measure([&] { window.SelectFolder(folder); });
   f.first_select_ms = clock.acted_ms();
   f.rows = static_cast<size_t>(window.message_model().rowCount());
-  f.rss_per_row = (static_cast<double>(ResidentBytes()) - static_cast<double>(rss_before)) / std::max<size_t>(f.rows, 1);
+  f.rss_per_row = BytesPerRow(rss_before, f.rows);
   for (int i = 0; i < rounds; ++i) {
     clock.Measure([&] { window.SelectFolder(inbox); });
     f.again.push_back(clock.Measure([&] { window.SelectFolder(folder); }));
@@ -282,7 +288,7 @@ CliFigures MeasureCli(const fs::path& data_dir) {
   trv::cli::WriteListingJson(file, [&bytes](std::string_view piece) { bytes += piece.size(); });
   c.json = {Ms(start, Clock::now()), CpuMs() - cpu_start};
   c.rows = file.MessageCount();
-  c.rss_per_row = (static_cast<double>(ResidentBytes()) - static_cast<double>(rss_before)) / std::max<size_t>(c.rows, 1);
+  c.rss_per_row = BytesPerRow(rss_before, c.rows);
   start = Clock::now();
   cpu_start = CpuMs();
   bytes += trv::cli::ListingText(file.Messages()).size();

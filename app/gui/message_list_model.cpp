@@ -172,8 +172,8 @@ bool MessageListModel::AddRows(const std::vector<uint32_t>& keys) {
     const auto at = static_cast<uint32_t>(records_.size() - 1);
     // After the rows it ties with: a sort puts ties in index order, and a
     // new message ends the index.
-    const size_t row = sort_column_ < 0 ? order_.size()
-                                        : RowFor(order_, at, [this](uint32_t a, uint32_t b) { return SortsBefore(a, b); });
+    const auto less = [this](uint32_t a, uint32_t b) { return SortsBefore(a, b); };
+    const size_t row = sort_column_ < 0 ? order_.size() : RowFor(order_, at, less);
     beginInsertRows({}, static_cast<int>(row), static_cast<int>(row));
     order_.insert(order_.begin() + static_cast<std::ptrdiff_t>(row), at);
     endInsertRows();
@@ -200,7 +200,8 @@ bool MessageListModel::RemoveRows(const std::vector<uint32_t>& keys) {
     size_t first = end - 1;
     while (first > 0 && gone[order_[first - 1]]) --first;
     beginRemoveRows({}, static_cast<int>(first), static_cast<int>(end - 1));
-    order_.erase(order_.begin() + static_cast<std::ptrdiff_t>(first), order_.begin() + static_cast<std::ptrdiff_t>(end));
+    const auto begin = order_.begin();
+    order_.erase(begin + static_cast<std::ptrdiff_t>(first), begin + static_cast<std::ptrdiff_t>(end));
     endRemoveRows();
     end = first;
   }

@@ -24,23 +24,21 @@ TEST_F(GuiTest, ListSortsSubjectsWithoutPrefixesAndSendersByName) {
   Session session;
   ASSERT_TRUE(session.Start({TRVMAIL_DIR, data_dir(), "", {}}));
   MainWindow& window = *session.window();
-  const auto column = [&](int c) {
+  MessageListModel& model = window.message_model();
+  const auto subjects = [&] {
     QStringList texts;
-    for (int row = 0; row < window.message_model().rowCount(); ++row) {
-      texts << window.message_model().index(row, c).data().toString();
+    for (int row = 0; row < model.rowCount(); ++row) {
+      texts << model.index(row, MessageListModel::kSubject).data().toString();
     }
     return texts;
   };
   window.message_list().sortByColumn(MessageListModel::kSubject, Qt::AscendingOrder);
-  EXPECT_EQ(column(MessageListModel::kSubject),
-            QStringList({"alpha", "Re: bravo", "bravo", "FWD: Re[2]: Charlie", "Report"}));
+  EXPECT_EQ(subjects(), QStringList({"alpha", "Re: bravo", "bravo", "FWD: Re[2]: Charlie", "Report"}));
   window.message_list().sortByColumn(MessageListModel::kFrom, Qt::DescendingOrder);
-  EXPECT_EQ(column(MessageListModel::kSubject),
-            QStringList({"Re: bravo", "FWD: Re[2]: Charlie", "bravo", "alpha", "Report"}));
+  EXPECT_EQ(subjects(), QStringList({"Re: bravo", "FWD: Re[2]: Charlie", "bravo", "alpha", "Report"}));
 
   // Messages added and removed meanwhile take the rows a new sort gives
   // them, without a reset of the list.
-  MessageListModel& model = window.message_model();
   QSignalSpy resets(&model, &QAbstractItemModel::modelReset);
   FolderFile& inbox = *model.folder()->file();
   uint32_t key = 0;
@@ -51,10 +49,10 @@ TEST_F(GuiTest, ListSortsSubjectsWithoutPrefixesAndSendersByName) {
   ASSERT_FALSE(inbox.Delete({model.RecordAt(3)->key}).failed());
   ASSERT_TRUE(QTest::qWaitFor([&] { return model.rowCount() == 7; }, 5000));
   EXPECT_EQ(resets.count(), 0);
-  const QStringList shown = column(MessageListModel::kSubject);
+  const QStringList shown = subjects();
   EXPECT_EQ(shown, QStringList({"new", "Re: bravo", "FWD: Re[2]: Charlie", "bravo", "later", "Report", "last"}));
   model.Reload();
-  EXPECT_EQ(column(MessageListModel::kSubject), shown);
+  EXPECT_EQ(subjects(), shown);
 }
 
 }  // namespace
