@@ -38,6 +38,7 @@
 #include "core/engine.h"
 #include "core/message_import.h"
 #include "store/mail_folder.h"
+#include "bench/resident_memory.h"
 
 namespace {
 
@@ -67,18 +68,9 @@ double Ms(Clock::time_point from, Clock::time_point to) {
   std::exit(1);
 }
 
-size_t ResidentBytes() {
-  long pages = 0, resident = 0;
-  if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(f);
-  }
-  return static_cast<size_t>(resident) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
-
 // Growth of the resident set since `before`, per row.
 double BytesPerRow(size_t before, size_t rows) {
-  const double growth = static_cast<double>(ResidentBytes()) - static_cast<double>(before);
+  const double growth = static_cast<double>(trv::bench::ResidentBytes()) - static_cast<double>(before);
   return growth / static_cast<double>(std::max<size_t>(rows, 1));
 }
 
@@ -203,7 +195,7 @@ Figures MeasureWindow(const fs::path& program_dir, const fs::path& data_dir, int
   clock.Measure([] {});  // the window's first paint, Inbox shown
 
   ::malloc_trim(0);
-  const size_t rss_before = ResidentBytes();
+  const size_t rss_before = trv::bench::ResidentBytes();
   f.first = clock.Measure([&] { window.SelectFolder(folder); });
   f.first_select_ms = clock.acted_ms();
   f.rows = static_cast<size_t>(window.message_model().rowCount());
@@ -280,7 +272,7 @@ CliFigures MeasureCli(const fs::path& data_dir) {
   if (folder == nullptr || folder->file() == nullptr) Die("no folder");
   trv::FolderFile& file = *folder->file();
   ::malloc_trim(0);
-  const size_t rss_before = ResidentBytes();
+  const size_t rss_before = trv::bench::ResidentBytes();
   auto start = Clock::now();
   double cpu_start = CpuMs();
   if (file.LoadIndex().failed()) Die("index read");

@@ -27,6 +27,7 @@
 
 #include "core/activity_log.h"
 #include "store/folder_file.h"
+#include "bench/resident_memory.h"
 
 namespace {
 
@@ -34,15 +35,6 @@ using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 
 double Seconds(Clock::time_point since) { return std::chrono::duration<double>(Clock::now() - since).count(); }
-
-size_t ResidentBytes() {
-  long pages = 0, resident = 0;
-  if (FILE* f = std::fopen("/proc/self/statm", "r")) {
-    if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = 0;
-    std::fclose(f);
-  }
-  return static_cast<size_t>(resident) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
-}
 
 [[noreturn]] void Die(const char* what, trv::Result r) {
   std::fprintf(stderr, "store_bench: %s failed: %s %s\n", what, trv::ResultHex(r).c_str(), trv::ResultText(r).c_str());
@@ -265,21 +257,21 @@ int main(int argc, char** argv) {
   // 3. The full listing: time and resident memory per message.
   {
     malloc_trim(0);
-    size_t before = ResidentBytes();
+    size_t before = trv::bench::ResidentBytes();
     auto t = Clock::now();
     trv::FolderFile folder(log, options);
     trv::Result r = folder.Open(folder_path);
     if (r.ok()) r = folder.LoadIndex();
     if (r.failed()) Die("load index", r);
     const double ours = Seconds(t);
-    const double ours_mem = static_cast<double>(ResidentBytes() - before) / count;
+    const double ours_mem = static_cast<double>(trv::bench::ResidentBytes() - before) / count;
     folder.Close();
     malloc_trim(0);
-    before = ResidentBytes();
+    before = trv::bench::ResidentBytes();
     t = Clock::now();
     std::vector<trv::MessageRecord> listing = MaildirListing(maildir);
     const double peer = Seconds(t);
-    const double peer_mem = static_cast<double>(ResidentBytes() - before) / count;
+    const double peer_mem = static_cast<double>(trv::bench::ResidentBytes() - before) / count;
     if (listing.size() != count) Die("Maildir listing", trv::rc::kFail);
     listing.clear();
     listing.shrink_to_fit();

@@ -211,33 +211,31 @@ void FolderTree::dragEnterEvent(QDragEnterEvent* event) {
   }
 }
 
-void FolderTree::dragMoveEvent(QDragMoveEvent* event) {
-  QTreeWidgetItem* target = itemAt(event->position().toPoint());
+Qt::DropAction FolderTree::AnswerDrag(QDropEvent* event, QTreeWidgetItem* target) const {
   const Qt::DropAction action = DropActionFor(*event->mimeData(), target, event->proposedAction());
   if (action == Qt::IgnoreAction) {
     event->ignore();
-    return;
+  } else {
+    event->setDropAction(action);
   }
-  event->setDropAction(action);
-  event->accept(visualItemRect(target));
+  return action;
+}
+
+void FolderTree::dragMoveEvent(QDragMoveEvent* event) {
+  QTreeWidgetItem* target = itemAt(event->position().toPoint());
+  if (AnswerDrag(event, target) != Qt::IgnoreAction) event->accept(visualItemRect(target));
 }
 
 void FolderTree::dropEvent(QDropEvent* event) {
   QTreeWidgetItem* target = itemAt(event->position().toPoint());
-  const Qt::DropAction action = DropActionFor(*event->mimeData(), target, event->proposedAction());
-  if (action == Qt::IgnoreAction) {
-    event->ignore();
-    return;
-  }
-  event->setDropAction(action);
+  const Qt::DropAction action = AnswerDrag(event, target);
+  if (action == Qt::IgnoreAction) return;
   event->accept();
   // After the drag has ended: the drop may rebuild the tree under it.
+  const QString format = event->mimeData()->hasFormat(kMessagesMimeType) ? kMessagesMimeType : kFolderMimeType;
   QMetaObject::invokeMethod(
       this,
-      [this, data = event->mimeData()->data(event->mimeData()->hasFormat(kMessagesMimeType) ? kMessagesMimeType
-                                                                                            : kFolderMimeType),
-       format = QString(event->mimeData()->hasFormat(kMessagesMimeType) ? kMessagesMimeType : kFolderMimeType),
-       node = NodeOf(target), action] {
+      [this, data = event->mimeData()->data(format), format, node = NodeOf(target), action] {
         QMimeData copy;
         copy.setData(format, data);
         if (QTreeWidgetItem* item = ItemOf(node)) Drop(copy, item, action);

@@ -78,6 +78,9 @@ class FolderTree final : public QTreeWidget, public FolderObserver {
   // The action a drop of `data` onto `target` would take; IgnoreAction
   // when it would not be taken.
   Qt::DropAction DropActionFor(const QMimeData& data, QTreeWidgetItem* target, Qt::DropAction proposed) const;
+  // Sets the event's drop action over `target`, or ignores the event;
+  // returns the action.
+  Qt::DropAction AnswerDrag(QDropEvent* event, QTreeWidgetItem* target) const;
   // Adds items for the children of `parent` and their subtrees, and their
   // files to `files`. With the storage's tree mutex held.
   void AddChildren(QTreeWidgetItem* parent_item, const MailFolder& parent, std::vector<FolderFile*>* files);
