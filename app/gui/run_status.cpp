@@ -27,6 +27,7 @@ RunStatus::RunStatus(MailEngine& engine, const LanguageTable& texts, QWidget* pa
   bar_->setRange(0, 1);
   bar_->setValue(0);
   bar_->setTextVisible(false);
+  bar_->hide();
   auto* layout = new QHBoxLayout(this);
   layout->setContentsMargins(0, 0, 0, 0);
   layout->addWidget(label_, 1);
@@ -43,7 +44,16 @@ void RunStatus::Follow() {
   for (MailService* service : now) {
     if (std::find(followed_.begin(), followed_.end(), service) == followed_.end()) service->observers().Add(this);
   }
+  // A removed account's line goes with it.
+  for (MailService* service : followed_) {
+    if (std::find(now.begin(), now.end(), service) != now.end()) continue;
+    lines_.remove(service);
+    running_.remove(service);
+    std::erase(order_, static_cast<const void*>(service));
+  }
   followed_ = now;
+  bar_->setVisible(!running_.isEmpty());
+  label_->setText(Lines().join('\n'));
 }
 
 QString RunStatus::EventText(MailService& service, const SyncEvent& e) const {
@@ -113,9 +123,14 @@ void RunStatus::Show(const void* service, const QString& text, int done, int tot
     line.text = text;
   }
   if (finished) {
+    running_.remove(service);
     bar_->setRange(0, 1);
     bar_->setValue(1);
-  } else if (total > 0) {
+  } else if (!note) {
+    running_.insert(service);
+  }
+  bar_->setVisible(!running_.isEmpty());
+  if (!finished && total > 0) {
     bar_->setRange(0, total);
     bar_->setValue(std::clamp(done, 0, total));
   }

@@ -15,6 +15,7 @@
 #include <QLabel>
 #include <QMap>
 #include <QProgressBar>
+#include <QSet>
 #include <QStringList>
 #include <QWidget>
 #include <vector>
@@ -74,7 +75,8 @@ class RunStatus final : public QWidget, public SyncObserver {
   QMap<const void*, Line> lines_;
   QString message_;
   QLabel* label_;
-  QProgressBar* bar_;
+  QProgressBar* bar_;  // shown while any run is under way
+  QSet<const void*> running_;
 };
 
 }  // namespace trv::gui
