@@ -18,6 +18,7 @@
 #include <QPlainTextEdit>
 #include <QSplitter>
 #include <QTableView>
+#include <QToolBar>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -139,8 +140,14 @@ ComposeWindow::ComposeWindow(MainWindow& main, const ComposedMessage& initial, M
   QAction* save = file->addAction(Text("ComposeSaveDraft"));
   save->setShortcut(QKeySequence::Save);
   connect(save, &QAction::triggered, this, [this] { SaveDraft().Ignore(); });  // failures are said
+  QToolBar* tools = addToolBar(Text("MenuFile"));
+  tools->setMovable(false);
+  tools->addAction(send);
+  tools->addAction(save);
   file->addSeparator();
-  connect(file->addAction(Text("ComposeAttach")), &QAction::triggered, this, [this] {
+  QAction* attach = file->addAction(Text("ComposeAttach"));
+  tools->addAction(attach);
+  connect(attach, &QAction::triggered, this, [this] {
     AddFiles(QFileDialog::getOpenFileNames(this, Text("ComposeAttachCaption")), false);
   });
   connect(file->addAction(Text("ComposeInsertPicture")), &QAction::triggered, this, [this] {
