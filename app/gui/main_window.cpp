@@ -6,6 +6,7 @@
 #include <QTableView>
 #include <QThread>
 
+#include "app/gui/account_commands.h"
 #include "app/gui/folder_commands.h"
 #include "app/gui/message_commands.h"
 #include "app/gui/reading_window.h"
@@ -63,6 +64,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   ConnectReadingView(*this, *view_);
   // -- runs and desktop integration --
   new RunCommands(*this);
+  // -- accounts --
+  new AccountCommands(*this);
 
   menu(Menu::kFile)->addSeparator();
   QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));
