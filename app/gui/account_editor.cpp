@@ -61,6 +61,7 @@ AccountEditor::AccountEditor(MailEngine& engine, const LanguageTable& texts, Mai
   connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
   layout->addWidget(buttons);
 
+  resize(660, sizeHint().height());
   general_->Load(s);
   download_->Load(s);
   if (service != nullptr) {
