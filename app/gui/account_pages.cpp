@@ -129,7 +129,7 @@ bool GeneralPage::Store(ServiceSettings* s, FieldError* error) const {
   return ok;
 }
 
-DownloadPage::DownloadPage(const LanguageTable& texts, QWidget* parent) : QWidget(parent), texts_(texts) {
+DownloadPage::DownloadPage(const LanguageTable& texts, QWidget* parent) : QWidget(parent) {
   const auto text = [&](const char* id) { return QString::fromStdString(texts.Text(id)); };
   auto* layout = new QVBoxLayout(this);
   auto* download = new QGroupBox(text("AccDownload"));

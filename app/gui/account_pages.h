@@ -61,7 +61,6 @@ class DownloadPage final : public QWidget {
   void Store(ServiceSettings* s) const;
 
  private:
-  const LanguageTable& texts_;
   QSpinBox* max_size_;
   QSpinBox* last_days_;
   QSpinBox* body_size_;
