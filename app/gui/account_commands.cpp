@@ -37,7 +37,8 @@ void AccountCommands::RebuildAccounts() {
   qDeleteAll(account_actions_);
   account_actions_.clear();
   const std::vector<MailService*> services = MailServices(window_.engine());
-  for (const auto& [id, edit] : {std::pair{"CommandEditAccount", true}, std::pair{"CommandDeleteAccount", false}}) {
+  for (const bool edit : {true, false}) {
+    const char* id = edit ? "CommandEditAccount" : "CommandDeleteAccount";
     for (MailService* service : services) {
       auto* action = new QAction(Text(window_, id).arg(QString::fromStdString(service->DisplayName())), accounts);
       // The service may be gone when the command comes: both commands check.
