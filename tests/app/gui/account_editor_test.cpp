@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
+#include <QComboBox>
 #include <QLabel>
 #include <QLineEdit>
 #include <QRadioButton>
@@ -67,6 +68,11 @@ TEST_F(GuiAccountEditorTest, PortRulesOnTheThreeProtocolPages) {
       }
       EXPECT_EQ(page.port_edit().text().toInt(), ports[c.expected]) << page.ProtocolName().toStdString() << " case " << i;
     }
+    // The provider preset: its host, SSL on, implicit, on the implicit-SSL port.
+    editor.preset_box().setCurrentIndex(1);
+    emit editor.preset_box().activated(1);
+    EXPECT_TRUE(page.host_edit().text().endsWith(".mail.example.net") && page.ssl_box().isChecked());
+    EXPECT_EQ(page.port_edit().text().toInt(), ImplicitSslPort(protocol)) << page.ProtocolName().toStdString();
   }
 }
 
