@@ -31,7 +31,11 @@ ImapFoldersPage::ImapFoldersPage(const LanguageTable& texts, Imap4Service* servi
   layout->addWidget(tree_, 1);
 
   std::map<uint32_t, QTreeWidgetItem*> items;  // by record id, for the children
-  if (service_ != nullptr) {
+  // A run holds the records for its whole length: the page does not wait
+  // for it. Runs start on this thread, so none starts between the check
+  // and the lock.
+  const bool busy = service_ != nullptr && service_->running();
+  if (service_ != nullptr && !busy) {
     MutexLock lock(service_->folders_mutex());
     service_->folders().ForEach([&](Imap4FolderSync& r) {
       const auto parent_item = items.find(r.parent != nullptr ? r.parent->id : 0);
@@ -49,7 +53,7 @@ ImapFoldersPage::ImapFoldersPage(const LanguageTable& texts, Imap4Service* servi
   }
   tree_->expandAll();
   if (items.empty()) {
-    auto* none = new QLabel(text(service_ == nullptr ? "AccFoldersNew" : "AccFoldersNone"));
+    auto* none = new QLabel(text(service_ == nullptr ? "AccFoldersNew" : busy ? "AccFoldersBusy" : "AccFoldersNone"));
     none->setWordWrap(true);
     layout->addWidget(none);
   }

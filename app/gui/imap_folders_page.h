@@ -8,7 +8,8 @@
 // The records are read when the page is made and written back by Save
 // between runs (Save refuses while a run of the account is under way: the
 // run owns them then). A new account has no records until its first run
-// lists the server's folders; the page says so.
+// lists the server's folders; the page says so. While a run of the account
+// is under way the page shows no records (the run holds them) and says why.
 //
 // Threads: interface thread.
 #pragma once
