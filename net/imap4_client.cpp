@@ -393,10 +393,35 @@ Result CImap4Client::StartTls() {
 Result CImap4Client::Login(std::string_view user, std::string_view password) {
   if (Result r = Capability(false); r.failed()) return r;
   if (capabilities_.bits & kImap4CapLoginDisabled) return rc::kImap4Bad;
-  std::string line = "LOGIN " + QuoteArgument(user) + ' ' + QuoteArgument(password);
+  // Text with 8-bit bytes (a UTF-8 password), control characters, a quote
+  // or a backslash can be neither bare nor quoted unescaped: it goes as a
+  // literal. Each literal's length ends a piece of the command; the next
+  // piece follows the server's "+".
+  std::vector<std::string> pieces{"LOGIN"};
+  for (std::string_view argument : {user, password}) {
+    const bool literal = std::any_of(argument.begin(), argument.end(), [](char c) {
+      const auto u = static_cast<unsigned char>(c);
+      return u < 0x20 || u >= 0x7F || c == '"' || c == '\\';
+    });
+    pieces.back() += ' ';
+    if (literal) {
+      pieces.back() += '{' + std::to_string(argument.size()) + '}';
+      pieces.emplace_back(argument);
+    } else {
+      pieces.back() += QuoteArgument(argument);
+    }
+  }
   std::string tag;
-  Result r = SendTagged(line, "LOGIN ******** ********", &tag);
-  WipeSecret(&line);
+  Result r = SendTagged(pieces[0], "LOGIN ******** ********", &tag);
+  for (size_t i = 1; r.ok() && i < pieces.size(); ++i) {
+    r = ReadUntil(tag, true);
+    if (r == rc::kImap4No || (r.ok() && result_.tag == tag)) {
+      r = rc::kImap4Bad;  // answered without "+"
+    } else if (r.ok()) {
+      r = SendSecretLine(pieces[i], "********");
+    }
+  }
+  for (std::string& piece : pieces) WipeSecret(&piece);
   if (r.ok()) r = Finish(tag);
   if (r.failed()) return r;
   authenticated_ = true;

@@ -6,6 +6,7 @@
 #include <QTableView>
 #include <QThread>
 
+#include "app/gui/account_commands.h"
 #include "app/gui/compose_window.h"
 #include "app/gui/folder_commands.h"
 #include "app/gui/message_commands.h"
@@ -66,6 +67,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   new RunCommands(*this);
   // -- compose --
   InstallComposeCommands(*this);
+  // -- accounts --
+  new AccountCommands(*this);
 
   menu(Menu::kFile)->addSeparator();
   QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));

@@ -114,6 +114,11 @@ TEST(Imap4ClientTest, Transcripts) {
          return c.StartTls();
        },
        rc::kImap4NoStartTls},
+      {"LOGIN: 8-bit bytes or a quote go as literals, each after the server's \"+\"",
+       Script(kGreeted).ClientLine("0 LOGIN {4}").ServerLine("+ go").ClientLine("j\"oe {5}").ServerLine("+ go")
+           .ClientLine("p\xc3\xa4ss").ServerLine("0 OK in")
+           .ClientLine("1 CAPABILITY").ServerLine("* CAPABILITY IMAP4rev1").ServerLine("1 OK"),
+       [](C& c, R&) { return c.Login("j\"oe", "p\xc3\xa4ss"); }, rc::kOk},
       {"a literal over the limit is not read",
        Script(kGreeted).ClientLine("0 FETCH 1 BODY.PEEK[HEADER]").ServerLine("* 1 FETCH (BODY[HEADER] {5000000000}"),
        [&](C& c, R&) { return fetch1(c); }, rc::kImap4LiteralTooLarge, false},
