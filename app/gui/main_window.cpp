@@ -9,6 +9,7 @@
 #include "app/gui/folder_commands.h"
 #include "app/gui/message_commands.h"
 #include "app/gui/reading_window.h"
+#include "app/gui/reply_commands.h"
 #include "app/gui/run_commands.h"
 #include "core/engine.h"
 #include "store/mail_folder.h"
@@ -63,6 +64,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   ConnectReadingView(*this, *view_);
   // -- runs and desktop integration --
   new RunCommands(*this);
+  // -- replies and forwards --
+  new ReplyCommands(*this);
 
   menu(Menu::kFile)->addSeparator();
   QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));
