@@ -57,8 +57,8 @@ void AddAddresses(const std::vector<MailAddress>& from, const std::vector<WStrin
 }
 
 bool AllOwn(const std::vector<MailAddress>& list, const std::vector<WString>& own) {
-  return !list.empty() && std::all_of(list.begin(), list.end(),
-                                      [&](const MailAddress& a) { return ContainsNoCase(own, a.address); });
+  return !list.empty() &&
+         std::all_of(list.begin(), list.end(), [&](const MailAddress& a) { return ContainsNoCase(own, a.address); });
 }
 
 // The "<...>" ids of a References or In-Reply-To value, in order.

@@ -15,7 +15,7 @@ namespace {
 // Keeps the book with the window, found again by its type.
 class AddressBookHolder final : public QObject {
  public:
-  AddressBookHolder(MainWindow& main) : QObject(&main), book(main.engine()) {}
+  explicit AddressBookHolder(MainWindow& main) : QObject(&main), book(main.engine()) {}
   AddressBook book;
 };
 
@@ -25,9 +25,10 @@ QString ToQ(WStringView s) { return QString::fromUtf16(s.data(), static_cast<qsi
 }  // namespace
 
 AddressBook& MainAddressBook(MainWindow& main) {
-  auto* holder = main.findChild<AddressBookHolder*>(QString(), Qt::FindDirectChildrenOnly);
-  if (holder == nullptr) holder = new AddressBookHolder(main);
-  return holder->book;
+  for (QObject* child : main.children()) {
+    if (auto* holder = dynamic_cast<AddressBookHolder*>(child)) return holder->book;
+  }
+  return (new AddressBookHolder(main))->book;
 }
 
 AddressCompleter::AddressCompleter(AddressBook& book, QObject* parent)

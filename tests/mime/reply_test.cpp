@@ -1,10 +1,10 @@
 // Replies and forwards: recipients, subjects, thread headers, quoting and
 // carried attachments, from parsed originals.
+#include "mime/reply.h"
+
 #include <gtest/gtest.h>
 
 #include <string>
-
-#include "mime/reply.h"
 
 namespace trv {
 namespace {
@@ -64,10 +64,12 @@ TEST(ReplyTest, QuotesTextAndCarriesAttachments) {
   EXPECT_EQ(out.parts.bodies.at(0).text, u"\n\nOn Mon, 3 Jun 2024 10:00:00 +0000, Ann wrote:\n> first\n>\n>> older\n");
 
   CXmMimeMessage mixed;
-  ASSERT_TRUE(mixed.ParseText("From: a@b\r\nSubject: s\r\nContent-Type: multipart/mixed; boundary=q\r\n\r\n"
-                              "--q\r\nContent-Type: text/html\r\n\r\n<p>hi</p>\r\n--q\r\n"
-                              "Content-Type: application/pdf; name=r.pdf\r\nContent-Transfer-Encoding: base64\r\n\r\n"
-                              "AAEC/w==\r\n--q--\r\n").ok());
+  ASSERT_TRUE(mixed
+                  .ParseText("From: a@b\r\nSubject: s\r\nContent-Type: multipart/mixed; boundary=q\r\n\r\n"
+                             "--q\r\nContent-Type: text/html\r\n\r\n<p>hi</p>\r\n--q\r\n"
+                             "Content-Type: application/pdf; name=r.pdf\r\nContent-Transfer-Encoding: base64\r\n\r\n"
+                             "AAEC/w==\r\n--q--\r\n")
+                  .ok());
   ASSERT_TRUE(OriginalText(mixed, &text, &html));
   EXPECT_TRUE(html);
   ASSERT_TRUE(BuildReply(mixed, ReplyKind::kForward, options, &out).ok());
