@@ -57,6 +57,23 @@ Result QueueForSending(MailService& service, std::string_view message_text, uint
   return r;
 }
 
+Result StoreDraft(MailService& service, std::string_view message_text, uint16_t flags, uint32_t* key) {
+  MailFolder* drafts = service.storage().SpecialFolder(kFolderDrafts);
+  if (!drafts || !drafts->available()) return rc::kFileMissing;
+  const std::string text = ToStoredForm(message_text);
+  MessageRecord record = RecordFromMessage(text);
+  record.flags |= flags | msgflag::kUnsent | msgflag::kRead;
+  SetSendingService(&record, service.settings().guid);
+  uint32_t appended = 0;
+  const Result r = drafts->file()->Append(record, text, &appended);
+  if (key) *key = r.ok() ? appended : 0;
+  return r;
+}
+
+WString AccountFromField(const ServiceSettings& s) {
+  return s.user_real_name.empty() ? s.email_address : u"\"" + s.user_real_name + u"\" <" + s.email_address + u">";
+}
+
 Result CollectOutgoing(MailService& service, FolderFile& outbox, std::vector<OutgoingMessage>* messages,
                        uint64_t* total_bytes) {
   messages->clear();

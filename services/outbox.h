@@ -18,6 +18,7 @@
 
 #include "base/guid.h"
 #include "base/result.h"
+#include "base/wide_string.h"
 #include "store/message_record.h"
 
 namespace trv {
@@ -25,6 +26,7 @@ namespace trv {
 class FolderFile;
 class MailService;
 class Storage;
+struct ServiceSettings;
 
 // The mark in the record's spare bytes.
 void SetSendingService(MessageRecord* record, const Guid& service);
@@ -37,6 +39,16 @@ Guid SendingService(const MessageRecord& record);
 // Errors: rc::kFileMissing when the storage has no available outbox, else
 // the folder file's code. The message is committed and flushed on return.
 Result QueueForSending(MailService& service, std::string_view message_text, uint32_t* key = nullptr);
+
+// Appends a draft to the "Drafts" folder of the service's storage, like
+// QueueForSending (stored form, marked for `service`, read and unsent) with
+// `flags` (priority bits) added. rc::kFileMissing when the storage has no
+// available "Drafts".
+Result StoreDraft(MailService& service, std::string_view message_text, uint16_t flags, uint32_t* key = nullptr);
+
+// The "From" value of a message the account writes: "\"Real Name\" <address>",
+// or the address alone when the account has no real name.
+WString AccountFromField(const ServiceSettings& settings);
 
 // One message a run will send.
 struct OutgoingMessage {

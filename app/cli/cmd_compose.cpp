@@ -51,17 +51,6 @@ bool ReadBodies(CliContext& ctx, const ParsedArgs& args, ComposedParts* parts, i
   return true;
 }
 
-// Puts a draft into `folder`, marked for the service as the outbox marks
-// its messages; its key.
-Result StoreDraft(MailService& service, MailFolder& folder, const std::string& text, uint16_t flags, uint32_t* key) {
-  if (!folder.available()) return rc::kFileMissing;
-  const std::string stored = ToStoredForm(text);
-  MessageRecord record = RecordFromMessage(stored);
-  record.flags |= flags | msgflag::kUnsent | msgflag::kRead;
-  SetSendingService(&record, service.settings().guid);
-  return folder.file()->Append(record, stored, key);
-}
-
 }  // namespace
 
 bool ValidateCompose(const ParsedArgs& args, std::string* error) {
@@ -81,7 +70,7 @@ int RunCompose(CliContext& ctx, const ParsedArgs& args) {
   if (service == nullptr) return Fail(ctx, "no account \"" + args.value("--account") + "\"", FromWin32(1168));
   const ServiceSettings s = service->settings();
   ComposedMessage c;
-  c.from = s.user_real_name.empty() ? s.email_address : u"\"" + s.user_real_name + u"\" <" + s.email_address + u">";
+  c.from = AccountFromField(s);
   c.reply_to = s.reply_address;
   c.to = AddressList(args, "--to");
   c.cc = AddressList(args, "--cc");
@@ -117,7 +106,7 @@ int RunCompose(CliContext& ctx, const ParsedArgs& args) {
   if (folder == nullptr) return Fail(ctx, "the account's storage has no " + std::string(draft ? "Drafts" : "Outbox"),
                                      rc::kFileMissing);
   uint32_t key = 0;
-  if (Result r = draft ? StoreDraft(*service, *folder, text, flags, &key) : QueueForSending(*service, text, &key);
+  if (Result r = draft ? StoreDraft(*service, text, flags, &key) : QueueForSending(*service, text, &key);
       r.failed()) {
     return Fail(ctx, "cannot store the message in \"" + FolderPathText(*folder) + "\"", r);
   }

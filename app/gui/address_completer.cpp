@@ -4,6 +4,7 @@
 #include <QLineEdit>
 #include <QStringListModel>
 
+#include "app/gui/compose_window.h"
 #include "app/gui/main_window.h"
 #include "mime/address_list.h"
 #include "services/address_book.h"
@@ -42,6 +43,10 @@ AddressCompleter::AddressCompleter(AddressBook& book, QObject* parent)
 
 void AddressCompleter::Attach(QLineEdit* field) {
   field->setCompleter(this);
+  Follow(field);
+}
+
+void AddressCompleter::Follow(QLineEdit* field) {
   // Offers are made before the field asks the completer to show them.
   connect(field, &QLineEdit::textEdited, this, [this](const QString& text) {
     if (Offer(text) == 0) popup()->hide();
@@ -68,6 +73,12 @@ QString AddressCompleter::pathFromIndex(const QModelIndex& index) const {
 
 QStringList AddressCompleter::splitPath(const QString& path) const {
   return {path.mid(path.lastIndexOf(QLatin1Char(',')) + 1).trimmed()};
+}
+
+void AddAddressCompletion(MainWindow& main, ComposeWindow& window) {
+  auto* completer = new AddressCompleter(MainAddressBook(main), &window);
+  window.SetAddressCompleter(completer);
+  for (QLineEdit* field : {&window.to(), &window.cc(), &window.bcc()}) completer->Follow(field);
 }
 
 }  // namespace trv::gui

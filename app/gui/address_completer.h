@@ -20,6 +20,7 @@ class AddressBook;
 
 namespace trv::gui {
 
+class ComposeWindow;
 class MainWindow;
 
 class AddressCompleter final : public QCompleter {
@@ -32,6 +33,9 @@ class AddressCompleter final : public QCompleter {
 
   // Completes in `field` from now on (the field's own completer).
   void Attach(QLineEdit* field);
+  // Makes the offers as `field` is typed into (a field that already has
+  // this completer, given by another hand).
+  void Follow(QLineEdit* field);
   // Offers the addresses for the field text `text`; returns how many.
   int Offer(const QString& text);
   QStringList offered() const;
@@ -48,5 +52,9 @@ class AddressCompleter final : public QCompleter {
 
 // The main window's address book, made on first use.
 AddressBook& MainAddressBook(MainWindow& main);
+
+// Gives the compose window's To, Cc and Bcc one completer over the main
+// window's address book (a child of the compose window).
+void AddAddressCompletion(MainWindow& main, ComposeWindow& window);
 
 }  // namespace trv::gui

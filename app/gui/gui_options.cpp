@@ -7,6 +7,7 @@ namespace trv::gui {
 namespace {
 
 constexpr const char* kMainWindowKey = "CMLGUIParams\\MainWnd";
+constexpr const char* kComposeKey = "CMLGUIParams\\Compose";
 
 QByteArray ReadBytes(const RegistryKey& key, const char* name) {
   std::vector<uint8_t> bytes;
@@ -37,6 +38,7 @@ void GuiOptions::Load(const std::filesystem::path& file, LogSink* log) {
   if (key_->ReadDword(kMainWindowKey, "SortOrder", &number).ok()) sort_descending = number != 0;
   key_->ReadString(kMainWindowKey, "LastStorage", &last_storage).Ignore();
   key_->ReadString(kMainWindowKey, "LastFolder", &last_folder).Ignore();
+  if (key_->ReadDword(kComposeKey, "SendAtOnce", &number).ok()) send_at_once = number != 0;
 }
 
 void GuiOptions::Finish() {
@@ -48,6 +50,7 @@ void GuiOptions::Finish() {
   key_->WriteDword(kMainWindowKey, "ViewMode", view_mode).Ignore();
   key_->WriteDword(kMainWindowKey, "SortColumn", static_cast<uint32_t>(sort_column)).Ignore();
   key_->WriteDword(kMainWindowKey, "SortOrder", sort_descending ? 1 : 0).Ignore();
+  key_->WriteDword(kComposeKey, "SendAtOnce", send_at_once ? 1 : 0).Ignore();
   if (!last_storage.empty()) {
     key_->WriteString(kMainWindowKey, "LastStorage", last_storage).Ignore();
     key_->WriteString(kMainWindowKey, "LastFolder", last_folder).Ignore();

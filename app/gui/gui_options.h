@@ -9,6 +9,8 @@
 //   "SortOrder"            dword: 0 ascending, 1 descending;
 //   "LastStorage", "LastFolder"  strings: the storage's name and the path
 //                          of the folder shown below its root ("A/B").
+// The compose window's, in "CMLGUIParams\Compose":
+//   "SendAtOnce"           dword: 1 starts the sending run when a message is queued.
 // A value that is missing or of another kind keeps its default.
 //
 // Created after the engine and finished before it is released; a registry
@@ -42,6 +44,7 @@ class GuiOptions {
   bool sort_descending = false;
   WString last_storage;  // empty: none
   WString last_folder;
+  bool send_at_once = false;
 
  private:
   std::unique_ptr<RegistryKey> key_;

@@ -6,6 +6,7 @@
 #include <QTableView>
 #include <QThread>
 
+#include "app/gui/compose_window.h"
 #include "app/gui/folder_commands.h"
 #include "app/gui/message_commands.h"
 #include "app/gui/reading_window.h"
@@ -64,6 +65,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   ConnectReadingView(*this, *view_);
   // -- runs and desktop integration --
   new RunCommands(*this);
+  // -- compose --
+  InstallComposeCommands(*this);
   // -- replies and forwards --
   new ReplyCommands(*this);
 
@@ -142,6 +145,7 @@ void MainWindow::ApplyOptions(const GuiOptions& options) {
   const bool set_already = header->sortIndicatorSection() == column && header->sortIndicatorOrder() == order;
   header->setSortIndicator(column, order);
   if (set_already && column >= 0) model_->sort(column, order);
+  send_at_once_ = options.send_at_once;
   if (options.view_mode < kViewModeCount) view_modes_->SetMode(static_cast<ViewMode>(options.view_mode));
   for (Storage* storage : engine_.storages()) {
     if (storage->is_open() && storage->name() == options.last_storage) {
@@ -158,6 +162,7 @@ void MainWindow::KeepOptions(GuiOptions* options) const {
   options->sort_column = header->sortIndicatorSection();
   options->sort_descending = header->sortIndicatorOrder() == Qt::DescendingOrder;
   options->view_mode = static_cast<uint32_t>(view_modes_->mode());
+  options->send_at_once = send_at_once_;
   if (const MailFolder* folder = model_->folder()) {
     WString path;
     for (const MailFolder* f = folder; !f->is_root(); f = f->parent()) {

@@ -59,6 +59,10 @@ class MainWindow final : public QMainWindow, public FolderTreeListener {
   void Activate(const QString& command_line);
   const QString& handed_command_line() const { return handed_command_line_; }
 
+  // The compose windows' "send at once" box, kept with the options.
+  bool send_at_once() const { return send_at_once_; }
+  void set_send_at_once(bool on) { send_at_once_ = on; }
+
   // The remembered look (app/gui/gui_options.h): place and size, view mode
   // and panes' division, the list's columns and sort order, and the folder
   // shown. A remembered folder that no longer exists leaves the one shown
@@ -90,6 +94,7 @@ class MainWindow final : public QMainWindow, public FolderTreeListener {
   ViewModes* view_modes_ = nullptr;  // the central widget
   QString handed_command_line_;
   uint32_t shown_key_ = 0;  // the message in the reading view; 0: none
+  bool send_at_once_ = false;
 };
 
 }  // namespace trv::gui

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "app/gui/compose_window.h"
 #include "app/gui/main_window.h"
 #include "app/gui/reply_commands.h"
 #include "mime/header_names.h"
@@ -89,8 +90,7 @@ void OpenMessageFile(MainWindow& main, const std::filesystem::path& path) {
 
 void ConnectReadingView(MainWindow& main, ReadingView& view) {
   QObject::connect(&view, &ReadingView::composeRequested, &main, [&main](const QUrl& address) {
-    main.statusBar()->showMessage(
-        QString::fromStdString(main.texts().Text("ComposeLater")).arg(address.path()), 10000);
+    OpenMailtoCompose(main, address.toString(QUrl::FullyEncoded));
   });
 }
 

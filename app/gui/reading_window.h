@@ -48,8 +48,8 @@ std::optional<std::filesystem::path> MessageFileOf(const QString& command_line);
 // it), or tells in a message box why the file cannot be shown.
 void OpenMessageFile(MainWindow& main, const std::filesystem::path& path);
 
-// The main window's part in reading: a mailto: link clicked in `view` is
-// said in the status bar (until there is a compose window).
+// The main window's part in reading: a mailto: link clicked in `view` opens
+// a compose window filled from it.
 void ConnectReadingView(MainWindow& main, ReadingView& view);
 
 }  // namespace trv::gui

@@ -24,7 +24,7 @@ namespace {
 QString Text(const MainWindow& main, const char* id) { return QString::fromStdString(main.texts().Text(id)); }
 WString WText(const MainWindow& main, const char* id) { return Utf8ToWide(main.texts().Text(id)); }
 
-// The commands' shortcuts and texts, in menu order (New message comes first).
+// The commands' texts and shortcuts, in menu order.
 struct Command {
   const char* id;
   QKeySequence keys;
@@ -72,21 +72,14 @@ ComposeWindow* OpenResponse(MainWindow& main, const CXmMimeMessage& original, Re
 
 ReplyCommands::ReplyCommands(MainWindow& window) : QObject(&window), window_(window) {
   QMenu* menu = window.menu(MainWindow::Menu::kMessage);
-  QAction* first = menu->actions().isEmpty() ? nullptr : menu->actions().front();
-  auto add = [&](const char* id, const QKeySequence& keys, auto command) {
-    auto* action = new QAction(Text(window, id), menu);
-    action->setShortcut(keys);
-    menu->insertAction(first, action);
-    connect(action, &QAction::triggered, this, command);
-    return action;
-  };
-  add("MessageNew", QKeySequence(Qt::CTRL | Qt::Key_N), [this] { NewMessage(); });
   QAction** actions[] = {&reply_, &reply_all_, &forward_};
   for (size_t i = 0; i < std::size(kCommands); ++i) {
     const ReplyKind kind = kCommands[i].kind;
-    *actions[i] = add(kCommands[i].id, kCommands[i].keys, [this, kind] { Respond(kind); });
+    QAction* action = menu->addAction(Text(window, kCommands[i].id));
+    action->setShortcut(kCommands[i].keys);
+    connect(action, &QAction::triggered, this, [this, kind] { Respond(kind); });
+    *actions[i] = action;
   }
-  if (first != nullptr) menu->insertSeparator(first);
 
   connect(window.message_list().selectionModel(), &QItemSelectionModel::currentRowChanged, this,
           [this] { UpdateActions(); });
@@ -98,10 +91,6 @@ void ReplyCommands::UpdateActions() {
   const QModelIndex current = window_.message_list().currentIndex();
   const bool any = current.isValid() && window_.message_model().RecordAt(current.row()) != nullptr;
   for (QAction* action : {reply_, reply_all_, forward_}) action->setEnabled(any);
-}
-
-ComposeWindow* ReplyCommands::NewMessage() {
-  return OpenCompose(window_, ComposedMessage(), AccountOfFolder(window_, window_.message_model().folder()));
 }
 
 ComposeWindow* ReplyCommands::Respond(ReplyKind kind) {

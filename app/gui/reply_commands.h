@@ -1,5 +1,6 @@
-// The Message menu's writing commands: New message (Ctrl+N), Reply (Ctrl+R),
-// Reply to all (Ctrl+Shift+R) and Forward (Ctrl+L). They act on the list's
+// The Message menu's answering commands: Reply (Ctrl+R), Reply to all
+// (Ctrl+Shift+R) and Forward (Ctrl+L), after the compose window's New
+// message (app/gui/compose_window.h). They act on the list's
 // current message (a reading window's commands on its own message): it is
 // parsed from its folder file, the reply or forward is built by
 // mime/reply.h, and a compose window is opened for the account that keeps
@@ -39,10 +40,9 @@ class ReplyCommands final : public QObject {
  public:
   explicit ReplyCommands(MainWindow& window);
 
-  // A compose window for a new message; for a reply or forward of the
-  // list's current message (null when there is none or it cannot be read;
-  // the reason is told).
-  ComposeWindow* NewMessage();
+  // A compose window with the reply or forward of the list's current
+  // message; null when there is none or it cannot be read (said in the
+  // status bar).
   ComposeWindow* Respond(ReplyKind kind);
 
  private:

@@ -5,6 +5,7 @@
 #include <QStatusBar>
 #include <algorithm>
 
+#include "app/gui/compose_window.h"
 #include "app/gui/desktop_integration.h"
 #include "app/gui/log_window.h"
 #include "app/gui/reading_view.h"
@@ -133,10 +134,6 @@ LogWindow* RunCommands::ShowLog() {
   return log_;
 }
 
-void RunCommands::OpenMailto(const QString& address) {
-  status_->ShowMessage(Text(window_, "MailtoLater").arg(address));
-}
-
 bool RunCommands::AskCredentials(MailService& service, CredentialsFor which, Credentials&) {
   const ServiceSettings s = service.settings();
   const ProtocolSettings& p = which == CredentialsFor::kSmtp ? s.smtp : s.incoming;
@@ -173,8 +170,7 @@ void RunCommands::Integrate(bool on) {
 bool HandleMailto(MainWindow& window, const QString& command_line) {
   const QString line = command_line.trimmed();
   if (!line.startsWith("mailto:", Qt::CaseInsensitive)) return false;
-  auto* commands = window.findChild<RunCommands*>(QString(), Qt::FindDirectChildrenOnly);
-  if (commands != nullptr) commands->OpenMailto(line.section(' ', 0, 0).mid(7));
+  OpenMailtoCompose(window, line.section(' ', 0, 0));
   return true;
 }
 

@@ -1,8 +1,7 @@
 // The runs from the window: the Accounts menu ("Synchronize all" on F5,
 // "Synchronize NAME" for each account, rebuilt each time the menu opens,
 // "Stop", "Activity log"), the status area (app/gui/run_status.h) in the
-// window's status bar, the desktop integration commands in the File menu,
-// and the status line for a mailto: address handed over.
+// window's status bar, and the desktop integration commands in the File menu.
 //
 // Until the window can ask questions, a run that needs a password that is
 // not saved gets "cancel" from this object (its CredentialsPrompt) and the
@@ -56,9 +55,6 @@ class RunCommands final : public QObject, public CredentialsPrompt, public Servi
   void StopAll();
   // Opens (or brings forward) the activity log's window.
   LogWindow* ShowLog();
-  // The status line for the address of a "mailto:" argument (composing
-  // comes later).
-  void OpenMailto(const QString& address);
 
   RunStatus& status() { return *status_; }  // lives in the window's status bar
   QAction* synchronize_all() const { return sync_all_; }
@@ -87,8 +83,8 @@ class RunCommands final : public QObject, public CredentialsPrompt, public Servi
   QPointer<LogWindow> log_;
 };
 
-// Whether the command line is (or begins with) a mailto: address; if so the
-// window's RunCommands shows it. Replaced by the compose window later.
+// Whether the command line is (or begins with) a mailto: address; if so a
+// compose window is opened, filled from it (app/gui/compose_window.h).
 bool HandleMailto(MainWindow& window, const QString& command_line);
 
 }  // namespace trv::gui

@@ -3,9 +3,11 @@
 // problems a person is told or asked.
 #include <gtest/gtest.h>
 
+#include <QLineEdit>
 #include <QTest>
 #include <fstream>
 
+#include "app/gui/compose_window.h"
 #include "app/gui/desktop_integration.h"
 #include "app/gui/log_window.h"
 #include "app/gui/run_commands.h"
@@ -54,7 +56,9 @@ TEST_F(GuiRunsTest, StopEndsARunAndAMissingPasswordEndsItWithTheReason) {
                               10000)) << line(1);
   EXPECT_EQ(line(0), "Hanging: stopped");
   EXPECT_TRUE(HandleMailto(*session.window(), "mailto:b@c.d"));
-  EXPECT_EQ(line(2), "Writing to b@c.d comes with the compose window, in a later version.");
+  auto* compose = session.window()->findChild<ComposeWindow*>();
+  ASSERT_NE(compose, nullptr);
+  EXPECT_EQ(compose->to().text(), "b@c.d");
 }
 
 TEST_F(GuiRunsTest, DesktopIntegrationThroughTheProgramAndMimeappsList) {
