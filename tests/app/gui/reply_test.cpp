@@ -3,9 +3,12 @@
 
 #include <QAbstractItemView>
 #include <QLineEdit>
+#include <QPlainTextEdit>
 #include <QTest>
 
 #include "app/gui/address_completer.h"
+#include "app/gui/compose_window.h"
+#include "app/gui/reply_commands.h"
 #include "app/gui/session.h"
 #include "services/address_book.h"
 #include "tests/app/gui/gui_fixture.h"
@@ -15,7 +18,8 @@ namespace {
 
 std::string Mail(const std::string& from, const std::string& to, const std::string& cc = "") {
   return "From: " + from + "\r\nTo: " + to + "\r\n" + (cc.empty() ? "" : "CC: " + cc + "\r\n") +
-         "Subject: s\r\nMessage-ID: <" + std::to_string(from.size() + to.size()) + "@t>\r\n\r\nbody\r\n";
+         "Subject: s\r\nDate: Mon, 2 Mar 2026 10:00:00 +0000\r\nMessage-ID: <" +
+         std::to_string(from.size() + to.size()) + "@t>\r\n\r\nbody\r\n";
 }
 
 class GuiReplyTest : public GuiTest {
@@ -61,6 +65,30 @@ TEST_F(GuiReplyTest, CompleterOffersStoredAddressesByWordRankedAndFollowsNewMail
   EXPECT_EQ(book.builds(), builds);  // nothing changed, nothing rebuilt
   Append(*local.SpecialFolder(kFolderInbox), Mail("Carl <carl@example.org>", "me@example.net"));
   EXPECT_EQ(completer.Offer("carl"), 1);
+}
+
+TEST_F(GuiReplyTest, ReplyToAllOpensAFilledComposeWindowThatCompletesAddresses) {
+  MainWindow& main = Start();
+  main.SelectRow(1);
+  ComposeWindow* compose = main.findChild<ReplyCommands*>()->Respond(ReplyKind::kReplyAll);
+  ASSERT_NE(compose, nullptr);
+  EXPECT_EQ(compose->to().text(), "Bob Stone <bob@example.org>, me@example.net");
+  EXPECT_EQ(compose->cc().text(), "\"A.\" <ANN@example.org>");
+  EXPECT_EQ(compose->subject().text(), "Re: s");
+  EXPECT_TRUE(
+      compose->body().toPlainText().startsWith("\n\nOn Mon, 2 Mar 2026 10:00:00 +0000, Bob Stone wrote:\n> body\n"));
+  const ComposedMessage composed = compose->Composed();
+  const WString id = u"<" + main.message_model().RecordAt(1)->message_id + u">";
+  EXPECT_EQ(composed.in_reply_to, id);
+  EXPECT_EQ(composed.references, id);
+  compose->grab().save(QString(TRV_SCREENSHOT_DIR) + "/reply_window.png");
+
+  auto* completer = qobject_cast<AddressCompleter*>(compose->cc().completer());
+  ASSERT_NE(completer, nullptr);
+  compose->cc().setFocus();
+  QTest::keyClicks(&compose->cc(), ", sto");
+  EXPECT_EQ(completer->offered(), QStringList{"Bob Stone <bob@example.org>"});
+  compose->close();
 }
 
 }  // namespace
