@@ -443,9 +443,10 @@ ComposeWindow* OpenDraft(MainWindow& main, MailFolder& folder, uint32_t key) {
     if (r == rc::kMimeSyntax || r == rc::kMimeCharset) r = rc::kOk;
     if (r.ok()) r = ComposedFromMessage(message, &composed);
   }
-  if (r.failed() || !record) {
-    QMessageBox::warning(&main, text("AppTitle"),
-                         text("ComposeDraftUnreadable").arg(QString::fromStdString(ResultText(r.failed() ? r : rc::kInvalidArg))));
+  if (r.ok() && !record) r = rc::kInvalidArg;  // deleted meanwhile
+  if (r.failed()) {
+    const QString why = QString::fromStdString(ResultText(r));
+    QMessageBox::warning(&main, text("AppTitle"), text("ComposeDraftUnreadable").arg(why));
     return nullptr;
   }
   MailService* account = nullptr;

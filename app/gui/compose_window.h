@@ -21,9 +21,10 @@
 // state is kept in the main window's options ("CMLGUIParams\Compose",
 // "SendAtOnce").
 //
-// Threads: interface thread. The window deletes itself when closed; it
-// follows the engine's services and closes without saving if its account
-// is removed (found again by its GUID at each use).
+// Threads: interface thread. The window deletes itself when closed. It
+// keeps its account's GUID, not the service, and finds the service again at
+// each use: when the account has been removed, sending and saving say so,
+// and closing closes without asking to save.
 #pragma once
 
 #include <QMainWindow>

