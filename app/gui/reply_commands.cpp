@@ -27,13 +27,13 @@ WString WText(const MainWindow& main, const char* id) { return Utf8ToWide(main.t
 // The commands' texts and shortcuts, in menu order.
 struct Command {
   const char* id;
-  QKeySequence keys;
+  QKeyCombination keys;
   ReplyKind kind;
 };
-const Command kCommands[] = {
-    {"MessageReply", QKeySequence(Qt::CTRL | Qt::Key_R), ReplyKind::kReply},
-    {"MessageReplyAll", QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_R), ReplyKind::kReplyAll},
-    {"MessageForward", QKeySequence(Qt::CTRL | Qt::Key_L), ReplyKind::kForward},
+constexpr Command kCommands[] = {
+    {"MessageReply", Qt::CTRL | Qt::Key_R, ReplyKind::kReply},
+    {"MessageReplyAll", Qt::CTRL | Qt::SHIFT | Qt::Key_R, ReplyKind::kReplyAll},
+    {"MessageForward", Qt::CTRL | Qt::Key_L, ReplyKind::kForward},
 };
 
 void TellProblem(MainWindow& main, const char* id, Result r) {
@@ -76,7 +76,7 @@ ReplyCommands::ReplyCommands(MainWindow& window) : QObject(&window), window_(win
   for (size_t i = 0; i < std::size(kCommands); ++i) {
     const ReplyKind kind = kCommands[i].kind;
     QAction* action = menu->addAction(Text(window, kCommands[i].id));
-    action->setShortcut(kCommands[i].keys);
+    action->setShortcut(QKeySequence(kCommands[i].keys));
     connect(action, &QAction::triggered, this, [this, kind] { Respond(kind); });
     *actions[i] = action;
   }
@@ -116,7 +116,7 @@ void AddReplyCommands(MainWindow& main, ReadingWindow& window) {
   QMenu* menu = window.menuBar()->addMenu(Text(main, "MenuMessage"));
   for (const Command& command : kCommands) {
     QAction* action = menu->addAction(Text(main, command.id));
-    action->setShortcut(command.keys);
+    action->setShortcut(QKeySequence(command.keys));
     QObject::connect(action, &QAction::triggered, &window, [&main, &window, kind = command.kind] {
       if (const CXmMimeMessage* message = window.view().message()) OpenResponse(main, *message, kind, nullptr);
     });

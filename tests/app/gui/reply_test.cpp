@@ -2,13 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractItemView>
+#include <QAction>
 #include <QLineEdit>
+#include <QMenu>
 #include <QPlainTextEdit>
 #include <QTest>
 
 #include "app/gui/address_completer.h"
 #include "app/gui/compose_window.h"
-#include "app/gui/reply_commands.h"
 #include "app/gui/session.h"
 #include "services/address_book.h"
 #include "tests/app/gui/gui_fixture.h"
@@ -70,7 +71,10 @@ TEST_F(GuiReplyTest, CompleterOffersStoredAddressesByWordRankedAndFollowsNewMail
 TEST_F(GuiReplyTest, ReplyToAllOpensAFilledComposeWindowThatCompletesAddresses) {
   MainWindow& main = Start();
   main.SelectRow(1);
-  ComposeWindow* compose = main.findChild<ReplyCommands*>()->Respond(ReplyKind::kReplyAll);
+  for (QAction* action : main.menu(MainWindow::Menu::kMessage)->actions()) {
+    if (action->shortcut() == QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_R)) action->trigger();
+  }
+  auto* compose = main.findChild<ComposeWindow*>();
   ASSERT_NE(compose, nullptr);
   EXPECT_EQ(compose->to().text(), "Bob Stone <bob@example.org>, me@example.net");
   EXPECT_EQ(compose->cc().text(), "\"A.\" <ANN@example.org>");
