@@ -22,6 +22,7 @@
 #include <QUrl>
 #include <QVBoxLayout>
 
+#include "app/gui/address_completer.h"
 #include "app/gui/attachment_editor.h"
 #include "app/gui/main_window.h"
 #include "app/gui/user_questions.h"
@@ -421,6 +422,7 @@ void ComposeWindow::dropEvent(QDropEvent* event) {
 ComposeWindow* OpenCompose(MainWindow& main, const ComposedMessage& initial, MailService* account,
                            MailFolder* draft_folder, uint32_t draft_key) {
   auto* window = new ComposeWindow(main, initial, account, draft_folder, draft_key);
+  AddAddressCompletion(main, *window);
   window->show();
   window->raise();
   window->activateWindow();

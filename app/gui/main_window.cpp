@@ -11,6 +11,7 @@
 #include "app/gui/folder_commands.h"
 #include "app/gui/message_commands.h"
 #include "app/gui/reading_window.h"
+#include "app/gui/reply_commands.h"
 #include "app/gui/run_commands.h"
 #include "core/engine.h"
 #include "store/mail_folder.h"
@@ -69,6 +70,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   InstallComposeCommands(*this);
   // -- accounts --
   new AccountCommands(*this);
+  // -- replies and forwards --
+  new ReplyCommands(*this);
 
   menu(Menu::kFile)->addSeparator();
   QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));

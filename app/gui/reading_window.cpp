@@ -7,6 +7,7 @@
 
 #include "app/gui/compose_window.h"
 #include "app/gui/main_window.h"
+#include "app/gui/reply_commands.h"
 #include "mime/header_names.h"
 
 namespace trv::gui {
@@ -81,6 +82,7 @@ void OpenMessageFile(MainWindow& main, const std::filesystem::path& path) {
     return;
   }
   ConnectReadingView(main, window->view());
+  AddReplyCommands(main, *window);
   window->show();
   window->raise();
   window->activateWindow();
