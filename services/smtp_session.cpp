@@ -18,6 +18,7 @@ bool CredentialsMayHelp(Result r) { return IsSmtpReplyError(r) && SmtpReplyClass
 SendRun::SendRun(MailService& service, const ServiceSettings& settings)
     : service_(service), settings_(settings), line_log_(service.log()) {
   client_.AddLineListener(&line_log_);
+  client_.SetSizeConfirmer(this);
 }
 
 SendRun::~SendRun() {
@@ -30,6 +31,11 @@ void SendRun::Log(std::string_view line) { service_.log().Log(line); }
 uint16_t SendRun::port() const {
   const int32_t p = settings_.smtp.port;
   return p > 0 && p <= 65535 ? static_cast<uint16_t>(p) : 25;
+}
+
+bool SendRun::SendOversized(CSmtpClient&, uint64_t size, uint32_t max_size) {
+  SizeQuestion* question = service_.size_question();
+  return question != nullptr && question->SendOversized(service_, size, max_size);
 }
 
 void SendRun::LogError(Result r) {

@@ -25,7 +25,7 @@ namespace trv {
 // the run then stops without asking.
 bool CredentialsMayHelp(Result auth_failure);
 
-class SendRun {
+class SendRun final : private SmtpSizeConfirmer {
  public:
   // `settings` is the run's copy, taken when the run starts.
   SendRun(MailService& service, const ServiceSettings& settings);
@@ -62,6 +62,8 @@ class SendRun {
   void Log(std::string_view line);
   void LogTlsStatus();
   uint16_t port() const;
+  // SmtpSizeConfirmer: the service's SizeQuestion; no question, no send.
+  bool SendOversized(CSmtpClient& client, uint64_t size, uint32_t max_size) override;
 
   MailService& service_;
   ServiceSettings settings_;

@@ -8,6 +8,7 @@
 
 #include "app/gui/folder_commands.h"
 #include "app/gui/message_commands.h"
+#include "app/gui/options_dialog.h"
 #include "app/gui/reading_window.h"
 #include "app/gui/run_commands.h"
 #include "core/engine.h"
@@ -63,6 +64,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   ConnectReadingView(*this, *view_);
   // -- runs and desktop integration --
   new RunCommands(*this);
+  // -- options and questions --
+  new OptionsCommands(*this);
 
   menu(Menu::kFile)->addSeparator();
   QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));
