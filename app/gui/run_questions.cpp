@@ -20,11 +20,10 @@ QString Text(const LanguageTable& texts, const char* id) { return QString::fromS
 QString Utf8(const std::string& text) { return QString::fromStdString(text); }
 
 // A value the person may want to copy (fingerprints): selectable, and
-// wrapped anywhere since hex strings have no spaces.
+// whole (a fingerprint is compared digit by digit).
 QLabel* ValueLabel(const QString& text) {
   auto* label = new QLabel(text);
   label->setTextInteractionFlags(Qt::TextSelectableByMouse);
-  label->setWordWrap(true);
   return label;
 }
 
@@ -96,7 +95,6 @@ CertificateDialog::CertificateDialog(const LanguageTable& texts, const RefusedCe
   connect(buttons, &QDialogButtonBox::accepted, this, &QDialog::accept);
   connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::reject);
   layout->addWidget(buttons);
-  setMinimumWidth(560);
 }
 
 std::unique_ptr<QMessageBox> MakeSizeQuestion(const LanguageTable& texts, const QString& account, uint64_t size,
