@@ -86,6 +86,7 @@ class ReadingView final : public QTextBrowser {
   bool remote_allowed() const { return remote_allowed_; }
   // For the messages shown from now on.
   void SetRemotePolicy(RemotePolicy policy) { remote_policy_ = policy; }
+  RemotePolicy remote_policy() const { return remote_policy_; }
 
   // Shows remote content of this message (the bar's button).
   void AllowRemoteContent();
