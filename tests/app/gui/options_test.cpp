@@ -15,7 +15,7 @@ namespace {
 
 using GuiOptionsTest = GuiTest;
 
-const std::string kRemote = "Subject: html\r\nContent-Type: text/html\r\n\r\n<img src=\"http://127.0.0.1:9/p.png\">\r\n";
+const std::string kRemote = "Content-Type: text/html\r\n\r\n<img src=\"http://127.0.0.1:9/p.png\">\r\n";
 
 TEST_F(GuiOptionsTest, ValuesApplyAtOnceAndAfterARestart) {
   AddToInbox({Message("plain", "nothing remote"), kRemote}, 0);
