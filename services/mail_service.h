@@ -32,6 +32,7 @@
 #include "core/engine_service.h"
 #include "services/credentials_prompt.h"
 #include "services/protocol_settings.h"
+#include "services/size_question.h"
 #include "services/sync_events.h"
 
 namespace trv {
@@ -171,6 +172,9 @@ class MailService : public EngineService {
   CredentialsPrompt* credentials_prompt() const { return prompt_; }
   void SetCertificateDecider(CertificateDecider* decider) { decider_ = decider; }
   CertificateDecider* certificate_decider() const { return decider_; }
+  // Asked before a message above the server's SIZE limit; none: not sent.
+  void SetSizeQuestion(SizeQuestion* question) { size_question_ = question; }
+  SizeQuestion* size_question() const { return size_question_; }
 
   // StorageService.
   Result OnStorageOpened(Storage& storage) override;
@@ -222,6 +226,7 @@ class MailService : public EngineService {
   ListenerList<SyncObserver> observers_;
   CredentialsPrompt* prompt_ = nullptr;
   CertificateDecider* decider_ = nullptr;
+  SizeQuestion* size_question_ = nullptr;
 
   Mutex client_mu_;
   CMailSocket* current_client_ GUARDED_BY(client_mu_) = nullptr;

@@ -5,6 +5,7 @@
 #include "core/engine.h"
 #include "net/socket_errors.h"
 #include "net/tls_engine.h"
+#include "services/certificate_question.h"
 #include "services/mail_service.h"
 
 namespace trv {
@@ -50,6 +51,10 @@ std::optional<RefusedCertificate> RunTrust::LastRefusal(std::string_view host, u
   return trust->LastRefusal(host, port);
 }
 
+Result RunTrust::Trust(std::string_view host, uint16_t port, const CertificateFacts& cert) {
+  return Reload()->Trust(host, port, cert);
+}
+
 void RunTrust::OnServiceAdded(EngineService& service) {
   if (auto* mail = dynamic_cast<MailService*>(&service)) mail->SetCertificateDecider(this);
 }
@@ -58,6 +63,7 @@ std::string CertificateRefusalText(CertificateDecider* decider, Result r, std::s
   if (r != SecureTransportError(kTlsEngineCertificateRefused) || port <= 0 || port > 65535) return "";
   const auto p = static_cast<uint16_t>(port);
   std::optional<RefusedCertificate> refused;
+  if (auto* asking = dynamic_cast<AskingTrust*>(decider)) decider = &asking->trust();
   if (auto* run = dynamic_cast<RunTrust*>(decider)) refused = run->LastRefusal(host, p);
   if (auto* store = dynamic_cast<CertificateTrust*>(decider)) refused = store->LastRefusal(host, p);
   return refused ? refused->Message() : "";

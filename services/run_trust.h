@@ -40,6 +40,9 @@ class RunTrust final : public CertificateDecider, public ServiceAddedListener {
   bool AcceptCertificate(CMailSocket& socket, uint32_t flags, const TlsCertificate& certificate) override
       EXCLUDES(mu_);
   std::optional<RefusedCertificate> LastRefusal(std::string_view host, uint16_t port) const EXCLUDES(mu_);
+  // Trusts the certificate for host:port in the freshly read store
+  // (CertificateTrust::Trust). Any thread.
+  Result Trust(std::string_view host, uint16_t port, const CertificateFacts& cert) EXCLUDES(mu_);
 
   // ServiceAddedListener: a MailService gets this object as its decider.
   void OnServiceAdded(EngineService& service) override;
@@ -57,7 +60,7 @@ class RunTrust final : public CertificateDecider, public ServiceAddedListener {
 
 // For a connection to host:port that failed with `r`: the refusal text
 // (RefusedCertificate::Message) when `r` is the refused-certificate code and
-// `decider`, a RunTrust or a CertificateTrust, refused host:port last; ""
+// `decider`, a RunTrust, an AskingTrust or a CertificateTrust, refused host:port last; ""
 // otherwise.
 std::string CertificateRefusalText(CertificateDecider* decider, Result r, std::string_view host, int port);
 

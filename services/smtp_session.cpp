@@ -32,6 +32,11 @@ uint16_t SendRun::port() const {
   return p > 0 && p <= 65535 ? static_cast<uint16_t>(p) : 25;
 }
 
+bool SendRun::SendOversized(uint64_t size) {
+  SizeQuestion* question = service_.size_question();
+  return question != nullptr && question->SendOversized(service_, size, client_.max_size());
+}
+
 void SendRun::LogError(Result r) {
   const std::string& reply = failed_reply_.empty() ? client_.last_reply() : failed_reply_;
   LogRunError(service_.log(), r, service_.DisplayName(), settings_.smtp.host, port(), reply,
@@ -152,7 +157,11 @@ Result SendRun::SendMessage(std::string_view stored_text) {
   std::string sender = WideToUtf8(SenderAddress(header));
   if (sender.empty()) sender = WideToUtf8(settings_.email_address);
   const std::string text = OutgoingText(stored_text);
-  Result r = client_.MailFrom(sender, text.size());
+  // Asked before MAIL FROM: a server refuses a declared size above its
+  // limit at once. One sent anyway goes undeclared, for the server to judge.
+  const bool oversized = client_.max_size() != 0 && text.size() > client_.max_size();
+  if (oversized && !SendOversized(text.size())) return rc::kSmtpTooLarge;
+  Result r = client_.MailFrom(sender, oversized ? 0 : text.size());
   for (const WString& to : RecipientAddresses(header)) {
     if (r.failed()) break;
     r = client_.RcptTo(WideToUtf8(to));

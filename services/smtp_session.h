@@ -41,7 +41,9 @@ class SendRun {
   // bit 2 and sends event 4; its code is returned (rc::kAbort for a cancel
   // in the prompt) and not logged here.
   Result OpenSession();
-  // MAIL FROM, RCPT TO for To, CC and BCC, DATA with OutgoingText. The
+  // MAIL FROM, RCPT TO for To, CC and BCC, DATA with OutgoingText; a
+  // message above the server's SIZE limit is asked about first (not sent:
+  // rc::kSmtpTooLarge, nothing said to the server). The
   // caller logs a failure. After a refusal the transaction is reset (RSET)
   // so the next message can be sent.
   Result SendMessage(std::string_view stored_text);
@@ -62,6 +64,9 @@ class SendRun {
   void Log(std::string_view line);
   void LogTlsStatus();
   uint16_t port() const;
+  // For a message above the server's SIZE limit: the service's
+  // SizeQuestion; no question, no send.
+  bool SendOversized(uint64_t size);
 
   MailService& service_;
   ServiceSettings settings_;

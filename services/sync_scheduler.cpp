@@ -11,8 +11,8 @@ SyncScheduler::SyncScheduler(MailEngine& engine) : engine_(engine) {}
 
 SyncScheduler::~SyncScheduler() { Stop(false); }
 
-void SyncScheduler::Start() {
-  StartupRuns(Clock::now());
+void SyncScheduler::Start(bool startup_runs) {
+  if (startup_runs) StartupRuns(Clock::now());
   if (timer_.joinable()) return;
   timer_ = std::thread([this] { TimerMain(); });
 }

@@ -35,8 +35,9 @@ class SyncScheduler {
   SyncScheduler(const SyncScheduler&) = delete;
   SyncScheduler& operator=(const SyncScheduler&) = delete;
 
-  // The start-up runs now, then a timer thread calls Tick every few seconds.
-  void Start() EXCLUDES(mu_);
+  // The start-up runs now (unless !startup_runs), then a timer thread calls
+  // Tick every few seconds.
+  void Start(bool startup_runs = true) EXCLUDES(mu_);
   // Ends the timer thread; with stop_runs, also Stop(false) on every service
   // and waits until their runs ended.
   void Stop(bool stop_runs) EXCLUDES(mu_);
@@ -44,7 +45,8 @@ class SyncScheduler {
   // `now` and that is idle; returns how many were started. Public for tests.
   int Tick(Clock::time_point now) EXCLUDES(mu_);
   // The start-up runs alone (Start calls it) and the periods begun at
-  // `now`; returns how many runs were started. Public for tests.
+  // `now`; returns how many runs were started. Public for tests and for
+  // the start-up runs without the timer.
   int StartupRuns(Clock::time_point now) EXCLUDES(mu_);
 
   static constexpr std::chrono::seconds kTickInterval{5};

@@ -155,8 +155,8 @@ bool FolderCommands::DeleteFolder() {
     MutexLock lock(folder->storage().tree_mutex());  // a worker may add folders meanwhile
     messages = SubtreeMessages(*folder);
   }
-  if (!questions_->Confirm(&window_, QString::fromStdString(texts.Text("FolderCaption")),
-                           QString::fromStdString(texts.Text("FolderDeleteConfirm")).arg(path).arg(messages))) {
+  const QString question = QString::fromStdString(texts.Text("FolderDeleteConfirm")).arg(path).arg(messages);
+  if (confirm_ && !questions_->Confirm(&window_, QString::fromStdString(texts.Text("FolderCaption")), question)) {
     return false;
   }
   // The list lets go of a folder that goes: the parent is shown instead.

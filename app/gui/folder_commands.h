@@ -43,6 +43,8 @@ class FolderCommands final : public QObject, public StorageClosingListener, publ
 
   // Where the questions go (tests answer them); the default asks in boxes.
   void set_questions(UserQuestions& questions) { questions_ = &questions; }
+  // Whether deleting asks first (the options); on by default.
+  void set_confirm(bool on) { confirm_ = on; }
 
   // The commands, on the folder tree's current item. Each returns whether
   // it changed anything.
@@ -63,6 +65,7 @@ class FolderCommands final : public QObject, public StorageClosingListener, publ
 
   MainWindow& window_;
   UserQuestions* questions_;
+  bool confirm_ = true;
   QAction* new_folder_;
   QAction* rename_;
   QAction* delete_;

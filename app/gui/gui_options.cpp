@@ -8,6 +8,20 @@ namespace {
 
 constexpr const char* kMainWindowKey = "CMLGUIParams\\MainWnd";
 constexpr const char* kComposeKey = "CMLGUIParams\\Compose";
+constexpr const char* kOptionsKey = "CMLGUIParams\\Options";
+
+// The switches of the Options key; the numbers follow below.
+struct Switch {
+  const char* name;
+  bool GuiOptions::*value;
+};
+constexpr Switch kSwitches[] = {
+    {"SyncAtStart", &GuiOptions::sync_at_start},
+    {"PeriodicSync", &GuiOptions::periodic_sync},
+    {"ConfirmDeleteMessages", &GuiOptions::confirm_delete_messages},
+    {"ConfirmDeleteFolders", &GuiOptions::confirm_delete_folders},
+};
+constexpr uint32_t kMaxFontSize = 72;
 
 QByteArray ReadBytes(const RegistryKey& key, const char* name) {
   std::vector<uint8_t> bytes;
@@ -39,9 +53,20 @@ void GuiOptions::Load(const std::filesystem::path& file, LogSink* log) {
   key_->ReadString(kMainWindowKey, "LastStorage", &last_storage).Ignore();
   key_->ReadString(kMainWindowKey, "LastFolder", &last_folder).Ignore();
   if (key_->ReadDword(kComposeKey, "SendAtOnce", &number).ok()) send_at_once = number != 0;
+  for (const Switch& s : kSwitches) {
+    if (key_->ReadDword(kOptionsKey, s.name, &number).ok()) this->*s.value = number != 0;
+  }
+  // Out-of-range numbers (a hand-edited file) keep the defaults.
+  if (key_->ReadDword(kOptionsKey, "FontSize", &number).ok() && number <= kMaxFontSize) font_size = number;
+  if (key_->ReadDword(kOptionsKey, "RemoteContent", &number).ok() && number <= 2) remote_content = number;
 }
 
 void GuiOptions::Finish() {
+  Save();
+  key_.reset();
+}
+
+void GuiOptions::Save() {
   if (key_ == nullptr) return;
   WriteBytes(*key_, "Geometry", main_geometry);
   WriteBytes(*key_, "Panes", main_panes);
@@ -55,8 +80,10 @@ void GuiOptions::Finish() {
     key_->WriteString(kMainWindowKey, "LastStorage", last_storage).Ignore();
     key_->WriteString(kMainWindowKey, "LastFolder", last_folder).Ignore();
   }
+  for (const Switch& s : kSwitches) key_->WriteDword(kOptionsKey, s.name, this->*s.value ? 1 : 0).Ignore();
+  key_->WriteDword(kOptionsKey, "FontSize", font_size).Ignore();
+  key_->WriteDword(kOptionsKey, "RemoteContent", remote_content).Ignore();
   key_->Flush().Ignore();  // logged by the key; nothing else to do at exit
-  key_.reset();
 }
 
 }  // namespace trv::gui

@@ -10,6 +10,7 @@
 #include "app/gui/compose_window.h"
 #include "app/gui/folder_commands.h"
 #include "app/gui/message_commands.h"
+#include "app/gui/options_dialog.h"
 #include "app/gui/reading_window.h"
 #include "app/gui/reply_commands.h"
 #include "app/gui/run_commands.h"
@@ -72,6 +73,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   new AccountCommands(*this);
   // -- replies and forwards --
   new ReplyCommands(*this);
+  // -- options and questions --
+  new OptionsCommands(*this);
 
   menu(Menu::kFile)->addSeparator();
   QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));

@@ -92,7 +92,7 @@ bool MessageCommands::DeleteSelected() {
   if (folder == nullptr || !folder->available() || keys.empty()) return false;
   const LanguageTable& texts = window_.texts();
   const bool for_good = DeletesForGood(*folder);
-  if (for_good && !questions_->Confirm(&window_, QString::fromStdString(texts.Text("MessageCaption")),
+  if (for_good && confirm_ && !questions_->Confirm(&window_, QString::fromStdString(texts.Text("MessageCaption")),
                                        QString::fromStdString(texts.Text("MessagePurgeConfirm"))
                                            .arg(keys.size())
                                            .arg(PathOf(*folder)))) {

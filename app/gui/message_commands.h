@@ -44,6 +44,8 @@ class MessageCommands final : public QObject {
 
   // Where the questions go (tests answer them); the default asks in boxes.
   void set_questions(UserQuestions& questions) { questions_ = &questions; }
+  // Whether deleting asks first (the options); on by default.
+  void set_confirm(bool on) { confirm_ = on; }
 
   // The keys of the selected messages, in list order.
   std::vector<uint32_t> SelectedKeys() const;
@@ -61,6 +63,7 @@ class MessageCommands final : public QObject {
 
   MainWindow& window_;
   UserQuestions* questions_;
+  bool confirm_ = true;
   QAction* delete_;
   QAction* mark_read_;
   QAction* mark_unread_;

@@ -120,6 +120,7 @@ void ReadingView::ShowMessage(MailFolder& folder, uint32_t key) {
   folder_ = &folder;
   key_ = key;
   Render();
+  if (remote_policy_ == RemotePolicy::kAllow && report_.remote()) AllowRemoteContent();
   ShowPartialBar();
 }
 
@@ -129,6 +130,7 @@ void ReadingView::ShowSource(std::shared_ptr<CXmMessageSource> source) {
   // What could be read is shown; a read error shows an empty message.
   message_->Parse(std::move(source)).Ignore();
   Render();
+  if (remote_policy_ == RemotePolicy::kAllow && report_.remote()) AllowRemoteContent();
 }
 
 void ReadingView::Render() {
@@ -159,7 +161,7 @@ void ReadingView::Render() {
 
   attachments_->SetAttachments(view_.attachments);
   remote_bar_.label->setText(Text("RemoteBlocked"));
-  remote_bar_.frame->setVisible(report_.remote() && !remote_allowed_);
+  remote_bar_.frame->setVisible(report_.remote() && !remote_allowed_ && remote_policy_ == RemotePolicy::kAsk);
   LayOutBars();
 }
 

@@ -50,6 +50,10 @@ namespace trv::gui {
 
 class AttachmentList;
 
+// What happens to remote content: never shown, offered by the bar (each
+// message on its own), or always shown and fetched.
+enum class RemotePolicy : uint32_t { kBlock = 0, kAsk = 1, kAllow = 2 };
+
 // A line of text above the message with one button.
 struct NoticeBar {
   QWidget* frame = nullptr;
@@ -80,6 +84,9 @@ class ReadingView final : public QTextBrowser {
   // What the sanitiser removed from the shown document.
   const HtmlSanitizeReport& report() const { return report_; }
   bool remote_allowed() const { return remote_allowed_; }
+  // For the messages shown from now on.
+  void SetRemotePolicy(RemotePolicy policy) { remote_policy_ = policy; }
+  RemotePolicy remote_policy() const { return remote_policy_; }
 
   // Shows remote content of this message (the bar's button).
   void AllowRemoteContent();
@@ -120,6 +127,7 @@ class ReadingView final : public QTextBrowser {
   MessageView view_;
   HtmlSanitizeReport report_;
   bool remote_allowed_ = false;
+  RemotePolicy remote_policy_ = RemotePolicy::kAsk;
   // Where the shown message is stored; null for a message file.
   MailFolder* folder_ = nullptr;
   uint32_t key_ = 0;

@@ -75,6 +75,8 @@ std::optional<std::filesystem::path> MessageFileOf(const QString& command_line) 
 void OpenMessageFile(MainWindow& main, const std::filesystem::path& path) {
   auto* window = new ReadingWindow(main.texts(), &main);
   window->setAttribute(Qt::WA_DeleteOnClose);
+  window->view().setFont(main.reading_view().font());  // as the options set the main one
+  window->view().SetRemotePolicy(main.reading_view().remote_policy());
   QString problem;
   if (!window->Open(path, &problem)) {
     delete window;

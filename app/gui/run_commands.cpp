@@ -3,12 +3,14 @@
 #include <QAction>
 #include <QMenu>
 #include <QStatusBar>
+#include <QThread>
 #include <algorithm>
 
 #include "app/gui/compose_window.h"
 #include "app/gui/desktop_integration.h"
 #include "app/gui/log_window.h"
 #include "app/gui/reading_view.h"
+#include "app/gui/run_prompts.h"
 #include "core/activity_log.h"
 #include "core/engine.h"
 #include "services/mail_service.h"
@@ -24,7 +26,11 @@ QString Text(const MainWindow& window, const char* id) { return QString::fromStd
 
 }  // namespace
 
-RunCommands::RunCommands(MainWindow& window) : QObject(&window), window_(window) {
+RunCommands::RunCommands(MainWindow& window)
+    : QObject(&window),
+      window_(window),
+      prompts_(new RunPrompts(window, window.texts(), this)),
+      scheduler_(window.engine()) {
   status_ = new RunStatus(window.engine(), window.texts());
   window.statusBar()->addWidget(status_, 1);
 
@@ -62,22 +68,64 @@ RunCommands::RunCommands(MainWindow& window) : QObject(&window), window_(window)
     window_.statusBar()->showMessage(Text(window_, "RunNoAccount").arg(QString::fromStdU16String(folder->storage().name())),
                                      10000);
   });
+  // A cancelled password question ends the run; the status area says why.
+  connect(prompts_, &RunPrompts::credentialsCancelled, this, [this](MailService* service, const QString& host) {
+    const QString why = Text(window_, "QuestionNoPassword").arg(host);
+    const QString name = QString::fromStdString(service->DisplayName());
+    if (status_ != nullptr) status_->Note(service, Text(window_, "RunLine").arg(name, why));
+  });
   Follow();
   window.engine().service_added_listeners().Add(this);
 }
 
 RunCommands::~RunCommands() {
   window_.engine().service_added_listeners().Remove(this);
-  for (MailService* service : MailServices(window_.engine())) {
-    if (service->credentials_prompt() == this) service->SetCredentialsPrompt(nullptr);
+  scheduler_.Stop(false);
+  const std::vector<MailService*> services = MailServices(window_.engine());
+  for (MailService* service : services) {
+    prompts_->Detach(*service);
     service->Stop(true);
+  }
+  prompts_->Close();
+  // A question already on its way waits for this thread: it is answered
+  // "no" here, or WaitIdle would wait for it forever.
+  for (MailService* service : services) {
+    while (service->running()) {
+      prompts_->DeliverPending();
+      QThread::msleep(5);
+    }
     service->WaitIdle();
   }
 }
 
 void RunCommands::Follow() {
   status_->Follow();
-  for (MailService* service : MailServices(window_.engine())) service->SetCredentialsPrompt(this);
+  for (MailService* service : MailServices(window_.engine())) prompts_->Attach(*service);
+}
+
+void RunCommands::set_questions(RunQuestions& questions) { prompts_->set_questions(questions); }
+
+void RunCommands::StartSchedule(bool startup_runs, bool periodic) {
+  Follow();
+  if (startup_runs && !periodic) scheduler_.StartupRuns(SyncScheduler::Clock::now());
+  periodic_ = periodic;
+  if (periodic) scheduler_.Start(startup_runs);
+}
+
+void RunCommands::SetPeriodic(bool periodic) {
+  if (periodic == periodic_) return;
+  periodic_ = periodic;
+  if (periodic) {
+    scheduler_.Start(false);
+  } else {
+    scheduler_.Stop(false);
+  }
+}
+
+void RunCommands::PauseSchedule() { scheduler_.Stop(false); }
+
+void RunCommands::ResumeSchedule() {
+  if (periodic_) scheduler_.Start(false);
 }
 
 void RunCommands::OnServiceAdded(EngineService&) { Follow(); }
@@ -132,17 +180,6 @@ LogWindow* RunCommands::ShowLog() {
   log_->raise();
   log_->activateWindow();
   return log_;
-}
-
-bool RunCommands::AskCredentials(MailService& service, CredentialsFor which, Credentials&) {
-  const ServiceSettings s = service.settings();
-  const ProtocolSettings& p = which == CredentialsFor::kSmtp ? s.smtp : s.incoming;
-  const QString line = Text(window_, "RunLine").arg(QString::fromStdString(service.DisplayName()),
-                                                    Text(window_, "RunNoPassword").arg(QString::fromStdString(p.host)));
-  const void* key = &service;
-  QMetaObject::invokeMethod(
-      this, [this, key, line] { if (status_ != nullptr) status_->Note(key, line); }, Qt::QueuedConnection);
-  return false;
 }
 
 void RunCommands::Integrate(bool on) {

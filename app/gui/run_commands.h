@@ -3,30 +3,34 @@
 // "Stop", "Activity log"), the status area (app/gui/run_status.h) in the
 // window's status bar, and the desktop integration commands in the File menu.
 //
-// Until the window can ask questions, a run that needs a password that is
-// not saved gets "cancel" from this object (its CredentialsPrompt) and the
-// status area says why the run ended; a certificate that is not trusted is
-// refused by the engine's trust store (services/run_trust.h), which asks
-// nobody, and the run's error text names the refusal.
+// The runs' questions (a password that is not saved or was refused, a
+// certificate the trust store refuses, a message above the server's size
+// limit) are asked in the window (app/gui/run_prompts.h); a cancelled
+// password question ends the run and the status area says why.
+//
+// The automatic runs: a SyncScheduler (services/sync_scheduler.h) started
+// by StartSchedule once the options are known, stopped before this object
+// goes; PauseSchedule before an account is removed, ResumeSchedule after.
 //
 // Services: those of the engine when the object is made, those the engine
 // adds later, and the list is taken again when a run starts (removed ones
 // are forgotten then).
 //
-// Threads: interface thread, except AskCredentials (services' workers).
-// A QObject child of the main window; when destroyed it takes its prompt
-// off every service and stops and waits for their runs, so no run calls it
-// afterwards.
+// Threads: interface thread.
+// A QObject child of the main window; when destroyed it stops the
+// scheduler, takes its questions off every service and stops and waits for
+// their runs, so no run asks it afterwards.
 #pragma once
 
 #include <QObject>
 #include <QPointer>
+#include <memory>
 
 #include "app/gui/main_window.h"
 #include "app/gui/run_status.h"
 #include "base/result.h"
 #include "core/engine_listeners.h"
-#include "services/credentials_prompt.h"
+#include "services/sync_scheduler.h"
 
 class QAction;
 
@@ -37,8 +41,10 @@ class MailService;
 namespace trv::gui {
 
 class LogWindow;
+class RunPrompts;
+class RunQuestions;
 
-class RunCommands final : public QObject, public CredentialsPrompt, public ServiceAddedListener {
+class RunCommands final : public QObject, public ServiceAddedListener {
   Q_OBJECT
 
  public:
@@ -60,8 +66,18 @@ class RunCommands final : public QObject, public CredentialsPrompt, public Servi
   QAction* synchronize_all() const { return sync_all_; }
   QAction* stop() const { return stop_; }
 
-  // CredentialsPrompt: answers "cancel" and shows the reason.
-  bool AskCredentials(MailService& service, CredentialsFor which, Credentials& credentials) override;
+  // Where the runs' questions go; the dialogs by default.
+  void set_questions(RunQuestions& questions);
+
+  // The start-up runs (the accounts with SyncAtStartup) when
+  // `startup_runs`, and the periodic ones (SyncMinutes) while `periodic`.
+  void StartSchedule(bool startup_runs, bool periodic);
+  void SetPeriodic(bool periodic);
+  bool periodic() const { return periodic_; }
+  // Around removing an account: the scheduler's timer must not walk the
+  // services meanwhile.
+  void PauseSchedule();
+  void ResumeSchedule();
   // ServiceAddedListener: an account made while the window is open is
   // followed from then on (interface thread).
   void OnServiceAdded(EngineService& service) override;
@@ -81,6 +97,9 @@ class RunCommands final : public QObject, public CredentialsPrompt, public Servi
   QAction* accounts_end_;  // the per-account commands go before it
   QList<QAction*> account_actions_;
   QPointer<LogWindow> log_;
+  RunPrompts* prompts_;
+  SyncScheduler scheduler_;
+  bool periodic_ = false;  // the scheduler's timer runs
 };
 
 // Whether the command line is (or begins with) a mailto: address; if so a

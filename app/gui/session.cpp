@@ -10,6 +10,7 @@
 #include <memory>
 #include <utility>
 
+#include "app/gui/options_dialog.h"
 #include "base/wide_string.h"
 #include "core/engine.h"
 #include "services/service_registry.h"
@@ -165,6 +166,7 @@ bool Session::Start(const SessionOptions& options) {
 
   window_ = std::make_unique<MainWindow>(*engine_, texts_, QString::fromStdString(title));
   window_->ApplyOptions(options_);
+  OptionsCommands::Attach(*window_, &options_);
   window_->show();
 
   MailEngine* engine = engine_;

@@ -4,7 +4,8 @@
 // started (its data directory locked against the command line, as the
 // command line locks it); the options (app/gui/gui_options.h); the language file, missing -> shutdown, then
 // "Can't find trvmllng.enu" under "Tarvo Mail 2"; the title from it; the main
-// window, placed as the options say and shown; the engine's idle call hooked to the moment the event loop
+// window, placed as the options say, its Options (app/gui/options_dialog.h) applied and the
+// automatic runs started, and shown; the engine's idle call hooked to the moment the event loop
 // has drained its queue; the normal cursor.
 //
 // Shutdown, at any stage of a failed start and after the loop: the normal

@@ -12,6 +12,7 @@
 #include "app/gui/desktop_integration.h"
 #include "app/gui/log_window.h"
 #include "app/gui/run_commands.h"
+#include "app/gui/run_questions.h"
 #include "app/gui/session.h"
 #include "base/file_io.h"
 #include "core/instance_lock.h"
@@ -41,6 +42,12 @@ TEST_F(GuiRunsTest, StopEndsARunAndAMissingPasswordEndsItWithTheReason) {
   Session session;
   ASSERT_TRUE(session.Start({TRVMAIL_DIR, data_dir(), "", {}}));
   auto& runs = *session.window()->findChild<RunCommands*>();
+  struct : RunQuestions {  // the password question cancelled
+    bool AskCredentials(QWidget*, const LanguageTable&, const QString&, const QString&, Credentials*) override {
+      return false;
+    }
+  } cancel;
+  runs.set_questions(cancel);
   MailService* hanging = AddAccount(session, u"Hanging", silent.port(), true);
   MailService* nopass = AddAccount(session, u"NoPass", silent.port(), false);
   ASSERT_TRUE(hanging && nopass);
@@ -53,7 +60,7 @@ TEST_F(GuiRunsTest, StopEndsARunAndAMissingPasswordEndsItWithTheReason) {
   EXPECT_FALSE(hanging->running());
 
   ASSERT_EQ(runs.Synchronize(nopass), rc::kOk);
-  EXPECT_TRUE(QTest::qWaitFor([&] { return line(1).find("NoPass: stopped: no password is saved for 127.0.0.1") == 0; },
+  EXPECT_TRUE(QTest::qWaitFor([&] { return line(1).find("NoPass: stopped: no password was given for 127.0.0.1") == 0; },
                               10000)) << line(1);
   EXPECT_EQ(line(0), "Hanging: stopped");
   EXPECT_TRUE(HandleMailto(*session.window(), "mailto:b@c.d?SUBJECT=50%&x-any=1"));  // odd escape, unknown name
