@@ -6,10 +6,12 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "core/engine.h"
+#include "core/registry.h"
 #include "core/message_import.h"
 #include "store/mail_folder.h"
 #include "tests/support/temp_dir.h"
@@ -21,6 +23,13 @@ class GuiTest : public ::testing::Test {
   GuiTest() {
     for (const char* var : {"HOME", "XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_RUNTIME_DIR"}) {
       ::setenv(var, dir_.path().c_str(), 1);
+    }
+    // No runs when a window opens: a run asking for a password would wait
+    // for a dialog nobody answers. Tests of the start-up runs turn it on.
+    std::unique_ptr<RegistryKey> key;
+    if (RegistryKey::Open(RegistryKey::DefaultPath(), &key).ok()) {
+      key->WriteDword("CMLGUIParams\\Options", "SyncAtStart", 0).Ignore();
+      key->Flush().Ignore();
     }
   }
   std::filesystem::path data_dir() const { return dir_.path() / "data"; }
