@@ -6,6 +6,7 @@
 
 #include "app/gui/account_editor.h"
 #include "app/gui/main_window.h"
+#include "app/gui/run_commands.h"
 #include "app/gui/user_questions.h"
 #include "services/service_registry.h"
 #include "store/storage.h"
@@ -89,7 +90,15 @@ bool AccountCommands::DeleteAccount(MailService* service) {
                              &chosen)) {
     return false;
   }
-  if (Result r = RemoveService(window_.engine(), service, chosen == 1); r.failed()) {
+  // The automatic runs' timer walks the services: not while one goes.
+  auto* runs = window_.findChild<RunCommands*>(QString(), Qt::FindDirectChildrenOnly);
+  if (runs != nullptr) runs->PauseSchedule();
+  const Result r = RemoveService(window_.engine(), service, chosen == 1);
+  if (runs != nullptr) {
+    runs->ResumeSchedule();
+    runs->Follow();
+  }
+  if (r.failed()) {
     questions_->Tell(&window_, caption,
                      Text(window_, "AccCannotDelete").arg(name, QString::fromStdString(ResultText(r))));
     return false;

@@ -81,10 +81,11 @@ class RunCommands final : public QObject, public ServiceAddedListener {
   // ServiceAddedListener: an account made while the window is open is
   // followed from then on (interface thread).
   void OnServiceAdded(EngineService& service) override;
+  // Takes the engine's services again: observed and with this prompt; a
+  // removed account's status line goes.
+  void Follow();
 
  private:
-  // Takes the engine's services again: observed and with this prompt.
-  void Follow();
   void RebuildAccounts();
   void Integrate(bool on);
 
