@@ -4,6 +4,7 @@
 #include <sqlite3.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <set>
@@ -234,7 +235,9 @@ double DateOf(const MessageRecord& r) { return r.sent_date != 0 ? r.sent_date : 
 
 }  // namespace
 
-Result SearchIndex::Update(const std::vector<SearchFolder>& folders, bool prune, const SearchProgress& progress) {
+Result SearchIndex::Update(const std::vector<SearchFolder>& folders, bool prune, const SearchProgress& progress,
+                           size_t max_new, size_t* left) {
+  if (left != nullptr) *left = 0;
   if (db_ == nullptr) return rc::kFail;
   std::vector<Plan> plans;
   size_t total = 0;
@@ -313,9 +316,13 @@ Result SearchIndex::Update(const std::vector<SearchFolder>& folders, bool prune,
   }
 
   size_t done = 0;
-  for (const Plan& plan : plans) {
-    if (r = AddMessages(*plan.folder->file, plan.id, plan.added, &done, total, progress); r.failed()) return r;
+  const size_t todo = std::min(total, max_new);
+  for (Plan& plan : plans) {
+    if (done >= todo) break;
+    if (plan.added.size() > todo - done) plan.added.resize(todo - done);
+    if (r = AddMessages(*plan.folder->file, plan.id, plan.added, &done, todo, progress); r.failed()) return r;
   }
+  if (left != nullptr) *left = total - todo;
   return rc::kOk;
 }
 
@@ -330,7 +337,10 @@ Result SearchIndex::AddMessages(FolderFile& file, int64_t folder_id, const std::
   for (size_t i = 0; r.ok() && i < records.size(); ++i) {
     const MessageRecord& record = records[i];
     // A message deleted meanwhile is simply not indexed.
-    if (file.ReadMessageRange(record.key, 0, kMaxMessageBytes, &message).failed()) continue;
+    if (file.ReadMessageRange(record.key, 0, kMaxMessageBytes, &message).failed()) {
+      ++*done;
+      continue;
+    }
     const SearchText t = ExtractSearchText(record, message);
     row.Int(1, folder_id);
     row.Int(2, record.key);

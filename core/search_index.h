@@ -21,6 +21,7 @@
 // them as they were when Update read their listings.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -82,8 +83,11 @@ class SearchIndex {
   void Close();
 
   // Brings the database up to date with `folders` (see above). `prune`:
-  // `folders` are all there are, so rows of any other folder go.
-  Result Update(const std::vector<SearchFolder>& folders, bool prune, const SearchProgress& progress = {});
+  // `folders` are all there are, so rows of any other folder go. At most
+  // `max_new` new messages are read and indexed (an interface indexes in
+  // slices between events); `*left` (optional) gets how many are still to do.
+  Result Update(const std::vector<SearchFolder>& folders, bool prune, const SearchProgress& progress = {},
+                size_t max_new = SIZE_MAX, size_t* left = nullptr);
   // The messages of `folders` that match, newest first. An empty query
   // finds nothing.
   Result Find(const SearchQuery& query, const std::vector<SearchFolder>& folders, std::vector<SearchHit>* hits);
@@ -91,10 +95,13 @@ class SearchIndex {
   // is made again from the folder files and the search repeated once.
   Result Search(std::string_view query, const std::vector<SearchFolder>& folders, bool all_folders,
                 const SearchProgress& progress, std::vector<SearchHit>* hits);
+  // A damaged database found by Update or Find: made again, empty (the next
+  // Update fills it). Search does this by itself.
+  bool damaged() const { return damaged_; }
+  Result Recreate();
 
  private:
   Result OpenOnce();
-  Result Recreate();
   Result Check(int sqlite_code);
   Result Exec(const char* sql);
   Result FolderId(const std::filesystem::path& file_path, bool create, int64_t* id);
