@@ -2,7 +2,7 @@
 // generated messages, beside notmuch (a benchmark-only peer) indexing and
 // querying the same messages as a Maildir, in the same run.
 //
-//   search_bench [--count N] [--dir DIR]
+//   search_bench [--count N] [--dir DIR] [--no-peer]
 //
 // Figures: index build time for each; for each query the median of five
 // runs: ours in-process (Find alone, and Search, which first compares the
@@ -56,11 +56,13 @@ struct Query {
 
 int main(int argc, char** argv) {
   int count = 100000;
+  bool peer_runs = true;
   fs::path dir = fs::temp_directory_path() / ("search_bench." + std::to_string(::getpid()));
-  for (int i = 1; i + 1 < argc; i += 2) {
+  for (int i = 1; i < argc; ++i) {
     const std::string a = argv[i];
-    if (a == "--count") count = std::atoi(argv[i + 1]);
-    else if (a == "--dir") dir = argv[i + 1];
+    if (a == "--no-peer") peer_runs = false;
+    else if (a == "--count" && i + 1 < argc) count = std::atoi(argv[++i]);
+    else if (a == "--dir" && i + 1 < argc) dir = argv[++i];
   }
   fs::remove_all(dir);
   fs::create_directories(dir / "maildir/cur");
@@ -68,6 +70,7 @@ int main(int argc, char** argv) {
   fs::create_directories(dir / "maildir/tmp");
   trv::NullLogSink log;
 
+  std::setvbuf(stdout, nullptr, _IOLBF, 0);
   // The same messages into a folder file and a Maildir.
   trv::FolderFile folder(log, {.sync_commits = false});
   if (trv::Result r = folder.Create(dir / "folder.fld"); r.failed()) Die("creating the folder file", r);
@@ -105,7 +108,7 @@ int main(int argc, char** argv) {
     std::fclose(f);
   }
   const std::string env = "NOTMUCH_CONFIG=" + config + " ";
-  const double notmuch_build = Shell(env + "notmuch new --quiet >/dev/null");
+  const double notmuch_build = peer_runs ? Shell(env + "notmuch new --quiet >/dev/null") : 0;
   std::printf("index build: ours %.1f s (database %.0f MB), notmuch %.1f s\n", ours_build,
               fs::file_size(dir / trv::SearchIndex::kFileName) / 1e6, notmuch_build);
 
@@ -126,7 +129,7 @@ int main(int argc, char** argv) {
       start = Clock::now();
       if (trv::Result r = index.Search(q.ours, folders, true, {}, &hits); r.failed()) Die("Search", r);
       search.push_back(Seconds(start));
-      peer.push_back(Shell(env + "notmuch search --output=files '" + q.notmuch + "' >" + (dir / "hits").string()));
+      if (peer_runs) peer.push_back(Shell(env + "notmuch search --output=files '" + q.notmuch + "' >" + (dir / "hits").string()));
     }
     size_t peer_hits = 0;
     if (FILE* f = std::fopen((dir / "hits").c_str(), "r")) {
@@ -134,7 +137,7 @@ int main(int argc, char** argv) {
       std::fclose(f);
     }
     std::printf("%-24s %8zu  %8.1f ms  %8.1f ms  %9.1f ms  %9zu\n", q.ours, hits.size(),
-                trv::bench::Median(find) * 1e3, trv::bench::Median(search) * 1e3, trv::bench::Median(peer) * 1e3,
+                trv::bench::Median(find) * 1e3, trv::bench::Median(search) * 1e3, peer_runs ? trv::bench::Median(peer) * 1e3 : 0,
                 peer_hits);
   }
   fs::remove_all(dir);

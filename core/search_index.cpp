@@ -175,7 +175,8 @@ Result SearchIndex::OpenOnce() {
   }
   sqlite3_busy_timeout(db_, 5000);
   // A cache of the folder files: a lost transaction costs a re-index only.
-  Result r = Exec("PRAGMA journal_mode = WAL; PRAGMA synchronous = OFF");
+  Result r = Exec("PRAGMA journal_mode = WAL; PRAGMA synchronous = OFF; PRAGMA cache_size = -32768;"
+                   " PRAGMA mmap_size = 1073741824");
   Statement version(db_, "PRAGMA user_version");
   if (r.ok()) r = Check(version.prepare_code());
   if (r.ok()) r = Check(version.Step());
