@@ -103,7 +103,9 @@ int main(int argc, char** argv) {
   const std::string config = (dir / "notmuch-config").string();
   {
     FILE* f = std::fopen(config.c_str(), "w");
-    std::fprintf(f, "[database]\npath=%s\n[new]\ntags=inbox;\n[search]\nexclude_tags=\n[maildir]\nsynchronize_flags=false\n",
+    std::fprintf(f,
+                 "[database]\npath=%s\n[new]\ntags=inbox;\n[search]\nexclude_tags=\n"
+                 "[maildir]\nsynchronize_flags=false\n",
                  (dir / "maildir").c_str());
     std::fclose(f);
   }
@@ -129,7 +131,8 @@ int main(int argc, char** argv) {
       start = Clock::now();
       if (trv::Result r = index.Search(q.ours, folders, true, {}, &hits); r.failed()) Die("Search", r);
       search.push_back(Seconds(start));
-      if (peer_runs) peer.push_back(Shell(env + "notmuch search --output=files '" + q.notmuch + "' >" + (dir / "hits").string()));
+      const std::string command = "notmuch search --output=files '" + std::string(q.notmuch) + "' >";
+      if (peer_runs) peer.push_back(Shell(env + command + (dir / "hits").string()));
     }
     size_t peer_hits = 0;
     if (FILE* f = std::fopen((dir / "hits").c_str(), "r")) {
@@ -137,8 +140,8 @@ int main(int argc, char** argv) {
       std::fclose(f);
     }
     std::printf("%-24s %8zu  %8.1f ms  %8.1f ms  %9.1f ms  %9zu\n", q.ours, hits.size(),
-                trv::bench::Median(find) * 1e3, trv::bench::Median(search) * 1e3, peer_runs ? trv::bench::Median(peer) * 1e3 : 0,
-                peer_hits);
+                trv::bench::Median(find) * 1e3, trv::bench::Median(search) * 1e3,
+                peer_runs ? trv::bench::Median(peer) * 1e3 : 0, peer_hits);
   }
   fs::remove_all(dir);
   return 0;

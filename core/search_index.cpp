@@ -304,9 +304,11 @@ Result SearchIndex::Update(const std::vector<SearchFolder>& folders, bool prune,
       if (r.ok()) r = Check(code);
       for (int64_t id : gone) {
         const std::string n = std::to_string(id);
-        if (r.ok()) r = Exec(("DELETE FROM text WHERE rowid IN (SELECT id FROM messages WHERE folder = " + n + ")").c_str());
-        if (r.ok()) r = Exec(("DELETE FROM messages WHERE folder = " + n).c_str());
-        if (r.ok()) r = Exec(("DELETE FROM folders WHERE id = " + n).c_str());
+        for (const std::string& sql :
+             {"DELETE FROM text WHERE rowid IN (SELECT id FROM messages WHERE folder = " + n + ")",
+              "DELETE FROM messages WHERE folder = " + n, "DELETE FROM folders WHERE id = " + n}) {
+          if (r.ok()) r = Exec(sql.c_str());
+        }
       }
     }
   }
