@@ -28,7 +28,7 @@ constexpr const char* kSchema =
     "CREATE TABLE folders(id INTEGER PRIMARY KEY, file TEXT UNIQUE NOT NULL);"
     "CREATE TABLE messages(id INTEGER PRIMARY KEY, folder INTEGER NOT NULL, key INTEGER NOT NULL,"
     " size INTEGER NOT NULL, date REAL NOT NULL, unread INTEGER NOT NULL, attachment INTEGER NOT NULL);"
-    "CREATE INDEX messages_folder ON messages(folder, key);"
+    "CREATE INDEX messages_folder ON messages(folder, key, size, unread);"
     "CREATE VIRTUAL TABLE text USING fts5(sender, recipients, subject, body, files,"
     " tokenize = 'unicode61 remove_diacritics 2');"
     "PRAGMA user_version = 1;";
@@ -219,9 +219,11 @@ Result SearchIndex::FolderId(const std::filesystem::path& file_path, bool create
 namespace {
 
 struct Stored {
+  uint32_t key;
   int64_t id;
   uint32_t size;
   bool unread;
+  bool seen;  // the folder still holds it
 };
 
 struct Plan {
@@ -245,7 +247,7 @@ Result SearchIndex::Update(const std::vector<SearchFolder>& folders, bool prune,
   if (Result r = Exec("BEGIN"); r.failed()) return r;
   Result r = rc::kOk;
   {
-    Statement list(db_, "SELECT id, key, size, unread FROM messages WHERE folder = ?");
+    Statement list(db_, "SELECT id, key, size, unread FROM messages WHERE folder = ? ORDER BY key");
     Statement drop_text(db_, "DELETE FROM text WHERE rowid = ?");
     Statement drop(db_, "DELETE FROM messages WHERE id = ?");
     Statement mark(db_, "UPDATE messages SET unread = ? WHERE id = ?");
@@ -259,31 +261,34 @@ Result SearchIndex::Update(const std::vector<SearchFolder>& folders, bool prune,
       if (folder.file == nullptr || folder.file->LoadIndex().failed()) continue;  // searched as it was
       Plan plan{&folder, 0, {}};
       r = FolderId(folder.file_path, true, &plan.id);
-      std::map<uint32_t, Stored> stored;
+      std::vector<Stored> stored;  // by key
       list.Int(1, plan.id);
       int code = SQLITE_ROW;
       while (r.ok() && (code = list.Step()) == SQLITE_ROW) {
-        stored[static_cast<uint32_t>(sqlite3_column_int64(list.get(), 1))] = {
-            sqlite3_column_int64(list.get(), 0), static_cast<uint32_t>(sqlite3_column_int64(list.get(), 2)),
-            sqlite3_column_int(list.get(), 3) != 0};
+        stored.push_back({static_cast<uint32_t>(sqlite3_column_int64(list.get(), 1)),
+                          sqlite3_column_int64(list.get(), 0),
+                          static_cast<uint32_t>(sqlite3_column_int64(list.get(), 2)),
+                          sqlite3_column_int(list.get(), 3) != 0, false});
       }
       if (r.ok()) r = Check(code);
       sqlite3_reset(list.get());
       for (const MessageRecord& record : folder.file->Messages()) {
-        const auto it = stored.find(record.key);
-        if (it == stored.end() || it->second.size != record.size) {
+        const auto it = std::lower_bound(stored.begin(), stored.end(), record.key,
+                                         [](const Stored& s, uint32_t key) { return s.key < key; });
+        if (it == stored.end() || it->key != record.key || it->size != record.size) {
           plan.added.push_back(record);
           continue;  // a key used again for another message: its old row goes below
         }
-        if (it->second.unread != Unread(record) && r.ok()) {
+        if (it->unread != Unread(record) && r.ok()) {
           mark.Int(1, Unread(record));
-          mark.Int(2, it->second.id);
+          mark.Int(2, it->id);
           r = Check(mark.Run());
         }
-        stored.erase(it);
+        it->seen = true;
       }
-      for (const auto& [key, row] : stored) {
+      for (const Stored& row : stored) {
         if (r.failed()) break;
+        if (row.seen) continue;
         drop_text.Int(1, row.id);
         drop.Int(1, row.id);
         r = Check(drop_text.Run());
