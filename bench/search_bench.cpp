@@ -95,7 +95,7 @@ int main(int argc, char** argv) {
 
   trv::SearchIndex index(log);
   if (trv::Result r = index.Open(dir / trv::SearchIndex::kFileName); r.failed()) Die("opening the database", r);
-  const std::vector<trv::SearchFolder> folders = {{dir / "folder.fld", &folder}};
+  const std::vector<trv::SearchFolder> folders = {{"folder.fld", &folder}};
   auto start = Clock::now();
   if (trv::Result r = index.Update(folders, true); r.failed()) Die("indexing", r);
   const double ours_build = Seconds(start);

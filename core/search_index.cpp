@@ -200,17 +200,17 @@ Result SearchIndex::Recreate() {
   return OpenOnce();
 }
 
-Result SearchIndex::FolderId(const std::filesystem::path& file_path, bool create, int64_t* id) {
+Result SearchIndex::FolderId(const std::string& name, bool create, int64_t* id) {
   *id = 0;
   if (create) {
     Statement insert(db_, "INSERT OR IGNORE INTO folders(file) VALUES(?)");
     if (Result r = Check(insert.prepare_code()); r.failed()) return r;
-    insert.Text(1, file_path.string());
+    insert.Text(1, name);
     if (Result r = Check(insert.Run()); r.failed()) return r;
   }
   Statement select(db_, "SELECT id FROM folders WHERE file = ?");
   if (Result r = Check(select.prepare_code()); r.failed()) return r;
-  select.Text(1, file_path.string());
+  select.Text(1, name);
   const int code = select.Step();
   if (code == SQLITE_ROW) *id = sqlite3_column_int64(select.get(), 0);
   return code == SQLITE_ROW || code == SQLITE_DONE ? Result(rc::kOk) : Check(code);
@@ -257,10 +257,10 @@ Result SearchIndex::Update(const std::vector<SearchFolder>& folders, bool prune,
     std::set<std::string> kept;
     for (size_t f = 0; r.ok() && f < folders.size(); ++f) {
       const SearchFolder& folder = folders[f];
-      kept.insert(folder.file_path.string());
+      kept.insert(folder.id);
       if (folder.file == nullptr || folder.file->LoadIndex().failed()) continue;  // searched as it was
       Plan plan{&folder, 0, {}};
-      r = FolderId(folder.file_path, true, &plan.id);
+      r = FolderId(folder.id, true, &plan.id);
       std::vector<Stored> stored;  // by key
       list.Int(1, plan.id);
       int code = SQLITE_ROW;
@@ -387,7 +387,7 @@ Result SearchIndex::Find(const SearchQuery& query, const std::vector<SearchFolde
   std::map<int64_t, size_t> wanted;
   for (size_t f = 0; f < folders.size(); ++f) {
     int64_t id = 0;
-    if (Result r = FolderId(folders[f].file_path, false, &id); r.failed()) return r;
+    if (Result r = FolderId(folders[f].id, false, &id); r.failed()) return r;
     if (id != 0) wanted[id] = f;
   }
   if (wanted.empty()) return rc::kOk;
@@ -443,7 +443,7 @@ std::vector<SearchFolder> SearchFoldersOf(const std::vector<Storage*>& storages,
         while (f != nullptr && f != under) f = f->parent();
         if (f == nullptr) return;
       }
-      out.push_back({folder.file_path(), folder.file(), &folder});
+      out.push_back({WideToUtf8(folder.file_name()), folder.file(), &folder});
     });
   }
   return out;

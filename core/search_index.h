@@ -5,7 +5,7 @@
 // damaged database is deleted and filled again from the folder files.
 //
 // Schema (PRAGMA user_version 1):
-//   folders(id INTEGER PRIMARY KEY, file TEXT UNIQUE)   a folder file's path
+//   folders(id INTEGER PRIMARY KEY, file TEXT UNIQUE)   SearchFolder::id
 //   messages(id INTEGER PRIMARY KEY, folder, key, size, date, unread, attachment)
 //   text(sender, recipients, subject, body, files)     FTS5, rowid = messages.id
 //
@@ -13,8 +13,8 @@
 // compares every folder's records with what the database holds, by key and
 // size; only new messages are read and parsed, vanished ones are dropped and
 // changed read states rewritten. A message moved to another folder is a new
-// key there and a vanished one here. A folder renamed keeps its file, so its
-// rows stay.
+// key there and a vanished one here. A folder renamed keeps its file name,
+// and so does a folder whose data directory moved, so their rows stay.
 //
 // Threads: one thread at a time (the connection is the object's own). The
 // folder files may meanwhile change on other threads; a search then sees
@@ -42,7 +42,9 @@ class MailFolder;
 class Storage;
 
 struct SearchFolder {
-  std::filesystem::path file_path;     // the folder's identity in the database
+  // The folder's identity in the database: its file name as the storage
+  // index keeps it ("{GUID}.fld"), which stays when the data directory moves.
+  std::string id;
   FolderFile* file = nullptr;          // open; its index is loaded by Update
   const MailFolder* folder = nullptr;  // for the caller; not used here
 };
@@ -104,7 +106,7 @@ class SearchIndex {
   Result OpenOnce();
   Result Check(int sqlite_code);
   Result Exec(const char* sql);
-  Result FolderId(const std::filesystem::path& file_path, bool create, int64_t* id);
+  Result FolderId(const std::string& name, bool create, int64_t* id);
   // Reads, parses and adds new messages, committing every few hundred.
   Result AddMessages(FolderFile& file, int64_t folder_id, const std::vector<MessageRecord>& records, size_t* done,
                      size_t total, const SearchProgress& progress);

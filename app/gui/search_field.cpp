@@ -68,7 +68,7 @@ void SearchField::Step() {
     if (index_.Open(window_.engine().data_directory() / SearchIndex::kFileName).failed()) return;  // logged there
     opened_ = true;
   }
-  const std::vector<SearchFolder> folders = {{folder->file_path(), folder->file(), folder}};
+  const std::vector<SearchFolder> folders = {{WideToUtf8(folder->file_name()), folder->file(), folder}};
   size_t left = 0;
   Result r = index_.Update(folders, false, {}, kSlice, &left);
   std::vector<SearchHit> hits;

@@ -50,7 +50,7 @@ class SearchTest : public ::testing::Test {
   }
   // The subjects of the hits, as "folder:subject" when not in the inbox.
   Subjects Find(const std::string& query) {
-    std::vector<SearchFolder> folders = {{dir_ / "inbox.fld", &inbox_}, {dir_ / "archive.fld", &archive_}};
+    std::vector<SearchFolder> folders = {{"inbox.fld", &inbox_}, {"archive.fld", &archive_}};
     std::vector<SearchHit> hits;
     EXPECT_EQ(index_.Search(query, folders, true, {}, &hits), rc::kOk) << query;
     Subjects out;
