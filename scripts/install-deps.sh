@@ -7,7 +7,7 @@ pkgs_build="build-essential cmake ninja-build pkg-config libsqlite3-dev libssl-d
 pkgs_test="googletest libgtest-dev libgmock-dev openssl python3"
 pkgs_servers="dovecot-imapd dovecot-pop3d dovecot-lmtpd postfix dante-server microsocks openssh-server openssh-client openssl"
 pkgs_fuzz="clang libclang-rt-dev"
-pkgs_bench="libbenchmark-dev libgmime-3.0-dev fetchmail isync"
+pkgs_bench="libbenchmark-dev libgmime-3.0-dev fetchmail isync notmuch"
 pkgs_gui="qt6-base-dev"
 
 want=""

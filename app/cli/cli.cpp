@@ -187,6 +187,8 @@ const std::vector<Command>& Commands() {
       {"list", "PATH", "the folder's messages", 1, 1, {}, nullptr, RunList, true},
       {"show", "PATH KEY [--raw|--html|--parts]", "a message", 2, 2, {{"--raw", "--html", "--parts"}, {}, {}},
        ValidateShow, RunShow},
+      {"search", "QUERY... [--folder PATH]", "messages that match: words, \"phrases\", from: to: subject: "
+       "before:/after:YYYY-MM-DD has:attachment is:unread", 1, kMany, {{}, {"--folder"}, {}}, nullptr, RunSearch, true},
       {"export", "PATH [KEY...] (--eml DIR | --mbox FILE)", "write messages out", 1, kMany,
        {{}, {"--eml", "--mbox"}, {}}, ValidateExport, RunExport},
       {"rm", "PATH KEY... [--purge]", "delete messages (into \"Deleted\"; --purge for good)", 2, kMany,

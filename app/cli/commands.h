@@ -66,6 +66,9 @@ int RunRemove(CliContext& ctx, const ParsedArgs& args);
 int RunMove(CliContext& ctx, const ParsedArgs& args);
 int RunMark(CliContext& ctx, const ParsedArgs& args);
 
+// cmd_search.cpp
+int RunSearch(CliContext& ctx, const ParsedArgs& args);
+
 // cmd_import.cpp
 int RunImport(CliContext& ctx, const ParsedArgs& args);
 

@@ -38,11 +38,13 @@ std::string IsoDateUtc(double date) {
   return buf;
 }
 
-namespace {
-
-void AppendRecordJson(const MessageRecord& r, std::string* out) {
+void AppendRecordJson(const MessageRecord& r, std::string* out, std::string_view folder) {
   JsonWriter json;
   json.BeginObject();
+  if (!folder.empty()) {
+    json.Key("folder");
+    json.String(folder);
+  }
   json.Key("key");
   json.String(KeyText(r.key));
   json.Key("date");
@@ -64,8 +66,6 @@ void AppendRecordJson(const MessageRecord& r, std::string* out) {
   json.EndObject();
   *out += json.text();
 }
-
-}  // namespace
 
 void WriteListingJson(const FolderFile& file, const std::function<void(std::string_view)>& write) {
   std::string out = "[";

@@ -19,6 +19,10 @@ namespace trv::cli {
 // that a folder of 100,000 messages is not held twice.
 void WriteListingJson(const FolderFile& file, const std::function<void(std::string_view)>& write);
 
+// One object of that array, appended to `*out`; with "folder" (the folder's
+// path) first when `folder` is not empty.
+void AppendRecordJson(const MessageRecord& r, std::string* out, std::string_view folder = {});
+
 // An aligned table: KEY, DATE (local time), FROM, SUBJECT, SIZE, MARKS.
 std::string ListingText(const std::vector<MessageRecord>& records);
 

@@ -14,6 +14,7 @@
 #include "app/gui/reading_window.h"
 #include "app/gui/reply_commands.h"
 #include "app/gui/run_commands.h"
+#include "app/gui/search_field.h"
 #include "core/engine.h"
 #include "store/mail_folder.h"
 
@@ -75,6 +76,8 @@ MainWindow::MainWindow(MailEngine& engine, const LanguageTable& texts, const QSt
   new ReplyCommands(*this);
   // -- options and questions --
   new OptionsCommands(*this);
+  // -- search --
+  new SearchField(*this);
 
   menu(Menu::kFile)->addSeparator();
   QAction* quit = menu(Menu::kFile)->addAction(QString::fromStdString(texts.Text("CommandExit")));
