@@ -11,6 +11,7 @@
 
 #include "base/file_system.h"
 #include "base/wide_string.h"
+#include "mime/html_text.h"
 #include "mime/mime_message.h"
 #include "store/container_result.h"
 #include "store/mail_folder.h"
@@ -66,46 +67,6 @@ class Statement {
   int code_;
 };
 
-// Markup out, the common entities in; script and style contents dropped.
-std::string StripHtml(std::string_view html) {
-  std::string out;
-  out.reserve(html.size() / 2);
-  size_t i = 0;
-  while (i < html.size()) {
-    const char c = html[i];
-    if (c == '<') {
-      const size_t end = html.find('>', i);
-      if (end == std::string_view::npos) break;
-      const std::string tag = ToLowerAscii(html.substr(i + 1, std::min<size_t>(end - i - 1, 6)));
-      i = end + 1;
-      for (const char* skipped : {"script", "style"}) {
-        if (tag.rfind(skipped, 0) == 0) {
-          const size_t close = ToLowerAscii(html.substr(i)).find(std::string("</") + skipped);
-          i = close == std::string::npos ? html.size() : i + close;
-        }
-      }
-      out += ' ';
-    } else if (c == '&') {
-      static const std::pair<const char*, const char*> kEntities[] = {
-          {"&amp;", "&"}, {"&lt;", "<"}, {"&gt;", ">"}, {"&quot;", "\""}, {"&nbsp;", " "}, {"&#39;", "'"}};
-      bool replaced = false;
-      for (const auto& [name, value] : kEntities) {
-        if (html.substr(i).rfind(name, 0) == 0) {
-          out += value;
-          i += std::string_view(name).size();
-          replaced = true;
-          break;
-        }
-      }
-      if (!replaced) out += html[i++];
-    } else {
-      out += c;
-      ++i;
-    }
-  }
-  return out;
-}
-
 }  // namespace
 
 SearchText ExtractSearchText(const MessageRecord& record, std::string_view message) {
@@ -130,8 +91,8 @@ SearchText ExtractSearchText(const MessageRecord& record, std::string_view messa
     WString text;
     // Text that needed a guessed character set is still worth finding.
     part->GetText(&text).Ignore();
-    std::string utf8 = WideToUtf8(text);
-    if (EqualsNoCase(part->GetSubtype(), u"html")) utf8 = StripHtml(utf8);
+    if (EqualsNoCase(part->GetSubtype(), u"html")) text = HtmlToPlainText(text);
+    const std::string utf8 = WideToUtf8(text);
     if (!t.body.empty()) t.body += '\n';
     t.body += utf8.substr(0, kMaxBodyBytes - std::min(kMaxBodyBytes, t.body.size()));
   }

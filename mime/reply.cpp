@@ -6,6 +6,7 @@
 #include "mime/address_list.h"
 #include "mime/encoded_word.h"
 #include "mime/header_names.h"
+#include "mime/html_text.h"
 #include "mime/message_facts.h"
 #include "mime/stream.h"
 
@@ -180,6 +181,7 @@ bool OriginalText(const CXmMimeMessage& original, WString* text, bool* html) {
   if (chosen == nullptr) return false;
   // A damaged body or an unknown character set still gives its text.
   chosen->GetText(text).Ignore();
+  if (*html) *text = HtmlToPlainText(*text);
   return true;
 }
 

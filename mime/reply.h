@@ -16,10 +16,9 @@
 // Message-ID, at most kMaxReferences ids (the first and the latest kept).
 // Names and subjects have their encoded words decoded.
 //
-// The quoted text is taken as given (ReplyOptions::text): the original's
-// plain text, or the plain-text reading of an HTML-only original, which the
-// caller makes because HTML reading lives above this layer. OriginalText
-// finds which body to read.
+// The quoted text is taken as given (ReplyOptions::text); OriginalText
+// gives the original's plain text, or the plain-text reading of an
+// HTML-only original.
 //
 // Threads: pure functions of the message; the message must still be able to
 // read its bodies (forwarded attachments are decoded from its source).
@@ -51,8 +50,9 @@ struct ReplyOptions {
 };
 
 // The body to quote: the first plain-text body shown of the message (*html
-// false), else the first HTML body (*html true); false when there is none.
-// *text is decoded either way; a damaged body gives what could be read.
+// false), else the first HTML body (*html true) as its plain-text reading
+// (mime/html_text.h); false when there is none. A damaged body gives what
+// could be read.
 bool OriginalText(const CXmMimeMessage& original, WString* text, bool* html);
 
 // Fills *out (recipients, subject, In-Reply-To, References, one plain-text

@@ -1,7 +1,7 @@
 #include "ui/message_show.h"
 
 #include "mime/stream.h"
-#include "ui/html_text.h"
+#include "mime/html_text.h"
 
 namespace trv {
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "mime/message_facts.h"
-#include "ui/html_text.h"
+#include "mime/html_text.h"
 #include "ui/image_size.h"
 
 namespace trv {

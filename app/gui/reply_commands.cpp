@@ -15,7 +15,6 @@
 #include "mime/mime_result.h"
 #include "services/service_registry.h"
 #include "store/mail_folder.h"
-#include "ui/html_text.h"
 
 namespace trv::gui {
 
@@ -60,7 +59,6 @@ ComposeWindow* OpenResponse(MainWindow& main, const CXmMimeMessage& original, Re
   }
   bool html = false;
   OriginalText(original, &options.text, &html);
-  if (html) options.text = HtmlToPlainText(options.text);
   options.attribution = WText(main, "ReplyAttribution");
   options.forward_banner = WText(main, "ForwardBanner");
   ComposedMessage composed;

@@ -9,8 +9,7 @@
 // all, are those of every account.
 //
 // The quoted text is the original's plain text, or the plain-text reading
-// of an HTML-only original (ui/html_text.h: made here, since the reading of
-// HTML lives above the message format layer).
+// of an HTML-only original (mime/reply.h OriginalText).
 //
 // Threads: interface thread. A QObject child of the window.
 #pragma once

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "mime/mime_message.h"
-#include "ui/html_text.h"
+#include "mime/html_text.h"
 #include "ui/image_size.h"
 #include "ui/message_show.h"
 #include "ui/message_view.h"

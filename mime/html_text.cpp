@@ -1,4 +1,4 @@
-#include "ui/html_text.h"
+#include "mime/html_text.h"
 
 #include <charconv>
 
