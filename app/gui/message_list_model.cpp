@@ -325,33 +325,18 @@ void MessageListModel::SortRows() {
   if (column < 0) return;
   // One key per record, made once; the comparisons only compare keys.
   const bool ascending = sort_order_ == Qt::AscendingOrder;
-  auto by = [&](const auto& keys) {
+  auto by = [&](auto key_of) {
+    std::vector<decltype(key_of(records_.front()))> keys;
+    keys.reserve(records_.size());
+    for (const MessageRecord& r : records_) keys.push_back(key_of(r));
     std::stable_sort(order_.begin(), order_.end(),
                      [&](uint32_t a, uint32_t b) { return ascending ? keys[a] < keys[b] : keys[b] < keys[a]; });
   };
   switch (column) {
     case kFrom:
-    case kSubject: {
-      std::vector<QCollatorSortKey> keys;
-      keys.reserve(records_.size());
-      for (const MessageRecord& r : records_) keys.push_back(collator_.sortKey(SortText(column, r)));
-      by(keys);
-      break;
-    }
-    case kDate: {
-      std::vector<double> keys;
-      keys.reserve(records_.size());
-      for (const MessageRecord& r : records_) keys.push_back(SortDate(r));
-      by(keys);
-      break;
-    }
-    case kSize: {
-      std::vector<uint32_t> keys;
-      keys.reserve(records_.size());
-      for (const MessageRecord& r : records_) keys.push_back(SortSize(r));
-      by(keys);
-      break;
-    }
+    case kSubject: by([&](const MessageRecord& r) { return collator_.sortKey(SortText(column, r)); }); break;
+    case kDate: by([](const MessageRecord& r) { return SortDate(r); }); break;
+    case kSize: by([](const MessageRecord& r) { return SortSize(r); }); break;
     default: break;
   }
 }
